@@ -1,0 +1,4 @@
+// The peer's probes.
+#define LTTNG_UST_TRACEPOINT_CREATE_PROBES
+#define LTTNG_UST_TRACEPOINT_DEFINE
+#include "lttng_provider.h"

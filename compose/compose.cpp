@@ -1,0 +1,44 @@
+// The composition: which floor answers which port. The only file that may see every floor.
+#include <cstring>
+
+#include "diag/base/sqltfast.h"
+#include "platform/osse.h"
+#include "platform/ports.h"
+#include "veksys/host.h"
+
+namespace vek {
+namespace {
+
+bool readEnvironment(const char* name, char* value, std::size_t bytes) {
+  const char* found = ossEnvironment(name);
+  if (found == nullptr || std::strlen(found) >= bytes) return false;
+  ossCopyText(value, bytes, found);
+  return true;
+}
+
+void writeEventToStandardError(const PortEvent& event) {
+  const char* function = ecfGetFunctionName(event.functionId);
+  char line[512];
+  const std::size_t length =
+      ossSnprintf(line, sizeof line, "veksys: %s, probe:%u, ZRC=0x%08X: %s\n", function != nullptr ? function : "?",
+                  event.probe, static_cast<unsigned>(event.zrc), event.message);
+  (void)ossWriteAll(2, line, length);  // nothing is left to tell of a failure here
+}
+
+std::size_t noFormatter(std::uint32_t, const void*, std::uint32_t, char*, std::size_t) { return 0; }
+bool noMember(std::int16_t, char*, std::size_t) { return false; }
+void nothingToGiveBack() {}
+
+}  // namespace
+
+constinit Ports g_ports = {
+    .readSetting = readEnvironment,
+    .reportEvent = writeEventToStandardError,
+    .formatItem = noFormatter,
+    .member = noMember,
+    .attachTrace = sqlti_attachStep,
+    .flushMemoryCaches = nothingToGiveBack,
+    .checkLatches = nothingToGiveBack,
+};
+
+}  // namespace vek

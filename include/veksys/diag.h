@@ -1,0 +1,8 @@
+// Diagnostics and tracing: return codes, the SQL communications area, trace points and their control.
+#pragma once
+
+#include "veksys/diag/rc.h"
+#include "veksys/diag/sqlca.h"
+#include "veksys/diag/trace.h"
+#include "veksys/diag/trace_control.h"
+#include "veksys/diag/trace_scope.h"

@@ -1,0 +1,72 @@
+// Names of components and functions. The library's own come from tables; the host's from its record; those of other
+// processes from the instance region.
+#include <strings.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "platform/host.h"
+#include "platform/region.h"
+#include "veksys/host.h"
+
+namespace vek {
+namespace {
+
+struct EcfComponentRow {
+  const char* shortName;
+  const char* name;
+};
+
+struct EcfFunctionRow {
+  EcfFunctionId id;
+  const char* name;
+};
+
+#include "ecf_tables.inc"
+
+constexpr EcfComponentRow kNoComponent = {nullptr, nullptr};
+
+const EcfComponentRow& componentOf(EcfFunctionId id) noexcept {
+  return ecfIsFunctionId(id) ? kComponents[ecfComponent(id)] : kNoComponent;
+}
+
+const char* ownFunctionName(EcfFunctionId id) noexcept {
+  const auto* found = std::lower_bound(std::begin(kFunctions), std::end(kFunctions), id,
+                                       [](const EcfFunctionRow& row, EcfFunctionId wanted) { return row.id < wanted; });
+  return found != std::end(kFunctions) && found->id == id ? found->name : nullptr;
+}
+
+const char* internedFunctionName(EcfFunctionId id) noexcept {
+  const auto* names = static_cast<const RegionNames*>(regionSection(RegionSectionId::kNames));
+  return names == nullptr ? nullptr : regionFindName(*names, id);
+}
+
+std::int32_t findComponent(const char* wanted, const char* EcfComponentRow::*column) noexcept {
+  for (std::size_t number = 0; number < std::size(kComponents); ++number) {
+    const char* text = kComponents[number].*column;
+    if (text != nullptr && ::strcasecmp(text, wanted) == 0) return static_cast<std::int32_t>(number);
+  }
+  return -1;
+}
+
+}  // namespace
+}  // namespace vek
+
+const char* ecfGetComponentName(EcfFunctionId id) noexcept {
+  const char* name = vek::componentOf(id).name;
+  return name != nullptr ? name : "Unknown";
+}
+
+const char* ecfGetComponentShortName(EcfFunctionId id) noexcept { return vek::componentOf(id).shortName; }
+
+const char* ecfGetFunctionName(EcfFunctionId id) noexcept {
+  if (const char* name = vek::ownFunctionName(id); name != nullptr) return name;
+  if (const char* name = vek::hostFunctionName(id); name != nullptr) return name;
+  return vek::internedFunctionName(id);
+}
+
+std::int32_t ecfFindComponent(const char* name) noexcept {
+  if (name == nullptr) return -1;
+  const std::int32_t byPrefix = vek::findComponent(name, &vek::EcfComponentRow::shortName);
+  return byPrefix >= 0 ? byPrefix : vek::findComponent(name, &vek::EcfComponentRow::name);
+}

@@ -1,0 +1,22 @@
+// The embedding server's facts as the lower floors ask for them.
+#pragma once
+
+#include <cstdint>
+
+#include "veksys/host.h"
+
+namespace vek {
+
+// The calling engine unit's number, SQLT_NO_ENGINE_UNIT when it is none or has none. On the way of every traced entry.
+std::uint64_t hostEngineUnitNumber() noexcept;
+
+void hostWorkloadDisplay(EcfFunctionId id, bool entry) noexcept;
+void hostDumpEngineUnit(SqlzZrc zrc) noexcept;
+
+// The name that the host gave to an identifier, or null.
+const char* hostFunctionName(EcfFunctionId id) noexcept;
+
+// Copies the host's function names into the instance region; called once the region is attached.
+void hostInternNames() noexcept;
+
+}  // namespace vek

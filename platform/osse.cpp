@@ -1,0 +1,233 @@
+#include "platform/osse.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace vek {
+namespace {
+
+int callOpen(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
+
+int callLockByte(int fd, int command, short type, off_t offset, off_t bytes, int* conflict) {
+  struct flock lock = {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = offset;
+  lock.l_len = bytes;
+  const int result = ::fcntl(fd, command, &lock);
+  if (result == 0 && conflict != nullptr) *conflict = lock.l_type != F_UNLCK;
+  return result;
+}
+
+constinit OssCalls g_calls = {
+    .open = callOpen,
+    .close = ::close,
+    .fstat = ::fstat,
+    .stat = ::stat,
+    .mkdir = ::mkdir,
+    .unlink = ::unlink,
+    .rename = ::rename,
+    .fsync = ::fsync,
+    .ftruncate = ::ftruncate,
+    .fallocate = ::fallocate,
+    .pread = ::pread,
+    .pwrite = ::pwrite,
+    .write = ::write,
+    .lockByte = callLockByte,
+    .mmap = ::mmap,
+    .munmap = ::munmap,
+    .madvise = ::madvise,
+    .memfd = ::memfd_create,
+};
+
+// Repeats a call while it is interrupted; gives 0 or errno.
+template <class Call>
+int repeat(Call call) noexcept {
+  for (;;) {
+    if (call() >= 0) return 0;
+    if (errno != EINTR) return errno;
+  }
+}
+
+// Hands all bytes to `put`, which may take fewer at a time.
+template <class Put>
+int writeWhole(const void* bytes, std::size_t count, Put put) noexcept {
+  const char* start = static_cast<const char*>(bytes);
+  std::size_t done = 0;
+  while (done < count) {
+    ssize_t written = 0;
+    const int error = repeat([&] { return written = put(start + done, count - done, done); });
+    if (error != 0) return error;
+    if (written == 0) return EIO;
+    done += static_cast<std::size_t>(written);
+  }
+  return 0;
+}
+
+std::int64_t clockNs(clockid_t clock) noexcept {
+  timespec now;
+  ::clock_gettime(clock, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
+}
+
+}  // namespace
+
+OssCalls& ossCalls() noexcept { return g_calls; }
+
+std::size_t ossVsnprintf(char* buffer, std::size_t bytes, const char* format, std::va_list arguments) noexcept {
+  if (bytes == 0) return 0;
+  const int wanted = ::vsnprintf(buffer, bytes, format, arguments);
+  if (wanted < 0) {
+    buffer[0] = '\0';
+    return 0;
+  }
+  return std::min(static_cast<std::size_t>(wanted), bytes - 1);
+}
+
+std::size_t ossSnprintf(char* buffer, std::size_t bytes, const char* format, ...) noexcept {
+  std::va_list arguments;
+  va_start(arguments, format);
+  const std::size_t written = ossVsnprintf(buffer, bytes, format, arguments);
+  va_end(arguments);
+  return written;
+}
+
+void ossCopyText(char* field, std::size_t bytes, const char* text) noexcept {
+  if (bytes == 0) return;
+  const std::size_t length = text == nullptr ? 0 : ::strnlen(text, bytes - 1);
+  if (length != 0) ::memcpy(field, text, length);
+  ::memset(field + length, 0, bytes - length);
+}
+
+std::int64_t ossRealtimeNs() noexcept { return clockNs(CLOCK_REALTIME); }
+std::int64_t ossMonotonicNs() noexcept { return clockNs(CLOCK_MONOTONIC); }
+
+std::uint64_t ossMeasureTicksPerSecond() noexcept {
+  const std::int64_t startNs = ossMonotonicNs();
+  const std::uint64_t startTicks = ossTicks();
+  ossSleepMs(5);
+  const std::int64_t elapsedNs = ossMonotonicNs() - startNs;
+  const std::uint64_t elapsedTicks = ossTicks() - startTicks;
+  if (elapsedNs <= 0) return 1'000'000'000;
+  return static_cast<std::uint64_t>(static_cast<double>(elapsedTicks) * 1e9 / static_cast<double>(elapsedNs));
+}
+
+void ossSleepMs(unsigned milliseconds) noexcept {
+  timespec left = {static_cast<time_t>(milliseconds / 1000), static_cast<long>(milliseconds % 1000) * 1'000'000};
+  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+
+std::uint32_t ossProcessId() noexcept { return static_cast<std::uint32_t>(::getpid()); }
+std::uint32_t ossThreadId() noexcept { return static_cast<std::uint32_t>(::syscall(SYS_gettid)); }
+std::uint32_t ossUserId() noexcept { return ::geteuid(); }
+
+void ossProcessName(char* field, std::size_t bytes) noexcept {
+  ossCopyText(field, bytes, ::program_invocation_short_name);
+}
+
+void ossThreadName(char* field, std::size_t bytes) noexcept {
+  char name[16] = {};
+  if (::pthread_getname_np(::pthread_self(), name, sizeof name) != 0) name[0] = '\0';
+  ossCopyText(field, bytes, name);
+}
+
+void ossBootId(char* field, std::size_t bytes) noexcept {
+  ossCopyText(field, bytes, nullptr);
+  int fd = -1;
+  if (ossOpen("/proc/sys/kernel/random/boot_id", O_RDONLY, 0, &fd) != 0) return;
+  char text[37] = {};
+  std::size_t count = 0;
+  if (ossReadAt(fd, text, 36, 0, &count) == 0 && count == 36) ossCopyText(field, bytes, text);
+  ossClose(fd);
+}
+
+const char* ossEnvironment(const char* name) noexcept { return ::secure_getenv(name); }
+
+int ossOpen(const char* path, int flags, unsigned mode, int* fdOut) noexcept {
+  return repeat([&] { return *fdOut = g_calls.open(path, flags | O_CLOEXEC | O_NOFOLLOW, mode); });
+}
+
+void ossClose(int fd) noexcept {
+  if (fd >= 0) g_calls.close(fd);  // not repeated: Linux has released the descriptor even when it says EINTR
+}
+
+int ossWriteAll(int fd, const void* bytes, std::size_t count) noexcept {
+  return writeWhole(bytes, count,
+                    [fd](const char* next, std::size_t left, std::size_t) { return g_calls.write(fd, next, left); });
+}
+
+int ossWriteAt(int fd, const void* bytes, std::size_t count, std::uint64_t offset) noexcept {
+  return writeWhole(bytes, count, [fd, offset](const char* next, std::size_t left, std::size_t done) {
+    return g_calls.pwrite(fd, next, left, static_cast<off_t>(offset + done));
+  });
+}
+
+int ossReadAt(int fd, void* buffer, std::size_t count, std::uint64_t offset, std::size_t* readOut) noexcept {
+  char* next = static_cast<char*>(buffer);
+  *readOut = 0;
+  while (*readOut < count) {
+    ssize_t got = 0;
+    const int error = repeat([&] {
+      return got = g_calls.pread(fd, next + *readOut, count - *readOut, static_cast<off_t>(offset + *readOut));
+    });
+    if (error != 0) return error;
+    if (got == 0) break;
+    *readOut += static_cast<std::size_t>(got);
+  }
+  return 0;
+}
+
+int ossMakeDirectories(const char* path) noexcept {
+  char partial[4096];
+  const std::size_t length = ::strnlen(path, sizeof partial);
+  if (length == 0 || length == sizeof partial) return ENAMETOOLONG;
+  for (std::size_t i = 1; i <= length; ++i) {
+    if (path[i] != '/' && path[i] != '\0') continue;
+    ::memcpy(partial, path, i);
+    partial[i] = '\0';
+    if (g_calls.mkdir(partial, 0700) == 0 || errno == EEXIST) continue;
+    const int error = errno;
+    struct stat status;
+    if (g_calls.stat(partial, &status) != 0) return error;  // a parent we may not create but which exists is fine
+  }
+  struct stat status;
+  if (g_calls.stat(path, &status) != 0) return errno;
+  return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
+}
+
+int ossAllocateFile(int fd, std::uint64_t bytes) noexcept {
+  const int error = repeat([&] { return g_calls.ftruncate(fd, static_cast<off_t>(bytes)); });
+  if (error != 0) return error;
+  return repeat([&] { return g_calls.fallocate(fd, 0, 0, static_cast<off_t>(bytes)); });
+}
+
+int ossLockByte(int fd, std::uint64_t offset) noexcept {
+  const int error =
+      repeat([&] { return g_calls.lockByte(fd, F_SETLK, F_WRLCK, static_cast<off_t>(offset), 1, nullptr); });
+  return error == EACCES ? EAGAIN : error;
+}
+
+void ossUnlockByte(int fd, std::uint64_t offset) noexcept {
+  repeat([&] { return g_calls.lockByte(fd, F_SETLK, F_UNLCK, static_cast<off_t>(offset), 1, nullptr); });
+}
+
+bool ossByteLockedElsewhere(int fd, std::uint64_t offset) noexcept {
+  int conflict = 0;
+  const int error =
+      repeat([&] { return g_calls.lockByte(fd, F_GETLK, F_WRLCK, static_cast<off_t>(offset), 1, &conflict); });
+  return error != 0 || conflict != 0;  // in doubt the owner lives: nothing of a living process is ever taken
+}
+
+}  // namespace vek

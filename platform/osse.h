@@ -1,0 +1,132 @@
+// Operating-system services: the operations the rest of the library needs from the machine, POSIX behind them.
+//
+// Common rules
+//   - Nothing here throws, logs or traces. Thread-safe unless it says otherwise.
+//   - Operations that can fail return 0 or a positive errno value; a descriptor or a count comes through a pointer.
+//   - Interrupted calls (EINTR) are repeated here, so that no caller has to.
+//   - Every descriptor is close-on-exec; no symbolic link is followed as the last component of a path.
+//
+// Every system service that can fail goes through `OssCalls`, one pointer per service, so that a test can replace it
+// alone or let its n-th call fail. Reading clocks and ticks stays inline and without a table.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+
+struct stat;
+
+namespace vek {
+
+// The replaceable services. Signatures and results are those of the system; errno tells the failure.
+struct OssCalls {
+  int (*open)(const char* path, int flags, mode_t mode);
+  int (*close)(int fd);
+  int (*fstat)(int fd, struct stat* out);
+  int (*stat)(const char* path, struct stat* out);
+  int (*mkdir)(const char* path, mode_t mode);
+  int (*unlink)(const char* path);
+  int (*rename)(const char* from, const char* to);
+  int (*fsync)(int fd);
+  int (*ftruncate)(int fd, off_t bytes);
+  int (*fallocate)(int fd, int mode, off_t offset, off_t bytes);
+  ssize_t (*pread)(int fd, void* buffer, std::size_t bytes, off_t offset);
+  ssize_t (*pwrite)(int fd, const void* buffer, std::size_t bytes, off_t offset);
+  ssize_t (*write)(int fd, const void* buffer, std::size_t bytes);
+  int (*lockByte)(int fd, int command, short type, off_t offset, off_t bytes, int* conflict);
+  void* (*mmap)(void* address, std::size_t bytes, int protection, int flags, int fd, off_t offset);
+  int (*munmap)(void* address, std::size_t bytes);
+  int (*madvise)(void* address, std::size_t bytes, int advice);
+  int (*memfd)(const char* name, unsigned flags);
+};
+
+// The table in force. Replacing an entry affects the whole process; only tests do it, before other threads start.
+OssCalls& ossCalls() noexcept;
+
+// ---- text -------------------------------------------------------------------------------------------------------
+
+// Formats into `buffer`, never past `bytes`, always terminated when bytes > 0. Returns the characters that stand in
+// the buffer (without the terminator), so that appends can be chained; a text that did not fit is cut.
+std::size_t ossSnprintf(char* buffer, std::size_t bytes, const char* format, ...) noexcept
+    __attribute__((format(printf, 3, 4)));
+std::size_t ossVsnprintf(char* buffer, std::size_t bytes, const char* format, std::va_list arguments) noexcept
+    __attribute__((format(printf, 3, 0)));
+
+// Copies a text into a fixed field, cut if need be, terminated and zero-filled to its end.
+void ossCopyText(char* field, std::size_t bytes, const char* text) noexcept;
+
+// ---- time -------------------------------------------------------------------------------------------------------
+
+// Nanoseconds since 1970 UTC; nanoseconds of a clock that never steps.
+std::int64_t ossRealtimeNs() noexcept;
+std::int64_t ossMonotonicNs() noexcept;
+
+// A cheap counter that all threads and processes of the machine share: the processor's time-stamp counter, read
+// without serialising (the order of two neighbouring instructions is not guaranteed, that of two records is).
+inline std::uint64_t ossTicks() noexcept {
+#if defined(__x86_64__)
+  return __builtin_ia32_rdtsc();
+#elif defined(__aarch64__)
+  std::uint64_t ticks;
+  __asm__ volatile("mrs %0, cntvct_el0" : "=r"(ticks));
+  return ticks;
+#else
+  return static_cast<std::uint64_t>(ossMonotonicNs());
+#endif
+}
+
+// Measures the rate of ossTicks against the clock for about 5 ms; sleeps meanwhile.
+std::uint64_t ossMeasureTicksPerSecond() noexcept;
+
+void ossSleepMs(unsigned milliseconds) noexcept;
+
+// ---- identity ---------------------------------------------------------------------------------------------------
+
+std::uint32_t ossProcessId() noexcept;
+std::uint32_t ossThreadId() noexcept;  // the kernel's number, unique on the machine while the thread lives
+std::uint32_t ossUserId() noexcept;    // effective
+
+// The name of this process or of the calling thread, cut to the field.
+void ossProcessName(char* field, std::size_t bytes) noexcept;
+void ossThreadName(char* field, std::size_t bytes) noexcept;
+
+// The kernel's identifier of this boot (36 characters), empty when it cannot be read.
+void ossBootId(char* field, std::size_t bytes) noexcept;
+
+// The value of an environment variable, null when it is not set or the process runs with raised privileges.
+const char* ossEnvironment(const char* name) noexcept;
+
+// ---- files ------------------------------------------------------------------------------------------------------
+
+// Opens a file. `flags` as for open(2); O_CLOEXEC and O_NOFOLLOW are added.
+int ossOpen(const char* path, int flags, unsigned mode, int* fdOut) noexcept;
+void ossClose(int fd) noexcept;
+
+// Writes all bytes, across short writes: at the file's position, or at an offset.
+int ossWriteAll(int fd, const void* bytes, std::size_t count) noexcept;
+int ossWriteAt(int fd, const void* bytes, std::size_t count, std::uint64_t offset) noexcept;
+
+// Reads up to `count` bytes at `offset`; fewer only at the end of the file.
+int ossReadAt(int fd, void* buffer, std::size_t count, std::uint64_t offset, std::size_t* readOut) noexcept;
+
+// Creates a directory and its missing parents, mode 0700. An existing directory is success.
+int ossMakeDirectories(const char* path) noexcept;
+
+// Gives a file its size and allocates every block of it, so that touching a mapping of it cannot fail later.
+int ossAllocateFile(int fd, std::uint64_t bytes) noexcept;
+
+// ---- record locks -----------------------------------------------------------------------------------------------
+//
+// Locks on bytes of a file that belong to the process and vanish with it, however it ends. They are dropped too when
+// the process closes ANY descriptor of that file: open such a file once and keep it.
+
+// Takes the byte exclusively without waiting. EAGAIN when another process holds it.
+int ossLockByte(int fd, std::uint64_t offset) noexcept;
+void ossUnlockByte(int fd, std::uint64_t offset) noexcept;
+
+// True when another process holds the byte. A byte that this process holds reads as free.
+bool ossByteLockedElsewhere(int fd, std::uint64_t offset) noexcept;
+
+}  // namespace vek

@@ -1,0 +1,56 @@
+// Ports: how a lower floor reaches a higher one.
+//
+// A lower floor calls through one of these hooks and never includes upward. The table is constant-initialised by
+// compose/compose.cpp, which every build of the library contains; no hook is ever null. What answers today:
+//
+//   readSetting   a registry variable's value         the process environment
+//   reportEvent   something for the diagnostic log    one line on standard error
+//   formatItem    a structure-typed data item         not formatted: the caller prints bytes
+//   member        host and partition look-up          not known
+//   attachTrace   the first trace point of a process  diag/base: skip switch, call-backs, attach
+//   thread end    memory caches, latches              nothing to give back
+//
+// The embedding engine's facts are the sixth port: include/veksys/host.h.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "veksys/types.h"
+
+namespace vek {
+
+// An event on its way to the diagnostic log.
+struct PortEvent {
+  std::uint32_t functionId;
+  std::uint32_t probe;
+  std::uint32_t level;  // 1 Severe, 2 Error, 3 Warning, 4 Info, 5 Critical, 6 Event
+  SqlzZrc zrc;          // 0: none
+  const char* message;  // terminated
+};
+
+struct Ports {
+  // Copies the value of a variable, terminated; false when it is not set or does not fit. Never called while a lock
+  // is held or from the trace's attach step.
+  bool (*readSetting)(const char* name, char* value, std::size_t bytes);
+
+  // Reports one event. Never called while a set or pool latch is held.
+  void (*reportEvent)(const PortEvent& event);
+
+  // Formats a structure-typed item as text; returns the characters written, 0 when no formatter is registered.
+  std::size_t (*formatItem)(std::uint32_t type, const void* data, std::uint32_t bytes, char* text, std::size_t room);
+
+  // Host name and partition of a member; false when the member is not known.
+  bool (*member)(std::int16_t partition, char* host, std::size_t bytes);
+
+  // The attach step of a trace point: true when the process is attached to the instance's trace.
+  bool (*attachTrace)();
+
+  // Given back when a thread ends, before its trace segment and its slot: memory caches first, then latches.
+  void (*flushMemoryCaches)();
+  void (*checkLatches)();
+};
+
+extern Ports g_ports;
+
+}  // namespace vek

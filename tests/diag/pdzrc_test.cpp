@@ -1,0 +1,141 @@
+// The printable description of a return code.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iomanip>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "diag/base/sqlmsg.h"
+#include "veksys/diag/rc.h"
+
+namespace {
+
+std::string description(SqlzZrc zrc) {
+  char buffer[2048];
+  char* end = pdZRCGetDescription(zrc, buffer, sizeof buffer);
+  EXPECT_EQ(*end, '\0');
+  return {buffer, end};
+}
+
+class Description : public ::testing::Test {
+ protected:
+  void SetUp() override { useMessages(std::filesystem::path(VEKSYS_TEST_MESSAGES).parent_path()); }
+  void TearDown() override {
+    pdSetWideMessages(false);
+    SetUp();
+  }
+
+  static void useMessages(const std::filesystem::path& directory) {
+    ::setenv("VEK_MESSAGE_DIR", directory.c_str(), 1);
+    vek::sqlzi_forgetMessages();
+  }
+};
+
+TEST_F(Description, OfCataloguedCodes) {
+  EXPECT_EQ(description(SQLO_NOMEM), "ZRC=0x8B0F0000=-1961951232=SQLO_NOMEM \"No Memory Available\"\r\n");
+  EXPECT_EQ(description(0), "ZRC=0x00000000=0=SQLZ_RC_OK \"The operation completed successfully\"\r\n");
+  EXPECT_EQ(description(0x0727017B),
+            "ZRC=0x0727017B=119996795=SQLE_SAL_STRUCT_NO_WORKERS\r\n"
+            "          \"" +
+                std::string(sqlzFindZrc(0x0727017B)->description) + "\"\r\n");
+  EXPECT_EQ(description(SQLO_SEM_TIMEOUT),
+            "ZRC=0x870F00B9=-2029059911=SQLO_SEM_TIMEOUT\r\n"
+            "          \"Return code from sqlowait when time out value has been reached\"\r\n");
+}
+
+// Every entry stands on one line exactly when name, text, blank and quotes fit the width.
+TEST_F(Description, WrapsAtTheWidthInForce) {
+  for (const bool wide : {false, true}) {
+    pdSetWideMessages(wide);
+    EXPECT_EQ(pdWideMessages(), wide);
+    const std::size_t width = wide ? 80 : 70;
+    std::size_t wrapped = 0;
+    for (std::size_t i = 0; i < SQLZ_ZRC_MAP_COUNT; ++i) {
+      const SqlzZrcEntry& entry = sqlzGetZrcMap()[i];
+      if (entry.code == 0) continue;
+      const std::string head =
+          "ZRC=0x" +
+          (std::ostringstream() << std::uppercase << std::hex << std::setw(8) << std::setfill('0') << entry.code)
+              .str() +
+          "=" + std::to_string(entry.code) + "=" + entry.name;
+      const bool fits = head.size() + std::strlen(entry.description) + 3 <= width;
+      wrapped += fits ? 0 : 1;
+      EXPECT_EQ(description(entry.code), head + (fits ? " \"" : "\r\n          \"") + entry.description + "\"\r\n");
+    }
+    EXPECT_GT(wrapped, 0U);
+    EXPECT_LT(wrapped, SQLZ_ZRC_MAP_COUNT);
+  }
+}
+
+TEST_F(Description, OfACodeKnownWithoutItsComponent) {
+  EXPECT_EQ(description(sqlzZrc(0x800F0001)),
+            "ZRC=0x800F0001=-2146500607=SQLZ_RC_NO_ROW, SQLT_SQLO\r\n"
+            "          \"" +
+                std::string(sqlzFindZrc(sqlzZrc(0x80000001))->description) + "\"\r\n");
+  EXPECT_EQ(description(sqlzZrc(0x80FE0003)),  // no component has the number FE
+            "ZRC=0x80FE0003=-2130837501=SQLZ_RC_INTERRUPTED\r\n"
+            "          \"Request was interrupted by the application\"\r\n");
+}
+
+TEST_F(Description, OfAnSqlCodeIsItsMessage) {
+  EXPECT_EQ(description(-902),
+            "ZRC=0xFFFFFC7A=-902\r\n"
+            "          SQL0902N  A system error occurred. Later SQL statements\r\n"
+            "          cannot be processed. Internal return code: <zrc>.\r\n");
+  pdSetWideMessages(true);
+  EXPECT_EQ(description(-902),
+            "ZRC=0xFFFFFC7A=-902\r\n"
+            "          SQL0902N  A system error occurred. Later SQL statements cannot be\r\n"
+            "          processed. Internal return code: <zrc>.\r\n");
+  EXPECT_EQ(description(-100).substr(0, 40), "ZRC=0xFFFFFF9C=-100\r\n          SQL0100W ");
+}
+
+TEST_F(Description, OfUnknownCodes) {
+  EXPECT_EQ(description(-1), "ZRC=0xFFFFFFFF=-1\r\n");
+  EXPECT_EQ(description(-10007), "ZRC=0xFFFFD8E9=-10007\r\n          \r\n");  // the message that says: none found
+  EXPECT_EQ(description(sqlzZrc(0x80000000)), "ZRC=0x80000000=-2147483648\r\n          \r\n");
+  EXPECT_EQ(description(0x7FFFFFFF), "ZRC=0x7FFFFFFF=2147483647\r\n          \r\n");
+}
+
+TEST_F(Description, WithoutMessages) {
+  const auto directory = std::filesystem::path(::testing::TempDir()) / "veksys-no-messages";
+  std::filesystem::create_directories(directory);
+  const std::string expected = "ZRC=0xFFFFFC7A=-902\r\n          \r\n";
+  const std::vector<std::string> damaged = {"", "no message object", std::string(28, '\0'),
+                                            std::string("\xDE\x12\x04\x95", 4) + std::string(40, '\xFF')};
+  useMessages(directory / "absent");
+  EXPECT_EQ(description(-902), expected);
+  for (const std::string& content : damaged) {
+    std::ofstream(directory / "veksql.mo", std::ios::binary) << content;
+    useMessages(directory);
+    EXPECT_EQ(description(-902), expected);
+  }
+  std::filesystem::remove(directory / "veksql.mo");
+  std::filesystem::create_directory(directory / "veksql.mo");
+  useMessages(directory);
+  EXPECT_EQ(description(-902), expected);
+  std::filesystem::remove_all(directory);
+}
+
+TEST_F(Description, NeverPassesItsBuffer) {
+  for (const SqlzZrc zrc : {SQLO_NOMEM, SQLO_SEM_TIMEOUT, sqlzZrc(0x80140001), -1, -902, -77777}) {
+    const std::string whole = description(zrc);
+    for (std::size_t size = 0; size <= whole.size() + 2; ++size) {
+      std::vector<char> buffer(size + 8, '#');
+      char* end = pdZRCGetDescription(zrc, buffer.data(), size);
+      const std::size_t expected = size == 0 ? 0 : std::min(size - 1, whole.size());
+      ASSERT_EQ(end, buffer.data() + expected) << size;
+      EXPECT_EQ(std::string(buffer.data(), expected), whole.substr(0, expected));
+      EXPECT_TRUE(size == 0 || *end == '\0');
+      for (std::size_t i = size == 0 ? 0 : expected + 1; i < buffer.size(); ++i) ASSERT_EQ(buffer[i], '#') << size;
+    }
+  }
+  EXPECT_EQ(pdZRCGetDescription(SQLO_NOMEM, nullptr, 100), nullptr);
+}
+
+}  // namespace

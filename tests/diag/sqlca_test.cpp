@@ -1,0 +1,252 @@
+// Folding of failures into the SQL communications area.
+#include "veksys/diag/sqlca.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/ports.h"
+#include "veksys/diag/rc.h"
+#include "veksys/host.h"
+
+namespace {
+
+constexpr SqlzZrc kZrc = sqlzZrc(0x80000002);
+constexpr char kSeparator = SQLZ_SQLCA_TOKEN_SEPARATOR;
+
+sqlca emptyArea() {
+  sqlca area;
+  sqlzInitSqlca(&area);
+  return area;
+}
+
+std::string tokensOf(const sqlca& area) { return {area.sqlerrmc, static_cast<std::size_t>(area.sqlerrml)}; }
+std::string stateOf(const sqlca& area) { return {area.sqlstate, sizeof area.sqlstate}; }
+
+// The events that the library reports while it stands.
+class EventLog {
+ public:
+  EventLog() : before_(vek::g_ports.reportEvent) {
+    texts().clear();
+    vek::g_ports.reportEvent = [](const vek::PortEvent& event) { texts().push_back(event.message); };
+  }
+  ~EventLog() { vek::g_ports.reportEvent = before_; }
+  static std::vector<std::string>& texts() {
+    static std::vector<std::string> all;
+    return all;
+  }
+
+ private:
+  void (*before_)(const vek::PortEvent&);
+};
+
+TEST(Sqlca, StartsEmpty) {
+  const sqlca area = emptyArea();
+  EXPECT_EQ(std::string(area.sqlcaid, 8), "SQLCA   ");
+  EXPECT_EQ(area.sqlcabc, 136);
+  EXPECT_EQ(std::string(area.sqlerrmc, 70), std::string(70, ' '));
+  EXPECT_EQ(std::string(area.sqlwarn, 11), std::string(11, ' '));
+  EXPECT_EQ(stateOf(area), "00000");
+  EXPECT_EQ(area.sqlcode + area.sqlerrml + area.sqlerrd[0] + area.sqlerrd[5], 0);
+  sqlzInitSqlca(nullptr);
+}
+
+TEST(SqlcaFold, KeepsTheFirstErrorAndTheHigherWarning) {
+  const struct {
+    std::int32_t existing;
+    std::int32_t fresh;
+    bool replaced;
+  } cases[] = {
+      {-911, -902, false}, {-911, 100, false}, {-911, 0, false},                          // the first error wins
+      {0, -902, true},     {0, 100, true},     {0, 0, true},                              // nothing gives way
+      {100, -902, true},   {100, -901, true},                                             // an error replaces a warning
+      {100, 0, false},     {100, 100, false},  {100, 445, true},      {445, 100, false},  // the higher warning stays
+      {100, 99999, false}, {99999, 100, true}, {99999, 99998, false},                     // a code without a rank
+  };
+  for (const auto& one : cases) {
+    sqlca area = emptyArea();
+    area.sqlcode = one.existing;
+    SqlzCallerContext context = {1, nullptr};
+    sqlzSqlcodeToSqlca(&context, &area, kZrc, nullptr, one.fresh, 0);
+    SCOPED_TRACE(std::to_string(one.existing) + " then " + std::to_string(one.fresh));
+    EXPECT_EQ(area.sqlcode, one.replaced ? one.fresh : one.existing);
+    EXPECT_EQ(area.sqlerrd[0], one.replaced ? kZrc : 0);
+    EXPECT_EQ(context.flags, one.replaced ? 1U | SQLZ_CONTEXT_SQLCA_SET : 1U);
+  }
+}
+
+TEST(SqlcaFold, WritesCodeStateTokensAndZrc) {
+  sqlca area = emptyArea();
+  sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -911, 2, std::int32_t{3}, "abcdef", std::int32_t{1}, "2");
+  EXPECT_EQ(area.sqlcode, -911);
+  EXPECT_EQ(stateOf(area), "40001");
+  EXPECT_EQ(tokensOf(area), std::string("abc") + kSeparator + "2");
+  EXPECT_EQ(area.sqlerrd[0], kZrc);
+  EXPECT_EQ(std::string(area.sqlcaid, 8), "SQLCA   ");
+  sqlzSqlcodeToSqlca(nullptr, nullptr, kZrc, nullptr, -911, 0);
+}
+
+TEST(SqlcaFold, ClearsTheTokensOfAReplacedWarning) {
+  sqlca area = emptyArea();
+  sqlzFoldSqlcode(nullptr, &area, 0, nullptr, 100, "left", std::string("over"));
+  EXPECT_EQ(tokensOf(area), std::string("left") + kSeparator + "over");
+  sqlzFoldZrc(nullptr, &area, kZrc, nullptr);
+  EXPECT_EQ(area.sqlcode, -911);
+  EXPECT_EQ(area.sqlerrml, 0);
+}
+
+TEST(SqlcaFold, CallsBackBeforeItWrites) {
+  struct Seen {
+    int calls = 0;
+    std::int32_t areaCode = 0, sqlcode = 0;
+    SqlzZrc zrc = 0;
+    std::uint32_t flags = 0;
+  } seen;
+  const SqlzErrorCallback note = [](SqlzCallerContext* context, sqlca* area, SqlzZrc zrc, std::int32_t sqlcode) {
+    auto* record = static_cast<Seen*>(context->owner);
+    *record = {record->calls + 1, area->sqlcode, sqlcode, zrc, context->flags};
+  };
+  SqlzCallerContext context = {0, &seen};
+  sqlca area = emptyArea();
+  area.sqlcode = 100;
+  sqlzSqlcodeToSqlca(&context, &area, kZrc, note, -902, 0);
+  sqlzSqlcodeToSqlca(&context, &area, kZrc, note, -902, 0);  // an error stays: no call
+  EXPECT_EQ(seen.calls, 1);
+  EXPECT_EQ(seen.areaCode, 100);
+  EXPECT_EQ(seen.sqlcode, -902);
+  EXPECT_EQ(seen.zrc, kZrc);
+  EXPECT_EQ(seen.flags, SQLZ_CONTEXT_SQLCA_SET);
+}
+
+TEST(SqlcaFold, MapsAReturnCode) {
+  sqlca area = emptyArea();
+  area.sqlcode = 100;
+  sqlzRcToSqlca(nullptr, &area, 0, nullptr, 0);
+  EXPECT_EQ(area.sqlcode, 100);
+  sqlzRcToSqlca(nullptr, &area, SQLO_FNEX, nullptr, 1, std::int32_t{4}, "file");
+  EXPECT_EQ(area.sqlcode, -980);
+  EXPECT_EQ(tokensOf(area), "file");
+  EXPECT_EQ(area.sqlerrd[0], SQLO_FNEX);
+}
+
+TEST(SqlcaFold, DumpsTheEngineUnitOfAnInternalError) {
+  std::vector<SqlzZrc> dumped;
+  VekHost host = {};
+  host.size = sizeof host;
+  host.context = &dumped;
+  host.dumpEngineUnit = [](void* context, SqlzZrc zrc) { static_cast<std::vector<SqlzZrc>*>(context)->push_back(zrc); };
+  ASSERT_EQ(vekHostInstall(&host), 0);
+  sqlca area = emptyArea();
+  sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -901, 0);
+  sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -901, 0);  // not folded: not dumped
+  area = emptyArea();
+  sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -902, 0);
+  vekHostInstall(nullptr);
+  EXPECT_EQ(dumped, std::vector<SqlzZrc>{kZrc});
+}
+
+TEST(SqlcaTokens, AreCutToThirtyFiveAndSeventyBytes) {
+  sqlca area = emptyArea();
+  std::vector<SqlzToken> tokens(36, SqlzToken{1, "x"});
+  std::int32_t count = 36;
+  EXPECT_EQ(sqlzStoreVariableMsgTokensInSqlca(&area, &count, tokens.data()), 0);
+  EXPECT_EQ(count, 35);
+  EXPECT_EQ(area.sqlerrml, 69);
+  EXPECT_EQ(tokensOf(area).substr(66), std::string("x") + kSeparator + "x");
+
+  const std::string text(80, 'y');
+  const struct {
+    std::vector<std::int32_t> lengths;
+    std::int16_t stored;
+  } cases[] = {{{}, 0},       {{0}, 0},      {{69}, 69},     {{70}, 70},     {{71}, 70},
+               {{69, 0}, 70}, {{70, 1}, 70}, {{34, 35}, 70}, {{34, 36}, 70}, {{0, 0, 0}, 2}};
+  for (const auto& one : cases) {
+    tokens.clear();
+    for (const std::int32_t length : one.lengths) tokens.push_back({length, text.data()});
+    count = static_cast<std::int32_t>(tokens.size());
+    EXPECT_EQ(sqlzStoreVariableMsgTokensInSqlca(&area, &count, tokens.data()), 0);
+    EXPECT_EQ(area.sqlerrml, one.stored);
+    EXPECT_EQ(count, static_cast<std::int32_t>(one.lengths.size()));
+  }
+  EXPECT_EQ(std::string(area.sqlerrp, 6), "VEKSYS");  // the field behind the tokens
+}
+
+TEST(SqlcaTokens, TakeMorePairsThanAnAreaHolds) {
+  sqlca area = emptyArea();
+#define FOUR std::int32_t{1}, "a", std::int32_t{1}, "b", std::int32_t{1}, "c", std::int32_t{1}, "d"
+  sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -911, 36, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR);
+#undef FOUR
+  EXPECT_EQ(area.sqlerrml, 69);
+  EXPECT_EQ(area.sqlerrmc[68], 'c');
+}
+
+TEST(SqlcaTokens, WithImpossibleLengthsAreReportedAndNotStored) {
+  const struct {
+    std::vector<std::int32_t> lengths;
+    const char* event;
+  } cases[] = {
+      {{INT_MAX, 1}, "Invalid token length for SQLCA (token count 2, token index 1)"},
+      {{1, -1, 1}, "Invalid token length for SQLCA (token count 3, token index 1)"},
+      {{INT_MIN}, "Invalid token length for SQLCA (token count 1, token index 0)"},
+  };
+  for (const auto& one : cases) {
+    const EventLog log;
+    sqlca area = emptyArea();
+    std::vector<SqlzToken> tokens;
+    for (const std::int32_t length : one.lengths) tokens.push_back({length, "z"});
+    std::memcpy(area.sqlerrmc, "old", 3);
+    area.sqlerrml = 3;
+    auto count = static_cast<std::int32_t>(tokens.size());
+    EXPECT_EQ(sqlzStoreVariableMsgTokensInSqlca(&area, &count, tokens.data()), SQLO_INV_PARM);
+    EXPECT_EQ(tokensOf(area), "old");
+    EXPECT_EQ(EventLog::texts(), std::vector<std::string>{one.event});
+    sqlzSqlcodeToSqlcaTokens(nullptr, &area, kZrc, nullptr, -902, count, tokens.data());
+    EXPECT_EQ(area.sqlcode, -902);  // the code is folded without tokens
+    EXPECT_EQ(area.sqlerrml, 0);
+  }
+}
+
+TEST(SqlcaTokens, MayBeMissing) {
+  sqlca area = emptyArea();
+  const SqlzToken tokens[] = {{5, nullptr}, {2, "ok"}};
+  std::int32_t count = 2;
+  EXPECT_EQ(sqlzStoreVariableMsgTokensInSqlca(&area, &count, tokens), 0);
+  EXPECT_EQ(tokensOf(area), std::string(1, kSeparator) + "ok");
+  count = -3;
+  EXPECT_EQ(sqlzStoreVariableMsgTokensInSqlca(&area, &count, tokens), 0);
+  EXPECT_EQ(area.sqlerrml, 0);
+  sqlzSqlcodeToSqlcaTokens(nullptr, &area, kZrc, nullptr, -902, 4, nullptr);
+  EXPECT_EQ(area.sqlerrml, 0);
+  EXPECT_EQ(sqlzStoreVariableMsgTokensInSqlca(nullptr, &count, tokens), 0);
+  EXPECT_EQ(sqlzStoreVariableMsgTokensInSqlca(&area, nullptr, tokens), 0);
+}
+
+TEST(SqlState, IsThatOfTheCode) {
+  const struct {
+    std::int32_t sqlcode;
+    const char* state;
+  } cases[] = {{0, "00000"},    {100, "02000"},  {-911, "40001"},   {-902, "58005"},  {-803, "23505"},
+               {-104, "42601"}, {-952, "57014"}, {-99999, "58004"}, {99998, "01000"}, {INT_MIN, "58004"}};
+  for (const auto& one : cases) {
+    char state[6] = "?????";
+    sqlzelsc(one.sqlcode, state);
+    EXPECT_STREQ(state, one.state) << one.sqlcode;
+  }
+  sqlzelsc(-902, nullptr);
+}
+
+// Lost data above substituted values, those above degraded plans, those above no row, that above mere information.
+TEST(WarningPrecedence, IsAStrictOrder) {
+  const std::int32_t ascending[] = {598, 100, 437, 335, 445};
+  for (const std::int32_t low : ascending)
+    for (const std::int32_t high : ascending)
+      EXPECT_EQ(sqlzewsc(low, high), std::find(std::begin(ascending), std::end(ascending), low) <
+                                         std::find(std::begin(ascending), std::end(ascending), high))
+          << low << ' ' << high;
+}
+
+}  // namespace

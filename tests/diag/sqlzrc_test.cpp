@@ -1,0 +1,288 @@
+// The catalogue of return codes and the map to SQL codes.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "veksys/diag/error_category.h"
+#include "veksys/diag/rc.h"
+#include "veksys/host.h"
+
+namespace {
+
+struct Info {
+  std::int32_t sqlcode;
+  std::uint16_t tokenKind;
+  std::uint32_t mappedCode;
+  std::uint32_t type = 0;
+  std::uint32_t reason = 0;
+
+  bool operator==(const Info& other) const {
+    return sqlcode == other.sqlcode && tokenKind == other.tokenKind && mappedCode == other.mappedCode;
+  }
+  friend void PrintTo(const Info& info, std::ostream* out) {
+    *out << '{' << info.sqlcode << ", " << info.tokenKind << ", " << info.mappedCode << '}';
+  }
+};
+
+constexpr Info kNoEntry = {-901, 1, 1};
+
+Info infoOf(SqlzZrc zrc) {
+  Info info{};
+  info.sqlcode = sqlzGetZRCInfo(zrc, &info.type, &info.reason, &info.tokenKind, &info.mappedCode);
+  return info;
+}
+
+SqlzZrc codeOf(std::uint32_t type, std::uint32_t component, std::uint32_t number) {
+  return sqlzZrc(0x80000000U | type << 24 | component << 16 | number);
+}
+
+struct TableRow {
+  SqlzZrc code;
+  std::string name;
+  Info info;
+};
+
+// The source table, read independently of the generator.
+std::vector<TableRow> tableRows() {
+  const auto tests = std::filesystem::path(__FILE__).parent_path();
+  std::ifstream in(tests / "../../diag/tables/zrc.tsv");
+  std::vector<TableRow> rows;
+  for (std::string line; std::getline(in, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    std::istringstream cells(line);
+    std::string code;
+    TableRow row;
+    cells >> code >> row.name >> row.info.sqlcode >> row.info.tokenKind >> row.info.mappedCode;
+    row.code = sqlzZrc(static_cast<std::uint32_t>(std::stoul(code, nullptr, 16)));
+    rows.push_back(row);
+  }
+  return rows;
+}
+
+TEST(ZrcCatalogue, HoldsEachCodeAndNameOnce) {
+  std::set<std::int32_t> codes;
+  std::set<std::string> names;
+  std::set<std::pair<std::uint32_t, std::uint32_t>> numbers;
+  ASSERT_EQ(SQLZ_ZRC_MAP_COUNT, 7495U);
+  for (std::size_t i = 0; i < SQLZ_ZRC_MAP_COUNT; ++i) {
+    const SqlzZrcEntry& entry = sqlzGetZrcMap()[i];
+    EXPECT_TRUE(names.insert(entry.name).second) << entry.name;
+    EXPECT_EQ(sqlzFindZrcByName(entry.name), &entry);
+    if (entry.code == 0) continue;
+    EXPECT_TRUE(codes.insert(entry.code).second) << entry.name;
+    EXPECT_EQ(sqlzFindZrc(entry.code), &entry);
+    EXPECT_LT(sqlzZrcType(entry.code), SQLZ_ZRC_TYPE_COUNT) << entry.name;
+    EXPECT_NE(ecfGetComponentShortName(ecfComponentIdOfZrc(entry.code)), nullptr) << entry.name;
+    if (sqlzZrcComponent(entry.code) == SQLZ_COMPONENT_SQLNN) continue;
+    EXPECT_TRUE(numbers.emplace(sqlzZrcType(entry.code), sqlzZrcNumber(entry.code)).second) << entry.name;
+  }
+}
+
+TEST(ZrcCatalogue, TextsAreOneLineThatStandsInQuotes) {
+  for (std::size_t i = 0; i < SQLZ_ZRC_MAP_COUNT; ++i) {
+    const std::string text = sqlzGetZrcMap()[i].description;
+    EXPECT_FALSE(text.empty() || text.size() > 110) << text;
+    EXPECT_TRUE(std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~' && c != '"'; })) << text;
+  }
+}
+
+TEST(ZrcCatalogue, KnowsTheCodesThatOthersRelyOn) {
+  const struct {
+    std::uint32_t code;
+    const char* name;
+    const char* text;
+  } rows[] = {
+      {0x8B0F0000, "SQLO_NOMEM", "No Memory Available"},
+      {0x840F0001, "SQLO_ACCD", "Access Denied"},
+      {0x870F0009, "SQLO_EOF", "the data does not exist"},
+      {0x860F000A, "SQLO_FNEX", "File not found."},
+      {0x800F00FC, "SQLO_INV_PARM", "Invalid input parameter"},
+      {0x870F00B9, "SQLO_SEM_TIMEOUT", "Return code from sqlowait when time out value has been reached"},
+      {0x8714006F, "SQLT_KRCBP_IS_NULL", "KRCB pointer is null"},
+      {0x87140125, "SQLT_OSSE_LOG_FACILITY_FAILED", "Unable to set the default OSSe log facility"},
+      {0x87140126, "SQLT_DIAGERR_LOGERR", "Error in logging the diag information"},
+      {0x87140127, "SQLT_DIAGERR_DUMPERR", "Error in creating data dump"},
+      {0x87140128, "SQLT_NOLOG", "No logging was required because of configuration parameter setting"},
+      {0x87140129, "SQLT_OSSE_LOG_SET_LEVEL_FAILED", "Failed to set the OSSe log facility level"},
+      {0x8714012A, "SQLT_VEK_INSTALL_LOG_FACILITY_FAILED", "Unable to set the default VEK Install log facility"},
+      {0x8714012B, "SQLT_VEK_INSTALL_LOG_SET_LEVEL_FAILED", "Failed to set the VEK Install log facility level"},
+  };
+  for (const auto& row : rows) {
+    const SqlzZrcEntry* entry = sqlzFindZrc(sqlzZrc(row.code));
+    ASSERT_NE(entry, nullptr) << row.name;
+    EXPECT_STREQ(entry->name, row.name);
+    EXPECT_STREQ(entry->description, row.text);
+  }
+  // Values that other subsystems answer: fixed for good.
+  const struct {
+    std::uint32_t value;
+    SqlzZrc constant;
+  } values[] = {
+      {0x0727017B, SQLE_SAL_STRUCT_NO_WORKERS},
+      {0x8510000A, SQLP_LOCK_MEMORY_EXHAUSTED},
+      {0x820F0002, SQLO_INV_MEM},
+      {0x820F0004, SQLO_MEM_SIZE},
+      {0x850F0005, SQLO_NOSEG},
+      {0x850F00C5, SQLO_NO_INS_MEM},
+      {0x870F0035, SQLO_NOTAVAIL},
+      {0x870F00FB, SQLO_SLATCH_ERROR_HELDX_WITH_SHARED_HOLDERS},
+      {0x870F00FC, SQLO_SLATCH_ERROR_HELDS_WITH_X_HOLDER},
+      {0x870F00FD, SQLO_SLATCH_ERROR_HELDS_WITH_SHARED_WAITER},
+      {0x870F00FE, SQLO_SLATCH_ERROR_HELDS_WITH_SHARED_WAITER_NO_XWAITER},
+      {0x870F0112, SQLO_SLATCH_ERROR_HELD_WITH_X_RESERVATION},
+      {0x870F0113, SQLO_SLATCH_ERROR_STARVEX_AND_X_RESERVATION},
+      {0x870F0114, SQLO_LATCH_ERROR_UNUSED_BITS_ARE_SET},
+      {0x870F0123, SQLO_SLATCH_ERROR_SEMPOOL_POINTER_CHANGED},
+      {0x870F0124, SQLO_SLATCH_ERROR_SEMPOOL_POINTER_NULL},
+      {0x870F0182, SQLO_LATCH_ERROR_USED_WHILE_FREED},
+      {0x870F0091, SQLO_NODELIST_OPEN_FAILED},
+      {0x800F003B, SQLO_PATH_TOO_LONG},
+      {0x870F0102, SQLO_ENV_NULL_NAME},
+      {0x870F0103, SQLO_ENV_NO_MEMORY},
+      {0x870F0104, SQLO_ENV_VAR_NOT_SET},
+      {0x870F0108, SQLO_ENV_LEVEL_NOT_FOUND},
+      {0x900005CF, SQLZ_RC_CIRCBUF_BAD_ARGUMENT},
+      {0x900005D0, SQLZ_RC_CIRCBUF_BAD_INDEX},
+      {0x900005D1, SQLZ_RC_CIRCBUF_INSERT_FAILED},
+      {0x900005D2, SQLZ_RC_CIRCBUF_NOT_VALID},
+      {0x8016000E, SQLRX_DEC_INVALID},
+      {0x80160008, SQLRX_DEC_OVERFLOW},
+      {0x0016044A, SQLRX_DFP_INEXACT},
+      {0x0016044B, SQLRX_DFP_RANGE},
+      {0x82160001, SQLRX_DFP_INVALID},
+      {0x8016001F, SQLRX_DATE_RANGE},
+      {0x80160017, SQLRX_TIME_FORMAT},
+      {0x80160018, SQLRX_TIME_VALUE},
+      {0x800F005B, SQLO_NLS_ENCODING_CLASS},
+      {0x870F00BC, SQLO_NLS_TARGET_FULL},
+      {0x870F00C0, SQLO_NLS_DBCS_CUT},
+  };
+  for (const auto& row : values) EXPECT_EQ(sqlzZrc(row.value), row.constant) << std::hex << row.value;
+  EXPECT_STREQ(sqlzFindZrc(0)->name, "SQLZ_RC_OK");
+  for (const char* alias : {"HA_ZRC_OK", "PSM_OK"}) {
+    EXPECT_EQ(sqlzFindZrcByName(alias)->code, 0);
+    EXPECT_STREQ(sqlzFindZrcByName(alias)->description, "Unknown");
+  }
+}
+
+TEST(ZrcCatalogue, FindsWhateverCaseAndNothingElse) {
+  EXPECT_EQ(sqlzFindZrcByName("sqlo_NoMem"), sqlzFindZrc(SQLO_NOMEM));
+  for (const char* name : {"", "SQLO_NOME", "SQLO_NOMEMO", "SQLO NOMEM"}) EXPECT_EQ(sqlzFindZrcByName(name), nullptr);
+  EXPECT_EQ(sqlzFindZrcByName(nullptr), nullptr);
+  for (const std::uint32_t code : {0x8B140000U, 0xFFFFFFFFU, 0x80000000U, 0x0B0F0000U})
+    EXPECT_EQ(sqlzFindZrc(sqlzZrc(code)), nullptr);
+}
+
+TEST(ZrcErrorTypes, HaveTheirTexts) {
+  EXPECT_STREQ(sqlzErrorTypeText(0), "SQL Error, User Error,...");
+  EXPECT_STREQ(sqlzErrorTypeText(21), "Cluster caching facility server lock manager errors and warning");
+  EXPECT_STREQ(sqlzErrorTypeText(28), "Cluster caching facility server initilization errors and warnings");
+  EXPECT_STREQ(sqlzErrorTypeText(34), "Cluster caching facility server suppressed errors and warnings");
+  EXPECT_EQ(sqlzErrorTypeText(35), nullptr);
+}
+
+TEST(ZrcMap, AnswersWhatEveryRowOfTheTableSays) {
+  const std::vector<TableRow> rows = tableRows();
+  ASSERT_EQ(rows.size(), SQLZ_ZRC_MAP_COUNT);
+  for (const TableRow& row : rows) {
+    if (row.code == 0) continue;
+    EXPECT_EQ(infoOf(row.code), row.info) << row.name;
+    EXPECT_EQ(sqlt_mapzrc(row.code), row.info.mappedCode) << row.name;
+  }
+}
+
+TEST(ZrcMap, AnswersTheTellingEntries) {
+  const struct {
+    std::uint32_t code;
+    Info info;
+  } rows[] = {
+      {0x80000000, {-902, 1, 1}},      {0x80000001, {100, 0, 8000}},  {0x80000002, {-911, 1, 8002}},
+      {0x80000003, {-952, 0, 8003}},   {0x800F0003, {-952, 0, 8003}},  // the component takes no part
+      {0x8B000000, {-10003, 0, 8300}}, {0x8C000000, {-1141, 1, 1}},   {0x83000000, {-902, 1, 1}},
+      {0x83FFFFFF, {-902, 1, 1}},      {0x83120005, {-902, 1, 1}},  // every type-3 code has the one entry
+  };
+  for (const auto& row : rows) EXPECT_EQ(infoOf(sqlzZrc(row.code)), row.info) << std::hex << row.code;
+  for (std::uint32_t number = 0; number < 128; ++number) EXPECT_EQ(infoOf(codeOf(6, 0x0F, number)).sqlcode, -980);
+  const std::uint32_t transportCounts[] = {52, 24, 49, 17};
+  for (std::uint32_t type = 23; type <= 26; ++type) {
+    for (std::uint32_t number = 0; number < transportCounts[type - 23]; ++number) {
+      const Info info = infoOf(codeOf(type, 0xC9, number));
+      EXPECT_EQ(info.sqlcode, -2051);
+      EXPECT_EQ(info.tokenKind, 3);
+    }
+  }
+}
+
+TEST(ZrcMap, EndsWhereEachTypeEnds) {
+  const std::uint32_t counts[SQLZ_ZRC_TYPE_COUNT] = {
+      3052,  151,   616,   1, 154,  212, 128, 502, 117, 183, 1, 99, 20, 30, 65536, 7428, 307, 41228,
+      41478, 34819, 52746, 1, 5136, 52,  24,  49,  17,  52,  6, 1,  1,  1,  1,     344,  314};
+  for (std::uint32_t type = 0; type < SQLZ_ZRC_TYPE_COUNT; ++type) {
+    if (type == SQLZ_ZRC_TYPE_OS_ERROR) continue;
+    EXPECT_NE(infoOf(codeOf(type, 0, 0)), kNoEntry) << type;
+    if (counts[type] > 0xFFFF) continue;
+    EXPECT_EQ(infoOf(codeOf(type, 0, counts[type])), kNoEntry) << type;
+    EXPECT_EQ(infoOf(codeOf(type, 0, 0xFFFF)), kNoEntry) << type;
+  }
+  for (std::uint32_t type = SQLZ_ZRC_TYPE_COUNT; type < 128; ++type) EXPECT_EQ(infoOf(codeOf(type, 0, 0)), kNoEntry);
+  for (const std::uint32_t code : {0x900005CFU, 0x900005D0U, 0x900005D1U, 0x900005D2U, 0xFFFFFFFFU})
+    EXPECT_EQ(infoOf(sqlzZrc(code)), kNoEntry) << std::hex << code;
+}
+
+TEST(ZrcMap, PassesByTheCompilersComponent) {
+  for (std::uint32_t type = 0; type < 128; ++type)
+    for (const std::uint32_t number : {0U, 1U, 3U, 0xFFFFU})
+      EXPECT_EQ(infoOf(codeOf(type, SQLZ_COMPONENT_SQLNN, number)), kNoEntry) << type;
+}
+
+TEST(ZrcMap, TellsTypeAndReason) {
+  EXPECT_EQ(infoOf(SQLO_NOMEM).type, 0x0B000000U);
+  EXPECT_EQ(infoOf(SQLO_INV_PARM).reason, 0xFCU);
+  EXPECT_EQ(infoOf(sqlzZrc(0x83120005)).reason, 0x120005U);
+  EXPECT_EQ(infoOf(sqlzZrc(0x07310005)).reason, 5U);
+  EXPECT_EQ(infoOf(sqlzZrc(0xFF12ABCD)).type, 0x7F000000U);
+}
+
+// The reason of "lock list full" tells whether it is the list itself.
+TEST(ZrcMap, TellsTheReasonOfAFullLockList) {
+  EXPECT_EQ(infoOf(sqlzZrc(0x8510000A)).sqlcode, -912);
+  EXPECT_EQ(infoOf(sqlzZrc(0x8510000A)).reason, 1U);
+  EXPECT_EQ(infoOf(sqlzZrc(0x850F000A)).reason, 2U);  // the same entry under another component
+  for (const TableRow& row : tableRows()) {
+    if (row.info.sqlcode != -912 || row.code == sqlzZrc(0x8510000A)) continue;
+    EXPECT_EQ(infoOf(row.code).reason, 2U) << row.name;
+  }
+}
+
+TEST(ZrcMap, TakesNullForAnyResult) {
+  EXPECT_EQ(sqlzGetZRCInfo(sqlzZrc(0x80000002), nullptr, nullptr, nullptr, nullptr), -911);
+  std::uint32_t reason = 0;
+  EXPECT_EQ(sqlzGetZRCInfo(sqlzZrc(0x80000002), nullptr, &reason, nullptr, nullptr), -911);
+  EXPECT_EQ(reason, 2U);
+}
+
+TEST(ErrorCategory, ComparesWithStandardConditions) {
+  const std::error_code noMemory = SqlzErrc(SQLO_NOMEM);
+  EXPECT_EQ(noMemory, std::errc::not_enough_memory);
+  EXPECT_NE(noMemory, std::errc::permission_denied);
+  EXPECT_EQ(noMemory.message(), "No Memory Available");
+  EXPECT_STREQ(noMemory.category().name(), "veksys");
+  EXPECT_EQ(std::error_code(SqlzErrc(sqloMapUnexpectedFileSystemErrorToZRC(EIO))), std::errc::io_error);
+  EXPECT_EQ(std::error_code(SqlzErrc(sqlzZrc(0xFFFFFFFF))).message(), "ZRC=0xFFFFFFFF=-1");
+  EXPECT_FALSE(std::error_code(SqlzErrc(0)));
+  for (int error = 1; error < 134; ++error) {
+    const std::error_condition condition(error, std::generic_category());
+    EXPECT_EQ(std::error_code(SqlzErrc(sqloMapUnexpectedFileSystemErrorToZRC(error))), condition);
+    EXPECT_EQ(std::error_code(SqlzErrc(sqloMapTcpIpErrorToZRC(error))), condition);
+  }
+  EXPECT_NE(std::error_code(SqlzErrc(SQLO_NOMEM)), std::errc::permission_denied);
+}
+
+}  // namespace

@@ -1,0 +1,524 @@
+// Control of the trace: sizes, masks, life cycle, and what happens when the machine refuses.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <sstream>
+#include <thread>
+
+#include "platform/osse.h"
+#include "platform/trace_support.h"
+#include "platform/trcapi.h"
+#include "veksys/codes.h"
+#include "veksys/pd_types.h"
+
+using namespace vektest;
+
+namespace {
+
+constexpr std::uint64_t kRingBytes = 0x100000;
+constexpr std::uint32_t kKept = 0x40000;
+constexpr std::uint32_t kAllOnes = 0xFD23FFFF;
+
+// ---- sizes ------------------------------------------------------------------------------------------------------
+
+TEST(TraceControl, SizesAreBoundedAndRoundedDown) {
+  const struct {
+    const char* defaultSize;
+    std::uint64_t asked;
+    std::uint64_t got;
+  } cases[] = {
+      {nullptr, 0, 0x200000},
+      {nullptr, 0xFFFFF, 0x200000},
+      {nullptr, 0x100000, 0x100000},
+      {nullptr, 0x1FFFFF, 0x100000},
+      {nullptr, 0x300000, 0x200000},
+      {nullptr, 0x3FFFFFFF, 0x20000000},
+      {nullptr, 0x40000000, 0x40000000},
+      {nullptr, 0x40000001, 0x200000},
+      {nullptr, ~0ULL, 0x200000},
+      {"4M", 0, 0x400000},
+      {"0x100000", 0x40000001, 0x100000},
+      {"8M", 0x100000, 0x100000},
+      {"3072K", 1, 0x300000},
+      {"much", 0, 0x200000},
+      {"", 0, 0x200000},
+      {"512K", 0, 0x200000},
+      {"2G", 0, 0x200000},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(testing::Message() << (each.defaultSize == nullptr ? "-" : each.defaultSize) << " " << each.asked);
+    const TraceInstance instance;
+    inProcess([&each] {
+      vek::ossCalls().fallocate = [](int, int, off_t, off_t) { return 0; };  // the largest need not fit the machine
+      if (each.defaultSize != nullptr) ::setenv("VEKTRC_DEF_BUFFSIZE", each.defaultSize, 1);
+      ASSERT_EQ(sqltTraceFacilityCreate(each.asked), 0);
+      EXPECT_EQ(sqltInquireTraceBufferSize(), each.got);
+      pdtEvent(kFunction, 1, 1);
+      EXPECT_EQ(readInstance().size(), 1U);
+    });
+  }
+}
+
+TEST(TraceControl, SizeTexts) {
+  const struct {
+    const char* text;
+    bool good;
+    std::uint64_t bytes;
+  } cases[] = {
+      {"0", true, 0},
+      {"2097152", true, 0x200000},
+      {"2M", true, 0x200000},
+      {"2m", true, 0x200000},
+      {"3k", true, 3072},
+      {"1G", true, 0x40000000},
+      {"0x200000", true, 0x200000},
+      {"0XaBk", true, 0xAB * 1024},
+      {"9223372036854775807", true, 0x7FFFFFFFFFFFFFFF},
+      {"9223372036854775808", false, 0},
+      {"8589934592G", false, 0},
+      {"99999999999999999999999", false, 0},
+      {"", false, 0},
+      {"M", false, 0},
+      {"0x", false, 0},
+      {"12X", false, 0},
+      {"1MB", false, 0},
+      {"1 M", false, 0},
+      {" 1", false, 0},
+      {"-1", false, 0},
+      {"1A", false, 0},
+      {nullptr, false, 0},
+  };
+  for (const auto& each : cases) {
+    std::uint64_t bytes = 12345;
+    EXPECT_EQ(vek::trcGetBuffSizeFromStr(each.text, &bytes), each.good) << (each.text == nullptr ? "null" : each.text);
+    EXPECT_EQ(bytes, each.good ? each.bytes : 12345U) << (each.text == nullptr ? "null" : each.text);
+  }
+}
+
+// ---- masks ------------------------------------------------------------------------------------------------------
+
+SqltTraceSettings settingsFor(std::uint32_t options, std::initializer_list<std::uint32_t> components) {
+  SqltTraceSettings settings = {};
+  settings.options = options;
+  settings.selection = SQLT_SELECT_MASK_BYTES;
+  for (const std::uint32_t component : components)
+    settings.components[component / 8] |= static_cast<std::uint8_t>(1U << (component % 8));
+  return settings;
+}
+
+// Applies the record; the chosen component's word must be `chosen`, every other one `others`, the event word all.
+void expectWords(const SqltTraceSettings& settings, std::uint32_t component, std::uint32_t chosen,
+                 std::uint32_t others) {
+  ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
+  for (std::uint32_t i = 0; i < SQLT_TRACE_COMPONENTS; ++i)
+    ASSERT_EQ(sqltTraceWord(i), i == component ? chosen : others) << "component " << i;
+  EXPECT_EQ(*p_sqltevents, chosen | others);
+}
+
+TEST(TraceFlags, MaskBytesChooseTheBitsOfTheComponentsInTheBitmap) {
+  // By mask byte, then by bit: the word's bits. Byte 1 crosses 0x08 and 0x10.
+  static constexpr std::uint32_t kBits[3][8] = {
+      {0, 0x1, 0x2, 0x4, 0x8, 0x10, 0x20, 0x40},
+      {0x80, 0x100, 0x200, 0x800, 0x400, 0x1000, 0x2000, 0x4000},
+      {0x220000, 0, 0x10000, 0x8000, 0, 0, 0, 0},
+  };
+  const TraceInstance instance;
+  inProcess([] {
+    for (const std::uint32_t option : {SQLT_OPTION_COMPONENTS, SQLT_OPTION_COMPONENTS_TOO})
+      for (const std::uint32_t component : {0U, 9U, 134U, 241U})
+        for (std::uint32_t byte = 0; byte < 3; ++byte)
+          for (std::uint32_t bit = 0; bit < 8; ++bit) {
+            SqltTraceSettings settings = settingsFor(option, {component});
+            settings.mask[byte] = static_cast<std::uint8_t>(1U << bit);
+            expectWords(settings, component, kBits[byte][bit], 0);
+          }
+    SqltTraceSettings all = settingsFor(SQLT_OPTION_COMPONENTS, {9});
+    std::fill(std::begin(all.mask), std::end(all.mask), std::uint8_t{0xFF});
+    expectWords(all, 9, 0x23FFFF, 0);
+    all.selection = 0xFF & ~SQLT_SELECT_MASK_BYTES;
+    expectWords(all, 9, 0, 0);
+  });
+}
+
+TEST(TraceFlags, WithoutABitmapAllButTheOptionsAreSetAndWorkloadDisplayIsKept) {
+  const TraceInstance instance;
+  inProcess([] {
+    SqltTraceSettings settings = settingsFor(0, {9});
+    settings.mask[0] = 0x02;
+    expectWords(settings, 0, kAllOnes, kAllOnes);
+    settings.options = SQLT_OPTION_ALL;
+    expectWords(settings, 0, kAllOnes | 0x100000, kAllOnes | 0x100000);
+
+    sqltSetWorkloadDisplay(true);
+    settings.options = 0;
+    expectWords(settings, 0, kAllOnes | kKept, kAllOnes | kKept);
+    settings.options = SQLT_OPTION_COMPONENTS;
+    expectWords(settings, 9, 0x1, kKept);
+    sqltSetWorkloadDisplay(true);
+    settings.options = SQLT_OPTION_COMPONENTS | SQLT_OPTION_ALL;
+    expectWords(settings, 9, 0x100001, kKept | 0x100000);
+    EXPECT_EQ(sqltSetTraceFlags(nullptr), SQLO_INV_PARM);
+  });
+}
+
+TEST(TraceFlags, ClientInterfaceHasOptionsOfItsOwn) {
+  const struct {
+    std::uint32_t options;
+    std::uint32_t added;
+    std::uint32_t addedWhenDisabled;
+  } cases[] = {
+      {0, 0, 0},
+      {0x40000, 0x80000, 0x80000},
+      {0x2000000, 0x1000000, 0},
+      {0x2100000, 0x1400000, 0},
+      {0x2200000, 0x1800000, 0},
+      {0x2300000, 0x1C00000, 0},
+      {0xA300000, 0x1C00000, 0},  // the other option counts only without selection
+      {0x8000000, 0x2000000, 0},
+      {0x8300000, 0x2000000, 0},
+      {0xA340000, 0x1C80000, 0x80000},
+  };
+  const TraceInstance instance;
+  for (const char* disable : {"", "TRUE", "true", "FALSE"}) {
+    SCOPED_TRACE(disable);
+    inProcess([&cases, disable] {
+      ::setenv("VEK_CLITRC_DISABLE", disable, 1);
+      const bool disabled = std::string(disable) == "TRUE";
+      for (const auto& each : cases) {
+        const std::uint32_t added = disabled ? each.addedWhenDisabled : each.added;
+        SqltTraceSettings settings = settingsFor(each.options | SQLT_OPTION_COMPONENTS, {SQLT_CLIENT_INTERFACE});
+        settings.mask[0] = 0x02;
+        expectWords(settings, SQLT_CLIENT_INTERFACE, 0x1 | added, 0);
+        settings.options = each.options;
+        expectWords(settings, SQLT_CLIENT_INTERFACE, kAllOnes | added, kAllOnes);
+        settings = settingsFor(each.options | SQLT_OPTION_COMPONENTS, {9});
+        settings.mask[0] = 0x02;
+        expectWords(settings, 9, 0x1, 0);
+      }
+    });
+  }
+}
+
+TEST(TraceFlags, ClearingKeepsWorkloadDisplayOfTheEventWordAlone) {
+  const TraceInstance instance;
+  inProcess([] {
+    ASSERT_EQ(sqltinit(), (1ULL << 32) | 1U);
+    for (const std::uint32_t events : {0U, kKept, 0xFFFFFFFFU, ~kKept}) {
+      std::fill_n(g_sqltCompTraceFlags, SQLT_TRACE_COMPONENTS + 1, kKept | 0x3);
+      *p_sqltevents = events;
+      sqltClearTraceFlags();
+      for (std::uint32_t i = 0; i < SQLT_TRACE_COMPONENTS; ++i) ASSERT_EQ(sqltTraceWord(i), events & kKept);
+      EXPECT_EQ(*p_sqltevents, events & kKept);
+      EXPECT_EQ(g_sqltCompTraceFlags[SQLT_TRACE_COMPONENTS], kKept | 0x3) << "behind the last word";
+    }
+  });
+}
+
+// ---- life cycle -------------------------------------------------------------------------------------------------
+
+TEST(TraceControl, CreatingAndDeletingByEitherInterface) {
+  const TraceInstance instance;
+  inProcess([&instance] {
+    const std::string dump = instance.path("dump");
+    EXPECT_EQ(sqltTraceFacilityDelete(), SQLT_TRACE_NOT_CREATED);
+    EXPECT_EQ(sqlt_dump_trace(dump.c_str()), SQLT_TRACE_NOT_CREATED);
+    EXPECT_EQ(sqlt_dump_trace(""), SQLO_INV_PARM);
+    EXPECT_EQ(sqlt_dump_trace(nullptr), SQLO_INV_PARM);
+    EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
+    EXPECT_EQ(sqltInquireTraceBufferSize(), 0U);
+    EXPECT_FALSE(sqltTraceActive());
+
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    EXPECT_EQ(sqltTraceFacilityCreate(kRingBytes * 2), SQLT_TRACE_ALREADY_CREATED);
+    EXPECT_EQ(sqltTraceFacilityCLICreate(kRingBytes * 2), 0);
+    EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
+    EXPECT_EQ(sqltInquireTraceBufferSize(), kRingBytes) << "not the client interface's to delete";
+    pdtEvent(kFunction, 1, 1);
+    const void* const record = pdGetGTRecPtr();
+    EXPECT_NE(record, nullptr);
+    std::thread([record] { EXPECT_EQ(pdGetGTRecPtr(), record) << "one for the process"; }).join();
+    SqltSharedIPCInfo info;
+    ASSERT_EQ(sqltTrcSharedIPCInfo(&info), 0);
+    EXPECT_TRUE(std::filesystem::exists(info.path));
+    EXPECT_EQ(info.bytes, kRingBytes);
+    EXPECT_STREQ(info.instance, "flight");
+    EXPECT_EQ(sqltTrcSharedIPCInfo(nullptr), SQLO_INV_PARM);
+    const int object = ::open(info.path, O_RDONLY | O_CLOEXEC);
+    EXPECT_EQ(sqltTraceFacilityDelete(), 0);
+    struct stat status = {};
+    ASSERT_EQ(::fstat(object, &status), 0);
+    EXPECT_LT(static_cast<std::uint64_t>(status.st_blocks) * 512, kRingBytes / 4) << "memory goes back at once";
+    ::close(object);
+    EXPECT_EQ(pdGetGTRecPtr(), nullptr);
+    EXPECT_FALSE(std::filesystem::exists(info.path));
+    EXPECT_EQ(sqltTraceFacilityDelete(), SQLT_TRACE_NOT_CREATED);
+
+    EXPECT_EQ(sqltTraceFacilityCLICreate(kRingBytes * 2), 0);
+    EXPECT_EQ(sqltInquireTraceBufferSize(), kRingBytes * 2);
+    pdtEvent(kFunction, 1, 2);
+    EXPECT_EQ(readInstance().size(), 1U) << "the thread follows to the new ring";
+    EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
+    EXPECT_EQ(sqltInquireTraceBufferSize(), 0U);
+    std::uint64_t auxiliary = 1;
+    EXPECT_EQ(sqltTrcAuxBufferSize(&auxiliary), 0);
+    EXPECT_EQ(auxiliary, 0U);
+    EXPECT_EQ(sqltTrcAuxBufferSize(nullptr), SQLO_INV_PARM);
+  });
+}
+
+TEST(TraceControl, ClearingForgetsWhatWasAndNothingThatComes) {
+  const TraceInstance instance;
+  inProcess([] {
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    for (const std::uint64_t before : {0U, 1U, 20U, 1000U, 200'000U})
+      for (const std::uint64_t after : {0U, 1U, 20U, 3000U}) {
+        for (std::uint64_t i = 0; i < before; ++i) pdtEvent(kFunction, 1, i);
+        pdtClearBuffer();
+        for (std::uint64_t i = 0; i < after; ++i) pdtEvent(kFunction, 2, i);
+        const std::vector<ReadRecord> records = readInstance();
+        ASSERT_EQ(records.size(), after) << before << " before";
+        for (std::uint64_t i = 0; i < after; ++i)
+          EXPECT_TRUE(records[i].probe == 2 && records[i].value == static_cast<std::int64_t>(i));
+      }
+  });
+}
+
+TEST(TraceControl, DisablingStopsAllProcessesAndKeepsTheRecords) {
+  const TraceInstance instance;
+  const SqltTraceSettings settings = settingsFor(0, {});
+  inProcess([&settings] {
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    pdtEvent(kFunction, 1, 1);
+    inProcess([&settings] {
+      ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
+      pdtClearBuffer();
+      pdtDisable();
+    });
+    EXPECT_EQ(sqltTraceWord(9), 0U);
+    EXPECT_FALSE(sqltTraceActive());
+    pdtEvent(kFunction, 2, 1);
+    const std::vector<ReadRecord> kept = readInstance();
+    for (const ReadRecord& record : kept) EXPECT_NE(record.function, kFunction);
+    EXPECT_FALSE(kept.empty()) << "the other process traced its own calls";
+    ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
+    EXPECT_TRUE(sqltTraceActive());
+    pdtEvent(kFunction, 3, 1);
+    const std::vector<ReadRecord> now = readInstance();
+    EXPECT_EQ(now.back().probe, 3U);
+  });
+}
+
+TEST(TraceControl, RecordsCarryThePartitionAndProcessTheyAreToldTo) {
+  const TraceInstance instance;
+  inProcess([] {
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    pdtEvent(kFunction, 1, 1);
+    sqltSetTrcDftNodeNum(7);
+    pdtEvent(kFunction, 1, 2);
+    sqltspid(1234);
+    pdtEvent(kFunction, 1, 3);
+    const auto self = static_cast<std::uint32_t>(::getpid());
+    const std::pair<std::int32_t, std::uint32_t> wanted[] = {{0, self}, {7, self}, {7, 1234}};
+    SqltTraceReader reader;
+    ASSERT_EQ(reader.openInstance(), 0);
+    SqltTraceRecord record = {};
+    for (const auto& [partition, process] : wanted) {
+      ASSERT_TRUE(reader.next(&record));
+      EXPECT_EQ(record.thread.partition, partition);
+      EXPECT_EQ(record.thread.processId, process);
+    }
+    EXPECT_FALSE(reader.next(&record));
+  });
+}
+
+TEST(TraceControl, CreatorsDeletersWritersAndReadersAtTheSameTime) {
+  constexpr std::uint64_t kSeed = 4;
+  const TraceInstance instance;
+  std::vector<pid_t> children;
+  for (std::uint64_t process = 0; process < 3; ++process)
+    children.push_back(startProcess([&instance, process] {
+      const std::string dump = instance.path("dump");
+      std::vector<std::jthread> threads;
+      for (std::uint64_t thread = 0; thread < 2; ++thread)
+        threads.emplace_back([&dump, process, thread] {
+          std::mt19937_64 random(kSeed + process * 2 + thread);
+          for (unsigned i = 0; i < 150 * stressFactor(); ++i) {
+            const std::uint64_t what = random() % 8;
+            SqlzZrc result = 0;
+            if (what == 0) result = sqltTraceFacilityCreate(kRingBytes << random() % 3);
+            if (what == 1) result = sqltTraceFacilityDelete();
+            if (what == 2) result = sqlt_dump_trace(dump.c_str());
+            if (what == 3) pdtClearBuffer();
+            EXPECT_TRUE(result == 0 || result == SQLT_TRACE_ALREADY_CREATED || result == SQLT_TRACE_NOT_CREATED)
+                << what << ": " << result;
+            for (std::uint64_t k = 0; k < 200; ++k) pdtEvent(kFunction, 1, k);
+            SqltTraceReader reader;
+            if (what == 4 && reader.openInstance() == 0) readAll(reader);
+          }
+        });
+    }));
+  for (const pid_t child : children) EXPECT_EQ(waitFor(child), 0) << "seed " << kSeed;
+  inProcess([&instance] {
+    SqltTraceReader reader;
+    EXPECT_EQ(reader.openFile(instance.path("dump").c_str()), 0);
+    (void)sqltTraceFacilityDelete();
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    pdtEvent(kFunction, 1, 1);
+    EXPECT_EQ(readInstance().size(), 1U);
+  });
+}
+
+// ---- refused by the machine -------------------------------------------------------------------------------------
+
+// Lets the n-th call of one service fail.
+template <auto Member>
+struct Failing;
+template <class Result, class... Arguments, Result (*vek::OssCalls::*Member)(Arguments...)>
+struct Failing<Member> {
+  static inline Result (*original)(Arguments...) = nullptr;
+  static inline int left = 0;
+  static inline int error = 0;
+
+  static Result call(Arguments... arguments) {
+    if (--left != 0) return original(arguments...);
+    errno = error;
+    if constexpr (std::is_pointer_v<Result>)
+      return MAP_FAILED;
+    else
+      return -1;
+  }
+
+  // Runs the operation with the 1st, 2nd, ... call failing, until there are no more calls.
+  template <class Operation>
+  static void eachInTurn(int failure, Operation operation) {
+    for (int n = 1; n < 2000; ++n) {
+      original = std::exchange(vek::ossCalls().*Member, call);
+      left = n;
+      error = failure;
+      const SqlzZrc result = operation();
+      vek::ossCalls().*Member = original;
+      const bool failed = left <= 0;
+      operation.check(result, failed);
+      if (!failed) return;
+    }
+  }
+};
+
+struct Creating {
+  const TraceInstance& instance;
+
+  SqlzZrc operator()() const { return sqltTraceFacilityCreate(kRingBytes); }
+  void check(SqlzZrc result, bool failed) const {
+    EXPECT_TRUE(result == 0 || (failed && (result == SQLT_TRACE_NO_SPACE || result == SQLT_TRACE_CREATE_FAILED)))
+        << result;
+    EXPECT_EQ(sqltInquireTraceBufferSize(), result == 0 ? kRingBytes : 0U);
+    EXPECT_EQ(sqltTraceFacilityDelete(), result == 0 ? 0 : SQLT_TRACE_NOT_CREATED);
+    for (const auto& file : std::filesystem::directory_iterator(instance.path("")))
+      EXPECT_EQ(file.path().string().find(".trace"), std::string::npos) << file.path();
+  }
+};
+
+std::string contentOf(const std::string& path) {
+  std::ostringstream content;
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  return content.str();
+}
+
+struct Dumping {
+  const TraceInstance& instance;
+  std::string target;
+
+  SqlzZrc operator()() const {
+    std::ofstream(target, std::ios::binary) << "an earlier file";
+    return sqlt_dump_trace(target.c_str());
+  }
+  void check(SqlzZrc result, bool failed) const {
+    EXPECT_TRUE(result == 0 || (failed && result == SQLT_TRACE_DUMP_FAILED)) << result;
+    SqltTraceReader reader;
+    const bool replaced = reader.openFile(target.c_str()) == 0;
+    EXPECT_TRUE(replaced || (result != 0 && contentOf(target) == "an earlier file"));
+    std::size_t dumps = 0;
+    for (const auto& file : std::filesystem::directory_iterator(instance.path("")))
+      dumps += file.path().string().find("/dump") != std::string::npos ? 1U : 0U;
+    EXPECT_EQ(dumps, 1U) << "nothing half-written stays";
+  }
+};
+
+TEST(TraceRefused, EachCallOfCreatingFails) {
+  const TraceInstance instance;
+  inProcess([&instance] {
+    ASSERT_EQ(sqltinit(), (1ULL << 32) | 1U);
+    const Creating creating{instance};
+    for (const int error : {ENOSPC, EIO, EACCES}) {
+      Failing<&vek::OssCalls::open>::eachInTurn(error, creating);
+      Failing<&vek::OssCalls::ftruncate>::eachInTurn(error, creating);
+      Failing<&vek::OssCalls::fallocate>::eachInTurn(error, creating);
+      Failing<&vek::OssCalls::pwrite>::eachInTurn(error, creating);
+      Failing<&vek::OssCalls::rename>::eachInTurn(error, creating);
+    }
+    Failing<&vek::OssCalls::fallocate>::eachInTurn(EINTR, creating);
+  });
+}
+
+TEST(TraceRefused, EachCallOfDumpingFailsAndLeavesTheOldFile) {
+  const TraceInstance instance;
+  inProcess([&instance] {
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    for (std::uint64_t i = 0; i < 3000; ++i) pdtEvent(kFunction, 1, i);
+    const Dumping dumping{instance, instance.path("dump")};
+    for (const int error : {ENOSPC, EIO}) {
+      Failing<&vek::OssCalls::open>::eachInTurn(error, dumping);
+      Failing<&vek::OssCalls::fsync>::eachInTurn(error, dumping);
+      Failing<&vek::OssCalls::rename>::eachInTurn(error, dumping);
+    }
+    Failing<&vek::OssCalls::pwrite>::eachInTurn(ENOSPC, dumping);
+  });
+}
+
+TEST(TraceRefused, PointsGoOnWithoutARingThatCannotBeMapped) {
+  const TraceInstance instance;
+  inProcess([] {
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    static unsigned tried = 0;
+    vek::ossCalls().mmap = [](void*, std::size_t, int, int, int, off_t) { return ++tried, errno = ENOMEM, MAP_FAILED; };
+    for (std::uint64_t i = 0; i < 1000; ++i) pdtEvent(kFunction, 1, i);
+    EXPECT_LT(tried, 20U) << "not at every point";
+    vek::ossCalls().mmap = ::mmap;
+    for (std::uint64_t i = 0; i < 100; ++i) pdtEvent(kFunction, 2, i);
+    EXPECT_EQ(readInstance().back().value, 99);
+  });
+}
+
+// A file system too small for a ring beside the region, or for a dump.
+TEST(TraceRefused, FullFileSystem) {
+  const TraceInstance instance;
+  const std::string small = instance.path("small");
+  std::filesystem::create_directory(small);
+  if (::mount("none", small.c_str(), "tmpfs", 0, "size=2500k,mode=0700") != 0)
+    GTEST_SKIP() << "mounting needs a privilege";
+  inProcess([&small] {
+    ::setenv("VEK_SHM_DIR", small.c_str(), 1);
+    EXPECT_EQ(sqltTraceFacilityCreate(kRingBytes), SQLT_TRACE_NO_SPACE);
+    for (const auto& file : std::filesystem::directory_iterator(small))
+      EXPECT_EQ(file.path().string().find(".trace"), std::string::npos) << file.path();
+  });
+  inProcess([&small] {
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes * 4), 0);
+    const std::string target = small + "/dump";
+    std::ofstream(target) << "an earlier file";
+    EXPECT_EQ(sqlt_dump_trace(target.c_str()), SQLT_TRACE_DUMP_FAILED);
+    EXPECT_EQ(contentOf(target), "an earlier file");
+  });
+  ::umount2(small.c_str(), MNT_DETACH);
+}
+
+}  // namespace

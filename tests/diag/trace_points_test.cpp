@@ -1,0 +1,406 @@
+// The trace points: what each forwards, what a scope fires, and points in odd places.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "platform/trace_support.h"
+#include "veksys/codes.h"
+#include "veksys/diag/trace_scope.h"
+#include "veksys/host.h"
+
+using namespace vektest;
+
+namespace {
+
+using Kind = SqltRecordKind;
+
+constexpr std::uint64_t kRingBytes = 0x400000;
+constexpr std::uint64_t kUnit = 4711;
+
+// ---- every member of every family -------------------------------------------------------------------------------
+
+// Item i has 1 + i bytes, so that every tail of a word occurs.
+PdtItem itemAt(std::uint32_t i) {
+  static const char bytes[] = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJ";
+  return {100 + i, 1 + i, bytes + i};
+}
+
+// What a call must leave behind.
+struct Expected {
+  const char* name;
+  Kind kind;
+  std::uint32_t probe;
+  std::int64_t value;
+  bool hasText;
+  std::uint32_t items;
+  void (*call)();
+};
+
+constexpr std::int64_t kCode = -2045837302;
+
+// clang-format off
+#define ARG(i) itemAt(i).type, itemAt(i).size, itemAt(i).data
+#define ARGS_1 ARG(0)
+#define ARGS_2 ARGS_1, ARG(1)
+#define ARGS_3 ARGS_2, ARG(2)
+#define ARGS_4 ARGS_3, ARG(3)
+#define ARGS_5 ARGS_4, ARG(4)
+#define ARGS_6 ARGS_5, ARG(5)
+#define ARGS_7 ARGS_6, ARG(6)
+#define ARGS_8 ARGS_7, ARG(7)
+#define ARGS_9 ARGS_8, ARG(8)
+#define ARGS_10 ARGS_9, ARG(9)
+#define ARGS_11 ARGS_10, ARG(10)
+#define ARGS_12 ARGS_11, ARG(11)
+#define ARGS_13 ARGS_12, ARG(12)
+#define ARGS_14 ARGS_13, ARG(13)
+#define ARGS_15 ARGS_14, ARG(14)
+#define ARGS_16 ARGS_15, ARG(15)
+#define ARGS_17 ARGS_16, ARG(16)
+#define ARGS_18 ARGS_17, ARG(17)
+#define ARGS_19 ARGS_18, ARG(18)
+#define ARGS_20 ARGS_19, ARG(19)
+
+#define ENTRY(n) {"pdtEntry" #n, Kind::kEntry, 0, kUnit, false, n, [] { pdtEntry##n(kFunction, ARGS_##n); }},
+#define EXIT(n) {"pdtExit" #n, Kind::kExit, 0, kCode, false, n, [] { pdtExit##n(kFunction, &kCode, ARGS_##n); }},
+#define DATA(n) {"pdtData" #n, Kind::kData, n, 0, false, n, [] { pdtData##n(kFunction, n, ARGS_##n); }},
+#define ERROR(n) {"pdtError" #n, Kind::kError, n, 0, false, n, [] { pdtError##n(kFunction, n, ARGS_##n); }},
+#define MARKER(n) \
+  {"pdtMarker" #n, Kind::kMarker, n, 0, true, n, [] { pdtMarker##n(kFunction, n, "a marker", ARGS_##n); }},
+
+constexpr Expected kCalls[] = {
+    {"pdtEntry", Kind::kEntry, 0, kUnit, false, 0, [] { pdtEntry(kFunction); }},
+    VEK_COUNTS_TO_16(ENTRY)
+    {"pdtExit", Kind::kExit, 0, kCode, false, 0, [] { pdtExit(kFunction, &kCode); }},
+    {"pdtExit, no address", Kind::kExit, 0, 0, false, 0, [] { pdtExit(kFunction, nullptr); }},
+    VEK_COUNTS_TO_20(EXIT)
+    VEK_COUNTS_TO_20(DATA)
+    {"pdtError", Kind::kError, 9, 0, false, 0, [] { pdtError(kFunction, 9); }},
+    VEK_COUNTS_TO_6(ERROR)
+    {"pdtErrorRc", Kind::kError, 9, kCode, false, 0, [] { pdtErrorRc(kFunction, 9, kCode); }},
+    {"pdtErrorRc1", Kind::kError, 9, kCode, false, 1, [] { pdtErrorRc1(kFunction, 9, kCode, ARGS_1); }},
+    {"pdtMarker", Kind::kMarker, 9, 0, true, 0, [] { pdtMarker(kFunction, 9, "a marker"); }},
+    VEK_COUNTS_TO_18(MARKER)
+    {"pdtEvent", Kind::kEvent, 9, 77, false, 0, [] { pdtEvent(kFunction, 9, 77); }},
+    {"pdtCorrelator", Kind::kCorrelator, 9, 78, false, 0, [] { pdtCorrelator(kFunction, 9, 78); }},
+};
+// clang-format on
+
+VekHost hostWithUnit() {
+  VekHost host = {};
+  host.size = sizeof host;
+  host.currentEngineUnitNumber = [](void*) { return kUnit; };
+  return host;
+}
+
+void expectItem(const ReadItem& item, const PdtItem& wanted) {
+  EXPECT_EQ(item.type, wanted.type);
+  EXPECT_EQ(item.size, wanted.size);
+  EXPECT_FALSE(item.isNull);
+  EXPECT_EQ(item.bytes, std::string(static_cast<const char*>(wanted.data), wanted.size));
+}
+
+TEST(TracePoints, EveryMemberForwardsWhatItWasGiven) {
+  const TraceInstance instance;
+  inProcess([] {
+    const VekHost host = hostWithUnit();
+    ASSERT_EQ(vekHostInstall(&host), 0);
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    for (const Expected& each : kCalls) each.call();
+    const std::vector<ReadRecord> records = readInstance();
+    ASSERT_EQ(records.size(), std::size(kCalls));
+    for (std::size_t i = 0; i < records.size(); ++i) {
+      const Expected& wanted = kCalls[i];
+      const ReadRecord& record = records[i];
+      SCOPED_TRACE(wanted.name);
+      EXPECT_EQ(record.kind, wanted.kind);
+      EXPECT_EQ(record.function, kFunction);
+      EXPECT_EQ(record.probe, wanted.probe);
+      EXPECT_EQ(record.value, wanted.value);
+      const std::size_t first = wanted.hasText ? 1 : 0;
+      ASSERT_EQ(record.items.size(), first + wanted.items);
+      if (wanted.hasText) expectItem(record.items[0], {PD_TYPE_STRING, 8, "a marker"});
+      for (std::uint32_t item = 0; item < wanted.items; ++item) expectItem(record.items[first + item], itemAt(item));
+    }
+  });
+}
+
+TEST(TracePoints, OlderInterfaceTranslationsAndUnitsWithoutANumber) {
+  const TraceInstance instance;
+  inProcess([] {
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    sqltEntry(kFunction);
+    sqltData(kFunction, 1, 3, "abc");
+    sqltData2(kFunction, 2, 1, "d", 2, "ef");
+    sqltData3(kFunction, 3, 1, "g", 2, "hi", 3, "jkl");
+    sqltError(kFunction, 4, 2, "mn");
+    sqltExit(kFunction, kCode);
+    pdtErrorTrans(kFunction, 5, -10, kCode);
+    struct {
+      Kind kind;
+      std::uint32_t probe;
+      std::int64_t value;
+      std::vector<std::string> items;
+    } const wanted[] = {
+        {Kind::kEntry, 0, SQLT_NO_ENGINE_UNIT, {}},
+        {Kind::kData, 1, 0, {"abc"}},
+        {Kind::kData, 2, 0, {"d", "ef"}},
+        {Kind::kData, 3, 0, {"g", "hi", "jkl"}},
+        {Kind::kError, 4, 0, {"mn"}},
+        {Kind::kExit, 0, kCode, {}},
+        {Kind::kTranslation, 5, -10, {std::string(reinterpret_cast<const char*>(&kCode), sizeof kCode)}},
+    };
+    const std::vector<ReadRecord> records = readInstance();
+    ASSERT_EQ(records.size(), std::size(wanted));
+    for (std::size_t i = 0; i < records.size(); ++i) {
+      SCOPED_TRACE(i);
+      EXPECT_EQ(records[i].kind, wanted[i].kind);
+      EXPECT_EQ(records[i].probe, wanted[i].probe);
+      EXPECT_EQ(records[i].value, wanted[i].value);
+      ASSERT_EQ(records[i].items.size(), wanted[i].items.size());
+      for (std::size_t item = 0; item < wanted[i].items.size(); ++item)
+        EXPECT_EQ(records[i].items[item].bytes, wanted[i].items[item]);
+    }
+  });
+}
+
+TEST(TracePoints, ItemsThatAreNullEmptyOrTooLargeShowAsSuch) {
+  const TraceInstance instance;
+  inProcess([] {
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    const std::string large(20'000'000, 'L');
+    const PdtItem odd[] = {{1, 8, nullptr}, {2, 0, nullptr}, {3, 0, "x"}, {4, 0x2000000, nullptr}, {5, 1, "y"}};
+    pdtEventVar(kFunction, 1, 1, std::size(odd), odd);
+    const PdtItem oversized[] = {{6, 20'000'000, large.data()}, {7, 5, nullptr}, {8, 3, "abc"}};
+    pdtEventVar(kFunction, 2, 1, std::size(oversized), oversized);
+    std::vector<PdtItem> many(25, PdtItem{9, 1000, large.data()});
+    pdtEventVar(kFunction, 3, 1, static_cast<std::uint32_t>(many.size()), many.data());
+    pdtEventVar(kFunction, 4, 1, 3, nullptr);
+    pdtMarker(kFunction, 5, nullptr);
+
+    const std::vector<ReadRecord> records = readInstance();
+    ASSERT_EQ(records.size(), 5U);
+    const std::vector<ReadItem> oddRead = {
+        {1, 8, true, ""}, {2, 0, true, ""}, {3, 0, false, ""}, {4, 0xFFFFFF, true, ""}, {5, 1, false, "y"}};
+    EXPECT_EQ(records[0].items, oddRead);
+
+    ASSERT_EQ(records[1].items.size(), 3U);
+    EXPECT_EQ(records[1].items[0].size, 0xFFFFFFU);
+    EXPECT_GT(records[1].items[0].bytes.size(), 3900U) << "about half a segment";
+    EXPECT_EQ(records[1].items[0].bytes, large.substr(0, records[1].items[0].bytes.size()));
+    EXPECT_EQ(records[1].items[1], (ReadItem{7, 5, true, ""}));
+    EXPECT_EQ(records[1].items[2], (ReadItem{8, 3, false, ""})) << "nothing was left for it";
+
+    ASSERT_EQ(records[2].items.size(), 20U);
+    EXPECT_EQ(records[2].items[0], (ReadItem{9, 1000, false, std::string(1000, 'L')}));
+    EXPECT_EQ(records[2].items[19], (ReadItem{9, 1000, false, ""}));
+    EXPECT_TRUE(records[3].items.empty());
+    EXPECT_TRUE(records[4].items.at(0).isNull);
+  });
+}
+
+// ---- the scope --------------------------------------------------------------------------------------------------
+
+std::int32_t tracedFunction() {
+  SqltTraceScope<kFunction> trace;
+  trace.data(10, 1);
+  trace.error(20, kCode, 2, 3);
+  return trace.exit(-5);
+}
+
+SqltTraceSettings settingsFor(std::uint8_t mask0, std::uint8_t mask1) {
+  SqltTraceSettings settings = {};
+  settings.options = SQLT_OPTION_COMPONENTS;
+  settings.selection = SQLT_SELECT_MASK_BYTES;
+  settings.components[9 / 8] = 1U << (9 % 8);
+  settings.mask[0] = mask0;
+  settings.mask[1] = mask1;
+  return settings;
+}
+
+TEST(TraceScope, FiresWhatItsComponentWordAsksFor) {
+  const TraceInstance instance;
+  inProcess([] {
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    for (unsigned bits = 0; bits < 32; ++bits) {
+      const SqltTraceSettings settings = settingsFor(static_cast<std::uint8_t>(bits << 1 & 0x1E), bits >> 4 & 1U);
+      ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
+      pdtClearBuffer();
+      EXPECT_EQ(tracedFunction(), -5);
+      std::vector<Kind> wanted;
+      if ((bits & 1U) != 0) wanted.push_back(Kind::kEntry);
+      if ((bits & 4U) != 0) wanted.push_back(Kind::kData);
+      if ((bits & 8U) != 0) wanted.push_back(Kind::kError);
+      if ((bits & 2U) != 0) wanted.push_back(Kind::kExit);
+      std::vector<Kind> fired;
+      for (const ReadRecord& record : readInstance()) {
+        fired.push_back(record.kind);
+        EXPECT_EQ(record.value, record.kind == Kind::kExit    ? -5
+                                : record.kind == Kind::kError ? kCode
+                                : record.kind == Kind::kEntry ? 1'000'000
+                                                              : 0);
+      }
+      EXPECT_EQ(fired, wanted) << "bits " << bits;
+    }
+  });
+}
+
+TEST(TraceScope, WorkloadDisplayTellsTheHost) {
+  const TraceInstance instance;
+  inProcess([] {
+    static std::vector<std::pair<EcfFunctionId, bool>> told;
+    VekHost host = {};
+    host.size = sizeof host;
+    host.workloadDisplayEntry = [](void*, EcfFunctionId id) { told.emplace_back(id, true); };
+    host.workloadDisplayExit = [](void*, EcfFunctionId id) { told.emplace_back(id, false); };
+    ASSERT_EQ(vekHostInstall(&host), 0);
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    sqltSetWorkloadDisplay(true);
+    tracedFunction();
+    sqltSetWorkloadDisplay(false);
+    tracedFunction();
+    const std::vector<std::pair<EcfFunctionId, bool>> wanted = {{kFunction, true}, {kFunction, false}};
+    EXPECT_EQ(told, wanted);
+    EXPECT_TRUE(readInstance().empty());
+  });
+}
+
+TEST(TraceScope, IdleProcessSeesTracingSwitchedOnLater) {
+  const TraceInstance instance;
+  int go[2];
+  ASSERT_EQ(::pipe(go), 0);
+  const pid_t idle = startProcess([&go] {
+    char byte = 0;
+    ASSERT_EQ(::read(go[0], &byte, 1), 1);
+    tracedFunction();
+  });
+  inProcess([] {
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    const SqltTraceSettings settings = settingsFor(0x1E, 0);
+    ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
+  });
+  ASSERT_EQ(::write(go[1], "g", 1), 1);
+  EXPECT_EQ(waitFor(idle), 0);
+  inProcess([] { EXPECT_EQ(readInstance().size(), 4U) << "entry, data, error and exit of its very first call"; });
+  ::close(go[0]);
+  ::close(go[1]);
+}
+
+// ---- odd places -------------------------------------------------------------------------------------------------
+
+std::atomic<std::uint64_t> g_alarms{0};
+
+void pointInHandler(int) {
+  pdtEvent(kFunction, 1, g_alarms.load(std::memory_order_relaxed));
+  g_alarms.fetch_add(1, std::memory_order_relaxed);
+}
+
+void alarmEveryMicroseconds(suseconds_t interval) {
+  struct sigaction action = {};
+  action.sa_handler = pointInHandler;
+  action.sa_flags = SA_RESTART;
+  ::sigaction(SIGALRM, &action, nullptr);
+  const itimerval timer = {{0, interval}, {0, interval}};
+  ::setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+// The thread's first point of all stands in a handler that interrupts the library inside its locks.
+TEST(TracePoints, PointInASignalHandlerInsideTheLibraryWaitsForNothing) {
+  const TraceInstance instance;
+  inProcess([] {
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    for (int round = 0; round < 20; ++round)
+      inProcess([] {
+        alarmEveryMicroseconds(20);
+        for (int i = 0; i < 20'000; ++i) sqltInquireTraceBufferSize();
+        alarmEveryMicroseconds(0);
+      });
+  });
+}
+
+TEST(TraceScope, TextsAreRecordedAsFarAsTheyGo) {
+  const TraceInstance instance;
+  inProcess([] {
+    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+    SqltTraceSettings settings = {};
+    ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
+    struct {
+      char full[4] = {'f', 'u', 'l', 'l'};
+      char behind[8] = "secret";
+    } texts;
+    char cut[8] = "cut";
+    char* pointer = cut;
+    const char* none = nullptr;
+    {
+      const SqltTraceScope<kFunction> trace;
+      trace.data(1, texts.full, cut, pointer, none, std::string("string"), "literal");
+    }
+    const std::vector<ReadRecord> records = readInstance();
+    ASSERT_EQ(records.size(), 3U);
+    const char* const expected[] = {"full", "cut", "cut", "", "string", "literal"};
+    for (std::size_t i = 0; i < std::size(expected); ++i) {
+      const auto& bytes = records[1].items[i].bytes;
+      EXPECT_EQ(std::string(bytes.begin(), bytes.end()), expected[i]);
+    }
+  });
+}
+
+TEST(TracePoints, PointInASignalHandlerInsideAPointIsLostAndCountedAndDamagesNothing) {
+  const TraceInstance instance;
+  inProcess([] {
+    ASSERT_EQ(sqltTraceFacilityCreate(0x4000000), 0);
+    pdtEvent(kFunction, 1, 0);
+    alarmEveryMicroseconds(20);
+    std::uint64_t written = 0;
+    std::uint64_t words[40] = {};
+    while (g_alarms < 2000 && written < 400'000) {
+      std::fill(std::begin(words), std::end(words), written);
+      pdtData1(kFunction, 2, 4, written % 9 == 0 ? sizeof words : 8, words);
+      ++written;
+    }
+    alarmEveryMicroseconds(0);
+    std::uint64_t events = 0;
+    std::uint64_t data = 0;
+    std::uint64_t lostBetween = 0;
+    for (const ReadRecord& record : readInstance()) {
+      EXPECT_TRUE(!record.isGap() || record.gapReason == SqltGapReason::kLost);
+      lostBetween += record.gapRecords;
+      events += record.kind == Kind::kEvent ? 1 : 0;
+      if (record.kind != Kind::kData) continue;
+      std::fill(std::begin(words), std::end(words), data);
+      ASSERT_EQ(std::memcmp(record.items[0].bytes.data(), words, record.items[0].bytes.size()), 0);
+      ++data;
+    }
+    SqltTraceReader reader;
+    ASSERT_EQ(reader.openInstance(), 0);
+    EXPECT_EQ(data, written) << "the interrupted point is never the one that is lost";
+    EXPECT_EQ(events + reader.info()->lostRecords, g_alarms + 1);
+    EXPECT_GT(reader.info()->lostRecords, 0U) << "no alarm ever came inside a point";
+    EXPECT_LE(lostBetween, reader.info()->lostRecords);
+  });
+}
+
+TEST(TracePoints, SkipSwitchIsReadOnceAndForGood) {
+  const TraceInstance instance;
+  inProcess([] { ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0); });
+  inProcess([] {
+    ::setenv("VEK_SKIP_TRACE", "", 1);
+    tracedFunction();
+    ::unsetenv("VEK_SKIP_TRACE");
+    tracedFunction();
+    pdtEvent(kFunction, 1, 1);
+    EXPECT_EQ(sqltinit(), 1ULL << 32);
+    EXPECT_EQ(sqltTraceFacilityDelete(), SQLT_TRACE_SKIPPED);
+    EXPECT_FALSE(sqltTraceActive());
+    EXPECT_EQ(sqltTraceWord(9), 0U);
+  });
+  inProcess([] { EXPECT_TRUE(readInstance().empty()); });
+}
+
+}  // namespace

@@ -1,0 +1,155 @@
+// What the host supplies, the defaults without it, and the names of components and functions.
+#include "veksys/host.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "platform/host.h"
+#include "platform/region.h"
+#include "veksys/codes.h"
+#include "veksys/diag/trace.h"
+#include "veksys_functions.h"
+
+namespace {
+
+constexpr EcfFunctionId kHostFunction = ecfFunctionId(0x09, 4711);
+
+class Host : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    host_.size = sizeof host_;
+    host_.context = this;
+    ::unsetenv("VEKINSTANCE");
+    ::unsetenv("VEKPATH");
+  }
+  void TearDown() override { vekHostInstall(nullptr); }
+
+  void useInstanceName(const char* name) {
+    std::memset(control_.instanceName, 0, sizeof control_.instanceName);
+    std::memcpy(control_.instanceName, name, ::strnlen(name, sizeof control_.instanceName));
+    host_.instanceControl = [](void* context) -> const VekInstanceControl* {
+      return &static_cast<Host*>(context)->control_;
+    };
+  }
+
+  VekHost host_ = {};
+  VekInstanceControl control_ = {};
+};
+
+TEST_F(Host, IsNotNeeded) {
+  EXPECT_STREQ(vekInstanceName(), "default");
+  EXPECT_EQ(vekInstanceControl()->DIAGLEVEL, 6);
+  EXPECT_EQ(vekInstanceControl()->NOTIFYLEVEL, 3);
+  EXPECT_EQ(vek::hostEngineUnitNumber(), SQLT_NO_ENGINE_UNIT);
+  EXPECT_EQ(vekInstallationPath()[0], '/');
+  vek::hostWorkloadDisplay(kHostFunction, true);
+  vek::hostDumpEngineUnit(SQLO_NOMEM);
+}
+
+TEST_F(Host, NamesTheInstanceBeforeTheEnvironmentDoes) {
+  ::setenv("VEKINSTANCE", "fromenv", 1);
+  EXPECT_STREQ(vekInstanceName(), "fromenv");
+  ::setenv("VEKINSTANCE", "../evil", 1);
+  EXPECT_STREQ(vekInstanceName(), "default");
+  useInstanceName("engine.one");
+  ASSERT_EQ(vekHostInstall(&host_), 0);
+  EXPECT_STREQ(vekInstanceName(), "engine.one");
+  EXPECT_EQ(vekInstanceControl(), &control_);
+}
+
+TEST_F(Host, IsRefusedWithoutEffect) {
+  useInstanceName("good");
+  ASSERT_EQ(vekHostInstall(&host_), 0);
+  VekHost other = host_;
+  other.context = nullptr;
+  for (const std::size_t size : {std::size_t{0}, sizeof other - 1, sizeof other + 8}) {
+    other.size = size;
+    EXPECT_EQ(vekHostInstall(&other), SQLO_INV_PARM) << size;
+  }
+  for (const char* name : {"a/b", ".hidden", "a b", "name-of-thirty-three-characters-xx"}) {
+    useInstanceName(name);
+    EXPECT_EQ(vekHostInstall(&host_), SQLO_INV_PARM) << name;
+  }
+  useInstanceName("good");
+  EXPECT_STREQ(vekInstanceName(), "good");
+}
+
+TEST_F(Host, TellsTheEngineUnitEitherWay) {
+  host_.currentEngineUnit = [](void*, VekEngineUnit* out) { return (out->number = 17) != 0; };
+  vekHostInstall(&host_);
+  EXPECT_EQ(vek::hostEngineUnitNumber(), 17U);
+  host_.currentEngineUnitNumber = [](void*) -> std::uint64_t { return 18; };
+  vekHostInstall(&host_);
+  EXPECT_EQ(vek::hostEngineUnitNumber(), 18U);
+  host_.currentEngineUnitNumber = [](void*) -> std::uint64_t { return 0; };
+  vekHostInstall(&host_);
+  EXPECT_EQ(vek::hostEngineUnitNumber(), SQLT_NO_ENGINE_UNIT);
+}
+
+TEST_F(Host, TellsTheInstallationPathBeforeTheEnvironmentDoes) {
+  ::setenv("VEKPATH", "/opt/veksys", 1);
+  EXPECT_STREQ(vekInstallationPath(), "/opt/veksys");
+  host_.installationPath = [](void*) { return "/srv/veksys"; };
+  vekHostInstall(&host_);
+  EXPECT_STREQ(vekInstallationPath(), "/srv/veksys");
+  ::setenv("VEKPATH", "relative", 1);
+  vekHostInstall(nullptr);
+  EXPECT_EQ(vekInstallationPath()[0], '/');
+}
+
+TEST_F(Host, NamesItsFunctions) {
+  const VekFunctionName names[] = {{kHostFunction, "keyInsert"}, {kHostFunction + 1, nullptr}};
+  host_.functionNames = names;
+  host_.functionNameCount = 2;
+  vekHostInstall(&host_);
+  EXPECT_STREQ(ecfGetFunctionName(kHostFunction), "keyInsert");
+  EXPECT_EQ(ecfGetFunctionName(kHostFunction + 1), nullptr);
+  vekHostInstall(nullptr);
+  EXPECT_EQ(ecfGetFunctionName(kHostFunction), nullptr);
+}
+
+// Ends with 0 when a host's names are found in the region after the host has gone. For a process of its own.
+[[noreturn]] void exitWithInternedNames(bool attachFirst) {
+  const std::string directory = ::testing::TempDir() + "veksys-host-" + std::to_string(::getpid());
+  std::filesystem::create_directory(directory);
+  ::setenv("VEK_SHM_DIR", directory.c_str(), 1);
+  const VekFunctionName name = {kHostFunction, "keyInsert"};
+  VekHost host = {};
+  host.size = sizeof host;
+  host.functionNames = &name;
+  host.functionNameCount = 1;
+  bool right = !attachFirst || vek::regionAttach() == 0;
+  right = right && vekHostInstall(&host) == 0 && vek::regionAttach() == 0 && vekHostInstall(nullptr) == 0;
+  const char* found = ecfGetFunctionName(kHostFunction);
+  right = right && found != nullptr && std::strcmp(found, "keyInsert") == 0;
+  std::filesystem::remove_all(directory);
+  ::exit(right ? 0 : 1);
+}
+
+TEST(HostNames, ReachOtherProcessesInstalledBeforeAttachingOrAfter) {
+  EXPECT_EXIT(exitWithInternedNames(false), ::testing::ExitedWithCode(0), "");
+  EXPECT_EXIT(exitWithInternedNames(true), ::testing::ExitedWithCode(0), "");
+}
+
+TEST(Ecf, NamesComponentsAndFunctions) {
+  EXPECT_STREQ(ecfGetComponentName(ecfFunctionId(0x0F, 1)), "operating-system services");
+  EXPECT_STREQ(ecfGetComponentShortName(ecfComponentIdOfZrc(SQLO_NOMEM)), "SQLO");
+  EXPECT_STREQ(ecfGetComponentName(ecfFunctionId(0xFE, 1)), "Unknown");
+  EXPECT_EQ(ecfGetComponentShortName(ecfFunctionId(0xFE, 1)), nullptr);
+  EXPECT_STREQ(ecfGetComponentName(0x0F), "Unknown");  // no function identifier
+  EXPECT_STREQ(ecfGetFunctionName(vek::FID_pdZRCGetDescription), "pdZRCGetDescription");
+  EXPECT_EQ(ecfGetFunctionName(ecfFunctionId(0x86, 99999)), nullptr);
+  const struct {
+    const char* name;
+    std::int32_t number;
+  } finds[] = {{"sqlo", 0x0F}, {"SQLZ", 0}, {"Utilities", 0x1A}, {"CF", 0xC0}, {"none", -1}, {"", -1}};
+  for (const auto& find : finds) EXPECT_EQ(ecfFindComponent(find.name), find.number) << find.name;
+  EXPECT_EQ(ecfFindComponent(nullptr), -1);
+}
+
+}  // namespace

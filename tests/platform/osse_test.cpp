@@ -1,0 +1,150 @@
+#include "platform/osse.h"
+
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <vector>
+
+#include "platform/support.h"
+
+namespace vek::platformtest {
+namespace {
+
+TEST(OsText, CutTerminatedAndZeroFilled) {
+  for (std::size_t bytes = 1; bytes <= 8; ++bytes) {
+    char field[8];
+    ::memset(field, '#', sizeof field);
+    ossCopyText(field, bytes, "four");
+    EXPECT_EQ(std::string(field), std::string("four").substr(0, bytes - 1));
+    EXPECT_TRUE(std::all_of(field + ::strlen(field), field + bytes, [](char c) { return c == '\0'; }));
+    EXPECT_TRUE(std::all_of(field + bytes, field + sizeof field, [](char c) { return c == '#'; }));
+    char text[8];
+    const std::size_t length = ossSnprintf(text, bytes, "%s%d", "fo", 12);
+    EXPECT_EQ(length, ::strlen(text));
+    EXPECT_EQ(std::string(text), std::string("fo12").substr(0, bytes - 1));
+  }
+  char untouched = '#';
+  ossCopyText(&untouched, 0, "x");
+  EXPECT_EQ(ossSnprintf(&untouched, 0, "x"), 0U);
+  EXPECT_EQ(untouched, '#');
+  ossCopyText(&untouched, 1, nullptr);
+  EXPECT_EQ(untouched, '\0');
+}
+
+TEST(OsDirectories, MadeWithTheirParents) {
+  const Instance instance;
+  const std::string base = instance.directory();
+  ASSERT_EQ(::symlink("nowhere", (base + "/dangling").c_str()), 0);
+  ASSERT_EQ(::symlink(base.c_str(), (base + "/loop").c_str()), 0);
+  std::fclose(std::fopen((base + "/file").c_str(), "w"));
+  const struct {
+    std::string path;
+    int result;
+  } rows[] = {
+      {base, 0},
+      {base + "/a/b//c/", 0},
+      {base + "/a/b/c", 0},
+      {base + "/loop/through", 0},
+      {base + "/file", ENOTDIR},
+      {base + "/file/below", ENOTDIR},
+      {base + "/dangling", ENOENT},
+      {"", ENAMETOOLONG},
+      {base + "/" + std::string(4096, 'x'), ENAMETOOLONG},
+      {base + "/" + std::string(256, 'x'), ENAMETOOLONG},
+  };
+  for (const auto& row : rows) EXPECT_EQ(ossMakeDirectories(row.path.c_str()), row.result) << row.path;
+  struct stat status;
+  ASSERT_EQ(::stat((base + "/a/b").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0700U);
+}
+
+// Services that take or give a byte at a time and are interrupted before each: everything arrives all the same.
+ssize_t trickle(bool write, int fd, void* buffer, std::size_t bytes, off_t offset) {
+  static bool interrupted = false;
+  interrupted = !interrupted;
+  if (interrupted) {
+    errno = EINTR;
+    return -1;
+  }
+  bytes = std::min<std::size_t>(bytes, 1);
+  return write ? ::pwrite(fd, buffer, bytes, offset) : ::pread(fd, buffer, bytes, offset);
+}
+
+TEST(OsFiles, ShortAndInterruptedTransfers) {
+  inProcess([] {
+    const Instance instance;
+    int fd = -1;
+    ASSERT_EQ(ossOpen((instance.directory() + "/f").c_str(), O_RDWR | O_CREAT, 0600, &fd), 0);
+    EXPECT_EQ(::fcntl(fd, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    ossCalls().pwrite = [](int to, const void* buffer, std::size_t bytes, off_t offset) {
+      return trickle(true, to, const_cast<void*>(buffer), bytes, offset);
+    };
+    ossCalls().pread = [](int from, void* buffer, std::size_t bytes, off_t offset) {
+      return trickle(false, from, buffer, bytes, offset);
+    };
+    EXPECT_EQ(ossWriteAt(fd, "0123456789", 10, 5), 0);
+    char text[16] = {};
+    std::size_t count = 0;
+    EXPECT_EQ(ossReadAt(fd, text, sizeof text, 6, &count), 0);
+    EXPECT_EQ(std::string(text, count), "123456789");
+    ossCalls().write = [](int, const void*, std::size_t) -> ssize_t { return 0; };
+    EXPECT_EQ(ossWriteAll(fd, "x", 1), EIO);
+    ossCalls().write = [](int, const void*, std::size_t) -> ssize_t { return errno = ENOSPC, -1; };
+    EXPECT_EQ(ossWriteAll(fd, "x", 1), ENOSPC);
+    ossClose(fd);
+    ossClose(-1);
+  });
+}
+
+TEST(OsFiles, NoSymbolicLinkIsFollowed) {
+  const Instance instance;
+  ASSERT_EQ(::symlink("target", (instance.directory() + "/link").c_str()), 0);
+  int fd = -1;
+  EXPECT_EQ(ossOpen((instance.directory() + "/link").c_str(), O_RDWR | O_CREAT, 0600, &fd), ELOOP);
+  EXPECT_FALSE(std::filesystem::exists(instance.directory() + "/target"));
+}
+
+TEST(OsLocks, ExcludeOtherProcessesAndEndWithTheirHolder) {
+  const Instance instance;
+  const std::string path = instance.directory() + "/lock";
+  Baton locked;
+  const pid_t holder = start([&] {
+    int fd = -1;
+    ASSERT_EQ(ossOpen(path.c_str(), O_RDWR | O_CREAT, 0600, &fd), 0);
+    EXPECT_EQ(ossLockByte(fd, 7), 0);
+    EXPECT_EQ(ossLockByte(fd, 7), 0);
+    EXPECT_FALSE(ossByteLockedElsewhere(fd, 7));
+    locked.give();
+    ::pause();
+  });
+  ASSERT_TRUE(locked.take());
+  int fd = -1;
+  ASSERT_EQ(ossOpen(path.c_str(), O_RDWR, 0, &fd), 0);
+  EXPECT_EQ(ossLockByte(fd, 7), EAGAIN);
+  EXPECT_TRUE(ossByteLockedElsewhere(fd, 7));
+  EXPECT_EQ(ossLockByte(fd, 8), 0);
+  EXPECT_EQ(finishKilled(holder), -SIGKILL);
+  EXPECT_FALSE(ossByteLockedElsewhere(fd, 7));
+  EXPECT_EQ(ossLockByte(fd, 7), 0);
+  ossClose(fd);
+  EXPECT_TRUE(ossByteLockedElsewhere(fd, 7)) << "in doubt the owner lives";
+}
+
+TEST(OsIdentity, OfProcessThreadAndBoot) {
+  char field[40];
+  ossBootId(field, sizeof field);
+  EXPECT_EQ(::strlen(field), 36U);
+  inProcess([] {
+    makeFail<&OssCalls::open>(0, EMFILE);
+    char none[40] = "x";
+    ossBootId(none, sizeof none);
+    EXPECT_STREQ(none, "");
+  });
+  EXPECT_EQ(ossProcessId(), static_cast<std::uint32_t>(::getpid()));
+  EXPECT_GT(ossMeasureTicksPerSecond(), 1'000'000U);
+}
+
+}  // namespace
+}  // namespace vek::platformtest

@@ -1,0 +1,702 @@
+// The instance region with real processes: every body that attaches runs in a child.
+#include "platform/region.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <functional>
+#include <memory>
+#include <random>
+#include <set>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "platform/host.h"
+#include "platform/ports.h"
+#include "platform/support.h"
+#include "platform/thread.h"
+#include "platform/trcapi.h"
+#include "platform/wint.h"
+#include "veksys/codes.h"
+#include "veksys/diag/trace.h"
+
+namespace vek::platformtest {
+namespace {
+
+const RegionNames& names() { return *static_cast<RegionNames*>(regionSection(RegionSectionId::kNames)); }
+RegionProcess* processes() { return static_cast<RegionProcess*>(regionSection(RegionSectionId::kProcesses)); }
+RegionThread* threads() { return static_cast<RegionThread*>(regionSection(RegionSectionId::kThreads)); }
+
+// Which region this process is in: equal for two processes only when they share it.
+struct Identity {
+  dev_t device = 0;
+  ino_t inode = 0;
+  bool operator==(const Identity&) const = default;
+};
+
+Identity identityOf(int fd) {
+  struct stat status = {};
+  EXPECT_EQ(::fstat(fd, &status), 0);
+  return {status.st_dev, status.st_ino};
+}
+
+// Attached, with a slot, usable: what holds after every successful attach, shared or private.
+void expectSound() {
+  ASSERT_NE(regionHeader(), nullptr);
+  ASSERT_LT(regionProcessSlot(), REGION_PROCESS_SLOTS);
+  const RegionProcess& mine = processes()[regionProcessSlot()];
+  EXPECT_EQ(mine.processId, ossProcessId());
+  EXPECT_EQ(mine.state.load(), 1U);
+  EXPECT_TRUE(regionOwnerLives(regionProcessOwner()));
+  const std::uint32_t slot = regionThreadEnter(ossThreadId(), "sound");
+  ASSERT_LT(slot, REGION_THREAD_SLOTS);
+  EXPECT_EQ(threads()[slot].owner.load(), regionProcessOwner());
+  regionThreadLeave(slot);
+  EXPECT_EQ(threads()[slot].owner.load(), 0U);
+  regionInternName(77, "seventy-seven");
+  EXPECT_STREQ(regionFindName(names(), 77), "seventy-seven");
+}
+
+void attachExpecting(SqlzZrc shared) {
+  EXPECT_EQ(regionAttach(), 0);
+  EXPECT_EQ(regionSharedStatus(), shared);
+  expectSound();
+}
+
+// A process that is attached to the instance until it is dismissed.
+class Resident {
+ public:
+  Resident() {
+    child_ = start([this] {
+      attachExpecting(0);
+      attached_.give();
+      EXPECT_TRUE(leave_.take());
+    });
+    EXPECT_TRUE(attached_.take());
+  }
+  ~Resident() { dismiss(); }
+  void kill() { EXPECT_EQ(finishKilled(std::exchange(child_, 0)), -SIGKILL); }
+  void dismiss() {
+    if (child_ == 0) return;
+    leave_.give();
+    EXPECT_EQ(finish(child_), 0);
+    child_ = 0;
+  }
+
+ private:
+  Baton attached_;
+  Baton leave_;
+  pid_t child_ = 0;
+};
+
+// ---- left-overs -------------------------------------------------------------------------------------------------
+
+template <class T>
+void patch(const std::string& path, std::size_t offset, T value) {
+  const int fd = ::open(path.c_str(), O_RDWR);
+  EXPECT_EQ(::pwrite(fd, &value, sizeof value, static_cast<off_t>(offset)), static_cast<ssize_t>(sizeof value));
+  ::close(fd);
+}
+
+void resize(const std::string& path, off_t bytes) { EXPECT_EQ(::truncate(path.c_str(), bytes), 0); }
+
+struct LeftOver {
+  const char* what;
+  void (*spoil)(const std::string& path);  // applied to a sound region
+  bool replaced;                           // when nobody lives in it
+  SqlzZrc whileInUse;
+};
+
+constexpr std::size_t kVersionAt = offsetof(RegionHeader, layoutVersion);
+
+const LeftOver kLeftOvers[] = {
+    {"sound", [](const std::string&) {}, false, 0},
+    {"none", [](const std::string& path) { ::unlink(path.c_str()); }, true, 0},
+    {"half built", [](const std::string& path) { resize(path, 0), resize(path, 1 << 20); }, true, SQLO_REGION_DAMAGED},
+    {"not ready", [](const std::string& path) { patch(path, offsetof(RegionHeader, ready), 0U); }, true,
+     SQLO_REGION_DAMAGED},
+    {"other boot", [](const std::string& path) { patch(path, offsetof(RegionHeader, bootId), 'z'); }, true,
+     SQLO_REGION_DAMAGED},
+    {"unknown boot", [](const std::string& path) { patch(path, offsetof(RegionHeader, bootId), '\0'); }, false, 0},
+    {"garbage", [](const std::string& path) { patch(path, 0, 0x5A5A5A5A5A5A5A5AULL); }, true, SQLO_REGION_DAMAGED},
+    {"cut in the header", [](const std::string& path) { resize(path, 100); }, true, SQLO_REGION_DAMAGED},
+    {"cut behind the header", [](const std::string& path) { resize(path, 8192); }, true, SQLO_REGION_DAMAGED},
+    {"other size", [](const std::string& path) { patch(path, offsetof(RegionHeader, bytes), 4096ULL); }, true,
+     SQLO_REGION_DAMAGED},
+    {"other section", [](const std::string& path) { patch(path, offsetof(RegionHeader, sections) + 8, 0ULL); }, true,
+     SQLO_REGION_DAMAGED},
+    {"other version", [](const std::string& path) { patch(path, kVersionAt, 2U); }, true, SQLO_REGION_VERSION},
+};
+
+void raceToAttach(std::size_t count, const LeftOver& leftOver) {
+  Shared<std::array<Identity, 64>> found;
+  Shared<std::array<std::uint32_t, 64>> slots;
+  Baton go;
+  Baton attached;
+  Baton leave;
+  std::vector<pid_t> children;
+  for (std::size_t i = 0; i < count; ++i)
+    children.push_back(start([&, i] {
+      EXPECT_TRUE(go.take());
+      attachExpecting(0);
+      (*found)[i] = identityOf(regionDescriptor());
+      (*slots)[i] = regionProcessSlot();
+      attached.give();
+      EXPECT_TRUE(leave.take());
+    }));
+  go.give(count);
+  EXPECT_TRUE(attached.take(count)) << leftOver.what;
+  leave.give(count);
+  for (const pid_t child : children) EXPECT_EQ(finish(child), 0) << leftOver.what;
+  std::set<std::uint32_t> distinct;
+  for (std::size_t i = 0; i < count; ++i) {
+    EXPECT_EQ((*found)[i], (*found)[0]) << leftOver.what;
+    distinct.insert((*slots)[i]);
+  }
+  EXPECT_EQ(distinct.size(), count) << leftOver.what;
+}
+
+TEST(RegionAttach, RacingProcessesShareOneRegionWhateverWasLeft) {
+  for (const LeftOver& leftOver : kLeftOvers) {
+    const Instance instance;
+    Resident().dismiss();
+    const int old = ::open(instance.region().c_str(), O_RDONLY);
+    leftOver.spoil(instance.region());
+    raceToAttach(::strcmp(leftOver.what, "none") == 0 ? 40 : 8, leftOver);
+    struct stat status = {};
+    ASSERT_EQ(::fstat(old, &status), 0);
+    EXPECT_EQ(status.st_nlink == 0, leftOver.replaced) << leftOver.what;
+    ::close(old);
+  }
+}
+
+int g_events;
+PortEvent g_lastEvent;
+
+void expectOneReport(SqlzZrc code) {
+  g_ports.reportEvent = [](const PortEvent& event) { ++g_events, g_lastEvent = event; };
+  regionReportOnce();
+  regionReportOnce();
+  EXPECT_EQ(g_events, code == 0 ? 0 : 1);
+  if (code != 0) {
+    EXPECT_EQ(g_lastEvent.zrc, code);
+  }
+}
+
+TEST(RegionAttach, NothingOfALivingProcessIsReplaced) {
+  for (const LeftOver& leftOver : kLeftOvers) {
+    const Instance instance;
+    Resident resident;
+    leftOver.spoil(instance.region());
+    EXPECT_EQ(runInProcess([&] {
+                attachExpecting(leftOver.whileInUse);
+                EXPECT_EQ(vekInstanceStatus(), leftOver.whileInUse);
+                expectOneReport(leftOver.whileInUse);
+              }),
+              0)
+        << leftOver.what;
+    resident.kill();  // what it stands on may be gone
+    EXPECT_EQ(runInProcess([] { attachExpecting(0); }), 0) << leftOver.what;
+  }
+}
+
+// ---- objects that are not taken ---------------------------------------------------------------------------------
+
+TEST(RegionAttach, ObjectsOfOthersAndOtherKindsAreRefused) {
+  const bool root = ::geteuid() == 0;
+  const struct {
+    const char* what;
+    std::function<void(const std::string&)> make;
+    SqlzZrc expected;
+  } rows[] = {
+      {"open to others",
+       [](const std::string& path) { ::close(::creat(path.c_str(), 0)), ::chmod(path.c_str(), 0666); },
+       SQLO_REGION_OWNER},
+      {"foreign owner",
+       [root](const std::string& path) {
+         ::close(::creat(path.c_str(), root ? 0600 : 0640));
+         if (root && ::chown(path.c_str(), 65534, 65534) != 0) ADD_FAILURE();
+       },
+       SQLO_REGION_OWNER},
+      {"symbolic link", [](const std::string& path) { EXPECT_EQ(::symlink("/dev/null", path.c_str()), 0); },
+       SQLO_REGION_DENIED},
+      {"dangling link", [](const std::string& path) { EXPECT_EQ(::symlink("nowhere", path.c_str()), 0); },
+       SQLO_REGION_DENIED},
+      {"directory", [](const std::string& path) { ::mkdir(path.c_str(), 0700); }, SQLO_REGION_DENIED},
+      {"pipe", [](const std::string& path) { ::mkfifo(path.c_str(), 0600); }, SQLO_REGION_DENIED},
+      {"no directory", [](const std::string&) { ::setenv("VEK_SHM_DIR", "/nonexistent", 1); }, SQLO_REGION_DENIED},
+  };
+  for (const auto& row : rows) {
+    const Instance instance;
+    row.make(instance.region());
+    struct stat before = {};
+    struct stat after = {};
+    const int found = ::lstat(instance.region().c_str(), &before);
+    EXPECT_EQ(runInProcess([&] {
+                attachExpecting(row.expected);
+                expectOneReport(row.expected);
+              }),
+              0)
+        << row.what;
+    EXPECT_EQ(::lstat(instance.region().c_str(), &after), found);
+    EXPECT_EQ(after.st_ino, before.st_ino) << row.what;
+    EXPECT_EQ(after.st_size, before.st_size) << row.what;
+  }
+}
+
+TEST(RegionAttach, DirectoryOfAnotherUserIsDenied) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only the superuser can become another user";
+  const Instance instance;
+  inProcess([] {
+    ASSERT_EQ(::setuid(65534), 0);
+    attachExpecting(SQLO_REGION_DENIED);
+  });
+}
+
+TEST(RegionAttach, FullFileSystemIsAnsweredByACode) {
+  const Instance instance;
+  const int code = runInProcess([&] {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", instance.directory().c_str(), "tmpfs", 0, "size=64k") != 0)
+      ::_exit(kSkip);
+    attachExpecting(SQLO_REGION_NO_SPACE);
+    EXPECT_FALSE(std::filesystem::exists(instance.region()));
+    expectOneReport(SQLO_REGION_NO_SPACE);
+  });
+  if (code == kSkip) GTEST_SKIP() << "no file system can be mounted here";
+  EXPECT_EQ(code, 0);
+}
+
+// ---- failing services -------------------------------------------------------------------------------------------
+
+std::ptrdiff_t openDescriptors() {
+  return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), std::filesystem::directory_iterator());
+}
+
+// Attaches while the n-th service fails, then once more; answers whether there were so many calls.
+bool attachWithFailure(int call, int error) {
+  const std::ptrdiff_t before = openDescriptors();
+  makeAnyServiceFail(call, error);
+  const SqlzZrc result = regionAttach();
+  const bool failed = Failure::callsLeft < 0;
+  Failure::callsLeft = -1;
+  if (result != 0) {
+    EXPECT_EQ(result, SQLO_REGION_NO_MEMORY);
+    EXPECT_EQ(regionProcessSlot(), REGION_NO_SLOT);
+    EXPECT_EQ(regionAttach(), 0);
+  }
+  expectSound();
+  EXPECT_EQ(openDescriptors(), before + 1) << "call " << call << " error " << error;
+  return failed;
+}
+
+// The process whose service fails and one that comes later: the later one always gets a shared region.
+bool failingRound(const LeftOver& leftOver, int call, int error) {
+  const Instance instance;
+  Resident().dismiss();
+  leftOver.spoil(instance.region());
+  Baton attached;
+  Baton leave;
+  Shared<bool> failed;
+  const pid_t child = start([&] {
+    *failed = attachWithFailure(call, error);
+    attached.give();
+    EXPECT_TRUE(leave.take());
+  });
+  EXPECT_TRUE(attached.take());
+  EXPECT_EQ(runInProcess([] { attachExpecting(0); }), 0) << leftOver.what << " call " << call << " error " << error;
+  leave.give();
+  EXPECT_EQ(finish(child), 0) << leftOver.what << " call " << call << " error " << error;
+  return *failed;
+}
+
+TEST(RegionAttach, AnyServiceMayFail) {
+  for (const int start : {0, 1, 6})
+    for (const int error : {ENOSPC, EMFILE, EINTR}) {
+      int call = 0;
+      while (failingRound(kLeftOvers[start], call, error) && call < 2000) call += call < 30 ? 1 : 101;
+      EXPECT_GT(call, 8);
+    }
+}
+
+// Nobody may find the region empty between its opening and the first slot in it.
+TEST(RegionAttach, TheFirstSlotIsTakenUnderTheRegionLock) {
+  const Instance instance;
+  static bool regionLocked;
+  static decltype(OssCalls::lockByte) realLock;
+  inProcess([] {
+    realLock = ossCalls().lockByte;
+    ossCalls().lockByte = [](int fd, int command, short type, off_t offset, off_t bytes, int* conflict) {
+      if (offset == static_cast<off_t>(REGION_LOCK_BYTE))
+        regionLocked = type == F_WRLCK;
+      else
+        EXPECT_TRUE(regionLocked);
+      return realLock(fd, command, type, offset, bytes, conflict);
+    };
+    EXPECT_EQ(regionAttach(), 0);
+    EXPECT_FALSE(regionLocked);
+  });
+}
+
+TEST(RegionAttach, StoppedLockHolderDelaysForABoundedTime) {
+  const Instance instance;
+  const pid_t holder = start([] {
+    attachExpecting(0);
+    const RegionLock lock(0);
+    EXPECT_TRUE(lock.held());
+    ::raise(SIGSTOP);
+  });
+  int status = 0;
+  ASSERT_EQ(::waitpid(holder, &status, WUNTRACED), holder);
+  ASSERT_TRUE(WIFSTOPPED(status));
+  inProcess([] {
+    const std::int64_t startNs = ossMonotonicNs();
+    attachExpecting(SQLO_REGION_BUSY);
+    EXPECT_LT(ossMonotonicNs() - startNs, 10'000'000'000);
+    expectOneReport(SQLO_REGION_BUSY);
+  });
+  ::kill(holder, SIGCONT);
+  EXPECT_EQ(finish(holder), 0);
+  inProcess([] { attachExpecting(0); });
+}
+
+TEST(RegionLock, ExcludesThreadsOfOneProcessToo) {
+  const Instance instance;
+  inProcess([] {
+    EXPECT_FALSE(RegionLock(0).held());
+    EXPECT_EQ(regionAttach(), 0);
+    const RegionLock lock(0);
+    EXPECT_TRUE(lock.held());
+    std::thread([] {
+      EXPECT_FALSE(RegionLock(0).held());
+      EXPECT_FALSE(regionSweep());
+    }).join();
+  });
+}
+
+// ---- fork -------------------------------------------------------------------------------------------------------
+
+TEST(RegionFork, ChildTakesASlotOfItsOwnAndLeavesTheParentsAlone) {
+  const Instance instance;
+  inProcess([] {
+    attachExpecting(0);
+    const std::uint64_t parent = regionProcessOwner();
+    inProcess([&] {
+      EXPECT_EQ(regionProcessSlot(), REGION_NO_SLOT);
+      EXPECT_EQ(regionProcessOwner(), 0U);
+      EXPECT_FALSE(regionSweep());
+      EXPECT_TRUE(regionOwnerLives(parent));
+      attachExpecting(0);
+      EXPECT_NE(regionOwnerSlot(regionProcessOwner()), regionOwnerSlot(parent));
+    });
+    expectSound();
+    EXPECT_EQ(regionProcessOwner(), parent);
+    inProcess([&] {
+      attachExpecting(0);
+      EXPECT_TRUE(regionSweep());
+      EXPECT_TRUE(regionOwnerLives(parent));
+    });
+  });
+}
+
+// The parent of a child that has not used the library yet ends, and another version replaces the empty region.
+TEST(RegionFork, ChildOfAReplacedRegionWorksAlone) {
+  const Instance instance;
+  Baton replaced;
+  Baton done;
+  Shared<int> failures;
+  inProcess([&] {
+    attachExpecting(0);
+    if (::fork() != 0) return;
+    EXPECT_TRUE(replaced.take());
+    attachExpecting(SQLO_REGION_VERSION);
+    *failures = expectationsFailed();
+    done.give();
+    endAtOnce();
+  });
+  patch(instance.region(), kVersionAt, 2U);
+  const Resident other;
+  replaced.give();
+  EXPECT_TRUE(done.take());
+  EXPECT_EQ(*failures, 0);
+}
+
+TEST(RegionFork, WhileOtherThreadsAttach) {
+  for (int round = 0; round < 150; ++round) {
+    const Instance instance;
+    ASSERT_EQ(runInProcess([] {
+                std::vector<std::thread> attaching;
+                for (int i = 0; i < 3; ++i) attaching.emplace_back([] { EXPECT_NE(threadSelf(), nullptr); });
+                for (int i = 0; i < 3; ++i)
+                  inProcess([] {
+                    EXPECT_NE(threadSelf(), nullptr);
+                    attachExpecting(0);
+                    endAtOnce();
+                  });
+                for (std::thread& thread : attaching) thread.join();
+                attachExpecting(0);
+              }),
+              0)
+        << "round " << round;
+  }
+}
+
+// ---- slots ------------------------------------------------------------------------------------------------------
+
+// Holds the bytes of all process slots that are still free.
+pid_t takeAllSlots(const Instance& instance, Baton& taken) {
+  const pid_t child = start([&] {
+    const int fd = ::open(instance.region().c_str(), O_RDWR);
+    for (std::uint32_t slot = 0; slot < REGION_PROCESS_SLOTS; ++slot) ossLockByte(fd, REGION_SLOT_LOCK_BASE + slot);
+    taken.give();
+    ::pause();
+  });
+  EXPECT_TRUE(taken.take());
+  return child;
+}
+
+TEST(RegionSlots, WhenAllAreTakenAProcessWorksPrivately) {
+  const Instance instance;
+  Baton taken;
+  inProcess([&] {
+    attachExpecting(0);
+    EXPECT_TRUE(g_ports.attachTrace());
+    EXPECT_EQ(trcCreateShared(1 << 20, false), 0);
+    wintStore(9, SQLT_TRACE_ENTRY);
+    const pid_t holder = takeAllSlots(instance, taken);
+    inProcess([] {  // a forked child, with pointers into its parent's mapping
+      EXPECT_EQ(wintTraceWord(9), SQLT_TRACE_ENTRY);
+      sqltEntry(ecfFunctionId(9, 17));
+      attachExpecting(SQLO_REGION_SLOTS);
+      expectOneReport(SQLO_REGION_SLOTS);
+      sqltEntry(ecfFunctionId(9, 17));
+      EXPECT_FALSE(trcIsOn());
+      EXPECT_EQ(wintTraceWord(9), 0U);
+    });
+    EXPECT_TRUE(trcIsOn());
+    EXPECT_EQ(wintTraceWord(9), SQLT_TRACE_ENTRY);
+    finishKilled(holder);
+    inProcess([] { attachExpecting(0); });
+  });
+  const pid_t holder = takeAllSlots(instance, taken);
+  inProcess([] { attachExpecting(SQLO_REGION_SLOTS); });
+  finishKilled(holder);
+}
+
+std::uint32_t takeAllThreadSlots() {
+  std::uint32_t taken = 0;
+  while (regionThreadEnter(taken, "filler") != REGION_NO_SLOT) ++taken;
+  return taken;
+}
+
+TEST(RegionSlots, ThreadSlotsRunOutAndComeBack) {
+  const Instance instance;
+  inProcess([] {
+    EXPECT_EQ(regionThreadEnter(1, "early"), REGION_NO_SLOT);
+    attachExpecting(0);
+    EXPECT_EQ(takeAllThreadSlots(), REGION_THREAD_SLOTS);
+    EXPECT_NE(threadSelf(), nullptr);
+    EXPECT_EQ(threadSelf()->threadSlot, REGION_NO_SLOT);
+    regionThreadLeave(REGION_NO_SLOT);
+    regionThreadLeave(4711);
+    EXPECT_EQ(regionThreadEnter(9, "again"), 4711U);
+    inProcess([] {
+      EXPECT_EQ(regionAttach(), 0);
+      regionThreadLeave(4711);  // not this process's
+      EXPECT_EQ(takeAllThreadSlots(), 0U);
+    });
+  });
+}
+
+TEST(RegionSlots, ThreadsOfAKilledProcessAreReclaimedWhenNeeded) {
+  const Instance instance;
+  const Resident other;  // takes the first slot, so that nobody moves into that of the dead
+  inProcess([&] {
+    Baton full;
+    const pid_t dead = start([&] {
+      EXPECT_EQ(regionAttach(), 0);
+      EXPECT_EQ(takeAllThreadSlots(), REGION_THREAD_SLOTS);
+      full.give();
+      ::pause();
+    });
+    EXPECT_EQ(regionAttach(), 0);
+    EXPECT_TRUE(full.take());
+    EXPECT_EQ(regionThreadEnter(1, "none"), REGION_NO_SLOT);
+    EXPECT_EQ(finishKilled(dead), -SIGKILL);
+    EXPECT_LT(regionThreadEnter(1, "found"), REGION_THREAD_SLOTS);
+  });
+}
+
+// ---- killed at random -------------------------------------------------------------------------------------------
+
+constexpr int kWorkers = 4;
+
+struct Arena {
+  struct Worker {
+    std::atomic<std::uint64_t> owner;
+    std::atomic<bool> doomed;
+  };
+  Worker workers[kWorkers];
+  std::atomic<bool> over;
+  std::atomic<std::uint64_t> checks;
+};
+
+// Attaches and lets threads come and go until it is killed.
+void work(Arena::Worker& worker) {
+  attachExpecting(0);
+  worker.owner = regionProcessOwner();
+  for (std::uint32_t i = 1;; ++i) {
+    std::thread([] {
+      const ThreadState* self = threadSelf();
+      ASSERT_NE(self, nullptr);
+      EXPECT_EQ(threads()[self->threadSlot].owner.load(), regionProcessOwner());
+    }).join();
+    regionInternName(i % 1000 + 1, "name");
+    EXPECT_EQ(processes()[regionProcessSlot()].processId, ossProcessId());
+    if (expectationsFailed() != 0) return;
+  }
+}
+
+// Sweeps all the time and never takes a worker for dead that is not being killed.
+void watch(Arena& arena) {
+  attachExpecting(0);
+  while (!arena.over) {
+    regionSweep();
+    for (Arena::Worker& worker : arena.workers) {
+      const std::uint64_t owner = worker.owner;
+      const bool lives = owner == 0 || regionOwnerLives(owner);
+      if (!lives && !worker.doomed) {
+        EXPECT_NE(worker.owner.load(), owner) << "a living process was taken for dead";
+      }
+      arena.checks += owner != 0 ? 1 : 0;
+    }
+  }
+}
+
+void expectNothingLeft() {
+  attachExpecting(0);
+  EXPECT_TRUE(regionSweep());
+  for (std::uint32_t slot = 0; slot < REGION_PROCESS_SLOTS; ++slot)
+    EXPECT_EQ(processes()[slot].state.load() != 0, slot == regionProcessSlot()) << slot;
+  for (std::uint32_t slot = 0; slot < REGION_THREAD_SLOTS; ++slot) EXPECT_EQ(threads()[slot].owner.load(), 0U) << slot;
+}
+
+TEST(RegionKill, NothingIsLostAndNoLivingProcessIsTakenForDead) {
+  const Instance instance;
+  const std::uint32_t seed = std::random_device{}();
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  Shared<Arena> arena;
+  const pid_t watcher = start([&] { watch(*arena); });
+  std::vector<pid_t> workers(kWorkers);
+  const auto startWorker = [&](std::size_t i) {
+    arena->workers[i].owner = 0;
+    arena->workers[i].doomed = false;
+    workers[i] = start([&, i] { work(arena->workers[i]); });
+  };
+  for (std::size_t i = 0; i < kWorkers; ++i) startWorker(i);
+  for (int round = 0; round < 300; ++round) {
+    ::usleep(static_cast<useconds_t>(random() % 6000));  // when the next one dies
+    const std::size_t victim = random() % kWorkers;
+    arena->workers[victim].doomed = true;
+    EXPECT_EQ(finishKilled(workers[victim]), -SIGKILL) << "round " << round;
+    startWorker(victim);
+  }
+  for (std::size_t i = 0; i < kWorkers; ++i) {
+    arena->workers[i].doomed = true;
+    EXPECT_EQ(finishKilled(workers[i]), -SIGKILL);
+  }
+  arena->over = true;
+  EXPECT_EQ(finish(watcher), 0);
+  EXPECT_GT(arena->checks.load(), 300U);
+  inProcess([] { expectNothingLeft(); });
+}
+
+TEST(RegionKill, KilledBuilderIsReplaced) {
+  std::mt19937 random(std::random_device{}());
+  for (int round = 0; round < 60; ++round) {
+    const Instance instance;
+    Baton started;
+    const pid_t builder = start([&] {
+      started.give();
+      regionAttach();
+      ::pause();
+    });
+    EXPECT_TRUE(started.take());
+    ::usleep(static_cast<useconds_t>(random() % 1500));  // when it dies
+    EXPECT_EQ(finishKilled(builder), -SIGKILL);
+    ASSERT_EQ(runInProcess([] { attachExpecting(0); }), 0);
+  }
+}
+
+// ---- interned names ---------------------------------------------------------------------------------------------
+
+TEST(RegionNames, InternedByManyProcessesAtOnce) {
+  const Instance instance;
+  std::vector<pid_t> children;
+  Baton go;
+  for (std::uint32_t who = 0; who < 4; ++who)
+    children.push_back(start([&, who] {
+      EXPECT_EQ(regionAttach(), 0);
+      EXPECT_TRUE(go.take());
+      for (std::uint32_t key = 1; key <= 300; ++key) {
+        regionInternName(key, ("common" + std::to_string(key)).c_str());
+        const std::uint32_t own = (who + 1) * 1000 + key;
+        regionInternName(own, ("own" + std::to_string(own)).c_str());
+      }
+    }));
+  go.give(4);
+  for (const pid_t child : children) EXPECT_EQ(finish(child), 0);
+  inProcess([] {
+    EXPECT_EQ(regionAttach(), 0);
+    for (std::uint32_t key = 1; key <= 300; ++key) {
+      EXPECT_EQ(regionFindName(names(), key), "common" + std::to_string(key));
+      for (std::uint32_t own = 1000 + key; own < 5000; own += 1000)
+        EXPECT_EQ(regionFindName(names(), own), "own" + std::to_string(own));
+    }
+    EXPECT_EQ(names().dropped.load(), 0U);
+    const std::uint32_t before = names().entryCount;
+    regionInternName(1, "another");
+    EXPECT_STREQ(regionFindName(names(), 1), "common1");
+    EXPECT_EQ(names().entryCount.load(), before);
+  });
+}
+
+TEST(RegionNames, WhatDoesNotFitIsCounted) {
+  const struct {
+    std::size_t length;
+    std::uint32_t fit;
+  } rows[] = {{1, REGION_NAME_SLOTS}, {255, REGION_NAME_BYTES / 256}, {300, REGION_NAME_BYTES / 256}};
+  for (const auto& row : rows) {
+    const Instance instance;
+    inProcess([&] {
+      EXPECT_EQ(regionAttach(), 0);
+      const std::string name(row.length, 'n');
+      for (std::uint32_t key = 1; key <= row.fit + 3; ++key) regionInternName(key, name.c_str());
+      EXPECT_EQ(regionFindName(names(), row.fit), name.substr(0, 255));
+      EXPECT_EQ(regionFindName(names(), row.fit + 1), nullptr);
+      EXPECT_EQ(names().dropped.load(), 3U);
+      EXPECT_EQ(names().entryCount.load(), row.fit) << "a name that does not fit uses nothing up";
+    });
+  }
+}
+
+TEST(RegionNames, DamagedAndIncompleteEntriesAreSkipped) {
+  const auto table = std::make_unique<RegionNames>();
+  ::strcpy(table->text, "first");
+  ::memset(table->text + REGION_NAME_BYTES - 8, 'x', 8);  // no terminator
+  const std::uint32_t offsets[] = {0, REGION_NAME_BYTES, 0xFFFFFFFFU, REGION_NAME_BYTES - 8, 0};
+  const std::uint32_t keys[] = {0, 5, 6, 7, 8};
+  for (std::size_t i = 0; i < 5; ++i) table->entries[i].key = keys[i], table->entries[i].offset = offsets[i];
+  table->entryCount = 0xFFFFFFFFU;
+  for (const std::uint32_t key : {0U, 5U, 6U, 7U, 9U}) EXPECT_EQ(regionFindName(*table, key), nullptr) << key;
+  EXPECT_STREQ(regionFindName(*table, 8), "first");
+}
+
+}  // namespace
+}  // namespace vek::platformtest

@@ -1,0 +1,195 @@
+// What tests of the platform share: an instance of their own, bodies in processes of their own (the library's state is
+// one per process, and the test program itself never touches it), batons between processes, and failing services.
+#pragma once
+
+#include <errno.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <new>
+#include <string>
+
+#include "platform/osse.h"
+
+namespace vek::platformtest {
+
+inline constexpr int kSkip = 77;  // exit code of a body that cannot run here
+
+// An instance whose directories are its own instead of the machine's; gone at the end of the scope.
+class Instance {
+ public:
+  Instance() {
+    char pattern[] = "/dev/shm/veksys_platform.XXXXXX";
+    directory_ = ::mkdtemp(pattern);
+    ::setenv("VEK_SHM_DIR", directory_.c_str(), 1);
+    ::setenv("VEK_INSTANCE_DIR", (directory_ + "/instance").c_str(), 1);
+    ::setenv("VEKINSTANCE", "platformtest", 1);
+  }
+  ~Instance() {
+    std::error_code ignored;
+    std::filesystem::remove_all(directory_, ignored);
+    for (const char* name : {"VEK_SHM_DIR", "VEK_INSTANCE_DIR", "VEKINSTANCE"}) ::unsetenv(name);
+  }
+  Instance(const Instance&) = delete;
+  Instance& operator=(const Instance&) = delete;
+
+  const std::string& directory() const { return directory_; }
+  std::string region() const { return directory_ + "/veksys." + std::to_string(::geteuid()) + ".platformtest"; }
+
+ private:
+  std::string directory_;
+};
+
+inline int expectationsFailed() {
+  return ::testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
+}
+
+// Ends without exit handlers or a sanitizer's last checks, which miss the threads of a forked child's parent and the
+// rights of a process that has changed its user.
+inline void endAtOnce() { ::syscall(SYS_exit_group, expectationsFailed() != 0 ? 1 : 0); }
+
+// Starts `body` in a process of its own, which ends with 1 when an expectation failed in it and is killed when it
+// hangs.
+template <class Body>
+pid_t start(Body body) {
+  std::fflush(nullptr);
+  const pid_t child = ::fork();
+  if (child != 0) return child;
+  ::alarm(60);
+  const int before = expectationsFailed();
+  body();
+  std::fflush(nullptr);
+  ::exit(expectationsFailed() != before ? 1 : 0);
+}
+
+// The exit code of a child, or minus the signal that killed it.
+inline int finish(pid_t child) {
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+inline int finishKilled(pid_t child) {
+  ::kill(child, SIGKILL);
+  return finish(child);
+}
+
+template <class Body>
+int runInProcess(Body body) {
+  return finish(start(body));
+}
+
+template <class Body>
+void inProcess(Body body) {
+  EXPECT_EQ(runInProcess(body), 0) << "the process of this body failed or died";
+}
+
+// Counted signals between processes. A take that nobody answers fails instead of hanging.
+class Baton {
+ public:
+  Baton() { EXPECT_EQ(::pipe(ends_), 0); }
+  ~Baton() {
+    ::close(ends_[0]);
+    ::close(ends_[1]);
+  }
+  Baton(const Baton&) = delete;
+  Baton& operator=(const Baton&) = delete;
+
+  void give(std::size_t count = 1) {
+    for (; count > 0; --count) EXPECT_EQ(::write(ends_[1], "x", 1), 1);
+  }
+  bool take(std::size_t count = 1) {
+    for (; count > 0; --count) {
+      pollfd ready = {ends_[0], POLLIN, 0};
+      char byte;
+      if (::poll(&ready, 1, 30'000) != 1 || ::read(ends_[0], &byte, 1) != 1) return false;
+    }
+    return true;
+  }
+
+ private:
+  int ends_[2] = {-1, -1};
+};
+
+// One object that processes started later share.
+template <class T>
+class Shared {
+ public:
+  Shared() : object_(new (map()) T{}) {}
+  ~Shared() { ::munmap(object_, sizeof(T)); }
+  Shared(const Shared&) = delete;
+  Shared& operator=(const Shared&) = delete;
+  T* operator->() const { return object_; }
+  T& operator*() const { return *object_; }
+
+ private:
+  static void* map() { return ::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0); }
+  T* object_;
+};
+
+// ---- failing services -------------------------------------------------------------------------------------------
+
+// The n-th call of any service (counted from 0) fails with `error`. Giving a record lock back never does.
+struct Failure {
+  static inline int callsLeft = -1;
+  static inline int error = 0;
+
+  static bool isDue() {
+    if (callsLeft < 0 || callsLeft-- != 0) return false;
+    errno = error;
+    return true;
+  }
+};
+
+template <auto Member, class Result, class... Arguments>
+struct FailingCall {
+  static inline Result (*real)(Arguments...) = nullptr;
+
+  static Result call(Arguments... arguments) {
+    if (!isUnlock(arguments...) && Failure::isDue()) {
+      if constexpr (std::is_pointer_v<Result>)
+        return MAP_FAILED;
+      else
+        return -1;
+    }
+    return real(arguments...);
+  }
+  template <class... All>
+  static bool isUnlock(All...) {
+    return false;
+  }
+  static bool isUnlock(int, int, short type, off_t, off_t, int*) { return type == F_UNLCK; }
+};
+
+template <auto Member, class Result, class... Arguments>
+void makeFailing(Result (*OssCalls::*)(Arguments...)) {
+  using Call = FailingCall<Member, Result, Arguments...>;
+  Call::real = ossCalls().*Member;
+  ossCalls().*Member = Call::call;
+}
+
+template <auto... Members>
+void makeFail(int call, int error) {
+  (makeFailing<Members>(Members), ...);
+  Failure::callsLeft = call;
+  Failure::error = error;
+}
+
+inline void makeAnyServiceFail(int call, int error) {
+  makeFail<&OssCalls::open, &OssCalls::fstat, &OssCalls::stat, &OssCalls::unlink, &OssCalls::ftruncate,
+           &OssCalls::fallocate, &OssCalls::pread, &OssCalls::lockByte, &OssCalls::mmap, &OssCalls::munmap,
+           &OssCalls::memfd>(call, error);
+}
+
+}  // namespace vek::platformtest

@@ -1,0 +1,140 @@
+#include "platform/thread.h"
+
+#include <pthread.h>
+
+#include <array>
+#include <atomic>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "platform/ports.h"
+#include "platform/region.h"
+#include "platform/support.h"
+
+namespace vek::platformtest {
+namespace {
+
+std::uint64_t ownerOf(std::uint32_t slot) {
+  return static_cast<RegionThread*>(regionSection(RegionSectionId::kThreads))[slot].owner.load();
+}
+
+std::string g_steps;
+std::uint32_t g_slot;
+
+// What a thread gives back, and in which order: both steps still find it and its slot.
+void noteStep(char step) {
+  g_steps += step;
+  EXPECT_EQ(threadSelf()->threadSlot, g_slot);
+  EXPECT_EQ(ownerOf(g_slot), regionProcessOwner());
+}
+
+void lateDestructor(void*) { EXPECT_EQ(threadSelf(), nullptr) << "a thread that has ended got a state again"; }
+
+TEST(ThreadEnd, GivesBackInOrder) {
+  const Instance instance;
+  inProcess([] {
+    g_ports.flushMemoryCaches = [] { noteStep('m'); };
+    g_ports.checkLatches = [] { noteStep('l'); };
+    threadFacilityStart();
+    pthread_key_t late;
+    ASSERT_EQ(::pthread_key_create(&late, lateDestructor), 0);  // its destructor runs after the library's
+    std::thread([late] {
+      ::pthread_setspecific(late, &g_steps);
+      g_slot = threadSelf()->threadSlot;
+      EXPECT_EQ(threadSelf(), threadSelf());
+    }).join();
+    EXPECT_EQ(g_steps, "ml");
+    EXPECT_EQ(ownerOf(g_slot), 0U);
+    g_slot = threadSelf()->threadSlot;  // of the main thread: process exit runs the same steps
+    g_steps.clear();
+  });
+}
+
+void expectEnded() {
+  const bool right = g_steps == "ml" && processIsEnding();
+  if (!right) ::_exit(2);
+}
+
+TEST(ProcessEnd, RunsTheStepsOfTheExitingThread) {
+  const Instance instance;
+  inProcess([] {
+    ::atexit(expectEnded);  // before the library's own handler is there, so after it
+    g_ports.flushMemoryCaches = [] { noteStep('m'); };
+    g_ports.checkLatches = [] { noteStep('l'); };
+    g_slot = threadSelf()->threadSlot;
+  });
+}
+
+TEST(ThreadState, SerialsAreUniqueInTheInstance) {
+  const Instance instance;
+  constexpr std::size_t kEach = 40;
+  Shared<std::array<std::array<std::uint64_t, kEach>, 3>> serials;
+  std::vector<pid_t> children;
+  for (std::size_t who = 0; who < 3; ++who)
+    children.push_back(start([&, who] {
+      for (std::size_t i = 0; i < kEach; ++i) std::thread([&, i] { (*serials)[who][i] = threadSelf()->serial; }).join();
+    }));
+  for (const pid_t child : children) EXPECT_EQ(finish(child), 0);
+  std::set<std::uint64_t> distinct;
+  for (const auto& row : *serials) distinct.insert(row.begin(), row.end());
+  EXPECT_EQ(distinct.size(), 3 * kEach);
+  EXPECT_EQ(distinct.count(0), 0U);
+}
+
+TEST(ThreadState, ForkedChildStartsAnew) {
+  const Instance instance;
+  inProcess([] {
+    const ThreadState parent = *threadSelf();
+    inProcess([&] {
+      EXPECT_EQ(t_self, nullptr);
+      const ThreadState* child = threadSelf();
+      ASSERT_NE(child, nullptr);
+      EXPECT_NE(child->threadSlot, parent.threadSlot);
+      EXPECT_NE(child->serial, parent.serial);
+      EXPECT_NE(child->threadId, parent.threadId);
+    });
+    EXPECT_EQ(ownerOf(parent.threadSlot), regionProcessOwner());
+  });
+}
+
+// A host that has used up all keys: the library keeps off those of others and takes no slot that nobody would return.
+TEST(ThreadState, WithoutAKeyThereIsNone) {
+  const Instance instance;
+  inProcess([] {
+    pthread_key_t first = 0;
+    pthread_key_t last = 0;
+    ASSERT_EQ(::pthread_key_create(&first, nullptr), 0);
+    while (::pthread_key_create(&last, nullptr) == 0) {
+    }
+    std::vector<void*> values;
+    for (pthread_key_t key = 0; key <= first; ++key) values.push_back(::pthread_getspecific(key));
+    EXPECT_EQ(threadSelf(), nullptr);
+    EXPECT_EQ(threadSelf(), nullptr);
+    for (pthread_key_t key = 0; key <= first; ++key) EXPECT_EQ(::pthread_getspecific(key), values[key]);
+    for (std::uint32_t slot = 0; slot < REGION_THREAD_SLOTS; ++slot) EXPECT_EQ(ownerOf(slot), 0U);
+  });
+}
+
+TEST(ThreadState, ForkWhileThreadsComeAndGo) {
+  const Instance instance;
+  inProcess([] {
+    std::atomic<bool> over{false};
+    std::vector<std::thread> churn;
+    for (int i = 0; i < 2; ++i)
+      churn.emplace_back([&] {
+        while (!over) std::thread([] { EXPECT_NE(threadSelf(), nullptr); }).join();
+      });
+    for (int i = 0; i < 15; ++i)
+      inProcess([] {
+        EXPECT_NE(threadSelf(), nullptr);
+        EXPECT_EQ(regionSharedStatus(), 0);
+        endAtOnce();
+      });
+    over = true;
+    for (std::thread& thread : churn) thread.join();
+  });
+}
+
+}  // namespace
+}  // namespace vek::platformtest

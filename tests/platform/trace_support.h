@@ -1,0 +1,199 @@
+// What tests of the trace share: an instance of their own, bodies in processes of their own (the library's state is one
+// per process, and the test program itself never touches it), and records as values that can be compared.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "veksys/diag/trace.h"
+#include "veksys/diag/trace_control.h"
+#include "veksys/diag/trace_reader.h"
+
+namespace vektest {
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+inline constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+inline constexpr bool kSanitized = true;
+#else
+inline constexpr bool kSanitized = false;
+#endif
+#else
+inline constexpr bool kSanitized = false;
+#endif
+
+// A function identifier of a component without special rules.
+inline constexpr EcfFunctionId kFunction = ecfFunctionId(9, 17);
+
+// An instance with a directory of its own instead of the machine's shared memory; gone at the end of the scope.
+class TraceInstance {
+ public:
+  TraceInstance() {
+    char pattern[] = "/dev/shm/veksys_test.XXXXXX";
+    directory_ = ::mkdtemp(pattern);
+    ::setenv("VEK_SHM_DIR", directory_.c_str(), 1);
+    ::setenv("VEKINSTANCE", "flight", 1);
+  }
+  ~TraceInstance() {
+    std::error_code ignored;
+    std::filesystem::remove_all(directory_, ignored);
+    ::unsetenv("VEK_SHM_DIR");
+    ::unsetenv("VEKINSTANCE");
+  }
+  TraceInstance(const TraceInstance&) = delete;
+  TraceInstance& operator=(const TraceInstance&) = delete;
+
+  std::string path(const char* name) const { return directory_ + "/" + name; }
+
+ private:
+  std::string directory_;
+};
+
+// Starts `body` in a process of its own, which ends through exit() with 1 when an expectation failed in it.
+template <class Body>
+pid_t startProcess(Body body) {
+  std::fflush(nullptr);
+  const pid_t child = ::fork();
+  if (child != 0) return child;
+  body();
+  std::fflush(nullptr);
+  std::exit(::testing::Test::HasFailure() ? 1 : 0);
+}
+
+inline int waitFor(pid_t child) {
+  int status = -1;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return status;
+}
+
+template <class Body>
+void inProcess(Body body) {
+  EXPECT_EQ(waitFor(startProcess(body)), 0) << "the process of this test body failed or died";
+}
+
+// Waits until a stopped or finished state of a child is known, and tells whether it stopped.
+inline bool waitUntilStopped(pid_t child) {
+  int status = 0;
+  return ::waitpid(child, &status, WUNTRACED) == child && WIFSTOPPED(status);
+}
+
+// One object that processes started later share.
+template <class T>
+class Shared {
+ public:
+  Shared()
+      : memory_(::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)),
+        object_(new (memory_) T{}) {}
+  ~Shared() { ::munmap(memory_, sizeof(T)); }
+  Shared(const Shared&) = delete;
+  Shared& operator=(const Shared&) = delete;
+  T* operator->() const { return object_; }
+  T& operator*() const { return *object_; }
+
+ private:
+  void* memory_;
+  T* object_;
+};
+
+struct ReadItem {
+  std::uint32_t type;
+  std::uint32_t size;
+  bool isNull;
+  std::string bytes;
+  bool operator==(const ReadItem&) const = default;
+};
+
+struct ReadRecord {
+  SqltRecordKind kind;
+  EcfFunctionId function;
+  std::uint32_t probe;
+  std::int64_t value;
+  std::uint64_t thread;
+  std::uint64_t number;
+  std::uint64_t ticks;
+  SqltGapReason gapReason;
+  std::uint64_t gapRecords;
+  std::uint32_t segment;
+  std::uint32_t offset;
+  std::vector<ReadItem> items;
+  bool operator==(const ReadRecord&) const = default;
+  bool isGap() const { return kind == SqltRecordKind::kGap; }
+};
+
+inline ReadRecord toValue(const SqltTraceRecord& from) {
+  ReadRecord record = {};
+  record.kind = from.kind;
+  record.function = from.functionId;
+  record.probe = from.probe;
+  record.value = from.value;
+  record.thread = from.thread.serial;
+  record.number = from.number;
+  record.ticks = from.ticks;
+  record.segment = from.segment;
+  record.offset = from.offset;
+  if (record.isGap()) {
+    record.gapReason = from.gapReason;
+    record.gapRecords = from.gapRecords;
+    return record;
+  }
+  for (std::uint32_t i = 0; i < from.itemCount; ++i) {
+    const SqltTraceItem& item = from.items[i];
+    record.items.push_back(
+        {item.type, item.size, item.isNull, std::string(static_cast<const char*>(item.data), item.stored)});
+  }
+  return record;
+}
+
+inline std::vector<ReadRecord> readAll(SqltTraceReader& reader) {
+  std::vector<ReadRecord> records;
+  SqltTraceRecord record = {};
+  while (reader.next(&record)) records.push_back(toValue(record));
+  return records;
+}
+
+inline std::vector<ReadRecord> withoutGaps(const std::vector<ReadRecord>& all) {
+  std::vector<ReadRecord> records;
+  for (const ReadRecord& record : all)
+    if (!record.isGap()) records.push_back(record);
+  return records;
+}
+
+inline std::vector<ReadRecord> readInstance() {
+  SqltTraceReader reader;
+  EXPECT_EQ(reader.openInstance(), 0);
+  return readAll(reader);
+}
+
+inline std::vector<ReadRecord> readFile(const std::string& path) {
+  SqltTraceReader reader;
+  EXPECT_EQ(reader.openFile(path.c_str()), 0);
+  return readAll(reader);
+}
+
+inline std::uint64_t mix(std::uint64_t value) {
+  value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9U;
+  value = (value ^ (value >> 27)) * 0x94D049BB133111EBU;
+  return value ^ (value >> 31);
+}
+
+// Multiplies the rounds of the randomised tests.
+inline unsigned stressFactor() {
+  const char* text = std::getenv("VEKSYS_STRESS");
+  const long factor = text == nullptr ? 1 : std::strtol(text, nullptr, 10);
+  return factor < 1 ? 1U : static_cast<unsigned>(factor);
+}
+
+}  // namespace vektest

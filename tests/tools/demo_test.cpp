@@ -1,0 +1,297 @@
+// The example engine, run as a person runs it: its report, its exit code, and the trace it leaves behind.
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <regex>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "veksys/codes.h"
+#include "veksys/diag/trace_control.h"
+#include "veksys/diag/trace_reader.h"
+#include "veksys/diag/trace_scope.h"
+#include "veksys/host.h"
+
+namespace {
+
+constexpr unsigned kPatienceSeconds = 120;  // a run that takes longer hangs; slow enough for sanitizers
+
+std::string contentOf(const std::string& path) {
+  std::ifstream file(path);
+  std::ostringstream out;
+  out << file.rdbuf();
+  return out.str();
+}
+
+struct Report {
+  int exitCode;  // -1: killed
+  std::string out;
+  std::string err;
+};
+
+// The number that the report prints behind a code's name: stanzas that met the condition.
+int countOf(const Report& report, const std::string& name) {
+  std::smatch match;
+  if (std::regex_search(report.out, match, std::regex(name + " +-?[0-9]+ +([0-9]+) ")) ||
+      std::regex_search(report.out, match, std::regex(name + " ([0-9]+)")))
+    return std::stoi(match[1]);
+  return 0;
+}
+
+// The value of a line of the report, without the blanks around it.
+std::string valueOf(const Report& report, const std::string& label) {
+  std::smatch match;
+  return std::regex_search(report.out, match, std::regex("\n  " + label + " +([^\n]*)")) ? match[1].str() : "";
+}
+
+// Runs `body` in a process of its own, with the test's instance.
+void inChild(const std::function<void()>& body) {
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::setenv("VEKINSTANCE", "demo", 1);
+    body();
+    ::_exit(::testing::Test::HasFailure() ? 1 : 0);
+  }
+  int status = -1;
+  ASSERT_EQ(child, ::waitpid(child, &status, 0));
+  EXPECT_EQ(0, status);
+}
+
+std::vector<pid_t> childrenOf(pid_t parent) {
+  std::vector<pid_t> children;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const std::string stat = contentOf(entry.path() / "stat");
+    const std::size_t end = stat.rfind(')');
+    int ppid = 0;
+    char state = 0;
+    if (end != std::string::npos && std::sscanf(stat.c_str() + end + 1, " %c %d", &state, &ppid) == 2 && ppid == parent)
+      children.push_back(std::stoi(entry.path().filename()));
+  }
+  return children;
+}
+
+class Demo : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/veksys_demo_test.XXXXXX";
+    ASSERT_NE(nullptr, ::mkdtemp(pattern));
+    folder_ = pattern;
+    ::setenv("VEK_SHM_DIR", pattern, 1);
+    ::setenv("VEK_INSTANCE_DIR", pattern, 1);
+    ::unsetenv("VEKINSTANCE");
+  }
+  void TearDown() override { std::filesystem::remove_all(folder_); }
+
+  std::string fileOf(const std::string& text) {
+    std::ofstream(folder_ + "/input") << text;
+    return folder_ + "/input";
+  }
+
+  pid_t start(const std::vector<std::string>& arguments) {
+    const pid_t process = ::fork();
+    if (process != 0) return process;
+    std::vector<char*> argv = {const_cast<char*>("veksys_demo")};
+    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    ::dup2(::open((folder_ + "/out").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600), STDOUT_FILENO);
+    ::dup2(::open((folder_ + "/err").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600), STDERR_FILENO);
+    ::alarm(kPatienceSeconds);
+    ::execv(VEKSYS_TEST_BIN "/veksys_demo", argv.data());
+    ::_exit(127);
+  }
+
+  Report finish(pid_t process) {
+    int status = -1;
+    ::waitpid(process, &status, 0);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentOf(folder_ + "/out"), contentOf(folder_ + "/err")};
+  }
+
+  Report runDemo(const std::vector<std::string>& arguments) { return finish(start(arguments)); }
+
+  std::string folder_;
+};
+
+std::string stanza(const std::string& name, const std::string& rest = "", const std::string& version = "Version: 1\n") {
+  return "Package: " + name + "\nStatus: install ok installed\nArchitecture: amd64\n" + version + rest + "\n";
+}
+
+// One stanza for each odd condition, among sound ones.
+std::string oddFile() {
+  return stanza("alpha", "Installed-Size: 1024\nSection: libs\nDepends: beta (>= 1), nothing | thing:any,\n zeta\n") +
+         stanza("beta", "Installed-Size: 2048\nSection: contrib/libs\nProvides: other, thing (= 2)\n") +
+         stanza("gamma", "Depends: absent-one | absent-two\nPre-Depends: absent-three\n") +
+         stanza("delta", "Recommends: absent-four\n") + stanza("alpha", "Section: net\n") +
+         stanza("epsilon", "this line has none\n and goes on\n") + stanza("zeta", "version: 2\n") +
+         stanza("eta", "Installed-Size: many\n") + stanza("theta", "Installed-Size: 99999999999999999999\n") +
+         stanza("iota", "", "") + " nothing before this\n" + stanza("kappa") +
+         stanza("lambda", "Maintainer: a\x01z\n") + stanza("mu", "Description: " + std::string(40'000, 'x') + "\n") +
+         "Package: nu\nStatus: deinstall ok config-files\nArchitecture: amd64\nVersion: 1\nDepends: absent-five\n\n" +
+         stanza("xi", "Depends: nu\n") + "\r\n \n" + stanza("omikron", "Description:\n" + std::string(300'000, '\n'));
+}
+
+TEST_F(Demo, FindsEveryOddCondition) {
+  const Report report = runDemo({fileOf(oddFile() +
+                                        stanza("huge",
+                                               [] {
+                                                 std::string lines;
+                                                 for (int i = 0; i < 30'000; ++i) lines += " continued\n";
+                                                 return "Description: long\n" + lines;
+                                               }()) +
+                                        stanza("last"))});
+  EXPECT_EQ(0, report.exitCode) << report.err;
+  const std::pair<const char*, int> expected[] = {
+      {"SQLEU_COMMAND_FILE_SYNTAX", 1},  {"SQLUDI_FIELD_UNDEFINED", 1},       {"SQLDXE_RECORD_REJECTED_NULL", 1},
+      {"SQLUDI_FIELD_DUPLICATE", 1},     {"SQLI_KEY_DUPLICATE", 1},           {"SQLDXE_FIELD_NOT_NUMERIC", 1},
+      {"SQLDXE_FIELD_NUMERIC_RANGE", 1}, {"SQLR_FK_PARENT_MISSING", 2},       {"SQLU_LOAD_INTEGRITY_PENDING", 1},
+      {"SQLNLS_WARN_SUBSTITUTED", 1},    {"SQLDXE_INFO_STRING_TRUNCATED", 1}, {"SQLDXE_RECORD_TOO_LONG", 1},
+      {"SQLI_INDEX_PAGES_EXHAUSTED", 0},
+  };
+  for (const auto& [name, count] : expected) EXPECT_EQ(count, countOf(report, name)) << name << report.out;
+  EXPECT_EQ(0U, valueOf(report, "Packages").find("18   3.0 MiB installed")) << report.out;
+  EXPECT_EQ(0U, valueOf(report, "libs").find("2      3.0 MiB")) << report.out;
+  EXPECT_EQ(0U, valueOf(report, "Dependencies").find("verified for every package"));
+  EXPECT_NE(std::string::npos, report.out.find("gamma, line 18: absent-three / xi, line ")) << report.out;
+  EXPECT_LT(std::count(report.out.begin(), report.out.end(), '\n'), 60);
+}
+
+TEST_F(Demo, FoldsTheFirstErrorOfARequest) {
+  const std::string clean = stanza("a");
+  const std::string warning = stanza("b", "Maintainer: \x02\n");
+  const std::string error = stanza("c", "Installed-Size: x y\n");
+  const std::string laterError = stanza("d", "no colon\n");
+  const struct {
+    std::string file;
+    const char *sqlcode, *state, *tokens, *rc;
+  } cases[] = {
+      {clean, "0", "00000", "", "0x00000000 0 0 0 0 0"},
+      {clean + warning, "445", "01004", "b | line 10 | Maintainer: ?", "0x09380068"},
+      {warning + clean + error + laterError, "-420", "22018", "c | line 16 | x y", "0x804806EC"},
+      {laterError + error + warning, "-2048", "58004", "d | line 5 | no colon", "0x803405F7"},
+  };
+  for (const auto& c : cases) {
+    const Report report = runDemo({"--workers", "1", fileOf(c.file)});
+    EXPECT_EQ(0, report.exitCode);
+    EXPECT_EQ(c.sqlcode, valueOf(report, "sqlcode").substr(0, valueOf(report, "sqlcode").find(' '))) << report.out;
+    EXPECT_EQ(c.state, valueOf(report, "sqlstate"));
+    EXPECT_EQ(c.tokens, valueOf(report, "sqlerrmc"));
+    EXPECT_EQ(0U, valueOf(report, "sqlerrd").find(c.rc)) << report.out;
+  }
+}
+
+TEST_F(Demo, LeavesATraceThatCanBeReadAfterwards) {
+  ASSERT_EQ(0, runDemo({"--workers", "2", fileOf(oddFile())}).exitCode);
+  inChild([] {
+    ASSERT_EQ(0, vekInstanceStatus());  // names that other processes registered are in the region
+    SqltTraceReader reader;
+    ASSERT_EQ(0, reader.openInstance());
+    std::set<std::uint32_t> processes;
+    std::multiset<std::int64_t> verdicts;
+    std::set<std::int64_t> errors;
+    SqltTraceRecord record;
+    while (reader.next(&record)) {
+      ASSERT_NE(SqltRecordKind::kGap, record.kind);
+      processes.insert(record.thread.processId);
+      const char* name = reader.functionName(record.functionId);
+      if (record.kind == SqltRecordKind::kError) errors.insert(record.value);
+      if (name == nullptr || std::string(name) != "demo::parseStanza") continue;
+      if (record.kind == SqltRecordKind::kExit) verdicts.insert(record.value);
+      const bool byWorker = record.value > 100 && record.value < 300;
+      EXPECT_TRUE(record.kind != SqltRecordKind::kEntry || byWorker) << record.value;
+    }
+    EXPECT_EQ(3U, processes.size());
+    EXPECT_EQ(16U, verdicts.size());
+    EXPECT_EQ(1U, verdicts.count(SQLUDI_FIELD_DUPLICATE));
+    for (const SqlzZrc code : {SQLR_FK_PARENT_MISSING, SQLI_KEY_DUPLICATE, SQLNLS_WARN_SUBSTITUTED})
+      EXPECT_EQ(1U, errors.count(code)) << code;
+  });
+}
+
+TEST_F(Demo, LeavesTheSettingsOfOthersAlone) {
+  inChild([] {
+    SqltTraceSettings settings = {};
+    settings.options = SQLT_OPTION_COMPONENTS;
+    settings.selection = SQLT_SELECT_MASK_BYTES;
+    settings.components[1] = 0x80;  // component 0x0F
+    settings.mask[0] = 0x02;
+    EXPECT_EQ(0, sqltTraceFacilityCreate(SQLT_TRACE_SIZE_DEFAULT));
+    EXPECT_EQ(0, sqltSetTraceFlags(&settings));
+  });
+  const Report report = runDemo({fileOf(stanza("a"))});
+  EXPECT_NE(std::string::npos, valueOf(report, "Trace").find("other components are being traced")) << report.out;
+  inChild([] {
+    sqltinit();
+    EXPECT_EQ(SQLT_TRACE_ENTRY, sqltTraceWord(0x0F));
+    EXPECT_EQ(0U, sqltTraceWord(0x05));
+  });
+}
+
+TEST_F(Demo, GoesOnWithoutWorkersThatWereKilled) {
+  const std::string fifo = folder_ + "/pipe";
+  std::string block;
+  for (int i = 0; block.size() < 100'000; ++i) block += stanza("p" + std::to_string(i));
+  const struct {
+    std::size_t killed;
+    const char* code;
+  } cases[] = {{1, "SQLE_AGENT_PARTNER_PART_DOWN"}, {3, "SQLE_SUBAGENTS_EXHAUSTED"}};
+  for (const auto& c : cases) {
+    ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
+    const pid_t process = start({fifo});
+    std::ofstream pipe(fifo);
+    for (int i = 0; i < 10; ++i) pipe << block;
+    pipe.flush();
+    const std::vector<pid_t> workers = childrenOf(process);
+    ASSERT_EQ(3U, workers.size());
+    for (std::size_t i = 0; i < c.killed; ++i) ::kill(workers[i], SIGKILL);
+    for (int i = 0; i < 40; ++i) pipe << block;
+    pipe.close();
+    const Report report = finish(process);
+    EXPECT_EQ(1, report.exitCode) << report.err;
+    EXPECT_NE(std::string::npos, report.out.find("killed by signal 9 (SIGKILL)")) << report.out;
+    EXPECT_NE(std::string::npos, valueOf(report, "sqlerrd").find(c.code)) << report.out;
+    EXPECT_EQ(0U, valueOf(report, "Dependencies").find(c.killed == 1 ? "" : "not verified")) << report.out;
+    ::unlink(fifo.c_str());
+  }
+}
+
+TEST_F(Demo, RefusesWrongUseInASentence) {
+  const std::pair<std::vector<std::string>, const char*> cases[] = {
+      {{"--frobnicate"}, "not expected: --frobnicate"},
+      {{"--workers", "0"}, "accepted: [FILE] [--workers 1..16]"},
+      {{"--threads", "many"}, "--threads"},
+      {{folder_ + "/absent"}, "No such file or directory. Name a file of `Key: value` stanzas"},
+      {{folder_}, "Is a directory"},
+      {{fileOf(""), "second"}, "not expected: second"},
+  };
+  for (const auto& [arguments, sentence] : cases) {
+    const Report report = runDemo(arguments);
+    EXPECT_EQ(2, report.exitCode) << arguments[0];
+    EXPECT_NE(std::string::npos, report.err.find(sentence)) << report.err;
+    EXPECT_EQ("", report.out);
+  }
+  ::setenv("VEKINSTANCE", "a/b", 1);
+  EXPECT_EQ(2, runDemo({fileOf("")}).exitCode);
+}
+
+TEST_F(Demo, ReadsWhatHoldsNoStanzas) {
+  for (const char* file : {"/dev/null", VEKSYS_TEST_BIN "/veksys_demo"}) {
+    const Report report = runDemo({"--keep-trace-settings", file});
+    EXPECT_EQ(0, report.exitCode) << report.err;
+    EXPECT_EQ(0U, valueOf(report, "Trace").find("none, and none was asked for")) << report.out;
+  }
+}
+
+}  // namespace

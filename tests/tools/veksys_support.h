@@ -1,0 +1,144 @@
+// What tests of the command share: running it as a person does, and a small traced program to look at.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <rapidjson/document.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "platform/trace_support.h"
+#include "veksys/codes.h"
+#include "veksys/diag/trace_control.h"
+#include "veksys/diag/trace_scope.h"
+#include "veksys/host.h"
+
+namespace vektest {
+
+struct Answer {
+  int status = -1;  // exit status; -1: killed by a signal
+  std::string out;
+  std::string err;
+};
+
+inline std::string contentOf(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+inline std::string directoryOfInstance() { return ::getenv("VEK_SHM_DIR"); }
+
+// Runs the command with these arguments. Standard input is `input`; without one it is a closed pipe's other end.
+inline Answer veksys(const std::vector<std::string>& arguments, const std::string& input = "") {
+  const std::string base = directoryOfInstance() + "/run.";
+  std::ofstream(base + "in", std::ios::binary) << input;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::dup2(::open((base + "in").c_str(), O_RDONLY), 0);
+    ::dup2(::open((base + "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
+    ::dup2(::open((base + "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+    std::vector<char*> argv = {const_cast<char*>("veksys")};
+    for (const std::string& each : arguments) argv.push_back(const_cast<char*>(each.c_str()));
+    argv.push_back(nullptr);
+    ::execv(VEKSYS_TEST_BIN "/veksys", argv.data());
+    ::_exit(127);
+  }
+  const int status = waitFor(child);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentOf(base + "out"), contentOf(base + "err")};
+}
+
+inline std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  return lines;
+}
+
+inline bool holds(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+inline rapidjson::Document json(const std::string& text) {
+  rapidjson::Document document;
+  document.Parse(text.data(), text.size());
+  EXPECT_FALSE(document.HasParseError()) << text.substr(0, 400);
+  return document;
+}
+
+inline std::vector<rapidjson::Document> jsonLines(const std::string& text) {
+  std::vector<rapidjson::Document> documents;
+  for (const std::string& line : linesOf(text)) documents.push_back(json(line));
+  return documents;
+}
+
+// A mistake is one sentence on standard error that begins with the command's name.
+inline void expectSentence(const Answer& answer, int status, const std::string& part) {
+  EXPECT_EQ(answer.status, status) << answer.out << answer.err;
+  EXPECT_EQ(linesOf(answer.err).size(), 1U) << answer.err;
+  EXPECT_TRUE(answer.err.starts_with("veksys: ")) << answer.err;
+  EXPECT_TRUE(holds(answer.err, part)) << answer.err << "\nshould tell: " << part;
+}
+
+// ---- a traced program -------------------------------------------------------------------------------------------
+
+inline constexpr EcfFunctionId kServe = ecfFunctionId(0x05, 900);
+inline constexpr EcfFunctionId kRead = ecfFunctionId(0x02, 901);
+inline constexpr EcfFunctionId kFind = ecfFunctionId(0x09, 902);  // nobody names it
+
+inline void nameFunctions() {
+  static const VekFunctionName names[] = {{kServe, "serve"}, {kRead, "readPage"}};
+  VekHost host = {};
+  host.size = sizeof host;
+  host.functionNames = names;
+  host.functionNameCount = 2;
+  EXPECT_EQ(vekHostInstall(&host), 0);
+}
+
+inline int find(int key) {
+  const SqltTraceScope<kFind> trace;
+  return key;
+}
+
+inline SqlzZrc readPage(int page) {
+  SqltTraceScope<kRead> trace;
+  find(page);
+  if (page % 3 != 0) return trace.exit(0);
+  trace.error(20, SQLO_NOMEM, page, std::string_view("no \"room\"\x1b[31m"));
+  return trace.exit(SQLO_NOMEM);
+}
+
+inline SqlzZrc serve(int request) {
+  SqltTraceScope<kServe> trace;
+  trace.data(10, request, std::string_view("request"));
+  const SqlzZrc result = readPage(request);
+  if (result != 0) pdtErrorTrans(kServe, 30, result, SQLO_INV_PARM);
+  return trace.exit(result == 0 ? 0 : SQLO_INV_PARM);
+}
+
+// Serves requests 1 to `count` in a process of its own, with everything traced.
+inline void serveInProcess(int count, std::uint64_t ringBytes = SQLT_TRACE_SIZE_DEFAULT) {
+  inProcess([&] {
+    nameFunctions();
+    sqltTraceFacilityCreate(ringBytes);
+    SqltTraceSettings settings = {};
+    settings.options = SQLT_OPTION_COMPONENTS;
+    settings.selection = SQLT_SELECT_MASK_BYTES;
+    for (const EcfFunctionId id : {kServe, kRead, kFind})
+      settings.components[ecfComponent(id) / 8] |= static_cast<std::uint8_t>(1U << (ecfComponent(id) % 8));
+    settings.mask[0] = 0x1E;
+    EXPECT_EQ(sqltSetTraceFlags(&settings), 0);
+    for (int request = 1; request <= count; ++request) serve(request);
+  });
+}
+
+}  // namespace vektest

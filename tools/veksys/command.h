@@ -1,0 +1,31 @@
+// The frame every subcommand hangs in.
+#pragma once
+
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <string>
+
+#include "output.h"
+
+namespace veksys {
+
+// What holds for the whole command line.
+struct Command {
+  std::string instance;  // empty: the environment decides
+  bool json = false;
+  bool colour = false;  // standard output takes colours
+  Output out{STDOUT_FILENO};
+  std::function<int()> run;  // set by the subcommand that was chosen; its result is the exit status
+};
+
+void addRc(CLI::App& app, Command& command);
+void addTrace(CLI::App& app, Command& command);
+
+// The parts of `trace`.
+void addTraceControl(CLI::App& trace, Command& command);  // on, off, mask, clear, dump
+void addTraceStatus(CLI::App& trace, Command& command);
+void addTraceViews(CLI::App& trace, Command& command);  // format, flow, stat, export
+
+}  // namespace veksys
