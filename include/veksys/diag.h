@@ -1,6 +1,7 @@
-// Diagnostics and tracing: return codes, the SQL communications area, trace points and their control.
+// Diagnostics and tracing: return codes, the SQL communications area, diagnostic paths, trace points and their control.
 #pragma once
 
+#include "veksys/diag/diagpath.h"
 #include "veksys/diag/rc.h"
 #include "veksys/diag/sqlca.h"
 #include "veksys/diag/trace.h"

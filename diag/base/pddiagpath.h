@@ -1,0 +1,40 @@
+// The diagnostic directory as the logger needs it: decided once, read without a lock, reported when it can be.
+//
+// A decision is made the first time somebody asks and whenever the configured value changes. It is published with one
+// compare-and-swap, never changed afterwards and never given back, so that its path may be used without a lock, in a
+// signal handler and in a child of fork. Nothing is allocated but, from the fourth decision on, a mapping for each.
+//
+// What is wrong with a value is kept in its decision and reported later, by pdiReportDiagPath, when the caller holds no
+// lock: the report itself is a record that needs the path, which is decided by then.
+#pragma once
+
+#include <cstddef>
+
+#include "veksys/diag/diagpath.h"
+
+namespace vek {
+
+// A directory that files go to. The text is valid until the process ends.
+struct PdDiagDirectory {
+  const char* path;    // terminated, with a separator at its end; never null
+  std::size_t length;  // without the terminator
+  SqlzZrc zrc;         // 0, or why it could not be used when it was looked at last
+};
+
+// The directory that this process writes to now: the primary one, or the alternate after pdSwitchToAltDiagPath. Costs
+// a few comparisons once it is decided. One that could not be used is looked at again by every call. Reads no setting
+// but the instance control block; takes no lock; logs nothing.
+PdDiagDirectory pdiDiagDirectory() noexcept;
+
+// Looks at the directory in use again and makes it when it is missing: for a caller whose file could not be opened in
+// it. Result as of pdMkdirInternal and pdDiagpathVerify.
+SqlzZrc pdiRenewDiagDirectory() noexcept;
+
+// Whether this process has switched to the alternate directory.
+bool pdiIsOnAlternate() noexcept;
+
+// Reports what is still to be said about the paths decided so far, each once per process. Call it with no lock held
+// and outside of a log call; it may log. Costs one load when there is nothing to say.
+void pdiReportDiagPath() noexcept;
+
+}  // namespace vek
