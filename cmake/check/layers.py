@@ -14,13 +14,14 @@ FLOORS = {
     "include/veksys": [],
     "platform": [],
     "diag/base": ["platform"],
-    "compose": ["platform", "diag/base"],
+    "values": ["platform", "diag/base"],
+    "compose": ["platform", "diag/base", "values"],
     "tools": [],
     "examples": [],
     "cmake/gen": [],
-    "tests": ["platform", "diag/base", "compose", "tools", "examples", "fuzz"],
-    "bench": ["platform", "diag/base"],
-    "fuzz": ["platform", "diag/base", "tools"],
+    "tests": ["platform", "diag/base", "values", "compose", "tools", "examples", "fuzz"],
+    "bench": ["platform", "diag/base", "values"],
+    "fuzz": ["platform", "diag/base", "values", "tools"],
 }
 
 # Folders that talk to the operating system themselves.

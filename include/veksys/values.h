@@ -1,0 +1,4 @@
+// Values: conversions between the internal forms of column values, binary numbers and text.
+#pragma once
+
+#include "veksys/values/packed_decimal.h"
