@@ -26,7 +26,17 @@ void writeEventToStandardError(const PortEvent& event) {
 }
 
 std::size_t noFormatter(std::uint32_t, const void*, std::uint32_t, char*, std::size_t) { return 0; }
-bool noMember(std::int16_t, char*, std::size_t) { return false; }
+
+// An instance without a node configuration has one member: this process's own, on this machine.
+MemberAnswer ownMember(std::int16_t partition, const char* host, PortMember* out) {
+  PortMember own = {vekInstanceControl()->partition, {}};
+  ossHostName(own.host, sizeof own.host);
+  if (partition != ANY_PARTITION && partition != own.partition) return MemberAnswer::kUnknown;
+  if (host != nullptr && std::strcmp(host, own.host) != 0) return MemberAnswer::kUnknown;
+  *out = own;
+  return MemberAnswer::kFound;
+}
+
 void nothingToGiveBack() {}
 
 }  // namespace
@@ -35,7 +45,7 @@ constinit Ports g_ports = {
     .readSetting = readEnvironment,
     .reportEvent = writeEventToStandardError,
     .formatItem = noFormatter,
-    .member = noMember,
+    .member = ownMember,
     .attachTrace = sqlti_attachStep,
     .flushMemoryCaches = nothingToGiveBack,
     .checkLatches = nothingToGiveBack,

@@ -9,6 +9,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/utsname.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -35,6 +36,8 @@ constinit OssCalls g_calls = {
     .close = ::close,
     .fstat = ::fstat,
     .stat = ::stat,
+    .lstat = ::lstat,
+    .faccessat = ::faccessat,
     .mkdir = ::mkdir,
     .unlink = ::unlink,
     .rename = ::rename,
@@ -73,6 +76,12 @@ int writeWhole(const void* bytes, std::size_t count, Put put) noexcept {
     done += static_cast<std::size_t>(written);
   }
   return 0;
+}
+
+OssFileKind kindOf(mode_t mode) noexcept {
+  if (S_ISREG(mode)) return OssFileKind::kRegular;
+  if (S_ISDIR(mode)) return OssFileKind::kDirectory;
+  return S_ISLNK(mode) ? OssFileKind::kSymbolicLink : OssFileKind::kOther;
 }
 
 std::int64_t clockNs(clockid_t clock) noexcept {
@@ -132,6 +141,12 @@ void ossSleepMs(unsigned milliseconds) noexcept {
 std::uint32_t ossProcessId() noexcept { return static_cast<std::uint32_t>(::getpid()); }
 std::uint32_t ossThreadId() noexcept { return static_cast<std::uint32_t>(::syscall(SYS_gettid)); }
 std::uint32_t ossUserId() noexcept { return ::geteuid(); }
+
+void ossHostName(char* field, std::size_t bytes) noexcept {
+  utsname machine;
+  const bool known = ::uname(&machine) == 0 && machine.nodename[0] != '\0';
+  ossCopyText(field, bytes, known ? machine.nodename : "localhost");
+}
 
 void ossProcessName(char* field, std::size_t bytes) noexcept {
   ossCopyText(field, bytes, ::program_invocation_short_name);
@@ -205,6 +220,18 @@ int ossMakeDirectories(const char* path) noexcept {
   struct stat status;
   if (g_calls.stat(path, &status) != 0) return errno;
   return S_ISDIR(status.st_mode) ? 0 : ENOTDIR;
+}
+
+int ossFileFacts(const char* path, OssLink link, OssFileFacts* out) noexcept {
+  struct stat status;
+  const auto call = link == OssLink::kItself ? g_calls.lstat : g_calls.stat;
+  const int error = repeat([&] { return call(path, &status); });
+  if (error == 0) *out = {kindOf(status.st_mode), status.st_uid, status.st_mode & 07777U, status.st_dev, status.st_ino};
+  return error;
+}
+
+int ossMayMakeFilesIn(const char* directory) noexcept {
+  return repeat([&] { return g_calls.faccessat(AT_FDCWD, directory, W_OK | X_OK, AT_EACCESS); });
 }
 
 int ossAllocateFile(int fd, std::uint64_t bytes) noexcept {

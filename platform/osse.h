@@ -26,6 +26,8 @@ struct OssCalls {
   int (*close)(int fd);
   int (*fstat)(int fd, struct stat* out);
   int (*stat)(const char* path, struct stat* out);
+  int (*lstat)(const char* path, struct stat* out);
+  int (*faccessat)(int directory, const char* path, int mode, int flags);
   int (*mkdir)(const char* path, mode_t mode);
   int (*unlink)(const char* path);
   int (*rename)(const char* from, const char* to);
@@ -88,6 +90,9 @@ std::uint32_t ossProcessId() noexcept;
 std::uint32_t ossThreadId() noexcept;  // the kernel's number, unique on the machine while the thread lives
 std::uint32_t ossUserId() noexcept;    // effective
 
+// The name of this machine, cut to the field; "localhost" when the system does not tell one.
+void ossHostName(char* field, std::size_t bytes) noexcept;
+
 // The name of this process or of the calling thread, cut to the field.
 void ossProcessName(char* field, std::size_t bytes) noexcept;
 void ossThreadName(char* field, std::size_t bytes) noexcept;
@@ -113,6 +118,23 @@ int ossReadAt(int fd, void* buffer, std::size_t count, std::uint64_t offset, std
 
 // Creates a directory and its missing parents, mode 0700. An existing directory is success.
 int ossMakeDirectories(const char* path) noexcept;
+
+// What the system knows of a path.
+enum class OssFileKind { kRegular, kDirectory, kSymbolicLink, kOther };
+struct OssFileFacts {
+  OssFileKind kind;
+  std::uint32_t owner;        // user number
+  std::uint32_t permissions;  // the lower twelve bits of the mode
+  std::uint64_t device;       // device and inode: two paths lead to one file when both are equal
+  std::uint64_t inode;
+};
+
+// Tells the facts of a path; of a symbolic link at its end those of the link, or of what it leads to.
+enum class OssLink { kItself, kTarget };
+int ossFileFacts(const char* path, OssLink link, OssFileFacts* out) noexcept;
+
+// 0 when this process, as its effective user, may make files in a directory.
+int ossMayMakeFilesIn(const char* directory) noexcept;
 
 // Gives a file its size and allocates every block of it, so that touching a mapping of it cannot fail later.
 int ossAllocateFile(int fd, std::uint64_t bytes) noexcept;

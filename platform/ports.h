@@ -6,7 +6,7 @@
 //   readSetting   a registry variable's value         the process environment
 //   reportEvent   something for the diagnostic log    one line on standard error
 //   formatItem    a structure-typed data item         not formatted: the caller prints bytes
-//   member        host and partition look-up          not known
+//   member        host and partition look-up          one member: this process's own
 //   attachTrace   the first trace point of a process  diag/base: skip switch, call-backs, attach
 //   thread end    memory caches, latches              nothing to give back
 //
@@ -29,6 +29,16 @@ struct PortEvent {
   const char* message;  // terminated
 };
 
+// A member of the instance as the node configuration has it.
+struct PortMember {
+  std::int16_t partition;
+  char host[256];  // terminated
+};
+
+enum class MemberAnswer { kFound, kUnknown, kUnreadable };  // kUnreadable: the node configuration could not be read
+
+inline constexpr std::int16_t ANY_PARTITION = -1;
+
 struct Ports {
   // Copies the value of a variable, terminated; false when it is not set or does not fit. Never called while a lock
   // is held or from the trace's attach step.
@@ -40,8 +50,9 @@ struct Ports {
   // Formats a structure-typed item as text; returns the characters written, 0 when no formatter is registered.
   std::size_t (*formatItem)(std::uint32_t type, const void* data, std::uint32_t bytes, char* text, std::size_t room);
 
-  // Host name and partition of a member; false when the member is not known.
-  bool (*member)(std::int16_t partition, char* host, std::size_t bytes);
+  // The first member of that partition (ANY_PARTITION: of any) on that host (null: on any). Asked by the logger: it
+  // must not log.
+  MemberAnswer (*member)(std::int16_t partition, const char* host, PortMember* out);
 
   // The attach step of a trace point: true when the process is attached to the instance's trace.
   bool (*attachTrace)();
