@@ -85,8 +85,9 @@ void afterForkInChild() {
 
 void startOnce() {
   g_hasEndKey = ::pthread_key_create(&g_endKey, veki_threadEnds) == 0;
-  ::pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
-  ::atexit(processEnds);
+  // Without the memory for either, a child or an ending process merely leaves its slot for others to find.
+  (void)::pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+  (void)::atexit(processEnds);
 }
 
 ThreadState* makeState() noexcept {

@@ -31,8 +31,8 @@ inline constexpr char TRC_RING_MAGIC[8] = {'V', 'E', 'K', 'T', 'R', 'N', 'G', '\
 inline constexpr char TRC_DUMP_MAGIC[8] = {'V', 'E', 'K', 'T', 'D', 'M', 'P', '\0'};
 inline constexpr std::uint32_t TRC_LAYOUT_VERSION = 1;
 inline constexpr std::uint64_t TRC_HEADER_BYTES = 4096;
-inline constexpr std::uint64_t TRC_SEGMENT_BYTES_LEAST = 8 * 1024;
-inline constexpr std::uint64_t TRC_SEGMENT_BYTES_MOST = 64 * 1024;
+inline constexpr std::uint64_t TRC_SEGMENT_BYTES_LEAST = 8ULL * 1024;
+inline constexpr std::uint64_t TRC_SEGMENT_BYTES_MOST = 64ULL * 1024;
 inline constexpr std::uint32_t TRC_MAX_ITEMS = 20 + 1;  // a marker's text is an item too
 
 // Sizes up to 4 MiB use the smallest segments; larger rings have 512 or more, so that many threads find one each and

@@ -6,8 +6,6 @@
 #include "platform/trcapi.h"
 #include "veksys/diag/trace_scope.h"
 
-using vek::TrcKind;
-
 namespace {
 
 constexpr std::uint32_t kItemsMost = 20;

@@ -52,6 +52,7 @@ struct VekFunctionName {
   const char* name;  // terminated; copied into shared memory, so that other processes and dumps can print it
 };
 
+// What a server installs. Calls come from any thread, and must not throw.
 struct VekHost {
   std::size_t size;  // sizeof(VekHost) of the caller: members past it keep their defaults
   void* context;     // handed back to every call below

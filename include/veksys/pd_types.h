@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+// The generic types by name.
 enum PdType : std::uint32_t {
 #define PD_TYPE(number, name, description) name = number,
 #include "veksys/pd_types.def"

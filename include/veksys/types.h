@@ -65,16 +65,20 @@ inline constexpr std::uint32_t ECF_NUMBER_MASK = 0x0007FFFFU;
 static_assert(ECF_TAG == 0x18000000U);
 static_assert((ECF_TAG_MASK ^ ECF_COMPONENT_MASK ^ ECF_NUMBER_MASK) == 0xFFFFFFFFU);
 
+// The identifier of a component's function; each number is cut to its bits.
 constexpr EcfFunctionId ecfFunctionId(std::uint32_t component, std::uint32_t number) noexcept {
   return ECF_TAG | ((component & 0xFFU) << ECF_COMPONENT_SHIFT) | (number & ECF_NUMBER_MASK);
 }
 
+// The component of an identifier.
 constexpr std::uint32_t ecfComponent(EcfFunctionId id) noexcept {
   return (id & ECF_COMPONENT_MASK) >> ECF_COMPONENT_SHIFT;
 }
 
+// The function's number within its component.
 constexpr std::uint32_t ecfNumber(EcfFunctionId id) noexcept { return id & ECF_NUMBER_MASK; }
 
+// Whether a word has an identifier's tag bits.
 constexpr bool ecfIsFunctionId(EcfFunctionId id) noexcept { return (id & ECF_TAG_MASK) == ECF_TAG; }
 
 // The component identifier of a return code: function number 0 of the code's component.

@@ -40,8 +40,9 @@ inline std::string contentOf(const std::string& path) {
 
 inline std::string directoryOfInstance() { return ::getenv("VEK_SHM_DIR"); }
 
-// Runs the command with these arguments. Standard input is `input`; without one it is a closed pipe's other end.
-inline Answer veksys(const std::vector<std::string>& arguments, const std::string& input = "") {
+// Runs a program, looked for in the PATH, with these arguments and this standard input. Status 127: there is none.
+inline Answer runProgram(const std::string& program, const std::vector<std::string>& arguments,
+                         const std::string& input = "") {
   const std::string base = directoryOfInstance() + "/run.";
   std::ofstream(base + "in", std::ios::binary) << input;
   const pid_t child = ::fork();
@@ -49,14 +50,19 @@ inline Answer veksys(const std::vector<std::string>& arguments, const std::strin
     ::dup2(::open((base + "in").c_str(), O_RDONLY), 0);
     ::dup2(::open((base + "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
     ::dup2(::open((base + "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    std::vector<char*> argv = {const_cast<char*>("veksys")};
+    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
     for (const std::string& each : arguments) argv.push_back(const_cast<char*>(each.c_str()));
     argv.push_back(nullptr);
-    ::execv(VEKSYS_TEST_BIN "/veksys", argv.data());
+    ::execvp(program.c_str(), argv.data());
     ::_exit(127);
   }
   const int status = waitFor(child);
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentOf(base + "out"), contentOf(base + "err")};
+}
+
+// Runs the command.
+inline Answer veksys(const std::vector<std::string>& arguments, const std::string& input = "") {
+  return runProgram(VEKSYS_TEST_BIN "/veksys", arguments, input);
 }
 
 inline std::vector<std::string> linesOf(const std::string& text) {

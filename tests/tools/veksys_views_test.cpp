@@ -374,14 +374,14 @@ TEST_F(Views, ChromeExportPairsCalls) {
 }
 
 TEST_F(Views, CtfExportIsReadByItsReader) {
-  if (std::system("command -v babeltrace2 >/dev/null") != 0) GTEST_SKIP() << "babeltrace2 is not installed";
+  if (runProgram("babeltrace2", {"--version"}).status != 0) GTEST_SKIP() << "babeltrace2 is not installed";
   serveInProcess(20);
   const std::string directory = instance_.path("ctf");
   EXPECT_EQ(veksys({"trace", "export", "--ctf", directory}).status, 0);
   expectSentence(veksys({"trace", "export", "--ctf", directory}), 1, "not an empty directory");
-  const std::string text = instance_.path("text");
-  ASSERT_EQ(std::system(("babeltrace2 " + directory + " >" + text + " 2>&1").c_str()), 0) << contentOf(text);
-  const std::string read = contentOf(text);
+  const Answer answer = runProgram("babeltrace2", {directory});
+  ASSERT_EQ(answer.status, 0) << answer.err;
+  const std::string& read = answer.out;
   EXPECT_EQ(linesOf(read).size(), linesOf(veksys({"trace", "format"}).out).size());
   for (const char* part : {"\"serve\"", "\"SQLO_NOMEM\"", "\"SQLI.902\"", "probe = 20", "signed_number", "\"request\""})
     EXPECT_TRUE(holds(read, part)) << part;

@@ -62,6 +62,9 @@ VEK_EXPORT extern std::uint32_t* p_sqltevents;
 
 // ---- the older interface ----------------------------------------------------------------------------------------
 
+// Entry, exit, data with one to three items, and error with one, of the function `id`. Items are bytes: `size` of them
+// at each pointer, copied before the call returns. Any thread; nothing is written unless the component's word asks for
+// it.
 VEK_EXPORT void sqltEntry(EcfFunctionId id) noexcept;
 VEK_EXPORT void sqltExit(EcfFunctionId id, std::int64_t returnCode) noexcept;
 VEK_EXPORT void sqltData(EcfFunctionId id, std::uint32_t probe, std::uint32_t size, const void* data) noexcept;

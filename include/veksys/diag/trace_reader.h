@@ -21,6 +21,7 @@
 #include "veksys/export.h"
 #include "veksys/types.h"
 
+// What a record is, and what its `value` means.
 enum class SqltRecordKind : std::uint8_t {
   kEntry = 1,  // value: correlator
   kExit = 2,   // value: return code
@@ -33,6 +34,7 @@ enum class SqltRecordKind : std::uint8_t {
   kGap = 32,         // records are missing here
 };
 
+// Why records are missing at a gap.
 enum class SqltGapReason : std::uint8_t {
   kOverwritten,  // their segment was used again
   kLost,         // never written: no free segment, or a signal handler inside another point
@@ -41,6 +43,7 @@ enum class SqltGapReason : std::uint8_t {
   kUnreadable,   // a whole segment cannot be told apart any more, or was reused while it was read
 };
 
+// One data item of a record.
 struct SqltTraceItem {
   std::uint32_t type;    // PD type
   std::uint32_t size;    // bytes the caller gave
@@ -49,6 +52,7 @@ struct SqltTraceItem {
   const void* data;      // `stored` bytes, aligned to 8, valid until the next call
 };
 
+// The thread that wrote a record. Names are terminated, and empty where they are not known.
 struct SqltTraceThread {
   std::uint64_t serial;  // unique in the instance; 0 in a gap that belongs to no known thread
   std::uint32_t processId;
@@ -60,6 +64,7 @@ struct SqltTraceThread {
 
 inline constexpr std::uint32_t SQLT_TRACE_ITEMS_MOST = 21;
 
+// One record, or a gap. Filled by SqltTraceReader::next; what it points to is valid until the next call.
 struct SqltTraceRecord {
   SqltRecordKind kind;
   SqltGapReason gapReason;   // of a gap
@@ -78,6 +83,7 @@ struct SqltTraceRecord {
   SqltTraceItem items[SQLT_TRACE_ITEMS_MOST];
 };
 
+// Facts about a whole trace. Sizes are bytes, times nanoseconds since 1970 UTC.
 struct SqltTraceInfo {
   char instance[41];
   bool fromFile;
@@ -95,6 +101,7 @@ struct SqltTraceInfo {
   std::int64_t readRealtimeNs;  // when it was opened or dumped
 };
 
+// Reads one trace, record by record, in the order of time. Movable, not copyable.
 class VEK_EXPORT SqltTraceReader {
  public:
   SqltTraceReader() noexcept;

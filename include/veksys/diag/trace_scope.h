@@ -52,9 +52,12 @@ VEK_EXPORT void pdtErrorItems(EcfFunctionId id, std::uint32_t probe, std::int64_
 
 // How a scope reads its component's word. The library itself uses a nearer copy of the same page.
 struct SqltSharedWords {
+  // The trace word of a component below SQLT_TRACE_COMPONENTS.
   static std::uint32_t word(std::uint32_t component) noexcept { return sqltTraceWord(component); }
 };
 
+// Traces the function that it is the first line of: entry here, exit where the scope ends, points in between. Switched
+// off it costs one load and one test each way. Belongs to one thread.
 template <EcfFunctionId Id, class Words = SqltSharedWords>
 class SqltTraceScope {
   static_assert(ecfIsFunctionId(Id) && ecfComponent(Id) < SQLT_TRACE_COMPONENTS, "not a traced function's identifier");
