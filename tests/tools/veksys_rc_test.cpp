@@ -130,6 +130,7 @@ TEST_F(Rc, FindsCodesByWords) {
 
 TEST_F(Rc, SaysWhenThereIsNothing) {
   expectSentence(veksys({"rc", "SQLO_NOMEN"}), 1, "Did you mean SQLO_NOMEM");
+  expectSentence(veksys({"rc", "0x8B0F0000", "SQLO_NOMEN"}), 1, "Did you mean SQLO_NOMEM");
   expectSentence(veksys({"rc", "xyzzy", "plugh"}), 1, "\"xyzzy plugh\"");
   expectSentence(veksys({"rc", "-"}, "all is well at 0x00007F00\n"), 1, "no code");
   expectSentence(veksys({"rc"}, ""), 1, "no code");

@@ -1,6 +1,7 @@
 #include "clock.h"
 
 #include <charconv>
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <iterator>
@@ -112,6 +113,10 @@ std::optional<TypedMoment> parseDateTime(std::string_view text) {
     return std::nullopt;
   if ((take(text, 'T') || take(text, ' ')) && !takeTimeOfDay(text, &ofDay)) return std::nullopt;
   if (!takeZone(text, &zone)) return std::nullopt;
+  const std::chrono::year_month_day day{std::chrono::year(parts.tm_year),
+                                        std::chrono::month(static_cast<unsigned>(parts.tm_mon)),
+                                        std::chrono::day(static_cast<unsigned>(parts.tm_mday))};
+  if (!day.ok()) return std::nullopt;
   parts.tm_year -= 1900;
   parts.tm_mon -= 1;
   parts.tm_isdst = -1;

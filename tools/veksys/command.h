@@ -20,6 +20,17 @@ struct Command {
   std::function<int()> run;  // set by the subcommand that was chosen; its result is the exit status
 };
 
+// Accepts how many of something to show. (A plain unsigned option would take "-1" for a huge number.)
+inline CLI::Validator countOption() {
+  return {[](std::string& typed) {
+            const bool digits =
+                !typed.empty() && typed.size() <= 18 && typed.find_first_not_of("0123456789") == typed.npos;
+            const bool accepted = digits && typed.find_first_not_of('0') != typed.npos;
+            return accepted ? std::string() : "\"" + typed + "\" is no count: a whole number from 1 on is";
+          },
+          ""};
+}
+
 void addRc(CLI::App& app, Command& command);
 void addTrace(CLI::App& app, Command& command);
 

@@ -80,6 +80,7 @@ constexpr RegionSentence kRegionSentences[] = {
 void refuseUnshared() {
   if (std::getenv("VEK_SKIP_TRACE") != nullptr)
     sayNo("VEK_SKIP_TRACE is set, which keeps this command away from the trace; unset it for this command.");
+  if (!pathExists(sharedDirectory())) sayNo("VEK_SHM_DIR names \"" + sharedDirectory() + "\", which does not exist.");
   const SqlzZrc status = vekInstanceStatus();
   if (status == 0) {
     sqltInquireTraceBufferSize();  // attaches to the trace words, and is no traced function itself

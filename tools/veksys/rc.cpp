@@ -55,14 +55,27 @@ std::vector<std::string> splitWords(const std::string& text) {
   return words;
 }
 
-// Every word a code: these codes. Otherwise the codes that stand in the text as a whole, if any.
+// A word written like the name of a code: SQLO_NOMEM.
+bool looksLikeName(const std::string& word) {
+  return word.find('_') != std::string::npos &&
+         word.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_") == std::string::npos;
+}
+
+// Every word a code: these codes. Otherwise the codes that stand in the text as a whole, if any. A misspelt name among
+// codes is not passed over.
 std::vector<FoundCode> codesOf(const std::vector<std::string>& words, const std::string& text) {
   std::vector<FoundCode> codes;
+  std::string misspelt;
   for (const std::string& word : words) {
-    auto code = readCode(word);
-    if (!code.has_value()) return scanCodes(text);
-    codes.push_back(std::move(*code));
+    if (auto code = readCode(word))
+      codes.push_back(std::move(*code));
+    else if (looksLikeName(word))
+      misspelt = word;
+    else
+      return scanCodes(text);
   }
+  if (!codes.empty() && !misspelt.empty())
+    sayNo("No return code is called " + misspelt + "." + didYouMean(nearestCodeNames(misspelt)));
   return codes;
 }
 
@@ -172,7 +185,10 @@ void addRc(CLI::App& app, Command& command) {
                  "A code (0x8B0F0000, 8B0F0000, -1961951232, -911, SQL0911N), a name or a part of one (SQLO_NOMEM), "
                  "words from a text, or a pasted log line; '-' reads standard input and explains every code in it")
       ->type_name("");
-  rc->add_option("--limit", options->limit, "Show at most N codes of a list")->type_name("N")->capture_default_str();
+  rc->add_option("--limit", options->limit, "Show at most N codes of a list")
+      ->type_name("N")
+      ->capture_default_str()
+      ->check(countOption());
   rc->callback([&command, options] { command.run = [&command, options] { return runRc(command, *options); }; });
 }
 

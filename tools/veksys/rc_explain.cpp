@@ -125,7 +125,7 @@ ZrcFacts zrcFacts(std::int32_t code) {
   ZrcFacts facts = {};
   facts.code = code;
   facts.entry = sqlzFindZrc(code);
-  if (facts.entry == nullptr) {
+  if (facts.entry == nullptr && sqlzZrcType(code) != SQLZ_ZRC_TYPE_OS_ERROR) {  // its component bits are the error's
     facts.entry = sqlzFindZrc(sqlzZrc(static_cast<std::uint32_t>(code) & ~SQLZ_ZRC_COMPONENT_MASK));
     facts.sharedEntry = facts.entry != nullptr;
   }

@@ -79,7 +79,9 @@ std::optional<FoundCode> readHex(const std::string& typed) {
   const bool isHex = !digits.empty() && allOf(digits, isHexDigit);
   if (prefixed && !isHex)
     wrongUse("\"" + typed + "\" is not a hex number. Accepted is " + std::string(CODE_FORMS) + ".");
-  if (prefixed && digits.size() > 8) wrongUse(typed + " has more than eight hex digits; a return code has 32 bits.");
+  if (prefixed && digits.size() > 8)
+    wrongUse(typed + " has more than eight hex digits; a return code has 32 bits. Accepted is " +
+             std::string(CODE_FORMS) + ".");
   // Without 0x a number is told from a word by its length and by having digits and letters.
   const bool mixed = std::any_of(digits.begin(), digits.end(), isDigit) && !allOf(digits, isDigit);
   if (!isHex || (!prefixed && !(digits.size() == 8 || (digits.size() >= 6 && digits.size() < 8 && mixed))))
@@ -151,11 +153,14 @@ class Scanner {
     return equalIgnoringCase(label, "zrc") || equalIgnoringCase(label, "rc") || equalIgnoringCase(label, "retcode");
   }
 
+  // A small positive number behind such a label is anybody's; nothing says that it is one of ours.
   static bool isExplained(std::int32_t code, bool hex) {
-    return code != 0 && (hex || looksLikeError(code) || isCatalogued(code) || hasSqlMessage(code));
+    return code != 0 && (hex || looksLikeError(code) || isCatalogued(code) || (code < 0 && hasSqlMessage(code)));
   }
 
   void word(std::size_t begin, std::string_view word) {
+    if (labelledAsCode(begin) && word.size() == 8 && allOf(word, isHexDigit) && !allOf(word, isDigit))
+      return add(zrc(fromBits(hexValue(word))));
     if (isDigit(word[0])) return number(begin, word);
     const std::string name(word);
     if (const auto code = readMessageId(word))

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "command.h"
+#include "failure.h"
 #include "trace_filter.h"
 #include "trace_pass.h"
 #include "trace_views.h"
@@ -34,7 +35,9 @@ std::pair<CLI::App*, std::shared_ptr<ViewOptions<Options>>> addView(CLI::App& tr
       const int status = run(pass, command, options->own);
       command.out.flush();
       if (!command.json) pass.remarkGaps();
-      return status;
+      if (pass.totals().shown != 0 || !pass.filter().narrows()) return status;
+      remark("No record of the trace is one that was asked for.");
+      return EXIT_NO;
     };
   });
   return {view, options};
@@ -54,7 +57,7 @@ void addTraceViews(CLI::App& trace, Command& command) {
   stat->add_option("--sort", statOptions->own.sort, "By total, self, calls, p50, p99, max, failed, errors or name")
       ->type_name("KEY")
       ->capture_default_str();
-  stat->add_option("--top", statOptions->own.top, "The first N functions")->type_name("N");
+  stat->add_option("--top", statOptions->own.top, "The first N functions")->type_name("N")->check(countOption());
   const auto [exported, exportOptions] =
       addView<ExportOptions>(trace, command, "export", "Write the trace for other programs", runExport);
   exported

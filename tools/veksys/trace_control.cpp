@@ -120,6 +120,8 @@ bool createTrace(const std::string& size) {
   }
   const SqlzZrc result = sqltTraceFacilityCreate(asked);
   if (result != 0 && result != SQLT_TRACE_ALREADY_CREATED) refuseCreate(result, asked);
+  if (traceBytes() == 0)
+    sayNo("What stands in the place of the trace of " + inInstance() + " is none and cannot be used.");
   return result == 0;
 }
 
@@ -293,8 +295,9 @@ int runMask(Command& command, const MaskOptions& options) {
     wrongUse("--add and --remove need --component or --type to tell what.");
   requireTrace();
   if (!options.selection.isEmpty()) {
+    const TraceMask mask = changedMask(options);
     if (!sqltTraceActive()) remark("Tracing was off; choosing what fires switches it on.");
-    applyMask(changedMask(options));
+    applyMask(mask);
   }
   showMask(command);
   return EXIT_DONE;

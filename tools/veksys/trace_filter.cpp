@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 
+#include "command.h"
 #include "failure.h"
 #include "rc_scan.h"
 #include "trace_items.h"
@@ -70,8 +71,8 @@ void addFilterOptions(CLI::App* app, FilterOptions* options) {
   addList("--rc", options->codes, "Return codes by value or name, or \"failed\" for every error", "CODES");
   app->add_flag("--errors", options->errors, "Only what failed: error points and exits with an error code")
       ->group("Which records");
-  add("--limit", options->limit, "The first N of these records", "N");
-  add("--last", options->last, "The last N of these records", "N");
+  add("--limit", options->limit, "The first N of these records", "N")->check(countOption());
+  add("--last", options->last, "The last N of these records", "N")->check(countOption());
 }
 
 TraceFilter::TraceFilter(const FilterOptions& options)

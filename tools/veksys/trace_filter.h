@@ -42,6 +42,12 @@ class TraceFilter {
   bool choosesThread(const SqltTraceThread& thread) const;
   bool narrowsFunctions() const noexcept { return narrowsFunctions_; }
 
+  // Whether it leaves anything out by what a record is, as opposed to how many are wanted.
+  bool narrows() const noexcept {
+    return narrowsFunctions_ || hasOutcome() || !processes_.empty() || !threads_.empty() || typedSince_.has_value() ||
+           typedUntil_.has_value();
+  }
+
   // Decided per record.
   bool choosesTime(std::int64_t moment) const noexcept { return moment >= since_ && moment <= until_; }
   bool hasOutcome() const noexcept { return failed_ || !codes_.empty(); }
