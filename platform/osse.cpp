@@ -170,6 +170,13 @@ void ossBootId(char* field, std::size_t bytes) noexcept {
 
 const char* ossEnvironment(const char* name) noexcept { return ::secure_getenv(name); }
 
+void* ossMapPages(std::size_t bytes) noexcept {
+  void* pages = g_calls.mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  return pages == MAP_FAILED ? nullptr : pages;
+}
+
+void ossUnmapPages(void* pages, std::size_t bytes) noexcept { g_calls.munmap(pages, bytes); }
+
 int ossOpen(const char* path, int flags, unsigned mode, int* fdOut) noexcept {
   return repeat([&] { return *fdOut = g_calls.open(path, flags | O_CLOEXEC | O_NOFOLLOW, mode); });
 }

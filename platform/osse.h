@@ -103,6 +103,13 @@ void ossBootId(char* field, std::size_t bytes) noexcept;
 // The value of an environment variable, null when it is not set or the process runs with raised privileges.
 const char* ossEnvironment(const char* name) noexcept;
 
+// ---- memory -----------------------------------------------------------------------------------------------------
+
+// Zeroed memory of this process straight from the system, page-aligned; null when there is none. For what is made where
+// malloc must not be called.
+void* ossMapPages(std::size_t bytes) noexcept;
+void ossUnmapPages(void* pages, std::size_t bytes) noexcept;
+
 // ---- files ------------------------------------------------------------------------------------------------------
 
 // Opens a file. `flags` as for open(2); O_CLOEXEC and O_NOFOLLOW are added.

@@ -33,6 +33,10 @@ SqlzZrc pdiRenewDiagDirectory() noexcept;
 // Whether this process has switched to the alternate directory.
 bool pdiIsOnAlternate() noexcept;
 
+// pdSwitchToAltDiagPath for the logger: takes no lock and logs nothing, so that it may be called under the logger's own
+// mutex; pdiReportDiagPath tells of it later.
+SqlzZrc pdiSwitchToAlternate() noexcept;
+
 // Reports what is still to be said about the paths decided so far, each once per process. Call it with no lock held
 // and outside of a log call; it may log. Costs one load when there is nothing to say.
 void pdiReportDiagPath() noexcept;
