@@ -75,6 +75,20 @@ std::uint64_t hostEngineUnitNumber() noexcept {
   return number != 0 ? number : SQLT_NO_ENGINE_UNIT;
 }
 
+bool hostEngineUnit(VekEngineUnit* out) noexcept {
+  VekEngineUnit unit = {};
+  if (g_host.currentEngineUnit == nullptr || !g_host.currentEngineUnit(g_host.context, &unit)) return false;
+  *out = unit;
+  return true;
+}
+
+bool hostApplication(VekApplication* out) noexcept {
+  VekApplication application = {};
+  if (g_host.application == nullptr || !g_host.application(g_host.context, &application)) return false;
+  *out = application;
+  return true;
+}
+
 void hostWorkloadDisplay(EcfFunctionId id, bool entry) noexcept {
   const auto display = entry ? g_host.workloadDisplayEntry : g_host.workloadDisplayExit;
   if (display != nullptr) display(g_host.context, id);

@@ -10,6 +10,11 @@ namespace vek {
 // The calling engine unit's number, SQLT_NO_ENGINE_UNIT when it is none or has none. On the way of every traced entry.
 std::uint64_t hostEngineUnitNumber() noexcept;
 
+// The calling engine unit, and the application fields of the calling thread. False, and nothing written: none are
+// known.
+bool hostEngineUnit(VekEngineUnit* out) noexcept;
+bool hostApplication(VekApplication* out) noexcept;
+
 void hostWorkloadDisplay(EcfFunctionId id, bool entry) noexcept;
 void hostDumpEngineUnit(SqlzZrc zrc) noexcept;
 

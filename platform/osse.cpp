@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/utsname.h>
@@ -14,6 +15,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+
+#include "platform/library_mutex.h"
+#include "veksys/diag/log.h"
+#include "veksys_functions.h"
 
 namespace vek {
 namespace {
@@ -52,6 +58,8 @@ constinit OssCalls g_calls = {
     .munmap = ::munmap,
     .madvise = ::madvise,
     .memfd = ::memfd_create,
+    .socket = ::socket,
+    .sendto = ::sendto,
 };
 
 // Repeats a call while it is interrupted; gives 0 or errno.
@@ -90,7 +98,53 @@ std::int64_t clockNs(clockid_t clock) noexcept {
   return static_cast<std::int64_t>(now.tv_sec) * 1'000'000'000 + now.tv_nsec;
 }
 
+// ---- messages
+
+constinit std::atomic<OssLogHook> g_logHook = nullptr;
+constinit std::atomic<std::uint32_t> g_logLevel = OSS_LOG_LEVEL_DEFAULT;
+constinit std::atomic<std::uint32_t> g_heldBack = 0;
+
+void tell(EcfFunctionId functionId, int error, const char* text) noexcept {
+  ossLog(
+      {.functionId = functionId, .probe = 10, .level = PD_LEVEL_ERROR, .ecfCode = 0, .osError = error, .text = text});
+}
+
+void tellHeldBack(OssLogHook hook) noexcept {
+  const std::uint32_t count = g_heldBack.exchange(0, std::memory_order_relaxed);
+  if (count == 0) return;
+  char text[96];
+  ossSnprintf(text, sizeof text, "%u messages were held back because they came from inside a lock", count);
+  const PdOSSeMessage message = {
+      .functionId = FID_ossLog, .probe = 10, .level = PD_LEVEL_WARNING, .ecfCode = 0, .osError = 0, .text = text};
+  hook(&message);
+}
+
 }  // namespace
+
+int ossSetLogHook(OssLogHook hook) noexcept {
+  if (hook == nullptr) return EINVAL;
+  OssLogHook installed = nullptr;
+  return g_logHook.compare_exchange_strong(installed, hook) || installed == hook ? 0 : EBUSY;
+}
+
+int ossSetLogLevel(std::uint32_t level) noexcept {
+  if (level > OSS_LOG_LEVEL_MOST) return EINVAL;
+  g_logLevel.store(level, std::memory_order_relaxed);
+  return 0;
+}
+
+void ossLog(const PdOSSeMessage& message) noexcept {
+  const OssLogHook hook = g_logHook.load(std::memory_order_acquire);
+  if (hook == nullptr || message.level > g_logLevel.load(std::memory_order_relaxed)) return;
+  if (threadIsInsideLock()) {
+    g_heldBack.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  const int kept = errno;
+  hook(&message);
+  tellHeldBack(hook);
+  errno = kept;
+}
 
 OssCalls& ossCalls() noexcept { return g_calls; }
 
@@ -182,7 +236,9 @@ int ossOpen(const char* path, int flags, unsigned mode, int* fdOut) noexcept {
 }
 
 void ossClose(int fd) noexcept {
-  if (fd >= 0) g_calls.close(fd);  // not repeated: Linux has released the descriptor even when it says EINTR
+  // Not repeated: Linux has released the descriptor even when it says EINTR.
+  if (fd < 0 || g_calls.close(fd) == 0 || errno == EINTR) return;
+  tell(FID_ossClose, errno, "A file could not be closed; what was written to it last may be lost");
 }
 
 int ossWriteAll(int fd, const void* bytes, std::size_t count) noexcept {
@@ -254,7 +310,9 @@ int ossLockByte(int fd, std::uint64_t offset) noexcept {
 }
 
 void ossUnlockByte(int fd, std::uint64_t offset) noexcept {
-  repeat([&] { return g_calls.lockByte(fd, F_SETLK, F_UNLCK, static_cast<off_t>(offset), 1, nullptr); });
+  const int error =
+      repeat([&] { return g_calls.lockByte(fd, F_SETLK, F_UNLCK, static_cast<off_t>(offset), 1, nullptr); });
+  if (error != 0) tell(FID_ossUnlockByte, error, "A record lock could not be given back");
 }
 
 bool ossByteLockedElsewhere(int fd, std::uint64_t offset) noexcept {

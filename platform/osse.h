@@ -16,6 +16,8 @@
 #include <cstddef>
 #include <cstdint>
 
+struct PdOSSeMessage;
+struct sockaddr;
 struct stat;
 
 namespace vek {
@@ -42,6 +44,8 @@ struct OssCalls {
   int (*munmap)(void* address, std::size_t bytes);
   int (*madvise)(void* address, std::size_t bytes, int advice);
   int (*memfd)(const char* name, unsigned flags);
+  int (*socket)(int domain, int type, int protocol);
+  ssize_t (*sendto)(int fd, const void* bytes, std::size_t count, int flags, const sockaddr* to, unsigned toBytes);
 };
 
 // The table in force. Replacing an entry affects the whole process; only tests do it, before other threads start.
@@ -157,5 +161,25 @@ void ossUnlockByte(int fd, std::uint64_t offset) noexcept;
 
 // True when another process holds the byte. A byte that this process holds reads as free.
 bool ossByteLockedElsewhere(int fd, std::uint64_t offset) noexcept;
+
+// ---- messages ---------------------------------------------------------------------------------------------------
+//
+// Failures that no caller is told of (a file that cannot be closed, a lock that cannot be given back) become messages.
+// They go to the hook when one is installed, at once and on the thread they happened on.
+
+using OssLogHook = void (*)(const PdOSSeMessage* message) noexcept;
+
+inline constexpr std::uint32_t OSS_LOG_LEVEL_DEFAULT = 3;  // warnings, and what is worse
+inline constexpr std::uint32_t OSS_LOG_LEVEL_MOST = 6;
+
+// Installs the hook. 0 (also when it is installed already); EINVAL: null; EBUSY: there is another one.
+int ossSetLogHook(OssLogHook hook) noexcept;
+
+// Holds back messages above a level, 0 for all of them. 0; EINVAL: above OSS_LOG_LEVEL_MOST.
+int ossSetLogLevel(std::uint32_t level) noexcept;
+
+// Hands a message to the hook. While the thread is inside a lock of the library the message is only counted; the next
+// one that is handed over is followed by one that says how many there were. Keeps errno.
+void ossLog(const PdOSSeMessage& message) noexcept;
 
 }  // namespace vek
