@@ -1,4 +1,5 @@
 // Values: conversions between the internal forms of column values, binary numbers and text.
 #pragma once
 
+#include "veksys/values/dfpal.h"
 #include "veksys/values/packed_decimal.h"
