@@ -1,5 +1,6 @@
 // Values: conversions between the internal forms of column values, binary numbers and text.
 #pragma once
 
+#include "veksys/values/decimal_float.h"
 #include "veksys/values/dfpal.h"
 #include "veksys/values/packed_decimal.h"

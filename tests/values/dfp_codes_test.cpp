@@ -1,0 +1,255 @@
+// DECFLOAT conversions with return codes: what conditions become, what is stored, and that callers keep their flags.
+#include <unistd.h>
+
+#include <cstring>
+#include <limits>
+#include <thread>
+
+#include "platform/support.h"
+#include "values/dfp_support.h"
+#include "veksys/values/decimal_float.h"
+
+namespace vek::valuestest {
+namespace {
+
+constexpr std::uint32_t kCallersFlags = DFPAL_DIVISION_BY_ZERO | DFPAL_INEXACT;
+constexpr DfpalDecimal64 kUntouched = {0x123456789ABCDEF0U};
+
+// Every test begins with flags of its caller and the settings of the start, and must leave those flags alone.
+class DfpCodes : public ::testing::Test {
+ protected:
+  DfpCodes() {
+    dfpalGetControlFlags(&atStart_);
+    dfpalSwapStatusFlag(kCallersFlags);
+  }
+  ~DfpCodes() override {
+    EXPECT_EQ(dfpalReadClearAllStatusFlag(), kCallersFlags);
+    EXPECT_EQ(dfpalSetControlFlags(&atStart_), 0);
+    EXPECT_EQ(dfpalSetRoundingMode(DFPAL_ROUND_HALF_EVEN), 0);
+    sqlvSetDecimalRounding(0);
+  }
+
+  // A value without a trace of its making in the flags.
+  template <class Width>
+  static typename Width::Value make(std::string_view text) {
+    const std::uint32_t saved = dfpalReadClearAllStatusFlag();
+    const auto value = valueOf<Width>(text);
+    dfpalSwapStatusFlag(saved);
+    return value;
+  }
+
+  DfpalControlFlags atStart_ = {};
+};
+
+TEST_F(DfpCodes, NarrowingTellsWhatWasLost) {
+  const struct {
+    const char* source;
+    SqlzZrc zrc;
+    const char* target;
+  } cases[] = {
+      {"-1234567890.123456", 0, "-1234567890.123456"},
+      {"1.200000000000000000000000000000000", 0, "1.200000000000000"},
+      {"12345678901234565", SQLRX_DFP_INEXACT, "1.234567890123456E+16"},
+      {"1E+385", SQLRX_DFP_RANGE, "Infinity"},
+      {"1E-399", SQLRX_DFP_RANGE, "0E-398"},
+      {"1E-398", 0, "1E-398"},
+      {"-Infinity", 0, "-Infinity"},
+      {"-NaN1234567890123456", 0, "-NaN234567890123456"},
+      {"-sNaN77", 0, "-sNaN"},
+      {"sNaN", 0, "sNaN"},
+  };
+  for (const auto& each : cases) {
+    const auto source = make<Width128>(each.source);
+    DfpalDecimal64 target = kUntouched;
+    EXPECT_EQ(sqlvdfp2dfpTmpl(&source, &target), each.zrc) << each.source;
+    EXPECT_EQ(textOf(target), each.target);
+  }
+  const auto source = make<Width64>("-sNaN77");
+  DfpalDecimal128 target = {};
+  EXPECT_EQ(sqlvdfp2dfpTmpl(&source, &target), 0);
+  EXPECT_EQ(textOf(target), "-sNaN");
+}
+
+TEST_F(DfpCodes, FollowTheControlFlagsInTheirOrder) {
+  constexpr std::uint32_t kBoth = DFPAL_OVERFLOW | DFPAL_INEXACT;  // what 1E+385 raises
+  const struct {
+    DfpalControlFlags control;
+    SqlzZrc zrc;
+    bool isStored;
+  } cases[] = {
+      {{DFPAL_INVALID, kBoth, kBoth, 0, 0}, 0, true},
+      {{kBoth, DFPAL_INEXACT, DFPAL_OVERFLOW, 0, 0}, SQLRX_DFP_RANGE, true},
+      {{DFPAL_OVERFLOW, 0, DFPAL_INEXACT, 0, 0}, SQLRX_DFP_INEXACT, true},
+      {{kBoth, DFPAL_INVALID, DFPAL_UNDERFLOW, DFPAL_DIVISION_BY_ZERO, 0}, SQLRX_DFP_INVALID, false},
+      {{kBoth, 0, 0, DFPAL_INEXACT, 0}, 0, true},
+  };
+  const auto source = make<Width128>("1E+385");
+  for (const auto& each : cases) {
+    ASSERT_EQ(dfpalSetControlFlags(&each.control), 0);
+    DfpalDecimal64 target = kUntouched;
+    EXPECT_EQ(sqlvdfp2dfpTmpl(&source, &target), each.zrc);
+    EXPECT_EQ(target == kUntouched, !each.isStored);
+  }
+  const DfpalControlFlags refused[] = {{0x20, 0, 0, 0, 0}, {0, 0, 0, 0x100, 0}, {0, 0, 0, 0, DFPAL_ROUND_MODES}};
+  for (const DfpalControlFlags& each : refused) EXPECT_EQ(dfpalSetControlFlags(&each), SQLO_INV_PARM);
+  DfpalControlFlags inForce = {};
+  dfpalGetControlFlags(&inForce);
+  EXPECT_EQ(std::memcmp(&inForce, &cases[4].control, sizeof inForce), 0) << "a refused record changed something";
+}
+
+TEST_F(DfpCodes, ShortIntegersRoundWhenTheSettingIsOn) {
+  constexpr std::int16_t kNone = 12345;
+  const struct {
+    const char* value;
+    std::uint32_t mode;
+    std::int16_t cut;
+    std::int16_t rounded;  // kNone: does not fit
+  } cases[] = {
+      {"32767.9", DFPAL_ROUND_HALF_UP, 32767, kNone},
+      {"32767.9", DFPAL_ROUND_FLOOR, 32767, 32767},
+      {"-32768.9", DFPAL_ROUND_DOWN, -32768, -32768},
+      {"-32768.5", DFPAL_ROUND_HALF_EVEN, -32768, -32768},
+      {"-32768.5", DFPAL_ROUND_HALF_UP, -32768, kNone},
+      {"2.5", DFPAL_ROUND_HALF_EVEN, 2, 2},
+      {"0.1", DFPAL_ROUND_UP, 0, 1},
+      {"-0.1", DFPAL_ROUND_CEILING, 0, 0},
+      {"1E+4", DFPAL_ROUND_UP, 10000, 10000},
+      {"32768", DFPAL_ROUND_DOWN, kNone, kNone},
+      {"-32769", DFPAL_ROUND_UP, kNone, kNone},
+      {"3E+9", DFPAL_ROUND_UP, kNone, kNone},
+      {"Infinity", DFPAL_ROUND_DOWN, kNone, kNone},
+      {"NaN", DFPAL_ROUND_DOWN, kNone, kNone},
+      {"sNaN", DFPAL_ROUND_DOWN, kNone, kNone},
+  };
+  for (const auto& each : cases) {
+    const auto narrow = make<Width64>(each.value);
+    const auto wide = make<Width128>(each.value);
+    dfpalSetRoundingMode(each.mode);
+    for (const bool isOn : {false, true}) {
+      sqlvSetDecimalRounding(isOn ? 1 : 0);
+      const std::int16_t wanted = isOn ? each.rounded : each.cut;
+      std::int16_t got[2] = {kNone, kNone};
+      EXPECT_EQ(sqlvdfp2sht(&narrow, sizeof narrow, &got[0]), wanted == kNone ? SQLRX_DEC_OVERFLOW : 0) << each.value;
+      EXPECT_EQ(sqlvdfp2sht(&wide, sizeof wide, &got[1]), wanted == kNone ? SQLRX_DEC_OVERFLOW : 0) << each.value;
+      EXPECT_EQ(got[0], wanted) << each.value;
+      EXPECT_EQ(got[1], wanted) << each.value;
+    }
+  }
+}
+
+TEST_F(DfpCodes, PackedTargetsKeepTheirBytesUnlessTheValueFits) {
+  const auto value = make<Width128>("-12.345");
+  std::uint8_t packed[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+  EXPECT_EQ(sqlvdfp2dec(&value, sizeof value, packed, {3, 2}), SQLRX_DEC_OVERFLOW);
+  EXPECT_EQ(sqlvdfp2dec(&value, sizeof value, packed, {32, 0}), SQLRX_DEC_INVALID);
+  EXPECT_EQ(sqlvdfp2dec(&value, sizeof value, packed, {4, 5}), SQLRX_DEC_INVALID);
+  EXPECT_EQ(packed[0], 0xEE);
+  EXPECT_EQ(sqlvdfp2dec(&value, sizeof value, packed, {4, 2}), 0);
+  EXPECT_EQ(std::memcmp(packed, "\x01\x23\x4D\xEE", 4), 0);
+  sqlvSetDecimalRounding(1);
+  dfpalSetRoundingMode(DFPAL_ROUND_HALF_UP);
+  EXPECT_EQ(sqlvdfp2dec(&value, sizeof value, packed, {4, 2}), 0);
+  EXPECT_EQ(std::memcmp(packed, "\x01\x23\x5D\xEE", 4), 0);
+  const auto small = make<Width64>("-0.004");
+  EXPECT_EQ(sqlvdfp2dec(&small, sizeof small, packed, {5, 2}), 0);
+  EXPECT_EQ(std::memcmp(packed, "\x00\x00\x0C\xEE", 4), 0) << "a zero is positive";
+}
+
+TEST_F(DfpCodes, TextGoesBothWays) {
+  DfpalDecimal128 wide = {};
+  DfpalDecimal64 narrow = kUntouched;
+  EXPECT_EQ(sqlv_chr_2_dfp("  -1.50E+3 ", 11, &wide, sizeof wide), 0);
+  EXPECT_EQ(textOf(wide), "-1.50E+3");
+  EXPECT_EQ(sqlv_chr_2_dfp("12345678901234567", 17, &narrow, sizeof narrow), SQLRX_DFP_INEXACT);
+  EXPECT_EQ(textOf(narrow), "1.234567890123457E+16");
+  EXPECT_EQ(sqlv_chr_2_dfp("1E999", 5, &narrow, sizeof narrow), SQLRX_DFP_RANGE);
+  EXPECT_EQ(textOf(narrow), "Infinity");
+  narrow = kUntouched;
+  for (const std::string_view wrong : {"", "   ", "1 2", "ten", "1.2.3", "NaN1234567890123456"})
+    EXPECT_EQ(sqlv_chr_2_dfp(wrong.data(), wrong.size(), &narrow, sizeof narrow), SQLRX_DFP_INVALID) << wrong;
+  EXPECT_EQ(narrow, kUntouched);
+
+  char text[16] = "untouched";
+  std::size_t length = 0;
+  EXPECT_EQ(sqlvDecfloatToCharWrapper(&wide, sizeof wide, text, 8, &length), SQLRX_DEC_OVERFLOW);
+  EXPECT_STREQ(text, "untouched");
+  EXPECT_EQ(length, 8U);
+  EXPECT_EQ(sqlvDecfloatToCharWithDelimiter(&wide, sizeof wide, ',', text, 9, nullptr), 0);
+  EXPECT_STREQ(text, "-1,50E+3");
+}
+
+TEST_F(DfpCodes, OtherSizesAreRefused) {
+  const DfpalDecimal128 value = make<Width128>("1");
+  std::int16_t number = 7;
+  std::uint8_t packed[2] = {0xEE, 0xEE};
+  char text[64] = "untouched";
+  for (const std::uint32_t size : {0U, 4U, 7U, 9U, 12U, 32U}) {
+    DfpalDecimal128 target = value;
+    EXPECT_EQ(sqlvdfp2sht(&value, size, &number), SQLRX_DFP_INVALID);
+    EXPECT_EQ(sqlvdfp2dec(&value, size, packed, {3, 0}), SQLRX_DFP_INVALID);
+    EXPECT_EQ(sqlv_chr_2_dfp("5", 1, &target, size), SQLRX_DFP_INVALID);
+    EXPECT_EQ(sqlvDecfloatToCharWrapper(&value, size, text, sizeof text, nullptr), SQLRX_DFP_INVALID);
+    EXPECT_EQ(target, value);
+  }
+  EXPECT_EQ(number, 7);
+  EXPECT_EQ(packed[0], 0xEE);
+  EXPECT_STREQ(text, "untouched");
+}
+
+// ---- the state of threads ---------------------------------------------------------------------------------------
+
+TEST(DfpThread, HasItsOwnModeAndFlagsAndForkKeepsThem) {
+  EXPECT_EQ(dfpalSetRoundingMode(DFPAL_ROUND_MODES), SQLO_INV_PARM);
+  EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_HALF_EVEN);
+  const RoundingMode mode(DFPAL_ROUND_FLOOR);
+  EXPECT_EQ(dfpalSwapStatusFlag(~0U), 0U);
+  std::thread([] {
+    EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_HALF_EVEN);
+    EXPECT_EQ(dfpalReadClearAllStatusFlag(), 0U);
+    dfpalSetRoundingMode(DFPAL_ROUND_UP);
+    EXPECT_EQ(textOf(valueOf<Width64>("10000000000000001")), "1.000000000000001E+16");
+    EXPECT_EQ(dfpalReadClearAllStatusFlag(), DFPAL_INEXACT);
+  }).join();
+  EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_FLOOR);
+  EXPECT_EQ(platformtest::runInProcess([] {
+              EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_FLOOR);
+              EXPECT_EQ(dfpalSwapStatusFlag(0), DFPAL_CONDITIONS);
+            }),
+            0);
+  EXPECT_EQ(dfpalReadClearAllStatusFlag(), DFPAL_CONDITIONS) << "and nothing but conditions";
+}
+
+TEST(DfpThread, TakesTheModeOfTheControlFlagsUntilItSetsOne) {
+  std::thread([] {
+    DfpalControlFlags control = {};
+    dfpalGetControlFlags(&control);
+    DfpalControlFlags other = control;
+    other.defaultRounding = DFPAL_ROUND_CEILING;
+    EXPECT_EQ(dfpalSetControlFlags(&other), 0);
+    EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_CEILING);
+    dfpalSetRoundingMode(DFPAL_ROUND_HALF_EVEN);
+    EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_HALF_EVEN);
+    EXPECT_EQ(dfpalSetControlFlags(&control), 0);
+  }).join();
+}
+
+// ---- integers ---------------------------------------------------------------------------------------------------
+
+TEST(DfpIntegers, AtTheirLimitsAndUnknownModes) {
+  using Limits = std::numeric_limits<std::int64_t>;
+  const RoundingMode mode(DFPAL_ROUND_HALF_EVEN);
+  EXPECT_EQ(textOf(dfpal_decimal128FromInt64(Limits::min())), "-9223372036854775808");
+  EXPECT_EQ(textOf(dfpal_decimal128FromUint64(~std::uint64_t{0})), "18446744073709551615");
+  EXPECT_EQ(textOf(dfpal_decimal64FromInt32(std::numeric_limits<std::int32_t>::min())), "-2147483648");
+  EXPECT_EQ(textOf(dfpal_decimal64FromUint32(~0U)), "4294967295");
+  EXPECT_EQ(dfpal_decimal128ToInt64(dfpal_decimal128FromInt64(Limits::min()), DFPAL_ROUND_DOWN), Limits::min());
+  EXPECT_EQ(dfpalReadClearAllStatusFlag(), 0U);
+  EXPECT_EQ(textOf(dfpal_decimal64FromUint64(~std::uint64_t{0})), "1.844674407370955E+19");
+  EXPECT_EQ(dfpalReadClearAllStatusFlag(), DFPAL_INEXACT);
+  EXPECT_EQ(dfpal_decimal64ToInt32(dfpal_decimal64FromInt32(5), DFPAL_ROUND_MODES), 0);
+  EXPECT_EQ(textOf(dfpal_decimal64RoundToIntegral(dfpal_decimal64FromInt32(5), DFPAL_ROUND_MODES)), "NaN");
+  EXPECT_EQ(dfpalReadClearAllStatusFlag(), DFPAL_INVALID);
+}
+
+}  // namespace
+}  // namespace vek::valuestest

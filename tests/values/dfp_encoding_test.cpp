@@ -1,0 +1,84 @@
+// Densely packed decimal: the tables, and values whose bits nobody should have written.
+#include <random>
+
+#include "platform/ossx_tables.h"
+#include "values/dfp_support.h"
+
+namespace vek::valuestest {
+namespace {
+
+// The digits of a declet by the equations of its bits, one by one.
+unsigned bcdByEquations(unsigned declet) {
+  const auto bit = [declet](unsigned index) { return (declet >> index & 1U) != 0; };
+  const bool p = bit(9), q = bit(8), r = bit(7), s = bit(6), t = bit(5), u = bit(4), v = bit(3), w = bit(2), x = bit(1),
+             y = bit(0);
+  const bool digits[12] = {
+      v && w && (!x || !s || t),
+      p && (!v || !w || (x && s && !t)),
+      q && (!v || !w || (x && s && !t)),
+      r,
+      v && x && (!w || !t || s),
+      (s && (!v || !x)) || (p && v && w && x && !s && t),
+      (t && (!v || !x)) || (q && v && w && x && !s && t),
+      u,
+      v && ((!w && !x) || (w && x && (s || t))),
+      (w && !v) || (s && v && !w && x) || (p && v && w && (!x || (!s && !t))),
+      (x && !v) || (t && v && !w && x) || (q && v && w && (!x || (!s && !t))),
+      y,
+  };
+  unsigned bcd = 0;
+  for (const bool digit : digits) bcd = bcd << 1U | (digit ? 1U : 0U);
+  return bcd;
+}
+
+TEST(Declets, AllOfThem) {
+  unsigned unwritten = 0;
+  for (unsigned declet = 0; declet < DECLETS; ++declet) {
+    const unsigned bcd = DPD2BCD[declet];
+    EXPECT_EQ(bcd, bcdByEquations(declet)) << declet;
+    const unsigned value = (bcd >> 8U) * 100 + (bcd >> 4U & 0xFU) * 10 + (bcd & 0xFU);
+    EXPECT_EQ(DPD2BIN[declet], value);
+    EXPECT_EQ(BIN2DPD[value], BCD2DPD[bcd]);
+    EXPECT_EQ(canonicalDeclets(declet), BCD2DPD[bcd]);
+    if (BCD2DPD[bcd] != declet) ++unwritten;
+  }
+  EXPECT_EQ(unwritten, 24U);
+  for (unsigned value = 0; value < DECLET_VALUES; ++value) EXPECT_EQ(DPD2BIN[BIN2DPD[value]], value);
+  for (unsigned bcd = 0; bcd < BCD2DPD.size(); ++bcd) EXPECT_LT(BCD2DPD[bcd], DECLETS);
+}
+
+// Results of every operation that can hand an operand on have declets that are written and no bits behind an infinity.
+TEST(DfpEncoding, ResultsAreCanonicalWhateverTheOperandIs) {
+  const std::uint32_t seed = std::random_device{}();
+  SCOPED_TRACE(seed);
+  std::mt19937_64 random(seed);
+  const RoundingMode mode(DFPAL_ROUND_HALF_EVEN);
+  const auto declets = [&] {  // many of three large digits, with bits that mean nothing
+    std::uint64_t word = 0;
+    for (unsigned i = 0; i < 6; ++i)
+      word = word << DECLET_BITS | (random() & 0x3FFU) | (random() % 2 == 0 ? 0x6EU : 0U);
+    return word;
+  };
+  const auto isCanonical = [](DfpalDecimal128 value) {
+    return value == valueOf<Width128>(textOf(value));  // reading makes declets of its own
+  };
+  for (unsigned i = 0; i < 20000; ++i) {
+    std::uint64_t top = random();
+    if (i % 8 == 0) top |= 0x78ULL << 56U;
+    const std::uint64_t upper = declets();
+    const DfpalDecimal128 wide = {declets() | upper << 60U,
+                                  (top & ~((1ULL << 46U) - 1)) | (upper & ((1ULL << 46U) - 1))};
+    const DfpalDecimal64 narrow = {(top & ~((1ULL << 50U) - 1)) | (upper & ((1ULL << 50U) - 1))};
+    ASSERT_TRUE(isCanonical(dfpal_decimal64ToDecimal128(narrow))) << std::hex << narrow.word;
+    ASSERT_TRUE(isCanonical(dfpal_decimal128RoundToIntegral(wide, DFPAL_ROUND_UP)));
+    ASSERT_TRUE(isCanonical(dfpal_decimal128Add(wide, valueOf<Width128>("-0E-9999"))));
+    ASSERT_TRUE(isCanonical(dfpal_decimal128Quantize(wide, wide)));
+    // Digits that a narrow value holds take the short way, or the long one when their first one is moved away.
+    const DfpalDecimal128 few = {(declets() & ((1ULL << 50U) - 1)) | (random() % 16) << 50U, 0x2208000000000000U};
+    const DfpalDecimal64 result = dfpal_decimal128ToDecimal64(few);
+    ASSERT_EQ(result, valueOf<Width64>(textOf(few))) << std::hex << few.low;
+  }
+}
+
+}  // namespace
+}  // namespace vek::valuestest
