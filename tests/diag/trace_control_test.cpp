@@ -250,7 +250,7 @@ TEST(TraceControl, CreatingAndDeletingByEitherInterface) {
     ASSERT_EQ(sqltTrcSharedIPCInfo(&info), 0);
     EXPECT_TRUE(std::filesystem::exists(info.path));
     EXPECT_EQ(info.bytes, kRingBytes);
-    EXPECT_STREQ(info.instance, "flight");
+    EXPECT_STREQ(info.instance, "platformtest");
     EXPECT_EQ(sqltTrcSharedIPCInfo(nullptr), SQLO_INV_PARM);
     const int object = ::open(info.path, O_RDONLY | O_CLOEXEC);
     EXPECT_EQ(sqltTraceFacilityDelete(), 0);

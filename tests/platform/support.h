@@ -44,6 +44,7 @@ class Instance {
   Instance& operator=(const Instance&) = delete;
 
   const std::string& directory() const { return directory_; }
+  std::string path(const char* name) const { return directory_ + "/" + name; }
   std::string region() const { return directory_ + "/veksys." + std::to_string(::geteuid()) + ".platformtest"; }
 
  private:

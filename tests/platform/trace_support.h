@@ -3,7 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,11 +10,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "platform/support.h"
 #include "veksys/diag/trace.h"
 #include "veksys/diag/trace_control.h"
 #include "veksys/diag/trace_reader.h"
@@ -37,29 +36,8 @@ inline constexpr bool kSanitized = false;
 // A function identifier of a component without special rules.
 inline constexpr EcfFunctionId kFunction = ecfFunctionId(9, 17);
 
-// An instance with a directory of its own instead of the machine's shared memory; gone at the end of the scope.
-class TraceInstance {
- public:
-  TraceInstance() {
-    char pattern[] = "/dev/shm/veksys_test.XXXXXX";
-    directory_ = ::mkdtemp(pattern);
-    ::setenv("VEK_SHM_DIR", directory_.c_str(), 1);
-    ::setenv("VEKINSTANCE", "flight", 1);
-  }
-  ~TraceInstance() {
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
-    ::unsetenv("VEK_SHM_DIR");
-    ::unsetenv("VEKINSTANCE");
-  }
-  TraceInstance(const TraceInstance&) = delete;
-  TraceInstance& operator=(const TraceInstance&) = delete;
-
-  std::string path(const char* name) const { return directory_ + "/" + name; }
-
- private:
-  std::string directory_;
-};
+using vek::platformtest::Shared;
+using TraceInstance = vek::platformtest::Instance;
 
 // Starts `body` in a process of its own, which ends through exit() with 1 when an expectation failed in it.
 template <class Body>
@@ -89,24 +67,6 @@ inline bool waitUntilStopped(pid_t child) {
   int status = 0;
   return ::waitpid(child, &status, WUNTRACED) == child && WIFSTOPPED(status);
 }
-
-// One object that processes started later share.
-template <class T>
-class Shared {
- public:
-  Shared()
-      : memory_(::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0)),
-        object_(new (memory_) T{}) {}
-  ~Shared() { ::munmap(memory_, sizeof(T)); }
-  Shared(const Shared&) = delete;
-  Shared& operator=(const Shared&) = delete;
-  T* operator->() const { return object_; }
-  T& operator*() const { return *object_; }
-
- private:
-  void* memory_;
-  T* object_;
-};
 
 struct ReadItem {
   std::uint32_t type;

@@ -126,7 +126,7 @@ TEST_F(Control, MaskIsSetAddedToAndRemovedFrom) {
 TEST_F(Control, RefusesInstancesItMayNotLookAt) {
   for (const char* name : {"a/b", "..", ".hidden", "with blank", "name-of-more-than-thirty-two-characters"})
     expectSentence(veksys({"--instance", name, "trace", "status"}), 2, "no instance name");
-  const std::string foreign = directoryOfInstance() + "/veksys." + std::to_string(::getuid() + 4711) + ".flight";
+  const std::string foreign = directoryOfInstance() + "/veksys." + std::to_string(::getuid() + 4711) + ".platformtest";
   std::ofstream(foreign) << "theirs";
   for (const char* subcommand : {"status", "flow", "mask", "off"})
     expectSentence(veksys({"trace", subcommand}), 1, std::to_string(::getuid() + 4711));
@@ -147,7 +147,7 @@ TEST_F(Control, SaysWhenTheLayoutIsAnother) {
     while (stage->load() != 2) ::usleep(1000);
   });
   while (stage->load() != 1) ::usleep(1000);
-  const std::string region = directoryOfInstance() + "/veksys." + std::to_string(::getuid()) + ".flight";
+  const std::string region = directoryOfInstance() + "/veksys." + std::to_string(::getuid()) + ".platformtest";
   const int fd = ::open(region.c_str(), O_RDWR);
   const std::uint32_t version = 4711;
   EXPECT_EQ(::pwrite(fd, &version, sizeof version, 8), 4);
