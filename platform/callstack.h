@@ -1,8 +1,8 @@
 // The call stack of a thread: addresses, the symbols they lie in, and what is needed to find source lines later.
 //
 // Nothing here allocates or takes a lock; it may run in a signal handler, in a forked child and in a process that is
-// dying. Symbols are the exported ones of each module (as written, not demangled); an address between two of them
-// belongs to the lower one only where that one's size says so.
+// dying. Symbols are the exported functions of each module (as written, not demangled). A return address is shown as
+// the last byte of its call, so that it always lies in the function that called.
 #pragma once
 
 #include <cstddef>

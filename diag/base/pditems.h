@@ -9,12 +9,12 @@
 
 namespace vek {
 
-// What a type is called in records: "unsigned integer"; the structure's number for types from PD_TYPE_STRUCTURES on.
-std::string_view pdTypeDescription(std::uint32_t type) noexcept;
+// Writes what a type is called in records: "unsigned integer"; a structure and an unknown type by its number.
+void pdPenTypeDescription(PdPen& pen, std::uint32_t type) noexcept;
 
-// Writes the value of an item, each of its lines ended by CR LF; how is a matter of its type. Reads `size` bytes at
-// `data` and not one more. A value that has not the size its type needs is shown as bytes, a null pointer as such.
-// Structure types go to their formatter through the port `formatItem`.
+// Writes the value of an item, each of its lines ended by CR LF; how is a matter of its type (PdPrint). Reads `size`
+// bytes at `data` and not one more. A value that has not the size its type needs is shown as bytes, a null pointer as
+// such. Structure types go to their formatter through the port `formatItem`.
 void pdPenItemValue(PdPen& pen, std::uint32_t type, std::uint32_t size, const void* data) noexcept;
 
 // Writes bytes as lines of offset, hex and, when asked for, characters:
@@ -25,5 +25,14 @@ void pdPenHexDump(PdPen& pen, const void* data, std::size_t size, bool withChara
 // Writes text of any bytes so that it stays text: line ends become CR LF, control characters other than the tabulator
 // '.'.
 void pdPenText(PdPen& pen, std::string_view text) noexcept;
+
+// Ends the line, unless the text before it has done so.
+void pdPenEndLine(PdPen& pen) noexcept;
+
+// Writes what stands for an error of the operating system: its name, if it has one, and the number: "ENOSPC (28)".
+void pdPenOsError(PdPen& pen, int error) noexcept;
+
+// Writes the system's text for it, in double quotes behind a blank; nothing when there is none.
+void pdPenOsErrorText(PdPen& pen, int error) noexcept;
 
 }  // namespace vek

@@ -91,8 +91,9 @@ class PdPen {
   // terminator; `advance` takes over what they wrote. `whole` is false when they had to leave something out.
   char* next() noexcept { return next_; }
   void advance(std::size_t characters, bool whole) noexcept {
-    next_ += characters <= room() ? characters : room();
-    if (!whole || characters > static_cast<std::size_t>(end_ - begin_)) stop();
+    const bool fits = characters <= room();
+    next_ += fits ? characters : room();
+    if (!whole || !fits) stop();
   }
 
   std::size_t room() const noexcept { return static_cast<std::size_t>(end_ - next_); }
@@ -109,8 +110,8 @@ class PdPen {
     end_ = next_;
   }
 
-  // Ends the text: a cut one gets `mark` as its last characters, over what stood there, without splitting a CR LF or
-  // a character of several bytes; then comes the terminator. Returns the characters that stand in the buffer.
+  // Ends the text: a cut one gets `mark` (if any) as its last characters, over what stood there, without splitting a CR
+  // LF or a character of several bytes; then comes the terminator. Returns the characters that stand in the buffer.
   std::size_t finish(std::string_view mark) noexcept {
     if (isCut_) putMark(mark);
     *next_ = '\0';
@@ -133,6 +134,7 @@ class PdPen {
   void putMark(std::string_view mark) noexcept {
     end_ = full_;
     const auto capacity = static_cast<std::size_t>(end_ - begin_);
+    if (mark.empty()) return;
     if (mark.size() > capacity) mark = mark.substr(0, capacity);
     if (room() < mark.size()) next_ = boundaryBefore(end_ - mark.size());
     put(mark.data(), mark.size());

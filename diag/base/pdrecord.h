@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "veksys/diag/log.h"
 #include "veksys/types.h"
 
 namespace vek {
@@ -24,13 +25,6 @@ inline constexpr std::size_t PD_RECORD_LEAD_BYTES = 2;    // the CR LF in front,
 inline constexpr std::size_t PD_TIME_STAMP_COLUMNS = 31;  // time, offset from UTC, a blank
 inline constexpr char PD_TYPE_LETTER = 'I';
 inline constexpr char PD_SEPARATOR_LETTER = 'H';
-
-inline constexpr std::uint32_t PD_LEVEL_SEVERE = 1;
-inline constexpr std::uint32_t PD_LEVEL_ERROR = 2;
-inline constexpr std::uint32_t PD_LEVEL_WARNING = 3;
-inline constexpr std::uint32_t PD_LEVEL_INFO = 4;
-inline constexpr std::uint32_t PD_LEVEL_CRITICAL = 5;
-inline constexpr std::uint32_t PD_LEVEL_EVENT = 6;
 
 // The name printed for a level; "Unknown" for any other number.
 std::string_view pdLevelName(std::uint32_t level) noexcept;
@@ -75,11 +69,11 @@ struct PdRecordHeader {
 
 // How a return code is described; bits 0-3 of the logging flags.
 enum class PdCodeKind : std::uint8_t {
-  kNone = 0,    // no RETCODE section
-  kZrc = 1,     // pdZRCGetDescription
-  kEcf = 2,     // ECF=0x%X=%d
-  kMarker = 3,  // MARKER=%d=<name> "<text>", names and texts from the table of markers
-  kCa = 4,      // CA RC= %u, of the cluster caching facility
+  kNone = PD_LOG_RC_NONE,      // no RETCODE section
+  kZrc = PD_LOG_RC_ZRC,        // pdZRCGetDescription
+  kEcf = PD_LOG_RC_ECF,        // ECF=0x%X=%d
+  kMarker = PD_LOG_RC_MARKER,  // MARKER=%d=<name> "<text>", from veksys/pd_markers.def
+  kCa = PD_LOG_RC_CA,          // CA RC= %u, of the cluster caching facility
 };
 
 // The kind that the flags ask for; kNone for a value that stands for no kind.
@@ -192,7 +186,7 @@ PdRecordText pdFormatDumpRecord(const PdRecordHeader& header, const PdRecordBody
 //
 //   length  as pdFormatRecord answered it
 //
-// The offset may be anything up to 10^18 - 1; larger ones keep the identifier blank and answer false.
+// May be repeated with another offset. Offsets of 10^16 and above leave the record as it is and answer false.
 bool pdStampIdentifier(char* record, std::uint64_t fileOffset, std::size_t length) noexcept;
 
 // The description of a code by itself, as it stands behind "RETCODE : ", CR LF included. Returns its characters.

@@ -221,7 +221,7 @@ class CtfView : public TraceView {
 
 void putEnumerations(Output& out, TracePass& pass, const CtfView& view) {
   out.put("typealias enum : uint32_t {\n");
-#define PD_TYPE(number, name, description) out.put("  " #name " = " #number ",\n");
+#define PD_TYPE(number, name, description, print) out.put("  " #name " = " #number ",\n");
 #include "veksys/pd_types.def"
 #undef PD_TYPE
   out.put("} := pd_type_t;\ntypealias enum : uint8_t { ");

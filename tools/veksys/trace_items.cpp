@@ -10,63 +10,54 @@ namespace {
 
 constexpr std::uint32_t kLineBytes = 16;  // bytes shown on one line
 
-struct KindRow {
-  PdType type;
-  ItemKind kind;
-  bool labelled;
+// How a trace shows what a record of the log prints by this routine; on one line, so with less around it.
+constexpr ItemKind kindOf(PdPrint print) {
+  switch (print) {
+    case PdPrint::kUnsigned:
+    case PdPrint::kTime:
+      return ItemKind::kUnsigned;
+    case PdPrint::kSigned:
+    case PdPrint::kOsError:
+      return ItemKind::kSigned;
+    case PdPrint::kPointer:
+    case PdPrint::kHexInteger:
+    case PdPrint::kBitmask:
+    case PdPrint::kCodePath:
+    case PdPrint::kReturnCode:
+      return ItemKind::kHex;
+    case PdPrint::kText:
+    case PdPrint::kRawText:
+      return ItemKind::kText;
+    case PdPrint::kCharacter:
+      return ItemKind::kCharacter;
+    case PdPrint::kBool:
+      return ItemKind::kBool;
+    case PdPrint::kFunction:
+      return ItemKind::kFunction;
+    case PdPrint::kSignal:
+      return ItemKind::kSignal;
+    default:
+      return ItemKind::kBytes;
+  }
+}
+
+// Types that say nothing but how the value is written; their names are left out.
+constexpr PdType kUnlabelled[] = {
+    PD_TYPE_DEFAULT,          PD_TYPE_PTR,    PD_TYPE_NCONST,  PD_TYPE_UINT,        PD_TYPE_HEXDUMP,
+    PD_TYPE_HEXDUMP_NO_ASCII, PD_TYPE_STRING, PD_TYPE_STRINGN, PD_TYPE_RAW_STRINGN, PD_TYPE_SINT,
+    PD_TYPE_HEXINT,           PD_TYPE_CHAR,   PD_TYPE_BOOL,    PD_TYPE_FLOAT,
 };
 
-// Types that are not listed are bytes.
-constexpr KindRow kKinds[] = {
-    {PD_TYPE_PTR, ItemKind::kHex, false},
-    {PD_TYPE_NCONST, ItemKind::kSigned, false},
-    {PD_TYPE_UINT, ItemKind::kUnsigned, false},
-    {PD_TYPE_STRING, ItemKind::kText, false},
-    {PD_TYPE_STRINGN, ItemKind::kText, false},
-    {PD_TYPE_RAW_STRINGN, ItemKind::kText, false},
-    {PD_TYPE_CORRELATOR, ItemKind::kUnsigned, true},
-    {PD_TYPE_CORRELATION_TOKEN, ItemKind::kText, true},
-    {PD_TYPE_CORR_HIERARCHY, ItemKind::kText, true},
-    {PD_TYPE_VEK_CORRELATION_TOKEN, ItemKind::kText, true},
-    {PD_TYPE_SINT, ItemKind::kSigned, false},
-    {PD_TYPE_HEXINT, ItemKind::kHex, false},
-    {PD_TYPE_PROCESS_ID, ItemKind::kUnsigned, true},
-    {PD_TYPE_FILE_NAME, ItemKind::kText, true},
-    {PD_TYPE_DIR_NAME, ItemKind::kText, true},
-    {PD_TYPE_CMD, ItemKind::kText, true},
-    {PD_TYPE_PROCESS_NAME, ItemKind::kText, true},
-    {PD_TYPE_LIB_NAME, ItemKind::kText, true},
-    {PD_TYPE_UNIX_IPC_KEY, ItemKind::kHex, true},
-    {PD_TYPE_UNIX_IPC_ID, ItemKind::kUnsigned, true},
-    {PD_TYPE_UNIX_IPC_OWNER, ItemKind::kUnsigned, true},
-    {PD_TYPE_FILE_DESCRIPTOR, ItemKind::kSigned, true},
-    {PD_TYPE_MIN, ItemKind::kSigned, true},
-    {PD_TYPE_MAX, ItemKind::kSigned, true},
-    {PD_TYPE_DB_PART, ItemKind::kSigned, true},
-    {PD_TYPE_DB_PART_TYPE, ItemKind::kUnsigned, true},
-    {PD_TYPE_VEK_INSTANCE, ItemKind::kText, true},
-    {PD_TYPE_SIGNAL, ItemKind::kSignal, true},
-    {PD_TYPE_CHAR, ItemKind::kCharacter, false},
-    {PD_TYPE_BOOL, ItemKind::kBool, false},
-    {PD_TYPE_DECIMAL, ItemKind::kSigned, true},
-    {PD_TYPE_BITMASK, ItemKind::kHex, true},
-    {PD_TYPE_ECFID, ItemKind::kFunction, true},
-    {PD_TYPE_CODEPATH, ItemKind::kHex, true},
-    {PD_TYPE_TIMEOUT, ItemKind::kSigned, true},
-};
-
-constexpr std::string_view kNames[] = {
-#define PD_TYPE(number, name, description) description,
-#include "veksys/pd_types.def"
-#undef PD_TYPE
-};
-constexpr std::size_t kTypeCount = sizeof kNames / sizeof kNames[0];
+constexpr std::size_t kTypeCount = PD_TYPE_COUNT;
 
 struct ItemTypes {
-  ItemType rows[kTypeCount];
-  constexpr ItemTypes() : rows() {
-    for (std::size_t i = 0; i < kTypeCount; ++i) rows[i] = {ItemKind::kBytes, false, kNames[i]};
-    for (const KindRow& row : kKinds) rows[row.type] = {row.kind, row.labelled, kNames[row.type]};
+  ItemType rows[kTypeCount] = {
+#define PD_TYPE(number, name, description, print) {kindOf(PdPrint::print), true, description},
+#include "veksys/pd_types.def"
+#undef PD_TYPE
+  };
+  constexpr ItemTypes() {
+    for (const PdType type : kUnlabelled) rows[type].labelled = false;
   }
 };
 constexpr ItemTypes kTypes;

@@ -187,6 +187,15 @@ VEK_EXPORT std::int32_t pdGetDiagLevel() noexcept;
 // True when the instance's notify level (NOTIFYLEVEL) is at least the notify level in bits 4-7 of `flags`.
 VEK_EXPORT bool sqltTestNotifyLevel(std::uint64_t flags) noexcept;
 
+// ---- time stamps ------------------------------------------------------------------------------------------------
+
+// Writes the time as records begin with it, without the offset from UTC: "2024-05-01-13.59.59.123000", local time.
+//
+//   utcOut   when given, the time is stored there instead, in nanoseconds since 1970 UTC, and nothing is written
+//   Result   0; SQLO_INV_PARM: the buffer is null or holds less than 27 bytes, and is left as it is
+//   Threads  any
+VEK_EXPORT SqlzZrc pdGetTimeStamp(char* buffer, std::size_t size, std::int64_t* utcOut) noexcept;
+
 // ---- the older interface ----------------------------------------------------------------------------------------
 //
 // Each call writes one record of the same layout and answers as those above.

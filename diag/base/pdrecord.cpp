@@ -1,0 +1,516 @@
+// The layout of log records.
+#include "diag/base/pdrecord.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "diag/base/pditems.h"
+#include "diag/base/pdpen.h"
+#include "diag/base/pdtime.h"
+#include "diag/base/sqlmsg.h"
+#include "platform/callstack.h"
+#include "platform/osse.h"
+#include "veksys/diag/rc.h"
+#include "veksys/host.h"
+#include "veksys/pd_markers.h"
+
+namespace vek {
+namespace {
+
+constexpr std::size_t kRecordBytesLeast = 256;
+constexpr std::size_t kFieldColumns = 21;    // of the first field of a line with two
+constexpr std::size_t kSecondColumns = 15;   // of the second of three
+constexpr std::size_t kCalledColumns = 40;   // of a called function with an error of the system behind it
+constexpr std::size_t kNameCharacters = 80;  // of product, component and function
+constexpr std::size_t kLabelColumns = 8;
+constexpr std::size_t kPartitionDigits = 3;
+constexpr std::uint64_t kOffsetMost = 9'999'999'999'999'999;  // with a length of five digits: 23 columns
+constexpr std::string_view kProduct = "VEK";
+
+constexpr std::string_view kLevelNames[] = {"Severe", "Error", "Warning", "Info", "Critical", "Event"};
+
+struct MarkerRow {
+  std::int32_t number;
+  std::string_view name;
+  std::string_view text;
+};
+
+constexpr MarkerRow kMarkers[] = {
+#define PD_MARKER(number, name, text) {number, #name, text},
+#include "veksys/pd_markers.def"
+#undef PD_MARKER
+};
+
+bool isControl(char c) noexcept { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; }
+
+// A text of the header: one that cannot leave its line.
+void penField(PdPen& pen, std::string_view field) noexcept {
+  while (!field.empty()) {
+    const auto clean = static_cast<std::size_t>(std::find_if(field.begin(), field.end(), isControl) - field.begin());
+    pen.text(field.substr(0, clean));
+    field.remove_prefix(clean);
+    if (field.empty()) return;
+    pen.character('?');
+    field.remove_prefix(1);
+  }
+}
+
+void penFieldLeft(PdPen& pen, std::string_view field, std::size_t width) noexcept {
+  const std::size_t from = pen.written();
+  penField(pen, field);
+  pen.padTo(from, width);
+}
+
+void penName(PdPen& pen, std::string_view name) noexcept { penField(pen, name.substr(0, kNameCharacters)); }
+
+// ---- header lines -------------------------------------------------------------------------------------------------
+
+void penFirstLine(PdPen& pen, const PdRecordHeader& header, std::size_t identifierColumns) noexcept {
+  pdPenTimeStamp(pen, header.timeNs);
+  pen.fill(' ', identifierColumns);
+  pen.text(" LEVEL: ");
+  pen.text(pdLevelName(header.level));
+  if (!header.secondLevel.empty()) {
+    pen.text(" (");
+    penField(pen, header.secondLevel);
+    pen.character(')');
+  }
+  pen.newLine();
+}
+
+void penProcess(PdPen& pen, const PdRecordHeader& header) noexcept {
+  pen.text("PID     : ");
+  pen.decimalLeft(header.processId, kFieldColumns);
+  pen.text("TID : ");
+  pen.decimalLeft(header.threadId, kSecondColumns);
+  pen.text("PROC : ");
+  penField(pen, header.processName);
+  pen.newLine();
+}
+
+void penInstance(PdPen& pen, const PdRecordHeader& header) noexcept {
+  pen.text("INSTANCE: ");
+  penFieldLeft(pen, header.instance, kFieldColumns);
+  pen.text("NODE : ");
+  pen.signedDecimalZeros(header.partition, kPartitionDigits);
+  if (!header.database.empty()) {
+    pen.text("           DB   : ");
+    penField(pen, header.database);
+  }
+  pen.newLine();
+}
+
+void penApplication(PdPen& pen, const PdRecordHeader& header) noexcept {
+  if (header.hasHandle) {
+    pen.text("APPHDL  : ");
+    const std::size_t from = pen.written();
+    pen.signedDecimal(header.handlePartition);
+    pen.character('-');
+    pen.signedDecimal(header.handleIndex);
+    if (!header.applicationId.empty()) {
+      pen.padTo(from, kFieldColumns);
+      pen.text("APPID: ");
+    }
+  } else if (!header.applicationId.empty()) {
+    pen.text("APPID   : ");
+  } else {
+    return;
+  }
+  penField(pen, header.applicationId);
+  pen.newLine();
+}
+
+void penWork(PdPen& pen, const PdRecordHeader& header) noexcept {
+  const bool hasUnit = header.unitOfWorkId != 0;
+  if (!hasUnit && header.activityId == 0 && header.tenantId == 0) return;
+  if (hasUnit) {
+    pen.text("UOWID   : ");
+    pen.decimalLeft(header.unitOfWorkId, kFieldColumns);
+    pen.text("ACTID: ");
+  } else {
+    pen.text("ACTID   : ");
+  }
+  pen.decimalLeft(header.activityId, hasUnit ? kSecondColumns : kFieldColumns);
+  if (header.tenantId != 0) {
+    pen.text("TENANTID: ");
+    pen.decimal(header.tenantId);
+  }
+  pen.newLine();
+}
+
+void penUser(PdPen& pen, const PdRecordHeader& header) noexcept {
+  if (header.authorizationId.empty() && header.hostName.empty()) return;
+  if (!header.authorizationId.empty()) {
+    pen.text("AUTHID  : ");
+    const std::size_t from = pen.written();
+    penField(pen, header.authorizationId);
+    if (!header.hostName.empty()) pen.padTo(from, kFieldColumns);
+  }
+  if (!header.hostName.empty()) {
+    pen.text("HOSTNAME: ");
+    penField(pen, header.hostName);
+  }
+  pen.newLine();
+}
+
+void penEngineUnit(PdPen& pen, const PdRecordHeader& header) noexcept {
+  if (!header.hasEngineUnit) return;
+  pen.text("EDUID   : ");
+  if (header.engineUnitName.empty()) {
+    pen.decimal(header.engineUnitId);
+  } else {
+    pen.decimalLeft(header.engineUnitId, kFieldColumns);
+    pen.text("EDUNAME: ");
+    penField(pen, header.engineUnitName);
+  }
+  pen.newLine();
+}
+
+// Product, component and function of an identifier.
+void penFunction(PdPen& pen, EcfFunctionId id) noexcept {
+  pen.text(kProduct);
+  pen.text(", ");
+  penName(pen, ecfGetComponentName(id));
+  pen.text(", ");
+  if (const char* name = ecfGetFunctionName(id); name != nullptr) return penName(pen, name);
+  pen.text("0x");
+  pen.hex(id, 8);
+}
+
+void penFunctionLine(PdPen& pen, const PdRecordHeader& header) noexcept {
+  pen.text("FUNCTION: ");
+  penFunction(pen, header.functionId);
+  pen.text(", probe:");
+  pen.decimal(header.probe);
+  pen.newLine();
+}
+
+void penHeader(PdPen& pen, const PdRecordHeader& header, std::size_t identifierColumns) noexcept {
+  pen.newLine();
+  penFirstLine(pen, header, identifierColumns);
+  penProcess(pen, header);
+  penInstance(pen, header);
+  penApplication(pen, header);
+  penWork(pen, header);
+  penUser(pen, header);
+  penEngineUnit(pen, header);
+  penFunctionLine(pen, header);
+}
+
+// ---- body: message, codes, sections -------------------------------------------------------------------------------
+
+void penLabel(PdPen& pen, std::string_view label) noexcept {
+  const std::size_t from = pen.written();
+  penField(pen, label.substr(0, kLabelColumns));
+  pen.padTo(from, kLabelColumns);
+  pen.text(": ");
+}
+
+void penSection(PdPen& pen, std::string_view label, std::string_view text) noexcept {
+  penLabel(pen, label);
+  pdPenText(pen, text);
+  pdPenEndLine(pen);
+}
+
+void penMessageOfNumber(PdPen& pen, std::uint64_t number) noexcept {
+  const bool isSqlCode = number <= INT32_MAX;
+  const std::string_view text = isSqlCode ? sqlzi_messageOfZrc(-static_cast<SqlzZrc>(number)) : std::string_view();
+  if (!text.empty()) return pdPenText(pen, text);
+  pen.text("Message number ");
+  pen.decimal(number);
+  pen.text(" is unavailable.");
+}
+
+// Formats behind the pen, then takes the text in from the end of the room: line ends may make it longer, and it must
+// not run over what is still to be read.
+void penFormatted(PdPen& pen, const char* format, std::va_list& arguments) noexcept {
+  const std::size_t room = pen.room();
+  char* const text = pen.next();
+  const std::size_t characters = ossVsnprintf(text, room + 1, format, arguments);
+  const auto lineEnds = static_cast<std::size_t>(std::count(text, text + characters, '\n'));
+  const std::size_t taken = std::min(characters, room - lineEnds);
+  char* const from = text + room - taken;
+  std::memmove(from, text, taken);
+  pdPenText(pen, {from, taken});
+  if (taken != characters || characters == room) pen.stop();
+}
+
+void penMessage(PdPen& pen, const PdRecordBody& body) noexcept {
+  const bool isFormat = body.messageFormat != nullptr && body.messageArguments != nullptr;
+  if (!body.message.empty()) return penSection(pen, "MESSAGE", body.message);
+  if (!isFormat && !body.hasMessageNumber) return;
+  penLabel(pen, "MESSAGE");
+  if (isFormat)
+    penFormatted(pen, body.messageFormat, *body.messageArguments);
+  else
+    penMessageOfNumber(pen, body.messageNumber);
+  pdPenEndLine(pen);
+}
+
+void penCalled(PdPen& pen, const PdRecordBody& body) noexcept {
+  const PdCalled& called = *body.called;
+  penLabel(pen, "CALLED");
+  const std::size_t from = pen.written();
+  if (called.functionId != 0) {
+    penFunction(pen, called.functionId);
+  } else {
+    penName(pen, called.product);
+    pen.text(", ");
+    penName(pen, called.component);
+    pen.text(", ");
+    penName(pen, called.function);
+  }
+  if (body.osError.line == PdOsError::Line::kOfCalled) {
+    pen.padTo(from, kCalledColumns - 1);
+    pen.text(" OSERR: ");
+    pdPenOsError(pen, body.osError.number);
+  }
+  pen.newLine();
+}
+
+void penOsErrorSection(PdPen& pen, const PdRecordBody& body) noexcept {
+  using Line = PdOsError::Line;
+  if (body.osError.line == Line::kNone || (body.osError.line == Line::kOfCalled && body.called != nullptr)) return;
+  penLabel(pen, "OSERR");
+  pdPenOsError(pen, body.osError.number);
+  pdPenOsErrorText(pen, body.osError.number);
+  pen.newLine();
+}
+
+void penZrc(PdPen& pen, SqlzZrc zrc) noexcept {
+  const std::size_t room = pen.room();
+  const auto characters = static_cast<std::size_t>(pdZRCGetDescription(zrc, pen.next(), room + 1) - pen.next());
+  pen.advance(characters, characters < room);
+}
+
+void penMarker(PdPen& pen, std::int32_t number) noexcept {
+  const auto* row = std::find_if(std::begin(kMarkers), std::end(kMarkers),
+                                 [number](const MarkerRow& marker) { return marker.number == number; });
+  pen.text("MARKER=");
+  pen.signedDecimal(number);
+  if (row == std::end(kMarkers)) return pen.text("=Unknown");
+  pen.character('=');
+  pen.text(row->name);
+  pen.text(" \"");
+  pen.text(row->text);
+  pen.character('"');
+}
+
+void penCode(PdPen& pen, PdCodeKind kind, std::int64_t code) noexcept {
+  const auto narrow = static_cast<std::int32_t>(code);
+  if (kind == PdCodeKind::kNone) return;
+  if (kind == PdCodeKind::kZrc) return penZrc(pen, narrow);
+  if (kind == PdCodeKind::kEcf) {
+    pen.text("ECF=0x");
+    pen.hex(static_cast<std::uint32_t>(narrow), 1);
+    pen.character('=');
+    pen.signedDecimal(narrow);
+  } else if (kind == PdCodeKind::kMarker) {
+    penMarker(pen, narrow);
+  } else {
+    pen.text("CA RC= ");
+    pen.decimal(static_cast<std::uint32_t>(narrow));
+  }
+  pen.newLine();
+}
+
+void penSections(PdPen& pen, const PdRecordBody& body) noexcept {
+  penMessage(pen, body);
+  if (body.called != nullptr) penCalled(pen, body);
+  if (body.codeKind != PdCodeKind::kNone) {
+    penLabel(pen, "RETCODE");
+    penCode(pen, body.codeKind, body.code);
+  }
+  penOsErrorSection(pen, body);
+  if (!body.impact.empty()) penSection(pen, "IMPACT", body.impact);
+  if (!body.object.empty()) penSection(pen, "OBJECT", body.object);
+  for (std::size_t i = 0; i < body.sectionCount; ++i) penSection(pen, body.sections[i].label, body.sections[i].text);
+}
+
+// ---- body: dump files, items, call stack --------------------------------------------------------------------------
+
+void penDumpFile(PdPen& pen, const PdRecordBody& body) noexcept {
+  if (!body.dumpFile.empty()) {
+    pen.text("Dump File: ");
+    penField(pen, body.dumpFile);
+    pen.newLine();
+  }
+  if (!body.dumpError.empty()) {
+    pen.text("Dump with error: ");
+    penField(pen, body.dumpError);
+    pen.text(" ( rc = 0x");
+    const std::size_t from = pen.written();
+    pen.hex(static_cast<std::uint32_t>(body.dumpCode), 1);
+    char* const end = pen.next();
+    std::for_each(end - (pen.written() - from), end, [](char& c) { c = c >= 'A' ? static_cast<char>(c + 32) : c; });
+    pen.text(" )");
+    pen.newLine();
+  }
+}
+
+void penItemLabel(PdPen& pen, bool isArgument, std::size_t number) noexcept {
+  pen.text(isArgument ? "ARG  #" : "DATA #");
+  pen.decimalLeft(number, 2);
+  pen.text(": ");
+}
+
+void penDumped(PdPen& pen, const PdItem& item) noexcept {
+  pen.text("Dumped object of size ");
+  pen.decimal(item.size);
+  pen.text(" bytes at offset ");
+  if (item.dump->offset < 0)
+    pen.text("unknown");
+  else
+    pen.signedDecimal(item.dump->offset);
+  pen.text(", ");
+  pen.decimal(item.dump->writtenBytes);
+  pen.text(" bytes");
+  pen.newLine();
+  if (item.dump->file.empty()) return;
+  penField(pen, item.dump->file);
+  pen.newLine();
+}
+
+void penNotDumped(PdPen& pen, const PdItem& item) noexcept {
+  pen.text("Object [");
+  penField(pen, item.dump->object);
+  pen.text("] not dumped");
+  pen.newLine();
+  pen.text("Address: 0x");
+  pen.hex(reinterpret_cast<std::uintptr_t>(item.data), 8);
+  pen.text(" Size: ");
+  pen.decimal(item.size);
+  pen.text(" Reason: ");
+  penField(pen, item.dump->reason);
+  pen.newLine();
+}
+
+void penItem(PdPen& pen, const PdItem& item, std::size_t number) noexcept {
+  penItemLabel(pen, item.isArgument, number);
+  if (item.dump != nullptr) return item.dump->dumped ? penDumped(pen, item) : penNotDumped(pen, item);
+  pdPenTypeDescription(pen, item.type);
+  pen.text(", ");
+  pen.decimal(item.size);
+  pen.text(" bytes");
+  pen.newLine();
+  pdPenItemValue(pen, item.type, item.size, item.data);
+}
+
+void penItems(PdPen& pen, const PdRecordBody& body) noexcept {
+  std::size_t numbers[2] = {0, 0};  // of items, of arguments
+  if (!body.preformatted.empty()) {
+    pen.text("DATA #1 : <preformatted>\r\n");
+    pen.text(body.preformatted);
+    return pdPenEndLine(pen);
+  }
+  if (body.itemCount == 0 && body.itemsAnnounced) pen.text("DATA #1 : <Empty variable list>\r\n");
+  for (std::size_t i = 0; i < body.itemCount && !pen.isCut(); ++i)
+    penItem(pen, body.items[i], ++numbers[body.items[i].isArgument ? 1 : 0]);
+}
+
+std::string_view fileNameOf(std::string_view path) noexcept {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
+void penFrame(PdPen& pen, const CallStack& stack, std::uint32_t index) noexcept {
+  const CallStackFrame& frame = stack.frames[index];
+  std::string_view symbol = "?";
+  if (frame.symbol != nullptr)
+    symbol = frame.symbol;
+  else if (frame.module >= 0 && *stack.modules[frame.module].path != '\0')
+    symbol = fileNameOf(stack.modules[frame.module].path);
+  pen.text(" [");
+  pen.decimal(index);
+  pen.text("] 0x");
+  pen.hex(frame.address, 8);
+  pen.character(' ');
+  penField(pen, symbol);
+  pen.text(" + 0x");
+  pen.hex(frame.displacement, 1);
+  pen.newLine();
+}
+
+// Where a file was loaded and which build of it: with these, and the addresses, source lines are found elsewhere.
+void penModule(PdPen& pen, const CallStackModule& module) noexcept {
+  pen.text(" 0x");
+  pen.hex(module.base, 8);
+  pen.character(' ');
+  penField(pen, *module.path != '\0' ? module.path : "(no file)");
+  if (module.buildIdBytes != 0) pen.text(", build id ");
+  for (std::uint32_t i = 0; i < module.buildIdBytes; ++i) pen.hex(module.buildId[i], 2);
+  pen.newLine();
+}
+
+void penCallStack(PdPen& pen, const PdRecordBody& body) noexcept {
+  const CallStack& stack = *body.callStack;
+  pen.text(body.callStackLongLabel ? "CALL STACK: \r\n" : "CALLSTCK: \r\n");
+  for (std::uint32_t i = 0; i < stack.frameCount; ++i) penFrame(pen, stack, i);
+  if (stack.isCut) pen.text(" (more frames)\r\n");
+  for (std::uint32_t i = 0; i < stack.moduleCount; ++i) penModule(pen, stack.modules[i]);
+}
+
+void penBody(PdPen& pen, const PdRecordBody& body) noexcept {
+  penSections(pen, body);
+  penDumpFile(pen, body);
+  penItems(pen, body);
+  pdPenText(pen, body.note);
+  if (body.callStack != nullptr) penCallStack(pen, body);
+}
+
+PdRecordText formatRecord(const PdRecordHeader& header, const PdRecordBody& body, std::size_t identifierColumns,
+                          char* buffer, std::size_t bytes) noexcept {
+  if (buffer == nullptr || bytes < kRecordBytesLeast) return {};
+  PdPen pen(buffer, bytes);
+  penHeader(pen, header, identifierColumns);
+  penBody(pen, body);
+  char text[64];
+  PdPen mark(text, sizeof text);
+  mark.text("\r\n<Record cut after ");
+  mark.decimal(bytes - 1);
+  mark.text(" bytes>\r\n");
+  return {pen.finish({text, mark.written()}), pen.isCut()};
+}
+
+}  // namespace
+
+std::string_view pdLevelName(std::uint32_t level) noexcept {
+  return level - 1 < std::size(kLevelNames) ? kLevelNames[level - 1] : "Unknown";
+}
+
+PdCodeKind pdCodeKindOfFlags(std::uint64_t flags) noexcept {
+  const std::uint64_t kind = flags & PD_LOG_RC_KIND_MASK;
+  return kind <= PD_LOG_RC_CA ? static_cast<PdCodeKind>(kind) : PdCodeKind::kNone;
+}
+
+PdRecordText pdFormatRecord(const PdRecordHeader& header, const PdRecordBody& body, char* buffer,
+                            std::size_t bytes) noexcept {
+  return formatRecord(header, body, PD_IDENTIFIER_COLUMNS, buffer, bytes);
+}
+
+PdRecordText pdFormatDumpRecord(const PdRecordHeader& header, const PdRecordBody& body, char* buffer,
+                                std::size_t bytes) noexcept {
+  return formatRecord(header, body, PD_DUMP_IDENTIFIER_COLUMNS, buffer, bytes);
+}
+
+bool pdStampIdentifier(char* record, std::uint64_t fileOffset, std::size_t length) noexcept {
+  if (fileOffset > kOffsetMost - PD_RECORD_LEAD_BYTES || length > PD_RECORD_BYTES) return false;
+  char identifier[PD_IDENTIFIER_COLUMNS + 1];
+  PdPen pen(identifier, sizeof identifier);
+  pen.character(PD_TYPE_LETTER);
+  pen.decimal(fileOffset + PD_RECORD_LEAD_BYTES);
+  pen.character(PD_SEPARATOR_LETTER);
+  pen.decimal(length - PD_RECORD_LEAD_BYTES);
+  pen.fill(' ', PD_DUMP_IDENTIFIER_COLUMNS - pen.written());  // a longer one may have stood there
+  std::copy_n(identifier, pen.written(), record + PD_RECORD_LEAD_BYTES + PD_TIME_STAMP_COLUMNS);
+  return true;
+}
+
+std::size_t pdDescribeCode(PdCodeKind kind, std::int64_t code, char* buffer, std::size_t bytes) noexcept {
+  if (buffer == nullptr || bytes == 0) return 0;
+  PdPen pen(buffer, bytes);
+  penCode(pen, kind, code);
+  return pen.finish({});
+}
+
+}  // namespace vek
