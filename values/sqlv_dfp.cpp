@@ -6,6 +6,7 @@
 
 #include "platform/ossx.h"
 #include "values/sqlv_packed.h"
+#include "values/sqlv_rounding.h"
 
 namespace vek {
 

@@ -101,4 +101,89 @@ VEK_EXPORT SqlzZrc sqlvbig2dec(std::int64_t value, std::uint8_t* target, SqlvDes
 // As sqlvsht2dec, from 64 bits without sign.
 VEK_EXPORT SqlzZrc sqlvubig2dec(std::uint64_t value, std::uint8_t* target, SqlvDescriptor descriptor) noexcept;
 
+// ---- packed to packed -------------------------------------------------------------------------------------------
+
+// A packed value at another precision and scale. Digits behind the point are added as zeros or dropped; a value whose
+// integer digits do not fit overflows. Dropped digits are cut, but rounded in the rounding mode of the calling thread
+// when the rounding setting is on and that mode is not the default one.
+VEK_EXPORT SqlzZrc sqlvpdc2dec(const std::uint8_t* packed, SqlvDescriptor descriptor, std::uint8_t* target,
+                               SqlvDescriptor targetDescriptor) noexcept;
+// As sqlvpdc2dec, never rounding.
+VEK_EXPORT SqlzZrc sqlvpdc2dec_trunc(const std::uint8_t* packed, SqlvDescriptor descriptor, std::uint8_t* target,
+                                     SqlvDescriptor targetDescriptor) noexcept;
+
+// ---- floating point ---------------------------------------------------------------------------------------------
+
+// Packed to the nearest double, the one with the even significand where two are equally near. Zero is positive.
+VEK_EXPORT SqlzZrc sqlvpdc2flt(const std::uint8_t* packed, SqlvDescriptor descriptor, double* target) noexcept;
+
+// A double to packed: the exact decimal expansion of the double is cut behind the target's scale (0.1 holds a little
+// more than a tenth, 0.3 a little less than three, and so gives 0.29 at scale 2). Infinities and NaN overflow.
+VEK_EXPORT SqlzZrc sqlvflt2dec_trunc(double value, std::uint8_t* target, SqlvDescriptor descriptor) noexcept;
+// As sqlvflt2dec_trunc; what is dropped rounds as with sqlvpdc2dec.
+VEK_EXPORT SqlzZrc sqlvflt2dec(double value, std::uint8_t* target, SqlvDescriptor descriptor) noexcept;
+
+// ---- packed to text ---------------------------------------------------------------------------------------------
+
+// A packed value with its descriptor.
+struct SqlvNumericValue {
+  SqlvDescriptor descriptor;
+  const std::uint8_t* packed;
+};
+
+// Where text goes: precision + 2 characters, without a terminator.
+struct SqlvCharacterValue {
+  char* buffer;
+};
+
+// What a national language decides about numbers.
+struct SqlvNationalLanguage {
+  char decimalPoint;
+};
+
+// Writes a packed value as precision + 2 characters: "-" for a negative value that is not zero, else a blank; the
+// integer digits with their leading zeros; the decimal point of the language ("." without one), also at scale 0; the
+// digits behind it. `ignored` is not looked at. Traced.
+VEK_EXPORT SqlzZrc sqlv_num_2_chr_legacy(std::uint32_t ignored, const SqlvNumericValue* source,
+                                         const SqlvNationalLanguage* language,
+                                         const SqlvCharacterValue* target) noexcept;
+
+// ---- many values ------------------------------------------------------------------------------------------------
+
+// Each function of this section does to `count` values what its namesake does to one. Packed values and texts stand
+// `stride` bytes apart, integers side by side; nothing is read or written between values. Source and target must not
+// overlap. The work stops at the first value that fails: its code is the result, its index is stored in `*done`, and
+// the values before it are done. Who wants the rest goes on behind it. Otherwise `*done` is `count`. The rounding
+// setting is read once. Results do not depend on the processor, times do.
+
+// Validation of many values.
+VEK_EXPORT SqlzZrc sqlv_check_packed_batch(const std::uint8_t* packed, std::size_t stride, SqlvDescriptor descriptor,
+                                           std::size_t count, std::size_t* done) noexcept;
+
+// sqlvpdc2big of many values.
+VEK_EXPORT SqlzZrc sqlvpdc2big_batch(const std::uint8_t* packed, std::size_t stride, SqlvDescriptor descriptor,
+                                     std::int64_t* target, std::size_t count, std::size_t* done) noexcept;
+// sqlvpdc2big_trunc of many values.
+VEK_EXPORT SqlzZrc sqlvpdc2big_trunc_batch(const std::uint8_t* packed, std::size_t stride, SqlvDescriptor descriptor,
+                                           std::int64_t* target, std::size_t count, std::size_t* done) noexcept;
+
+// sqlvbig2dec of many values.
+VEK_EXPORT SqlzZrc sqlvbig2dec_batch(const std::int64_t* values, std::uint8_t* target, std::size_t targetStride,
+                                     SqlvDescriptor descriptor, std::size_t count, std::size_t* done) noexcept;
+
+// sqlvpdc2dec of many values.
+VEK_EXPORT SqlzZrc sqlvpdc2dec_batch(const std::uint8_t* packed, std::size_t stride, SqlvDescriptor descriptor,
+                                     std::uint8_t* target, std::size_t targetStride, SqlvDescriptor targetDescriptor,
+                                     std::size_t count, std::size_t* done) noexcept;
+// sqlvpdc2dec_trunc of many values.
+VEK_EXPORT SqlzZrc sqlvpdc2dec_trunc_batch(const std::uint8_t* packed, std::size_t stride, SqlvDescriptor descriptor,
+                                           std::uint8_t* target, std::size_t targetStride,
+                                           SqlvDescriptor targetDescriptor, std::size_t count,
+                                           std::size_t* done) noexcept;
+
+// The text of sqlv_num_2_chr_legacy of many values, precision + 2 characters each, not traced.
+VEK_EXPORT SqlzZrc sqlv_num_2_chr_batch(const std::uint8_t* packed, std::size_t stride, SqlvDescriptor descriptor,
+                                        const SqlvNationalLanguage* language, char* target, std::size_t targetStride,
+                                        std::size_t count, std::size_t* done) noexcept;
+
 }  // extern "C"
