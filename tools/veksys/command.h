@@ -31,6 +31,7 @@ inline CLI::Validator countOption() {
           ""};
 }
 
+void addLog(CLI::App& app, Command& command);
 void addRc(CLI::App& app, Command& command);
 void addTrace(CLI::App& app, Command& command);
 

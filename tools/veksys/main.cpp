@@ -17,12 +17,14 @@ namespace veksys {
 namespace {
 
 constexpr const char* kAbout =
-    "Explains return codes, and switches, reads and follows the trace of an instance of the database server.";
+    "Shows the diagnostic log of an instance of the database server, explains return codes, and switches, reads and "
+    "follows its trace.";
 constexpr const char* kExitStatus =
     "Exit status: 0 done; 1 the answer is no, or a problem was found; 2 the command was not understood.";
 constexpr const char* kEverywhere = "Everywhere: --instance NAME for the instance, --json for JSON.\n";
 constexpr const char* kExamples =
     "\nExamples:\n"
+    "  veksys log --level 1-3 --since 1h    what went wrong in the last hour\n"
     "  veksys rc 0x8B0F0000                 what a return code means\n"
     "  veksys trace on --component SQLO     trace the operating-system services\n"
     "  veksys trace flow --errors           the call chains that ended in an error\n"
@@ -105,6 +107,7 @@ void describe(CLI::App& app, Command& command, std::string& list) {
       ->type_name("NAME");
   app.add_flag("--json", command.json, "Print JSON: a document, or one object per line for streams of records");
   app.add_option("--list", list)->group("");
+  addLog(app, command);
   addRc(app, command);
   addTrace(app, command);
   app.footer(std::string(kExitStatus) + kExamples);

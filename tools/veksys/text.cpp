@@ -37,22 +37,6 @@ char* digitsBefore(char* end, std::uint64_t value) noexcept {
 
 bool isPlain(char c) noexcept { return c >= ' ' && c <= '~' && c != '\\'; }
 
-// The length of the well-formed UTF-8 character of two or more bytes at the start, 0 when there is none or it is a
-// control character.
-std::size_t wideCharacter(std::string_view text) noexcept {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-  const std::size_t length = byte(0) >= 0xF0 ? 4 : byte(0) >= 0xE0 ? 3 : 2;
-  if (byte(0) < 0xC2 || byte(0) > 0xF4 || text.size() < length) return 0;
-  std::uint32_t code = byte(0) & (0xFFU >> (length + 1));
-  for (std::size_t i = 1; i < length; ++i) {
-    if ((byte(i) & 0xC0U) != 0x80) return 0;
-    code = code << 6 | (byte(i) & 0x3FU);
-  }
-  constexpr std::uint32_t kLeast[] = {0, 0, 0xA0, 0x800, 0x10000};
-  const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
-  return code >= kLeast[length] && code <= 0x10FFFF && !surrogate ? length : 0;
-}
-
 void putOdd(Text& text, char c) {
   if (c == '\\') return text.put("\\\\");
   if (c == '\n') return text.put("\\n");
@@ -119,6 +103,20 @@ void Text::hexShort(std::uint64_t value) {
   while (digits < 16 && (value >> (digits * 4)) != 0) ++digits;
   put("0x");
   hex(value, digits);
+}
+
+std::size_t wideCharacter(std::string_view text) noexcept {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const std::size_t length = byte(0) >= 0xF0 ? 4 : byte(0) >= 0xE0 ? 3 : 2;
+  if (byte(0) < 0xC2 || byte(0) > 0xF4 || text.size() < length) return 0;
+  std::uint32_t code = byte(0) & (0xFFU >> (length + 1));
+  for (std::size_t i = 1; i < length; ++i) {
+    if ((byte(i) & 0xC0U) != 0x80) return 0;
+    code = code << 6 | (byte(i) & 0x3FU);
+  }
+  constexpr std::uint32_t kLeast[] = {0, 0, 0xA0, 0x800, 0x10000};
+  const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
+  return code >= kLeast[length] && code <= 0x10FFFF && !surrogate ? length : 0;
 }
 
 void putSafe(Text& text, std::string_view foreign) {

@@ -65,6 +65,10 @@ class Text {
   std::size_t capacity_ = 0;
 };
 
+// The length of the well-formed UTF-8 character of two or more bytes at the start of a text that is not empty; 0 when
+// there is none or it is a control character.
+std::size_t wideCharacter(std::string_view text) noexcept;
+
 // Puts the printable characters of foreign text as they are (well-formed UTF-8 included) and all other bytes as \n, \t
 // or \xNN, so that no content of a trace reaches the terminal as a control sequence. A backslash is doubled.
 void putSafe(Text& text, std::string_view foreign);

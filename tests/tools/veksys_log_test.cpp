@@ -1,0 +1,502 @@
+// veksys log, run as a person runs it, over files written byte by byte.
+#include <poll.h>
+#include <sys/ioctl.h>
+
+#include <algorithm>
+#include <random>
+
+#include "tools/veksys_support.h"
+
+namespace vektest {
+namespace {
+
+// What a record of a test tells.
+struct Told {
+  int probe;
+  const char* level = "Error";
+  const char* time = "2025-11-21-10.00.00.000000";
+  const char* zone = "+000";
+  int pid = 100;
+  const char* database = "SAMPLE";
+  const char* function = "operating-system services, sqloOpen";
+  std::string body = {};
+  int member = 0;
+};
+
+std::string recordAt(std::size_t offset, const Told& told) {
+  char lines[1024];
+  std::snprintf(lines, sizeof lines,
+                " LEVEL: %s\r\nPID     : %-21uTID : %-15lluPROC : veksysc\r\nINSTANCE: %-21sNODE : %.3d%s%s\r\n"
+                "APPHDL  : 0-7                  APPID: *LOCAL.x\r\nAUTHID  : A HOSTNAME: B          HOSTNAME: alpha\r\n"
+                "EDUID   : %-21uEDUNAME: agent\r\nFUNCTION: VEK, %s, probe:%d\r\n",
+                told.level, told.pid, 140737353922368ULL + static_cast<unsigned>(told.pid),
+                "instance_of_a_long_name_ok", told.member,
+                told.database[0] == '\0' ? "" : "           DB   : ", told.database, 17, told.function, told.probe);
+  const std::string rest = lines + told.body;
+  const std::size_t length = 26 + 4 + 1 + 25 + rest.size();
+  char head[128];
+  std::snprintf(head, sizeof head, "\r\n%s%s %-25s", told.time, told.zone,
+                ("I" + std::to_string(offset + 2) + "H" + std::to_string(length)).c_str());
+  return head + rest;
+}
+
+std::string logOf(const std::vector<Told>& records, std::string log = "") {
+  for (const Told& told : records) log += recordAt(log.size(), told);
+  return log;
+}
+
+std::vector<Told> numbered(int from, int to, const std::string& body = "") {
+  std::vector<Told> records;
+  for (int probe = from; probe <= to; ++probe) {
+    records.push_back({probe});
+    records.back().body = body;
+  }
+  return records;
+}
+
+using Probes = std::vector<int>;
+
+Probes upTo(int from, int to) {
+  Probes probes;
+  for (int probe = from; probe <= to; ++probe) probes.push_back(probe);
+  return probes;
+}
+
+class Log : public ::testing::Test {
+ protected:
+  std::string write(const std::string& name, const std::string& content) {
+    const std::string path = instance_.path(name.c_str());
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << content;
+    return path;
+  }
+  static Answer log(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "log");
+    return veksys(arguments);
+  }
+  // The probes of the records shown; of damage -1.
+  static Probes probesIn(const Answer& answer) {
+    Probes probes;
+    for (const auto& record : jsonLines(answer.out))
+      probes.push_back(record.HasMember("probe") ? record["probe"].GetInt() : -1);
+    return probes;
+  }
+  static Probes probes(std::vector<std::string> arguments) {
+    arguments.emplace_back("--json");
+    return probesIn(log(arguments));
+  }
+
+  TraceInstance instance_;
+};
+
+// ---- what is shown ----------------------------------------------------------------------------------------------
+
+TEST_F(Log, ShowsRecordsAsTheyStand) {
+  const std::string text = logOf({{1}, {2, "Event"}, {3, "Odd"}});
+  const Answer answer = log({write("vekdiag.log", text)});
+  EXPECT_EQ(answer.status, 0) << answer.err;
+  EXPECT_EQ("\r\n" + answer.out, text);
+}
+
+TEST_F(Log, TellsEveryFieldInJson) {
+  const std::string text =
+      logOf({{7, "Severe (Fatal)", "2025-11-21-10.00.00.123000", "-300", 4711, "SAMPLE",
+              "transactions, locking and logging, sqlpLock",
+              "MESSAGE : first\r\n          second \x1b\xFF\r\nCALLED  : OS, -, open OSERR: ENOENT "
+              "(2)\r\nRETCODE : ZRC=0x8B0F0000=-1961951232=SQLO_NOMEM \"No Memory Available\"\r\n"
+              "DATA #1 : String, 3 bytes\r\nabc\r\nARG  #1 : Boolean, 1 bytes\r\ntrue\r\n"}});
+  const Answer answer = log({write("a", text), "--json"});
+  const auto record = json(answer.out);
+  const std::pair<const char*, const char*> texts[] = {{"time", "2025-11-21T15:00:00.123000000Z"},
+                                                       {"level_name", "Severe"},
+                                                       {"second_level", "Fatal"},
+                                                       {"process", "veksysc"},
+                                                       {"instance", "instance_of_a_long_name_ok"},
+                                                       {"database", "SAMPLE"},
+                                                       {"apphdl", "0-7"},
+                                                       {"appid", "*LOCAL.x"},
+                                                       {"authid", "A HOSTNAME: B"},
+                                                       {"hostname", "alpha"},
+                                                       {"eduname", "agent"},
+                                                       {"product", "VEK"},
+                                                       {"component", "transactions, locking and logging"},
+                                                       {"function", "sqlpLock"},
+                                                       {"message", "first\n          second \x1b\\xFF"},
+                                                       {"called", "OS, -, open"},
+                                                       {"oserr", "ENOENT (2)"},
+                                                       {"state", "whole"}};
+  for (const auto& [name, value] : texts) EXPECT_STREQ(record[name].GetString(), value) << name;
+  EXPECT_EQ(record["tid"].GetUint64(), 140737353922368ULL + 4711);
+  EXPECT_EQ(record["level"].GetInt(), 1);
+  EXPECT_STREQ(record["code"]["name"].GetString(), "SQLO_NOMEM");
+  ASSERT_EQ(record["sections"].Size(), 5U);
+  EXPECT_STREQ(record["sections"][3]["text"].GetString(), "String, 3 bytes\nabc");
+}
+
+TEST_F(Log, MergesDirectoriesByTimeAndRotatedFilesInOrder) {
+  write("diag/vekdiag.10.log", logOf({{30, "Info", "2025-11-21-10.00.05.000000"}}));
+  write("diag/vekdiag.9.log", logOf({{10, "Info", "2025-11-21-10.00.01.000000"}}));
+  write("diag/vekdiag.9.log.gz", "no log");
+  write("diag/HOST_a/NODE0003/vekdiag.log", logOf({{20, "Info", "2025-11-21-11.00.02.000000", "+060"},
+                                                   {40, "Info", "2025-11-21-11.00.06.000000", "+060"}}));
+  EXPECT_EQ(probes({instance_.path("diag")}), (Probes{10, 20, 30, 40}));
+  EXPECT_EQ(probes({instance_.path("diag/"), "--tail", "2"}), (Probes{30, 40}));
+  EXPECT_EQ(probes({instance_.path("diag"), "--limit", "3"}), (Probes{10, 20, 30}));
+  ::setenv("VEK_INSTANCE_DIR", instance_.path("").c_str(), 1);
+  EXPECT_EQ(probes({}), (Probes{10, 20, 30, 40}));
+  ::unsetenv("VEK_INSTANCE_DIR");
+}
+
+TEST_F(Log, ChoosesByEveryField) {
+  const std::string path = write(
+      "a", logOf({{1, "Severe", "2025-11-21-10.00.00.000000", "+000", 11, "SALES", "buffer pool services, sqlbRead",
+                   "MESSAGE : page Lock\r\nRETCODE : ZRC=0x8B0F0000=-1961951232=SQLO_NOMEM\r\n"},
+                  {2, "Error", "2025-11-21-10.00.01.000000", "+000", 12, "SALES2", "index manager, sqliFind",
+                   "RETCODE : ZRC=0x80100002=-2146435070=SQLP_LDED\r\n", 1},
+                  {3, "Warning", "2025-11-21-10.00.02.000000", "+000", 13, "", "operating-system services, sqloOpen",
+                   "OSERR   : ENOSPC (28) \"No space left on device\"\r\n", 2},
+                  {4, "Info", "2025-11-21-10.00.03.000000", "+000", 14, "", "operating-system services, sqloClose"},
+                  {5, "Event"}}));
+  struct Case {
+    std::vector<std::string> arguments;
+    Probes chosen;
+  };
+  const Case cases[] = {
+      {{"--level", "1-2"}, {1, 2}},
+      {{"--level", "severe,4"}, {1, 4}},
+      {{"--since", "2025-11-21-10.00.02.000000+000", "--until", "2025-11-21T10:00:02Z"}, {3}},
+      {{"--pid", "11,13"}, {1, 3}},
+      {{"--tid", "140737353922380"}, {2}},
+      {{"--function", "SQLO*"}, {3, 4, 5}},
+      {{"--component", "SQLB", "--component", "index manager"}, {1, 2}},
+      {{"--probe", "0x4"}, {4}},
+      {{"--database", "sales"}, {1}},
+      {{"--member", "1"}, {2}},
+      {{"--code", "SQLO_NOMEM"}, {1}},
+      {{"--code", "0x80100002"}, {2}},
+      {{"--code", "-10003"}, {1}},
+      {{"--text", "LOCK"}, {1}},
+      {{"--instance", "instance_of_a_long_name_ok", "--level", "5,6"}, {5}},
+      {{"--where", "level<=2 and (component=SQLI or text~\"page lock\") and not pid=12"}, {1}},
+      {{"--where", "not level<3 and not (probe>=4 or probe=3)"}, {}},
+      {{"--where", "oserr=28 or oserr=eno* or code~LDED"}, {2, 3}},
+      {{"--where", "function!=sqloOpen and time>2025-11-21-10.00.00.000000+000"}, {2, 4}},
+      {{"--where", "message !~ 'lock'", "--limit", "2"}, {2, 3}},
+      {{"--where", "text~\"a quote \\\" in it\" or probe=4,5"}, {4, 5}},
+  };
+  for (const Case& each : cases) {
+    std::vector<std::string> arguments = {path};
+    arguments.insert(arguments.end(), each.arguments.begin(), each.arguments.end());
+    EXPECT_EQ(probes(arguments), each.chosen) << each.arguments[1];
+  }
+  expectSentence(log({path, "--pid", "1"}), 1, "No record was chosen");
+}
+
+TEST_F(Log, SumsUp) {
+  const std::string lock = "MESSAGE : lock\r\n";
+  const std::string path =
+      write("a", logOf({{1, "Error", "2025-11-21-10.00.00.000000", "+000", 1, "A", "index manager, f", lock},
+                        {1, "Error", "2025-11-21-10.00.59.999000", "+000", 2, "B", "index manager, f", lock},
+                        {2, "Info", "2025-11-21-10.05.00.000000", "+000", 2, "A", "index manager, f", lock},
+                        {1, "Error", "2025-11-21-09.00.00.000000", "+000", 3, "A", "index manager, f", lock}}));
+  const auto folds = jsonLines(log({path, "--fold", "--json"}).out);
+  ASSERT_EQ(folds.size(), 2U);
+  EXPECT_EQ(folds[0]["count"].GetInt(), 3);
+  EXPECT_STREQ(folds[0]["first"].GetString(), "2025-11-21T09:00:00.000000000Z");
+  EXPECT_STREQ(folds[0]["last"].GetString(), "2025-11-21T10:00:59.999000000Z");
+  EXPECT_EQ(linesOf(log({path, "--count-by", "database", "--csv"}).out)[1],
+            "3,2025-11-21T09:00:00.000000000Z,2025-11-21T10:05:00.000000000Z,A");
+  EXPECT_EQ(linesOf(log({path, "--per-minute", "--csv"}).out),
+            (std::vector<std::string>{"time,severe_and_error,warning,other", "2025-11-21T09:00:00.000000000Z,1,0,0",
+                                      "2025-11-21T10:00:00.000000000Z,2,0,0", "2025-11-21T10:05:00.000000000Z,0,0,1"}));
+  EXPECT_TRUE(holds(log({path, "--per-minute"}).out, "(nothing for 59 min)"));
+  const Answer spilt = log({write("b", logOf(numbered(1, 66'000))), "--count-by", "probe"});
+  EXPECT_EQ(linesOf(spilt.out).size(), 65'536U);
+  EXPECT_TRUE(holds(spilt.err, "464 records are counted together")) << spilt.err;
+}
+
+TEST_F(Log, RefusesWhatItDoesNotUnderstand) {
+  const std::string path = write("a", logOf({{1}}));
+  const std::pair<std::vector<std::string>, const char*> cases[] = {
+      {{"--level", "9"}, "1 (Severe)"},
+      {{"--since", "soon"}, "a length back from now"},
+      {{"--pid", "x"}, "a number"},
+      {{"--component", "SQLOO"}, "Did you mean SQLO"},
+      {{"--code", "SQLO_NOMEN"}, "SQLO_NOMEM"},
+      {{"--where", "colour=red"}, "knows no field \"colour\""},
+      {{"--where", "pid=1 or"}, "ends where a field should stand"},
+      {{"--where", "(pid=1"}, "closing bracket"},
+      {{"--where", "pid=1 tid=2"}, "\"and\" or \"or\" is missing"},
+      {{"--where", "text~\"open"}, "closing \" is missing"},
+      {{"--where", "pid~1"}, "is no text"},
+      {{"--where", "function<a"}, "has no order"},
+      {{"--where", std::string(300, '(')}, "200 deep"},
+      {{"--fold", "--follow"}, "need an end"},
+      {{"--csv", "--json"}, "exclude each other"},
+      {{"--tail", "-1"}, "no count"},
+      {{"--count-by", "size"}, "knows no field"},
+  };
+  for (const auto& [arguments, part] : cases) {
+    std::vector<std::string> all = {path};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    expectSentence(log(all), 2, part);
+  }
+  expectSentence(log({instance_.path("none")}), 1, "No such file");
+  expectSentence(log({write("empty", "")}), 1, "empty");
+}
+
+// ---- what is not as it was written ------------------------------------------------------------------------------
+
+// A message that holds whole records, at the very places they tell, stays a message.
+TEST_F(Log, TextsForgeNoRecord) {
+  std::string text = logOf(numbered(1, 40, "MESSAGE : " + std::string(20'000, 'x') + "\r\n"));
+  for (int forged = 41; forged <= 60; ++forged) {
+    const std::string before =
+        recordAt(text.size(), {forged, "Error", "2025-11-21-10.00.00.000000", "+000", 1, "", "c, f", "MESSAGE : "});
+    const std::string inside = recordAt(text.size() + before.size(), {-forged});
+    Told told = {forged, "Error", "2025-11-21-10.00.00.000000", "+000", 1, "", "c, f", "MESSAGE : " + inside};
+    // The length has as many digits with the forgery inside, so that its offset is right.
+    const std::string whole = recordAt(text.size(), told);
+    ASSERT_EQ(whole.find(inside), before.size());
+    text += whole;
+  }
+  const std::string path = write("a", text);
+  const Answer answer = log({path, "--json"});
+  EXPECT_EQ(answer.status, 0) << answer.err;
+  EXPECT_EQ(probesIn(answer), upTo(1, 60));
+  EXPECT_EQ(probes({path, "--tail", "3"}), upTo(58, 60));
+  EXPECT_EQ(probes({path, "--tail", "25"}), upTo(36, 60));
+}
+
+struct Broken {
+  const char* what;
+  std::string text;
+  Probes shown;  // -1: damage, or a half whose probe is missing
+  std::vector<const char*> states;
+  const char* remark;
+};
+
+std::vector<Broken> brokenLogs() {
+  const std::string text = logOf(numbered(1, 4));
+  const std::size_t one = text.size() / 4;
+  std::string noReturns = text;
+  noReturns.erase(std::remove(noReturns.begin(), noReturns.end(), '\r'), noReturns.end());
+  std::string wrongLength = text;
+  wrongLength[text.find('H', one) + 1] = '9';
+  const auto at = [&](std::size_t index) { return text.substr(index * one, one); };
+  return {
+      {"the front is cut off",
+       text.substr(one / 2),
+       {-1, 2, 3, 4},
+       {"damaged", "scanned", "whole", "whole"},
+       "was cut"},
+      {"the end is cut off",
+       text.substr(0, 4 * one - 50),
+       {1, 2, 3, -1},
+       {"whole", "whole", "whole", "half-written"},
+       "half-written"},
+      {"a writer was killed and nobody repaired it",
+       logOf({{3}}, at(0) + at(1).substr(0, 200)),
+       {1, -1, 3},
+       {"whole", "half-written", "scanned"},
+       "half-written"},
+      {"rubbish between two records",
+       logOf({{3}}, at(0) + at(1) + "\r\nrubbish \x1b[2J\n"),
+       {1, 2, -1, 3},
+       {"whole", "whole", "damaged", "scanned"},
+       "in 1 place"},
+      {"two logs joined",
+       text + text,
+       {1, 2, 3, 4, 1, 2, 3, 4},
+       {"whole", "whole", "whole", "whole", "scanned", "whole", "whole", "whole"},
+       "elsewhere"},
+      {"zeros behind the last record",
+       text + std::string(200'000, '\0'),
+       {1, 2, 3, 4, -1},
+       {"whole", "whole", "whole", "whole", "damaged"},
+       "200,000 bytes"},
+      {"a length that is wrong",
+       wrongLength,
+       {1, 2, 3, 4},
+       {"whole", "half-written", "scanned", "whole"},
+       "half-written"},
+      {"line ends changed",
+       noReturns,
+       {1, 2, 3, 4},
+       {"half-written", "half-written", "half-written", "half-written"},
+       "4 records"},
+  };
+}
+
+TEST_F(Log, ShowsDamageAndReadsTheRest) {
+  for (const Broken& broken : brokenLogs()) {
+    const std::string path = write("a", broken.text);
+    const Answer answer = log({path, "--json"});
+    EXPECT_EQ(answer.status, 1) << broken.what;
+    EXPECT_TRUE(holds(answer.err, broken.remark)) << broken.what << ": " << answer.err;
+    EXPECT_EQ(probesIn(answer), broken.shown) << broken.what;
+    std::vector<std::string> states;
+    for (const auto& record : jsonLines(answer.out)) states.emplace_back(record["state"].GetString());
+    EXPECT_EQ(states, std::vector<std::string>(broken.states.begin(), broken.states.end())) << broken.what;
+    EXPECT_TRUE(holds(log({path}).out, "<< veksys: ")) << broken.what;
+  }
+}
+
+// Whatever is written over a stretch of a log, every record outside of it is shown, whole and once.
+TEST_F(Log, DamageCostsWhatItTouches) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  for (int round = 0; round < 30; ++round) {
+    std::string text;
+    std::vector<std::size_t> starts;
+    for (int probe = 0; probe < 200; ++probe) {
+      starts.push_back(text.size());
+      text += recordAt(text.size(), {probe, "Info", "2025-11-21-10.00.00.000000", "+000", 1, "", "c, f",
+                                     "MESSAGE : " + std::string(random() % 3000, 'm') + "\r\n"});
+    }
+    const std::size_t from = random() % text.size();
+    const std::size_t to = std::min<std::size_t>(text.size(), from + random() % 5000 + 1);
+    for (std::size_t i = from; i < to; ++i) text[i] = static_cast<char>(random());
+    Probes expected;
+    for (int probe = 0; probe < 200; ++probe) {
+      const std::size_t start = starts[static_cast<std::size_t>(probe)];
+      const std::size_t end = probe == 199 ? text.size() : starts[static_cast<std::size_t>(probe) + 1];
+      if (end <= from || start >= to) expected.push_back(probe);
+    }
+    Probes shown;
+    for (const auto& record : jsonLines(log({write("a", text), "--json"}).out))
+      if (std::string(record["state"].GetString()) != "damaged" && record.HasMember("probe") &&
+          std::binary_search(expected.begin(), expected.end(), record["probe"].GetInt()))
+        shown.push_back(record["probe"].GetInt());
+    EXPECT_EQ(shown, expected) << "from " << from << " to " << to;
+  }
+}
+
+TEST_F(Log, TailIsTheEndOfAll) {
+  std::vector<std::string> names;
+  for (int file = 0; file < 3; ++file)
+    write("diag/vekdiag." + std::to_string(file) + ".log",
+          logOf(numbered(file * 1000, file * 1000 + 999, "MESSAGE : " + std::string(700, 'm') + "\r\n")));
+  write("diag/NODE0001/vekdiag.log", logOf({{5000, "Info", "2025-11-21-10.00.00.000000"}}));
+  const std::string directory = instance_.path("diag");
+  for (const std::vector<std::string>& filter :
+       {std::vector<std::string>{}, {"--where", "probe=3,700,999,1001,2000"}}) {
+    std::vector<std::string> arguments = {directory};
+    arguments.insert(arguments.end(), filter.begin(), filter.end());
+    const Probes all = probes(arguments);
+    for (const std::size_t count : {1U, 2U, 3U, 5U, 700U, 1001U, 100000U}) {
+      std::vector<std::string> tail = arguments;
+      tail.insert(tail.end(), {"--tail", std::to_string(count)});
+      EXPECT_EQ(probes(tail), Probes(all.end() - static_cast<std::ptrdiff_t>(std::min(count, all.size())), all.end()))
+          << count;
+    }
+  }
+}
+
+// ---- following and terminals ------------------------------------------------------------------------------------
+
+// The command with its standard output at `output`.
+pid_t startCommand(std::vector<std::string> arguments, int output) {
+  const pid_t child = ::fork();
+  if (child != 0) return child;
+  ::dup2(output, 1);
+  std::vector<char*> argv = {const_cast<char*>("veksys"), const_cast<char*>("log")};
+  for (std::string& each : arguments) argv.push_back(each.data());
+  argv.push_back(nullptr);
+  ::execv(VEKSYS_TEST_BIN "/veksys", argv.data());
+  ::_exit(127);
+}
+
+void append(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::binary | std::ios::app) << text;
+}
+
+TEST_F(Log, FollowsAcrossRotation) {
+  const std::string text = logOf(numbered(1, 3));
+  const std::size_t one = text.size() / 3;
+  const std::string first = write("diag/vekdiag.1.log", text.substr(0, one));
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  const pid_t child = startCommand({instance_.path("diag"), "--follow", "--csv", "--limit", "6"}, ends[1]);
+  ::close(ends[1]);
+  FILE* shown = ::fdopen(ends[0], "r");
+  const auto expectProbe = [&](int probe) {
+    char line[1024];
+    ASSERT_NE(std::fgets(line, sizeof line, shown), nullptr);
+    EXPECT_TRUE(holds(line, "," + std::to_string(probe) + ",")) << line;
+    EXPECT_TRUE(holds(line, ",whole")) << line;
+  };
+  char names[1024];
+  ASSERT_NE(std::fgets(names, sizeof names, shown), nullptr);
+  expectProbe(1);
+  append(first, text.substr(one, one + 100));  // record 2, and a part of the next
+  expectProbe(2);
+  append(first, text.substr(2 * one + 100));
+  write("diag/vekdiag.2.log", logOf(numbered(4, 4)));
+  expectProbe(3);
+  expectProbe(4);
+  write("diag/NODE0001/vekdiag.log", logOf(numbered(5, 5)));
+  expectProbe(5);
+  append(instance_.path("diag/vekdiag.2.log"), recordAt(one, {6}));
+  expectProbe(6);
+  std::fclose(shown);
+  EXPECT_EQ(WEXITSTATUS(waitFor(child)), 0);
+}
+
+// What a terminal gets for a command.
+std::string onTerminal(const std::vector<std::string>& arguments) {
+  const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  EXPECT_EQ(::grantpt(terminal), 0);
+  EXPECT_EQ(::unlockpt(terminal), 0);
+  const int other = ::open(::ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  ::setenv("TERM", "xterm", 1);
+  ::unsetenv("NO_COLOR");
+  const pid_t child = startCommand(arguments, other);
+  ::close(other);
+  std::string shown;
+  char chunk[4096];
+  for (ssize_t count = 0; (count = ::read(terminal, chunk, sizeof chunk)) > 0;)
+    shown.append(chunk, static_cast<std::size_t>(count));
+  ::close(terminal);
+  waitFor(child);
+  return shown;
+}
+
+TEST_F(Log, TerminalGetsColoursButNoControlsOfTexts) {
+  const std::string path = write("a", logOf({{1, "Severe", "2025-11-21-10.00.00.000000", "+000", 1, "", "c, f\x1b[2J",
+                                              "MESSAGE : \x1b]0;title\x07\x9b 2J\r\n"}}));
+  for (const char* shape : {"--limit=9", "--oneline", "--fold", "--count-by=function", "--csv", "--json"}) {
+    const std::string shown = onTerminal({path, shape});
+    EXPECT_FALSE(holds(shown, "\x1b]0;") || holds(shown, "\x1b[2J") || holds(shown, "\x9b")) << shape << shown;
+  }
+  EXPECT_TRUE(holds(onTerminal({path, "--oneline"}), "\x1b[1;31mSevere"));
+  EXPECT_FALSE(holds(log({path, "--oneline"}).out, "\x1b"));
+}
+
+// ---- lnav -------------------------------------------------------------------------------------------------------
+
+// The format file that is installed makes lnav understand records; skipped where lnav is not there.
+TEST_F(Log, LnavReadsIt) {
+  if (std::system("command -v lnav >/dev/null") != 0) GTEST_SKIP() << "lnav is not installed";
+  const std::string formats = instance_.path("lnav/formats/veksys");
+  std::filesystem::create_directories(formats);
+  std::filesystem::copy(VEKSYS_TEST_SOURCE "/../tools/veksys/veksys.lnav.json", formats + "/veksys.lnav.json");
+  const std::string path = write(
+      "vekdiag.log",
+      logOf({{1, "Severe"},
+             {2, "Info"},
+             {3, "Warning", "2025-11-21-10.00.00.000000", "+000", 77, "", "c, f", "MESSAGE : two\r\nlines\r\n"}}));
+  const std::string command =
+      "HOME=" + directoryOfInstance() + " lnav -n -I " + instance_.path("lnav") +
+      " -c ';select log_level, pid, function, probe from vekdiag_log where pid is not null' -c ':write-csv-to -' " +
+      path + " >" + instance_.path("out") + " 2>" + instance_.path("err");
+  EXPECT_EQ(std::system(command.c_str()), 0);
+  EXPECT_EQ(linesOf(contentOf(instance_.path("out"))),
+            (std::vector<std::string>{"log_level,pid,function,probe", "fatal,100,sqloOpen,1", "info,100,sqloOpen,2",
+                                      "warning,77,f,3"}))
+      << contentOf(instance_.path("err"));
+}
+
+}  // namespace
+}  // namespace vektest

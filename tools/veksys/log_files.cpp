@@ -1,0 +1,197 @@
+#include "log_files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
+
+#include "failure.h"
+#include "veksys/host.h"
+
+namespace veksys {
+namespace {
+
+constexpr std::string_view kLogName = "vekdiag.log";
+constexpr std::string_view kSeriesStart = "vekdiag.";
+constexpr std::string_view kSeriesEnd = ".log";
+constexpr std::string_view kBelow[] = {"HOST_", "NODE", "DIAG"};  // directories that a split path makes
+constexpr unsigned kDepth = 2;                                    // of them inside each other
+
+// The number of a file of a rotating log.
+std::optional<std::uint64_t> seriesNumber(std::string_view name) {
+  if (!name.starts_with(kSeriesStart) || !name.ends_with(kSeriesEnd)) return std::nullopt;
+  name.remove_prefix(kSeriesStart.size());
+  if (name.size() <= kSeriesEnd.size()) return std::nullopt;
+  name.remove_suffix(kSeriesEnd.size());
+  std::uint64_t number = 0;
+  const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), number);
+  return error == std::errc{} && end == name.data() + name.size() ? std::optional(number) : std::nullopt;
+}
+
+bool isDirectory(const std::string& path) {
+  struct stat status;
+  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+std::vector<std::string> namesIn(const std::string& directory) {
+  std::vector<std::string> names;
+  const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(directory.c_str()), ::closedir);
+  if (open == nullptr) sayNo("\"" + directory + "\" cannot be read: " + std::strerror(errno) + ".");
+  while (const dirent* entry = ::readdir(open.get())) names.emplace_back(entry->d_name);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// The files of a rotating log in a directory, by number.
+std::vector<std::string> rotatingFiles(const std::string& directory, const std::vector<std::string>& names) {
+  std::vector<std::pair<std::uint64_t, std::string>> found;
+  for (const std::string& name : names)
+    if (const auto number = seriesNumber(name)) found.emplace_back(*number, directory + "/" + name);
+  std::sort(found.begin(), found.end());
+  std::vector<std::string> paths;
+  for (auto& [number, path] : found) paths.push_back(std::move(path));
+  return paths;
+}
+
+void findBelow(const std::string& directory, unsigned depth, std::vector<LogSeries>& found) {
+  const std::vector<std::string> names = namesIn(directory);
+  LogSeries rotating = {directory, true, rotatingFiles(directory, names)};
+  if (!rotating.paths.empty()) found.push_back(std::move(rotating));
+  for (const std::string& name : names) {
+    const std::string path = directory + "/" + name;
+    if (name == kLogName && !isDirectory(path)) found.push_back({directory, false, {path}});
+    const bool below = std::any_of(std::begin(kBelow), std::end(kBelow),
+                                   [&](std::string_view start) { return name.starts_with(start); });
+    if (below && depth > 0 && isDirectory(path)) findBelow(path, depth - 1, found);
+  }
+}
+
+std::string withoutSeparator(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+std::string directoryOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// An absolute path from the environment; anything else counts as not set.
+std::string absoluteFrom(const char* variable) {
+  const char* value = std::getenv(variable);
+  return value != nullptr && value[0] == '/' ? withoutSeparator(value) : "";
+}
+
+std::string homeDirectory() {
+  if (const std::string home = absoluteFrom("HOME"); !home.empty()) return home;
+  const passwd* entry = ::getpwuid(::geteuid());
+  return entry != nullptr && entry->pw_dir != nullptr && entry->pw_dir[0] == '/' ? entry->pw_dir : "/tmp";
+}
+
+}  // namespace
+
+std::string instanceLogDirectory() {
+  if (const std::string named = absoluteFrom("VEK_INSTANCE_DIR"); !named.empty()) return named + "/diag";
+  std::string state = absoluteFrom("XDG_STATE_HOME");
+  if (state.empty()) state = homeDirectory() + "/.local/state";
+  return state + "/veksys/" + vekInstanceName() + "/diag";
+}
+
+std::vector<LogSeries> findLogs(const std::vector<std::string>& names) {
+  std::vector<LogSeries> found;
+  for (const std::string& typed : names) {
+    const std::string name = withoutSeparator(typed);
+    if (isDirectory(name))
+      findBelow(name, kDepth, found);
+    else
+      found.push_back({directoryOf(name), false, {name}});
+  }
+  return found;
+}
+
+// ---- one series -------------------------------------------------------------------------------------------------
+
+void LogSeriesReader::startAt(Place place) {
+  next_ = place.file;
+  start_ = place.position;
+}
+
+bool LogSeriesReader::open(std::size_t file, std::uint64_t position) {
+  path_ = series_.paths[file];
+  file_ = std::make_unique<LogFile>(path_);
+  const bool isLast = file + 1 == series_.paths.size();
+  isOver_ = !isLast;
+  reader_.emplace(*file_, position, growing_ && isLast);
+  return true;
+}
+
+// Files that rotation has taken away meanwhile are passed over.
+bool LogSeriesReader::openNext() {
+  while (next_ < series_.paths.size()) {
+    const std::size_t file = next_++;
+    const std::uint64_t position = std::exchange(start_, 0);
+    const bool wasTaken = series_.paths.size() > 1 && ::access(series_.paths[file].c_str(), F_OK) != 0;
+    if (!wasTaken) return open(file, position);
+  }
+  return false;
+}
+
+void LogSeriesReader::leave() {
+  faults_.add(reader_->faults());
+  reader_.reset();
+  file_.reset();
+}
+
+bool LogSeriesReader::next(LogPiece* piece) {
+  for (;;) {
+    if (!reader_.has_value() && !openNext()) return false;
+    if (reader_->next(piece)) return true;
+    if (!isOver_) return false;
+    reader_->finish();
+    if (reader_->next(piece)) return true;
+    leave();
+  }
+}
+
+std::string LogSeriesReader::renew() {
+  std::string sentence;
+  if (series_.isRotating) {
+    // Asked before the file is read once more: what is written after this stands in the new file.
+    std::vector<std::string> paths = rotatingFiles(series_.directory, namesIn(series_.directory));
+    next_ = static_cast<std::size_t>(std::upper_bound(paths.begin(), paths.end(), path_,
+                                                      [](const std::string& a, const std::string& b) {
+                                                        return seriesNumber(a.substr(a.rfind('/') + 1)) <
+                                                               seriesNumber(b.substr(b.rfind('/') + 1));
+                                                      }) -
+                                     paths.begin());
+    series_.paths = std::move(paths);
+    isOver_ = isOver_ || next_ < series_.paths.size();
+  } else if (file_ != nullptr && !file_->isCurrent() && ::access(path_.c_str(), R_OK) == 0) {
+    isOver_ = true;
+    next_ = 0;
+    sentence = "\"" + path_ + "\" has been replaced; going on in the new file.";
+  }
+  if (file_ == nullptr) return sentence;
+  file_->refresh();
+  if (reader_->position() > file_->size()) {
+    faults_.add(reader_->faults());
+    reader_.emplace(*file_, 0, growing_);
+    sentence = "\"" + path_ + "\" has become shorter; reading it from its beginning.";
+  }
+  return sentence;
+}
+
+LogFaults LogSeriesReader::faults() const {
+  LogFaults all = faults_;
+  if (reader_.has_value()) all.add(reader_->faults());
+  return all;
+}
+
+}  // namespace veksys
