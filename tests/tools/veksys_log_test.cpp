@@ -134,8 +134,8 @@ TEST_F(Log, TellsEveryFieldInJson) {
 }
 
 TEST_F(Log, MergesDirectoriesByTimeAndRotatedFilesInOrder) {
-  write("diag/vekdiag.10.log", logOf({{30, "Info", "2025-11-21-10.00.05.000000"}}));
-  write("diag/vekdiag.9.log", logOf({{10, "Info", "2025-11-21-10.00.01.000000"}}));
+  write("diag/rotate/vekdiag.10.log", logOf({{30, "Info", "2025-11-21-10.00.05.000000"}}));
+  write("diag/rotate/vekdiag.9.log", logOf({{10, "Info", "2025-11-21-10.00.01.000000"}}));
   write("diag/vekdiag.9.log.gz", "no log");
   write("diag/HOST_a/NODE0003/vekdiag.log", logOf({{20, "Info", "2025-11-21-11.00.02.000000", "+060"},
                                                    {40, "Info", "2025-11-21-11.00.06.000000", "+060"}}));

@@ -21,8 +21,8 @@ namespace {
 constexpr std::string_view kLogName = "vekdiag.log";
 constexpr std::string_view kSeriesStart = "vekdiag.";
 constexpr std::string_view kSeriesEnd = ".log";
-constexpr std::string_view kBelow[] = {"HOST_", "NODE", "DIAG"};  // directories that a split path makes
-constexpr unsigned kDepth = 2;                                    // of them inside each other
+constexpr std::string_view kBelow[] = {"HOST_", "NODE", "DIAG", "rotate"};  // of split paths, and of rotation
+constexpr unsigned kDepth = 3;                                              // of them inside each other
 
 // The number of a file of a rotating log.
 std::optional<std::uint64_t> seriesNumber(std::string_view name) {
