@@ -2,9 +2,9 @@
 #include <atomic>
 #include <string_view>
 
+#include "diag/base/pdpen.h"
 #include "diag/base/sqlmsg.h"
 #include "diag/base/traced.h"
-#include "platform/osse.h"
 #include "veksys/diag/rc.h"
 #include "veksys/host.h"
 
@@ -18,47 +18,26 @@ constexpr SqlzZrc kNoCode = -1;
 
 constinit std::atomic<bool> g_wide{false};
 
-// Appends to a caller's buffer, which stays terminated; what does not fit is cut.
-class Pen {
- public:
-  Pen(char* buffer, std::size_t bytes) noexcept : begin_(buffer), next_(buffer), end_(buffer + bytes - 1) {
-    *next_ = '\0';
-  }
-
-  void text(std::string_view text) noexcept {
-    next_ += text.copy(next_, static_cast<std::size_t>(end_ - next_));
-    *next_ = '\0';
-  }
-  void blanks(std::size_t count) noexcept {
-    for (; count > 0; --count) text(" ");
-  }
-  void newLine() noexcept {
-    text("\r\n");
-    text(kIndent);
-  }
-  std::size_t written() const noexcept { return static_cast<std::size_t>(next_ - begin_); }
-  char* position() const noexcept { return next_; }
-
- private:
-  char* begin_;
-  char* next_;
-  char* end_;  // where the terminator stands at the latest
-};
-
 std::size_t lineWidth() noexcept { return pdWideMessages() ? kWideWidth : kNarrowWidth; }
 
 constexpr SqlzZrc withoutComponent(SqlzZrc zrc) noexcept {
   return sqlzZrc(static_cast<std::uint32_t>(zrc) & ~SQLZ_ZRC_COMPONENT_MASK);
 }
 
-void penNumbers(Pen& pen, SqlzZrc zrc) noexcept {
-  char text[40];
-  const std::size_t length = ossSnprintf(text, sizeof text, "ZRC=0x%08X=%d", static_cast<unsigned>(zrc), zrc);
-  pen.text({text, length});
+void penLineAndIndent(PdPen& pen) noexcept {
+  pen.newLine();
+  pen.text(kIndent);
+}
+
+void penNumbers(PdPen& pen, SqlzZrc zrc) noexcept {
+  pen.text("ZRC=0x");
+  pen.hex(static_cast<std::uint32_t>(zrc), 8);
+  pen.character('=');
+  pen.signedDecimal(zrc);
 }
 
 // Appends the code's name and returns its entry; null when it is catalogued neither as it is nor without component.
-const SqlzZrcEntry* penName(Pen& pen, SqlzZrc zrc) noexcept {
+const SqlzZrcEntry* penName(PdPen& pen, SqlzZrc zrc) noexcept {
   const SqlzZrcEntry* entry = sqlzFindZrc(zrc);
   const bool exact = entry != nullptr;
   if (!exact) entry = sqlzFindZrc(withoutComponent(zrc));
@@ -73,12 +52,12 @@ const SqlzZrcEntry* penName(Pen& pen, SqlzZrc zrc) noexcept {
   return entry;
 }
 
-void penQuoted(Pen& pen, std::string_view description) noexcept {
+void penQuoted(PdPen& pen, std::string_view description) noexcept {
   constexpr std::size_t kBlankAndQuotes = 3;
   if (pen.written() + description.size() + kBlankAndQuotes <= lineWidth())
     pen.text(" ");
   else
-    pen.newLine();
+    penLineAndIndent(pen);
   pen.text("\"");
   pen.text(description);
   pen.text("\"");
@@ -103,18 +82,18 @@ Word takeWord(std::string_view& text) noexcept {
 }
 
 // Appends a text word by word to a line that has the indent already. A word that is longer than a line has one alone.
-void penWrapped(Pen& pen, std::string_view text) noexcept {
+void penWrapped(PdPen& pen, std::string_view text) noexcept {
   const std::size_t width = lineWidth();
   std::size_t column = kIndent.size();
   for (Word word = takeWord(text); !word.letters.empty(); word = takeWord(text)) {
     const bool first = column == kIndent.size();
     const bool fits = column + word.blanks + word.letters.size() <= width;
     if (!first && !fits) {
-      pen.newLine();
+      penLineAndIndent(pen);
       column = kIndent.size();
     }
     const std::size_t blanks = !first && fits ? word.blanks : 0;
-    pen.blanks(blanks);
+    pen.fill(' ', blanks);
     pen.text(word.letters);
     column += blanks + word.letters.size();
   }
@@ -130,15 +109,16 @@ bool pdWideMessages() noexcept { return vek::g_wide.load(std::memory_order_relax
 char* pdZRCGetDescription(SqlzZrc zrc, char* buffer, std::size_t bufferSize) noexcept {
   vek::VekTrace<vek::FID_pdZRCGetDescription> trace;
   if (buffer == nullptr || bufferSize == 0) return trace.exit(buffer);
-  vek::Pen pen(buffer, bufferSize);
+  vek::PdPen pen(buffer, bufferSize);
   vek::penNumbers(pen, zrc);
   const SqlzZrcEntry* entry = vek::penName(pen, zrc);
   if (entry != nullptr) {
     vek::penQuoted(pen, entry->description);
   } else if (zrc != vek::kNoCode) {
-    pen.newLine();
+    vek::penLineAndIndent(pen);
     vek::penWrapped(pen, vek::sqlzi_messageOfZrc(zrc));
   }
-  pen.text("\r\n");
-  return trace.exit(pen.position());
+  pen.newLine();
+  pen.finish({});
+  return trace.exit(pen.next());
 }
