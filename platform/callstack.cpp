@@ -7,6 +7,7 @@
 #include <unwind.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 namespace vek {
@@ -14,6 +15,9 @@ namespace {
 
 // Everything below reads what the loader keeps in memory. _dl_find_object answers without a lock, from signal handlers
 // too; dladdr and dl_iterate_phdr would wait for whoever is loading a library, for ever in a forked child.
+
+// The loader and the unwinder tell addresses as numbers.
+char* pointerTo(std::uintptr_t address) noexcept { return std::bit_cast<char*>(address); }
 
 // The tables of a module's exported symbols.
 struct SymbolTable {
@@ -25,7 +29,7 @@ struct SymbolTable {
 
 // The loader has made addresses of the offsets in the dynamic section of most modules, but not of the kernel's.
 const char* addressIn(const link_map& module, std::uintptr_t address) noexcept {
-  return reinterpret_cast<const char*>(address < module.l_addr ? address + module.l_addr : address);
+  return pointerTo(address < module.l_addr ? address + module.l_addr : address);
 }
 
 // How many symbols a GNU hash table covers: it holds the highest index, at the end of the last bucket's chain.
@@ -107,7 +111,7 @@ void readBuildId(const dl_find_object& found, CallStackModule* out) noexcept {
   const auto* segments = reinterpret_cast<const ElfW(Phdr)*>(start + head.e_phoff);
   for (std::size_t i = 0; i < head.e_phnum && out->buildIdBytes == 0; ++i)
     if (segments[i].p_type == PT_NOTE)
-      takeBuildId(reinterpret_cast<const char*>(out->base + segments[i].p_vaddr), segments[i].p_filesz, out);
+      takeBuildId(pointerTo(out->base + segments[i].p_vaddr), segments[i].p_filesz, out);
 }
 
 // The program itself has no name in the loader's list.
@@ -133,7 +137,7 @@ std::int32_t moduleIndex(const dl_find_object& found, CallStack* stack) noexcept
 void resolveFrame(std::uintptr_t address, CallStackFrame* frame, CallStack* stack) noexcept {
   *frame = {address, nullptr, 0, -1};
   dl_find_object found = {};
-  if (::_dl_find_object(reinterpret_cast<void*>(address), &found) != 0) return;
+  if (::_dl_find_object(pointerTo(address), &found) != 0) return;
   frame->module = moduleIndex(found, stack);
   frame->displacement = address - found.dlfo_link_map->l_addr;
   const SymbolTable table = symbolTableOf(*found.dlfo_link_map);

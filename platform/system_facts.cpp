@@ -17,7 +17,8 @@
 namespace vek {
 namespace {
 
-constexpr std::size_t kTextBytes = 16 * 1024;  // of the longest file that is read: one processor of /proc/cpuinfo
+constexpr std::size_t kTextBytes =
+    std::size_t{16} * 1024;  // of the longest file that is read: one processor of /proc/cpuinfo
 constexpr std::uint64_t kKibibyte = 1024;
 
 struct Text {

@@ -133,7 +133,7 @@ std::int64_t weekdayOf(const TimeZoneChange& change, std::int64_t year) noexcept
   const std::int64_t first = ossDaysOf(year, change.month, 1);
   const std::int64_t next = change.month == 12 ? ossDaysOf(year + 1, 1, 1) : ossDaysOf(year, change.month + 1U, 1);
   const std::int64_t weekday = ((first + kThursday) % 7 + 7) % 7;
-  std::int64_t day = first + (change.dayNumber - weekday + 7) % 7 + 7 * (change.week - 1);
+  std::int64_t day = first + (change.dayNumber - weekday + 7) % 7 + std::int64_t{7} * (change.week - 1);
   while (day >= next) day -= 7;
   return day;
 }

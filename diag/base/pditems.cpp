@@ -307,8 +307,7 @@ bool isPlain(char c) noexcept {
 
 void pdPenText(PdPen& pen, std::string_view text) noexcept {
   while (!text.empty() && !pen.isCut()) {
-    const std::size_t plain =
-        static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), isPlain) - text.begin());
+    const auto plain = static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), isPlain) - text.begin());
     pen.text(text.substr(0, plain));
     text.remove_prefix(plain);
     if (text.empty()) return;

@@ -174,7 +174,7 @@ TEST(PdItems, WrongValuesAreShownAsFarAsTheyGo) {
 std::string g_formatted;
 std::size_t formatAsTold(std::uint32_t, const void*, std::uint32_t, char* text, std::size_t room) {
   const std::size_t characters = std::min(g_formatted.size(), room - 1);
-  std::memcpy(text, g_formatted.data(), characters);
+  g_formatted.copy(text, characters);
   return characters;
 }
 
