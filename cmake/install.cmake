@@ -27,5 +27,6 @@ install(FILES ${CMAKE_BINARY_DIR}/veksys.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/
 if(VEKSYS_TOOLS)
   install(TARGETS veksys_command DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES tools/veksys/veksys.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES tools/veksys/veksys.lnav.json DESTINATION ${CMAKE_INSTALL_DATADIR}/veksys)
   install(FILES tools/veksys/completion.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME veksys)
 endif()

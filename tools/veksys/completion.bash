@@ -12,9 +12,15 @@ _veksys_list() {
 
 _veksys_filters="--component --function --process --thread --since --until --rc --errors --limit --last"
 
+_veksys_log_tests="--level --since --until --pid --tid --function --component --probe --database --member --code --text"
+_veksys_log_shapes="--where --limit --tail --follow --fold --count-by --per-minute --oneline --csv"
+_veksys_log_fields="time level pid tid process instance member database apphdl appid uowid actid tenantid authid hostname"
+_veksys_log_fields+=" eduid eduname product component function probe message called code oserr impact object type"
+
 _veksys_options() {
   local everywhere="--help --instance --json"
   case $1 in
+    log) echo "$_veksys_log_tests $_veksys_log_shapes $everywhere" ;;
     rc) echo "--limit $everywhere" ;;
     on) echo "--size --component --type $everywhere" ;;
     off) echo "--discard $everywhere" ;;
@@ -40,7 +46,7 @@ _veksys_subcommand() {
   local word found=""
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
     case $word in
-      rc | on | off | mask | dump | clear | status | format | flow | stat | export) found=$word ;;
+      log | rc | on | off | mask | dump | clear | status | format | flow | stat | export) found=$word ;;
       trace) [[ -n $found ]] || found=trace ;;
     esac
   done
@@ -56,21 +62,25 @@ _veksys() {
     --type) _veksys_list "$current" "$(_veksys_words types)" && return ;;
     --rc) _veksys_list "$current" "failed $(_veksys_words codes)" && return ;;
     --sort) mapfile -t COMPREPLY < <(compgen -W "total self calls p50 p99 max failed errors name" -- "$current") && return ;;
+    --code) _veksys_list "$current" "$(_veksys_words codes)" && return ;;
+    --level) _veksys_list "$current" "severe error warning info critical event" && return ;;
+    --count-by) mapfile -t COMPREPLY < <(compgen -W "$_veksys_log_fields" -- "$current") && return ;;
     --size) mapfile -t COMPREPLY < <(compgen -W "1M 2M 16M 64M 256M 1G" -- "$current") && return ;;
     --instance) mapfile -t COMPREPLY < <(compgen -W "$(_veksys_instances)" -- "$current") && return ;;
     --chrome) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$current") && return ;;
     --ctf) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -d -- "$current") && return ;;
-    --function | --process | --thread | --since | --until | --limit | --last | --top) return ;;
+    --function | --process | --thread | --since | --until | --limit | --last | --top | --tail | --where) return ;;
+    --pid | --tid | --probe | --database | --member | --text) return ;;
   esac
   if [[ $current == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$(_veksys_options "$subcommand")" -- "$current")
     return
   fi
   case $subcommand in
-    "") mapfile -t COMPREPLY < <(compgen -W "rc trace" -- "$current") ;;
+    "") mapfile -t COMPREPLY < <(compgen -W "log rc trace" -- "$current") ;;
     trace) mapfile -t COMPREPLY < <(compgen -W "on off mask dump clear status format flow stat export" -- "$current") ;;
     rc) [[ -z $current ]] || mapfile -t COMPREPLY < <(compgen -W "$(_veksys_words codes)" -- "${current^^}") ;;
-    dump | status | format | flow | stat | export) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+    log | dump | status | format | flow | stat | export) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
   esac
 }
 

@@ -86,7 +86,7 @@ std::string_view LogFile::moveTo(std::uint64_t position, std::size_t wanted) {
   const std::uint64_t left = size_ - position;
   if (position >= begin_ && position < begin_ + held_ && begin_ + held_ >= size_)
     return {window_.get() + (position - begin_), static_cast<std::size_t>(size_ - position)};
-  const std::size_t fill = static_cast<std::size_t>(std::min<std::uint64_t>(kWindowBytes, left));
+  const auto fill = static_cast<std::size_t>(std::min<std::uint64_t>(kWindowBytes, left));
   begin_ = position;
   held_ = readAt(fd_, window_.get(), fill, position, path_);
   if (held_ < std::min<std::uint64_t>(wanted, left)) size_ = begin_ + held_;

@@ -40,6 +40,11 @@ bool isDirectory(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
+std::string pathOf(std::string directory, const std::string& name) {
+  directory.append("/").append(name);
+  return directory;
+}
+
 std::vector<std::string> namesIn(const std::string& directory) {
   std::vector<std::string> names;
   const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(directory.c_str()), ::closedir);
@@ -53,7 +58,7 @@ std::vector<std::string> namesIn(const std::string& directory) {
 std::vector<std::string> rotatingFiles(const std::string& directory, const std::vector<std::string>& names) {
   std::vector<std::pair<std::uint64_t, std::string>> found;
   for (const std::string& name : names)
-    if (const auto number = seriesNumber(name)) found.emplace_back(*number, directory + "/" + name);
+    if (const auto number = seriesNumber(name)) found.emplace_back(*number, pathOf(directory, name));
   std::sort(found.begin(), found.end());
   std::vector<std::string> paths;
   for (auto& [number, path] : found) paths.push_back(std::move(path));
@@ -65,7 +70,7 @@ void findBelow(const std::string& directory, unsigned depth, std::vector<LogSeri
   LogSeries rotating = {directory, true, rotatingFiles(directory, names)};
   if (!rotating.paths.empty()) found.push_back(std::move(rotating));
   for (const std::string& name : names) {
-    const std::string path = directory + "/" + name;
+    const std::string path = pathOf(directory, name);
     if (name == kLogName && !isDirectory(path)) found.push_back({directory, false, {path}});
     const bool below = std::any_of(std::begin(kBelow), std::end(kBelow),
                                    [&](std::string_view start) { return name.starts_with(start); });
@@ -90,7 +95,7 @@ std::string absoluteFrom(const char* variable) {
 }
 
 std::string homeDirectory() {
-  if (const std::string home = absoluteFrom("HOME"); !home.empty()) return home;
+  if (std::string home = absoluteFrom("HOME"); !home.empty()) return home;
   const passwd* entry = ::getpwuid(::geteuid());
   return entry != nullptr && entry->pw_dir != nullptr && entry->pw_dir[0] == '/' ? entry->pw_dir : "/tmp";
 }

@@ -397,7 +397,7 @@ class LogExpression {
     *quoted = !rest_.empty() && (rest_[0] == '"' || rest_[0] == '\'');
     if (*quoted) return readQuoted();
     const std::size_t end = std::min(rest_.find_first_of(" \t\n()"), rest_.size());
-    const std::string value(rest_.substr(0, end));
+    std::string value(rest_.substr(0, end));
     rest_.remove_prefix(end);
     if (value.empty()) refuse("a value is missing at its end, or behind a comparison");
     return value;

@@ -14,6 +14,7 @@ constexpr std::size_t kLabelColumns = 10;
 constexpr std::string_view kLevelLabel = " LEVEL: ";
 constexpr std::uint32_t kLeastRecord = kStampColumns + 5 + kIdentifierColumns + kLevelLabel.size();
 constexpr std::int64_t kSecond = 1'000'000'000;
+constexpr std::int64_t kMinute = 60 * kSecond;
 constexpr std::string_view kLevelNames[] = {"Unknown", "Severe", "Error", "Warning", "Info", "Critical", "Event"};
 
 bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
@@ -52,9 +53,8 @@ struct Stamp {
 
   // As if the clock showed UTC.
   std::int64_t asUtc() const noexcept {
-    const std::int64_t seconds =
-        daysOf(static_cast<std::int64_t>(year), month, day) * 86400 + hour * 3600 + minute * 60 + second;
-    return seconds * kSecond + static_cast<std::int64_t>(micros) * 1000;
+    const std::int64_t minutes = (daysOf(year, month, day) * 24 + hour) * 60 + minute;
+    return (minutes * 60 + second) * kSecond + std::int64_t{micros} * 1000;
   }
 };
 
@@ -207,7 +207,7 @@ bool parseLogHead(std::string_view bytes, LogHead* head) noexcept {
   rest.remove_prefix(kLevelLabel.size());
   readLevel(rest, head);
   head->stamp = bytes.substr(0, kStampColumns);
-  head->moment = stamp.asUtc() - head->zoneMinutes * 60 * kSecond;
+  head->moment = stamp.asUtc() - head->zoneMinutes * kMinute;
   return true;
 }
 
@@ -217,7 +217,7 @@ std::optional<std::int64_t> parseLogStamp(std::string_view typed) {
   typed.remove_prefix(kStampColumns);
   std::int32_t zone = 0;
   if (!typed.empty())
-    return takeZone(typed, &zone) && typed.empty() ? std::optional(stamp.asUtc() - zone * 60 * kSecond) : std::nullopt;
+    return takeZone(typed, &zone) && typed.empty() ? std::optional(stamp.asUtc() - zone * kMinute) : std::nullopt;
   tm parts = {};
   parts.tm_year = static_cast<int>(stamp.year) - 1900;
   parts.tm_mon = static_cast<int>(stamp.month) - 1;
