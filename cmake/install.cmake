@@ -28,5 +28,6 @@ if(VEKSYS_TOOLS)
   install(TARGETS veksys_command DESTINATION ${CMAKE_INSTALL_BINDIR})
   install(FILES tools/veksys/veksys.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
   install(FILES tools/veksys/veksys.lnav.json DESTINATION ${CMAKE_INSTALL_DATADIR}/veksys)
+  install(FILES tools/veksys/veksys.lnav.json DESTINATION ${CMAKE_INSTALL_SYSCONFDIR}/lnav/formats/veksys) # where lnav looks
   install(FILES tools/veksys/completion.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME veksys)
 endif()
