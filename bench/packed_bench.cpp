@@ -6,6 +6,7 @@
 #include <random>
 #include <vector>
 
+#include "instance.h"
 #include "measure.h"
 #include "packed_peer.h"
 #include "veksys/values/packed_decimal.h"
@@ -324,6 +325,7 @@ bool measure(bool peer, unsigned runs) {
 int main(int count, char** arguments) {
   const unsigned runs = bench::runsFromArguments(count, arguments);
   if (runs == 0) return 2;
+  const bench::Instance instance;  // text is traced: measured where tracing is there and off
   const bool peer = bench::packedPeerStart();
   if (!peer) std::puts("GnuCOBOL's runtime was not there when this was built: its rows are left out.");
   const bool passed = measure<0>(peer, runs);

@@ -75,7 +75,11 @@ SqlzZrc fromBig(const std::int64_t* values, const SqlvTargetColumn& column, std:
                 std::size_t* done) noexcept {
   const unsigned scale = column.descriptor.scale;
   const std::uint64_t largest = kSqlvLargestOf[column.descriptor.precision - scale];
-  return overColumn(count, done, SQLRX_DEC_OVERFLOW, kNoKernel, [&](std::size_t index) noexcept {
+  const auto work = sqlvi_kernels().fromBig;
+  const auto kernel = [&](std::size_t first, std::size_t left) noexcept {
+    return work == nullptr ? 0 : work(values + first, column.from(first), left);
+  };
+  return overColumn(count, done, SQLRX_DEC_OVERFLOW, kernel, [&](std::size_t index) noexcept {
     const std::uint64_t magnitude = sqlvi_magnitude(values[index]);
     if (magnitude > largest) return false;
     const std::uint64_t negative = static_cast<std::uint64_t>(values[index]) >> 63U;
@@ -88,7 +92,11 @@ template <class Word, class Load, class Store>
 SqlzZrc cut(const SqlvColumn& source, const SqlvTargetColumn& target, std::size_t count, std::size_t* done, Load load,
             Store store) noexcept {
   const SqlvRescale<Word> rescale(source.descriptor, target.descriptor);
-  return overColumn(count, done, SQLRX_DEC_OVERFLOW, kNoKernel, [&](std::size_t index) noexcept {
+  const auto work = sqlvi_kernels().rescale;
+  const auto kernel = [&](std::size_t first, std::size_t left) noexcept {
+    return work == nullptr ? 0 : work(source.from(first), target.from(first), left);
+  };
+  return overColumn(count, done, SQLRX_DEC_OVERFLOW, kernel, [&](std::size_t index) noexcept {
     Word word = 0;
     if (!rescale.cut(load(source.at(index), source.bytes), &word)) return false;
     store(target.at(index), target.bytes, word);
@@ -177,8 +185,9 @@ SqlzZrc sqlv_num_2_chr_batch(const std::uint8_t* packed, std::size_t stride, Sql
   using namespace vek;
   if (!sqlvi_convertible(descriptor)) return refused(done);
   const char decimalPoint = language != nullptr ? language->decimalPoint : '.';
-  for (std::size_t i = 0; i < count; ++i)
-    sqlvi_toCharacters(packed + i * stride, descriptor, decimalPoint, target + i * targetStride);
+  const auto work = sqlvi_kernels().text;
+  std::size_t i = work == nullptr ? 0 : work({packed, stride, descriptor}, decimalPoint, target, targetStride, count);
+  for (; i < count; ++i) sqlvi_toCharacters(packed + i * stride, descriptor, decimalPoint, target + i * targetStride);
   *done = count;
   return 0;
 }

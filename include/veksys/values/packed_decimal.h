@@ -154,7 +154,7 @@ VEK_EXPORT SqlzZrc sqlv_num_2_chr_legacy(std::uint32_t ignored, const SqlvNumeri
 // `stride` bytes apart, integers side by side; nothing is read or written between values. Source and target must not
 // overlap. The work stops at the first value that fails: its code is the result, its index is stored in `*done`, and
 // the values before it are done. Who wants the rest goes on behind it. Otherwise `*done` is `count`. The rounding
-// setting is read once. Results do not depend on the processor, times do.
+// setting is read once. For well-formed values the results do not depend on the processor.
 
 // Validation of many values.
 VEK_EXPORT SqlzZrc sqlv_check_packed_batch(const std::uint8_t* packed, std::size_t stride, SqlvDescriptor descriptor,
