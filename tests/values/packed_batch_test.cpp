@@ -127,7 +127,8 @@ void readings(const Column& column, std::size_t count, const std::string& what) 
                    },
                    [&](std::size_t i, std::uint8_t* target) {
                      const SqlvNumericValue source = {type, column.at(i)};
-                     const SqlvCharacterValue text = {reinterpret_cast<char*>(target)};
+                     SqlvCharacterValue text = {};
+                     text.buffer = reinterpret_cast<char*>(target);
                      return sqlv_num_2_chr_legacy(0, &source, nullptr, &text);
                    }},
                   count, what + " to text");
