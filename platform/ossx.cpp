@@ -6,83 +6,18 @@ namespace {
 
 // ---- rounding ---------------------------------------------------------------------------------------------------
 
-// Per mode a bit for each of the 16 cases: rest, sign, last digit odd.
-constexpr unsigned roundingCase(bool isNegative, bool isOdd, DfpRest rest) noexcept {
-  return static_cast<unsigned>(rest) << 2U | (isNegative ? 2U : 0U) | (isOdd ? 1U : 0U);
-}
-
-constexpr bool goesUp(std::uint32_t mode, bool isNegative, bool isOdd, DfpRest rest) noexcept {
-  switch (mode) {
-    case DFPAL_ROUND_HALF_EVEN:
-      return rest == DfpRest::AboveHalf || (rest == DfpRest::Half && isOdd);
-    case DFPAL_ROUND_HALF_UP:
-      return rest >= DfpRest::Half;
-    case DFPAL_ROUND_HALF_DOWN:
-      return rest == DfpRest::AboveHalf;
-    case DFPAL_ROUND_CEILING:
-      return rest != DfpRest::Zero && !isNegative;
-    case DFPAL_ROUND_FLOOR:
-      return rest != DfpRest::Zero && isNegative;
-    case DFPAL_ROUND_UP:
-      return rest != DfpRest::Zero;
-    default:
-      return false;
-  }
-}
-
-constexpr auto kRoundsUp = [] {
-  std::array<std::uint16_t, DFPAL_ROUND_MODES> table = {};
-  for (std::uint32_t mode = 0; mode < table.size(); ++mode)
-    for (const DfpRest rest : {DfpRest::Zero, DfpRest::BelowHalf, DfpRest::Half, DfpRest::AboveHalf})
-      for (const bool isNegative : {false, true})
-        for (const bool isOdd : {false, true})
-          if (goesUp(mode, isNegative, isOdd, rest))
-            table[mode] = static_cast<std::uint16_t>(table[mode] | 1U << roundingCase(isNegative, isOdd, rest));
-  return table;
-}();
-
-DfpRest compareToHalf(std::uint64_t rest, std::uint64_t divisor, bool isMore) noexcept {
-  const std::uint64_t half = divisor / 2;  // divisor is a power of ten above 1
-  if (rest == half) return isMore ? DfpRest::AboveHalf : DfpRest::Half;
-  if (rest > half) return DfpRest::AboveHalf;
-  return rest == 0 && !isMore ? DfpRest::Zero : DfpRest::BelowHalf;
-}
-
 DfpRest withMore(DfpRest rest, bool isMore) noexcept {
   if (!isMore || rest == DfpRest::BelowHalf || rest == DfpRest::AboveHalf) return rest;
   return rest == DfpRest::Zero ? DfpRest::BelowHalf : DfpRest::AboveHalf;
 }
 
-// ---- declets and binary -----------------------------------------------------------------------------------------
-
-std::uint64_t binaryOf3(std::uint64_t declets) noexcept {
-  const auto at = [declets](unsigned shift) -> std::uint64_t { return DPD2BIN[declets >> shift & (DECLETS - 1)]; };
-  return (at(2 * DECLET_BITS) * 1000 + at(DECLET_BITS)) * 1000 + at(0);
-}
-
-// Six declets, 18 digits; of five with a digit above them, 16.
-std::uint64_t binaryOf6(std::uint64_t declets) noexcept {
-  return binaryOf3(declets >> 3 * DECLET_BITS) * 1'000'000'000 + binaryOf3(declets);
-}
-
-std::uint64_t decletsOf9(std::uint32_t number) noexcept {
-  const std::uint32_t thousands = number / 1000;
-  const std::uint32_t upper = thousands / 1000;
-  return std::uint64_t{BIN2DPD[upper]} << 2 * DECLET_BITS |
-         std::uint64_t{BIN2DPD[thousands - upper * 1000]} << DECLET_BITS | BIN2DPD[number - thousands * 1000];
-}
-
-std::uint64_t decletsOf18(std::uint64_t number) noexcept {
-  const std::uint64_t upper = number / 1'000'000'000;
-  return decletsOf9(static_cast<std::uint32_t>(upper)) << 3 * DECLET_BITS |
-         decletsOf9(static_cast<std::uint32_t>(number - upper * 1'000'000'000));
-}
+// ---- coefficients -----------------------------------------------------------------------------------------------
 
 template <class Format>
 DfpWide coefficientOf(const DfpDeclets& declets) noexcept {
-  const std::uint64_t upper = binaryOf6(declets.upper);
+  const std::uint64_t upper = dfpBinaryOf6(declets.upper);
   if constexpr (Format::kDigits > DFP_LOWER_DIGITS)
-    return static_cast<DfpWide>(upper) * kDfpTenTo18 + binaryOf6(declets.lower);
+    return static_cast<DfpWide>(upper) * kDfpTenTo18 + dfpBinaryOf6(declets.lower);
   return upper;
 }
 
@@ -90,9 +25,9 @@ template <class Format>
 DfpDeclets decletsOf(DfpWide coefficient) noexcept {
   if constexpr (Format::kDigits > DFP_LOWER_DIGITS) {
     const DfpSplit parts = dfpSplit18(coefficient);
-    return {decletsOf18(parts.upper), decletsOf18(parts.lower)};
+    return {dfpDecletsOf18(parts.upper), dfpDecletsOf18(parts.lower)};
   }
-  return {decletsOf18(static_cast<std::uint64_t>(coefficient)), 0};
+  return {dfpDecletsOf18(static_cast<std::uint64_t>(coefficient)), 0};
 }
 
 template <class Format>
@@ -129,11 +64,6 @@ typename Format::Value packInRange(DfpContext& context, DfpNumber number) noexce
 
 }  // namespace
 
-bool dfpRoundsUp(std::uint32_t mode, bool isNegative, bool isOdd, DfpRest rest) noexcept {
-  const std::uint32_t cases = kRoundsUp[mode];
-  return (cases >> roundingCase(isNegative, isOdd, rest) & 1U) != 0;
-}
-
 DfpDropped dfpDropDigits(DfpWide number, unsigned count) noexcept {
   if (count == 0) return {number, DfpRest::Zero};
   if (count > DFP_WORK_DIGITS) return {0, number == 0 ? DfpRest::Zero : DfpRest::BelowHalf};
@@ -142,11 +72,11 @@ DfpDropped dfpDropDigits(DfpWide number, unsigned count) noexcept {
     const std::uint64_t divisor = kDfpTenTo64[count];
     const std::uint64_t quotient = parts.lower / divisor;
     return {static_cast<DfpWide>(parts.upper) * kDfpTenTo64[DFP_LOWER_DIGITS - count] + quotient,
-            compareToHalf(parts.lower - quotient * divisor, divisor, false)};
+            dfpCompareToHalf(parts.lower - quotient * divisor, divisor, false)};
   }
   const std::uint64_t divisor = kDfpTenTo64[count - DFP_LOWER_DIGITS];
   const std::uint64_t quotient = parts.upper / divisor;
-  return {quotient, compareToHalf(parts.upper - quotient * divisor, divisor, parts.lower != 0)};
+  return {quotient, dfpCompareToHalf(parts.upper - quotient * divisor, divisor, parts.lower != 0)};
 }
 
 template <class Format>

@@ -4,7 +4,7 @@
 // A value is taken apart into a Number with a binary coefficient, worked on, and put together again by `finish`, the
 // one place that rounds to a width, and knows overflow, underflow and the exponents that a width has. Operations are
 // pure: they read the rounding mode from a context and note the conditions that they meet in it; the exported functions
-// make the context from the thread's state and add its conditions to the thread's flags (dfpRun).
+// make the context from the thread's state and add its conditions to the thread's flags (DfpScope).
 //
 // The width is a template argument everywhere: Decimal64 or Decimal128.
 #pragma once
@@ -81,8 +81,79 @@ struct DfpDropped {
 // Drops the last `count` digits of a number below 10^37, any count.
 DfpDropped dfpDropDigits(DfpWide number, unsigned count) noexcept;
 
+// Per mode a bit for each of the 16 cases: rest, sign, last digit odd.
+constexpr unsigned dfpRoundingCase(bool isNegative, bool isOdd, DfpRest rest) noexcept {
+  return static_cast<unsigned>(rest) << 2U | (isNegative ? 2U : 0U) | (isOdd ? 1U : 0U);
+}
+
+constexpr bool dfpGoesUp(std::uint32_t mode, bool isNegative, bool isOdd, DfpRest rest) noexcept {
+  switch (mode) {
+    case DFPAL_ROUND_HALF_EVEN:
+      return rest == DfpRest::AboveHalf || (rest == DfpRest::Half && isOdd);
+    case DFPAL_ROUND_HALF_UP:
+      return rest >= DfpRest::Half;
+    case DFPAL_ROUND_HALF_DOWN:
+      return rest == DfpRest::AboveHalf;
+    case DFPAL_ROUND_CEILING:
+      return rest != DfpRest::Zero && !isNegative;
+    case DFPAL_ROUND_FLOOR:
+      return rest != DfpRest::Zero && isNegative;
+    case DFPAL_ROUND_UP:
+      return rest != DfpRest::Zero;
+    default:
+      return false;
+  }
+}
+
+inline constexpr auto kDfpRoundsUp = [] {
+  std::array<std::uint16_t, DFPAL_ROUND_MODES> table = {};
+  for (std::uint32_t mode = 0; mode < table.size(); ++mode)
+    for (const DfpRest rest : {DfpRest::Zero, DfpRest::BelowHalf, DfpRest::Half, DfpRest::AboveHalf})
+      for (const bool isNegative : {false, true})
+        for (const bool isOdd : {false, true})
+          if (dfpGoesUp(mode, isNegative, isOdd, rest))
+            table[mode] = static_cast<std::uint16_t>(table[mode] | 1U << dfpRoundingCase(isNegative, isOdd, rest));
+  return table;
+}();
+
 // Whether the digit that was kept last goes up by one. `mode` is one of the seven.
-bool dfpRoundsUp(std::uint32_t mode, bool isNegative, bool isOdd, DfpRest rest) noexcept;
+inline bool dfpRoundsUp(std::uint32_t mode, bool isNegative, bool isOdd, DfpRest rest) noexcept {
+  const std::uint32_t cases = kDfpRoundsUp[mode];
+  return (cases >> dfpRoundingCase(isNegative, isOdd, rest) & 1U) != 0;
+}
+
+// What is left of a division by `divisor`, a power of ten above 1; with `isMore` something follows it.
+inline DfpRest dfpCompareToHalf(std::uint64_t rest, std::uint64_t divisor, bool isMore) noexcept {
+  const std::uint64_t half = divisor / 2;
+  if (rest == half) return isMore ? DfpRest::AboveHalf : DfpRest::Half;
+  if (rest > half) return DfpRest::AboveHalf;
+  return rest == 0 && !isMore ? DfpRest::Zero : DfpRest::BelowHalf;
+}
+
+// ---- declets and binary -----------------------------------------------------------------------------------------
+
+inline std::uint64_t dfpBinaryOf3(std::uint64_t declets) noexcept {
+  const auto at = [declets](unsigned shift) -> std::uint64_t { return DPD2BIN[declets >> shift & (DECLETS - 1)]; };
+  return (at(2 * DECLET_BITS) * 1000 + at(DECLET_BITS)) * 1000 + at(0);
+}
+
+// Six declets, 18 digits; of five with a digit above them, 16.
+inline std::uint64_t dfpBinaryOf6(std::uint64_t declets) noexcept {
+  return dfpBinaryOf3(declets >> 3 * DECLET_BITS) * 1'000'000'000 + dfpBinaryOf3(declets);
+}
+
+inline std::uint64_t dfpDecletsOf9(std::uint32_t number) noexcept {
+  const std::uint32_t thousands = number / 1000;
+  const std::uint32_t upper = thousands / 1000;
+  return std::uint64_t{BIN2DPD[upper]} << 2 * DECLET_BITS |
+         std::uint64_t{BIN2DPD[thousands - upper * 1000]} << DECLET_BITS | BIN2DPD[number - thousands * 1000];
+}
+
+inline std::uint64_t dfpDecletsOf18(std::uint64_t number) noexcept {
+  const std::uint64_t upper = number / 1'000'000'000;
+  return dfpDecletsOf9(static_cast<std::uint32_t>(upper)) << 3 * DECLET_BITS |
+         dfpDecletsOf9(static_cast<std::uint32_t>(number - upper * 1'000'000'000));
+}
 
 // ---- numbers ----------------------------------------------------------------------------------------------------
 
@@ -163,24 +234,36 @@ struct DfpFields {
 template <class Format>
 inline constexpr unsigned kDfpContinuationShift = 58 - Format::kContinuationBits;
 
+// The combination field of five bits: the upper two of the exponent and the first digit. A first digit of 8 or 9 shows
+// as two bits set on top. Both ways without a branch, since first digits are as good as random.
+inline constexpr auto kDfpCombinations = [] {
+  std::array<std::uint8_t, 32> table = {};  // upper << 4 | digit
+  for (std::uint32_t field = 0; field < table.size(); ++field)
+    table[field] = static_cast<std::uint8_t>(field < 0x18 ? (field >> 3U) << 4U | (field & 7U)
+                                                          : (field >> 1U & 3U) << 4U | 8U | (field & 1U));
+  return table;
+}();
+
+constexpr std::uint32_t dfpCombinationOf(std::uint32_t upper, std::uint32_t digit) noexcept {
+  const std::uint32_t small = upper << 3U | digit;
+  const std::uint32_t large = 0x18U | upper << 1U | (digit & 1U);
+  return small ^ ((small ^ large) & (0U - (digit >> 3U)));
+}
+
 template <class Format>
 constexpr DfpFields dfpFieldsOf(std::uint64_t upperWord) noexcept {
-  const auto combination = static_cast<std::uint32_t>(upperWord >> 58U & 0x1FU);
+  const std::uint32_t combination = kDfpCombinations[upperWord >> 58U & 0x1FU];
   const auto continuation =
       static_cast<std::uint32_t>(upperWord >> kDfpContinuationShift<Format>) & ((1U << Format::kContinuationBits) - 1);
-  const bool isLarge = combination >= 0x18;  // the first digit is 8 or 9
-  const std::uint32_t upper = isLarge ? combination >> 1U & 3U : combination >> 3U;
-  return {.biased = upper << Format::kContinuationBits | continuation,
-          .firstDigit = isLarge ? 8U | (combination & 1U) : combination & 7U};
+  return {.biased = (combination >> 4U) << Format::kContinuationBits | continuation, .firstDigit = combination & 0xFU};
 }
 
 template <class Format>
 constexpr std::uint64_t dfpUpperWordOf(bool isNegative, const DfpFields& fields) noexcept {
-  const std::uint32_t upper = fields.biased >> Format::kContinuationBits;
-  const std::uint64_t combination =
-      fields.firstDigit < 8 ? upper << 3U | fields.firstDigit : 0x18U | upper << 1U | (fields.firstDigit & 1U);
+  const std::uint64_t combination = dfpCombinationOf(fields.biased >> Format::kContinuationBits, fields.firstDigit);
   const std::uint64_t continuation = fields.biased & ((1U << Format::kContinuationBits) - 1);
-  return (isNegative ? DFP_SIGN : 0) | combination << 58U | continuation << kDfpContinuationShift<Format>;
+  return static_cast<std::uint64_t>(isNegative) << 63U | combination << 58U |
+         continuation << kDfpContinuationShift<Format>;
 }
 
 // The value of an upper word without declets, and its declets. A first digit above them is left out.
@@ -231,18 +314,16 @@ inline std::uint32_t dfpThreadMode() noexcept {
   return own != 0 ? own - 1 : dfpDefaultMode();
 }
 
-// Runs an operation in the mode of the thread, or in the given one, and adds what it raised to the thread's flags.
-template <class Operation>
-auto dfpRun(std::uint32_t mode, Operation operation) noexcept {
-  DfpContext context = {.mode = mode, .raised = 0};
-  const auto result = operation(context);
-  if (context.raised != 0) t_dfp.raised = static_cast<std::uint8_t>(t_dfp.raised | context.raised);
-  return result;
-}
-
-template <class Operation>
-auto dfpRun(Operation operation) noexcept {
-  return dfpRun(dfpThreadMode(), operation);
-}
+// The context of one operation in the mode of the thread, or in a given one: what it raised is added to the thread's
+// flags at its end.
+class DfpScope : public DfpContext {
+ public:
+  explicit DfpScope(std::uint32_t ofMode = dfpThreadMode()) noexcept : DfpContext{.mode = ofMode, .raised = 0} {}
+  ~DfpScope() {
+    if (raised != 0) t_dfp.raised = static_cast<std::uint8_t>(t_dfp.raised | raised);
+  }
+  DfpScope(const DfpScope&) = delete;
+  DfpScope& operator=(const DfpScope&) = delete;
+};
 
 }  // namespace vek

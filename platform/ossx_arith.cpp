@@ -227,20 +227,20 @@ std::int32_t compareNumbers(const DfpNumber& left, const DfpNumber& right) noexc
 
 template <class Format>
 std::int32_t compare(typename Format::Value left, typename Format::Value right, bool everyNanIsInvalid) noexcept {
-  return dfpRun([=](DfpContext& context) {
-    const DfpNumber l = dfpUnpack<Format>(left);
-    const DfpNumber r = dfpUnpack<Format>(right);
-    if (!l.isNan() && !r.isNan()) return compareNumbers(l, r);
-    if (everyNanIsInvalid || dfpIsSignalling(left) || dfpIsSignalling(right)) context.raised |= DFPAL_INVALID;
-    return DFPAL_UNORDERED;
-  });
+  DfpScope context;
+  const DfpNumber l = dfpUnpack<Format>(left);
+  const DfpNumber r = dfpUnpack<Format>(right);
+  if (!l.isNan() && !r.isNan()) return compareNumbers(l, r);
+  if (everyNanIsInvalid || l.kind == DfpKind::Signalling || r.kind == DfpKind::Signalling)
+    context.raised |= DFPAL_INVALID;
+  return DFPAL_UNORDERED;
 }
 
 // An operation on two values under the thread's state.
 template <class Format, auto Operation>
 typename Format::Value onTwo(typename Format::Value left, typename Format::Value right) noexcept {
-  return dfpRun(
-      [=](DfpContext& context) { return Operation(context, dfpUnpack<Format>(left), dfpUnpack<Format>(right)); });
+  DfpScope context;
+  return Operation(context, dfpUnpack<Format>(left), dfpUnpack<Format>(right));
 }
 
 }  // namespace

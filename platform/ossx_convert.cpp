@@ -10,10 +10,11 @@ namespace {
 
 // ---- widths -----------------------------------------------------------------------------------------------------
 
+constexpr std::uint32_t kBiasDifference = Decimal64::kLeastExponent - Decimal128::kLeastExponent;
+
 // Numbers that the narrower width holds as they are move without being taken apart: both widths end in the same
 // declets.
 bool narrowsAsItIs(DfpalDecimal128 value, DfpalDecimal64* out) noexcept {
-  constexpr std::uint32_t kBiasDifference = Decimal64::kLeastExponent - Decimal128::kLeastExponent;
   constexpr std::uint64_t kCoefficientAndFirstDigit = 7ULL << 58U | ((1ULL << kDfpContinuationShift<Decimal128>)-1);
   const auto firstDigit = static_cast<std::uint32_t>(value.low >> DFP_TRAILING_BITS);
   if ((value.high & kCoefficientAndFirstDigit) != 0 || firstDigit > 9 || (value.high & DFP_SPECIAL) >= 0x18ULL << 58U)
@@ -26,6 +27,42 @@ bool narrowsAsItIs(DfpalDecimal128 value, DfpalDecimal64* out) noexcept {
   return true;
 }
 
+// Numbers of 19 digits or more whose rounded value is in the normal range: the upper 16 digits and the lower 18 are
+// worked on apart, in words. The upper ones are completed from the lower ones, of which the rest decides.
+bool narrowsInNormalRange(DfpContext& context, DfpalDecimal128 value, DfpalDecimal64* out) noexcept {
+  constexpr std::uint64_t kTenTo15 = kDfpTenTo64[15];
+  DfpDeclets declets = dfpTrailing(value);
+  const DfpFields fields = dfpFieldsOf<Decimal128>(value.high);
+  declets.upper |= std::uint64_t{fields.firstDigit} << DFP_TRAILING_BITS;
+  if ((value.high & DFP_SPECIAL) == DFP_SPECIAL || declets.upper == 0) return false;
+  std::uint64_t kept = dfpBinaryOf6(declets.upper);
+  std::uint64_t rest = dfpBinaryOf6(declets.lower);
+  std::uint64_t divisor = kDfpTenTo18;
+  std::uint32_t exponent = fields.biased + DFP_LOWER_DIGITS - kBiasDifference;  // above its range when it is below 0
+  if (kept < kTenTo15) {
+    const unsigned missing = Decimal64::kDigits - dfpDigits(kept);
+    divisor = kDfpTenTo64[DFP_LOWER_DIGITS - missing];
+    const std::uint64_t more = rest / divisor;
+    kept = kept * kDfpTenTo64[missing] + more;
+    rest -= more * divisor;
+    exponent -= missing;
+  }
+  const bool isNegative = (value.high & DFP_SIGN) != 0;
+  const DfpRest compared = dfpCompareToHalf(rest, divisor, false);
+  kept += dfpRoundsUp(context.mode, isNegative, (kept & 1U) != 0, compared) ? 1U : 0U;
+  if (kept == kTenTo15 * 10) {
+    kept = kTenTo15;
+    ++exponent;
+  }
+  if (exponent > static_cast<std::uint32_t>(Decimal64::kMostExponent - Decimal64::kLeastExponent)) return false;
+  if (compared != DfpRest::Zero) context.raised |= DFPAL_INEXACT;
+  const std::uint64_t digits = dfpDecletsOf18(kept);
+  const auto firstDigit = static_cast<std::uint32_t>(digits >> DFP_TRAILING_BITS);
+  *out = dfpAssemble(dfpUpperWordOf<Decimal64>(isNegative, {.biased = exponent, .firstDigit = firstDigit}), {digits, 0},
+                     Decimal64{});
+  return true;
+}
+
 // A number of any width, or a NaN or an infinity, in another one.
 template <class To, class From>
 typename To::Value convert(DfpContext& context, typename From::Value value) noexcept {
@@ -33,6 +70,16 @@ typename To::Value convert(DfpContext& context, typename From::Value value) noex
   if (number.isNan()) return dfpNanOf<To>(context, number, number);
   if (number.kind == DfpKind::Infinite) return dfpPack<To>(number);
   return dfpFinish<To>(context, number);
+}
+
+// What does not narrow as it is, apart from what does, which then needs no stack. (The words are passed one by one: as
+// a record they would go through memory.)
+[[gnu::noinline]] DfpalDecimal64 narrow(std::uint64_t low, std::uint64_t high) noexcept {
+  const DfpalDecimal128 value = {low, high};
+  DfpScope context;
+  DfpalDecimal64 result;
+  if (narrowsInNormalRange(context, value, &result)) return result;
+  return convert<Decimal64, Decimal128>(context, value);
 }
 
 // ---- integers ---------------------------------------------------------------------------------------------------
@@ -43,9 +90,8 @@ typename Format::Value fromInteger(Integer value) noexcept {
   const bool isNegative = value < 0;
   const auto bits = static_cast<Unsigned>(value);
   const Unsigned magnitude = isNegative ? Unsigned{0} - bits : bits;
-  return dfpRun([=](DfpContext& context) {
-    return dfpFinish<Format>(context, {.isNegative = isNegative, .exponent = 0, .coefficient = magnitude});
-  });
+  DfpScope context;
+  return dfpFinish<Format>(context, {.isNegative = isNegative, .exponent = 0, .coefficient = magnitude});
 }
 
 // The last digits of a number dropped and rounded; the exponent is raised by as many.
@@ -86,11 +132,10 @@ bool integerOf(DfpNumber number, std::uint32_t mode, Integer* out) noexcept {
 
 template <class Format, class Integer>
 Integer toInteger(typename Format::Value value, std::uint32_t mode) noexcept {
-  return dfpRun(mode, [=](DfpContext& context) {
-    Integer result = 0;
-    if (!integerOf(dfpUnpack<Format>(value), mode, &result)) context.raised |= DFPAL_INVALID;
-    return result;
-  });
+  DfpScope context(mode);
+  Integer result = 0;
+  if (!integerOf(dfpUnpack<Format>(value), mode, &result)) context.raised |= DFPAL_INVALID;
+  return result;
 }
 
 // ---- integral values --------------------------------------------------------------------------------------------
@@ -107,9 +152,8 @@ typename Format::Value integral(DfpContext& context, typename Format::Value valu
 
 template <class Format>
 typename Format::Value integralInMode(typename Format::Value value, std::uint32_t mode) noexcept {
-  return dfpRun(mode, [=](DfpContext& context) {
-    return mode < DFPAL_ROUND_MODES ? integral<Format>(context, value, true) : dfpInvalid<Format>(context);
-  });
+  DfpScope context(mode);
+  return mode < DFPAL_ROUND_MODES ? integral<Format>(context, value, true) : dfpInvalid<Format>(context);
 }
 
 // ---- packed decimal ---------------------------------------------------------------------------------------------
@@ -157,17 +201,15 @@ void storePacked(bool isNegative, DfpWide magnitude, std::uint8_t* packed, SqlvD
 template <class Format>
 bool toPacked(typename Format::Value value, std::uint32_t mode, std::uint8_t* packed,
               SqlvDescriptor descriptor) noexcept {
-  return dfpRun(mode, [=](DfpContext& context) {
-    DfpNumber number = dfpUnpack<Format>(value);
-    const bool fits = number.kind == DfpKind::Finite && mode < DFPAL_ROUND_MODES && isConvertible(descriptor) &&
-                      magnitudeOf(number, mode, descriptor.scale) &&
-                      number.coefficient < kDfpTenTo[descriptor.precision];
-    if (fits)
-      storePacked(number.isNegative, number.coefficient, packed, descriptor);
-    else
-      context.raised |= DFPAL_INVALID;
-    return fits;
-  });
+  DfpScope context(mode);
+  DfpNumber number = dfpUnpack<Format>(value);
+  const bool fits = number.kind == DfpKind::Finite && mode < DFPAL_ROUND_MODES && isConvertible(descriptor) &&
+                    magnitudeOf(number, mode, descriptor.scale) && number.coefficient < kDfpTenTo[descriptor.precision];
+  if (fits)
+    storePacked(number.isNegative, number.coefficient, packed, descriptor);
+  else
+    context.raised |= DFPAL_INVALID;
+  return fits;
 }
 
 }  // namespace
@@ -177,17 +219,17 @@ bool toPacked(typename Format::Value value, std::uint32_t mode, std::uint8_t* pa
 
 using vek::Decimal128;
 using vek::Decimal64;
-using vek::DfpContext;
-using vek::dfpRun;
+using vek::DfpScope;
 
 DfpalDecimal64 dfpal_decimal128ToDecimal64(DfpalDecimal128 value) noexcept {
-  DfpalDecimal64 result = {};
+  DfpalDecimal64 result;
   if (vek::narrowsAsItIs(value, &result)) return result;
-  return dfpRun([=](DfpContext& context) { return vek::convert<Decimal64, Decimal128>(context, value); });
+  return vek::narrow(value.low, value.high);
 }
 
 DfpalDecimal128 dfpal_decimal64ToDecimal128(DfpalDecimal64 value) noexcept {
-  return dfpRun([=](DfpContext& context) { return vek::convert<Decimal128, Decimal64>(context, value); });
+  DfpScope context;
+  return vek::convert<Decimal128, Decimal64>(context, value);
 }
 
 DfpalDecimal64 dfpal_decimal64FromInt32(std::int32_t value) noexcept { return vek::fromInteger<Decimal64>(value); }
@@ -231,15 +273,18 @@ DfpalDecimal128 dfpal_decimal128RoundToIntegral(DfpalDecimal128 value, std::uint
   return vek::integralInMode<Decimal128>(value, mode);
 }
 DfpalDecimal64 dfpal_decimal64RoundToIntegralExact(DfpalDecimal64 value) noexcept {
-  return dfpRun([=](DfpContext& context) { return vek::integral<Decimal64>(context, value, false); });
+  DfpScope context;
+  return vek::integral<Decimal64>(context, value, false);
 }
 DfpalDecimal128 dfpal_decimal128RoundToIntegralExact(DfpalDecimal128 value) noexcept {
-  return dfpRun([=](DfpContext& context) { return vek::integral<Decimal128>(context, value, false); });
+  DfpScope context;
+  return vek::integral<Decimal128>(context, value, false);
 }
 
 DfpalDecimal128 dfpal_decimal128FromPacked(const std::uint8_t* packed, SqlvDescriptor descriptor) noexcept {
   if (vek::isConvertible(descriptor)) return vek::fromPacked(packed, descriptor);
-  return dfpRun([](DfpContext& context) { return vek::dfpInvalid<Decimal128>(context); });
+  DfpScope context;
+  return vek::dfpInvalid<Decimal128>(context);
 }
 DfpalDecimal64 dfpal_decimal64FromPacked(const std::uint8_t* packed, SqlvDescriptor descriptor) noexcept {
   return dfpal_decimal128ToDecimal64(dfpal_decimal128FromPacked(packed, descriptor));

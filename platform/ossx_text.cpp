@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "platform/ossx.h"
+#include "platform/ossx_scan.h"
 
 namespace vek {
 namespace {
@@ -80,20 +81,6 @@ struct Digits {
   }
 };
 
-// The exponent of a text, from behind its E to the end. False: it is none. One far beyond every width stays there, with
-// room to add the digits of any text.
-bool readExponent(const char* at, const char* end, std::int64_t* out) noexcept {
-  constexpr std::int64_t kEnough = std::int64_t{1} << 60U;
-  const bool isNegative = at != end && *at == '-';
-  if (at != end && (*at == '-' || *at == '+')) ++at;
-  if (at == end) return false;
-  std::int64_t exponent = 0;
-  for (; at != end && isDigit(*at); ++at)
-    if (exponent < kEnough / 16) exponent = exponent * 10 + (*at - '0');
-  *out += isNegative ? -exponent : exponent;
-  return at == end;
-}
-
 // ---- reading words ----------------------------------------------------------------------------------------------
 
 bool startsWith(std::string_view text, std::string_view word) noexcept {
@@ -131,30 +118,6 @@ bool readWord(std::string_view text, DfpNumber& number) noexcept {
 // Exponents beyond this are beyond every width, whatever the digits.
 constexpr std::int64_t kFarExponent = 100'000;
 
-template <class Format>
-typename Format::Value read(DfpContext& context, const char* text, std::size_t bytes) noexcept {
-  const char* at = text;
-  const char* const end = text + bytes;
-  DfpNumber number;
-  number.isNegative = at != end && *at == '-';
-  if (at != end && (*at == '-' || *at == '+')) ++at;
-  const char* const unsignedText = at;
-  Digits digits;
-  at = digits.take(at, end, 0, 1);
-  if (at != end && *at == '.') at = digits.take(at + 1, end, -1, 0);
-  if (!digits.areThere) {
-    const bool isWord = readWord<Format>({unsignedText, static_cast<std::size_t>(end - unsignedText)}, number);
-    return isWord ? dfpPack<Format>(number) : dfpInvalid<Format>(context);
-  }
-  if (at != end && (lowerCase(*at) != 'e' || !readExponent(at + 1, end, &digits.exponent)))
-    return dfpInvalid<Format>(context);
-  number.exponent = static_cast<std::int32_t>(digits.exponent < -kFarExponent  ? -kFarExponent
-                                              : digits.exponent > kFarExponent ? kFarExponent
-                                                                               : digits.exponent);
-  number.coefficient = digits.coefficient;
-  return dfpFinish<Format>(context, number, digits.isMore);
-}
-
 // ---- writing ----------------------------------------------------------------------------------------------------
 
 struct DecletText {
@@ -186,26 +149,41 @@ struct DigitText {
 
   DigitText(std::uint32_t firstDigit, const DfpDeclets& declets) noexcept {
     characters[0] = static_cast<char>('0' + firstDigit);
-    unsigned zeros = firstDigit == 0 ? 1 : 0;
-    for (unsigned i = 0; i < kDeclets; ++i) {
-      const DecletText& text = kDecletTexts[declet(declets, kDeclets - 1 - i)];
-      std::memcpy(characters + 1 + i * 3, &text, sizeof text);
-      zeros += zeros == 1 + i * 3 ? text.zeros : 0;
-    }
-    first = zeros < Format::kDigits ? zeros : Format::kDigits - 1;
+    if (kLower == 0 || firstDigit != 0 || declets.upper != 0)
+      for (unsigned i = 0; i < kDeclets - kLower; ++i) put(declets, i);
+    for (unsigned i = kDeclets - kLower; i < kDeclets; ++i) put(declets, i);
+    first = firstDigit != 0 ? 0 : zerosInFront(declets);
   }
 
   const char* begin() const noexcept { return characters + first; }
   unsigned size() const noexcept { return Format::kDigits - first; }
 
  private:
+  static constexpr unsigned kLower = Format::kDigits > DFP_LOWER_DIGITS ? 6 : 0;
+
+  void put(const DfpDeclets& declets, unsigned index) noexcept {
+    const DecletText& text = kDecletTexts[declet(declets, kDeclets - 1 - index)];
+    std::memcpy(characters + 1 + index * 3, &text, sizeof text);
+  }
+
+  // From where the uppermost bit stands; a coefficient of 0 keeps its last digit.
+  static unsigned zerosInFront(const DfpDeclets& declets) noexcept {
+    const std::uint64_t word = declets.upper != 0 ? declets.upper : declets.lower;
+    if (word == 0) return Format::kDigits - 1;
+    const unsigned index = (63U - static_cast<unsigned>(__builtin_clzll(word))) / DECLET_BITS;
+    const unsigned declet = index + (declets.upper != 0 ? kLower : 0);
+    return Format::kDigits - 3 * (declet + 1) + kDecletTexts[word >> index * DECLET_BITS].zeros;
+  }
+
   static std::size_t declet(const DfpDeclets& declets, unsigned index) noexcept {
-    constexpr unsigned kLower = Format::kDigits > DFP_LOWER_DIGITS ? 6 : 0;
     const std::uint64_t word =
         index < kLower ? declets.lower >> index * DECLET_BITS : declets.upper >> (index - kLower) * DECLET_BITS;
     return static_cast<std::size_t>(word & (DECLETS - 1));
   }
 };
+
+static_assert(DFPAL_DECIMAL64_TEXT_BYTES == Decimal64::kDigits + 9 &&
+              DFPAL_DECIMAL128_TEXT_BYTES == Decimal128::kDigits + 9);
 
 // Copies up to 40 characters in stores of fixed sizes: both sides have room for 40.
 template <class Format>
@@ -286,20 +264,46 @@ std::size_t write(typename Format::Value value, char* buffer, std::size_t buffer
   }
   *at = '\0';
   const auto count = static_cast<std::size_t>(at - text);
-  if (count < bufferBytes) std::memcpy(buffer, text, count + 1);
+  // A buffer that is large enough for any value gets the same number of bytes each time.
+  constexpr std::size_t kLongest = Format::kDigits + 9;
+  if (bufferBytes >= kLongest) [[likely]]
+    std::memcpy(buffer, text, kLongest);
+  else if (count < bufferBytes)
+    std::memcpy(buffer, text, count + 1);
   return count;
 }
 
 }  // namespace
+
+template <class Format>
+typename Format::Value dfpReadLong(const char* text, std::size_t bytes) noexcept {
+  DfpScope context;
+  const char* at = text;
+  const char* const end = text + bytes;
+  DfpNumber number;
+  number.isNegative = at != end && *at == '-';
+  if (at != end && (*at == '-' || *at == '+')) ++at;
+  const char* const unsignedText = at;
+  Digits digits;
+  at = digits.take(at, end, 0, 1);
+  if (at != end && *at == '.') at = digits.take(at + 1, end, -1, 0);
+  if (!digits.areThere) {
+    const bool isWord = readWord<Format>({unsignedText, static_cast<std::size_t>(end - unsignedText)}, number);
+    return isWord ? dfpPack<Format>(number) : dfpInvalid<Format>(context);
+  }
+  if (at != end && (lowerCase(*at) != 'e' || !dfpReadExponent(at + 1, end, &digits.exponent)))
+    return dfpInvalid<Format>(context);
+  number.exponent = static_cast<std::int32_t>(digits.exponent < -kFarExponent  ? -kFarExponent
+                                              : digits.exponent > kFarExponent ? kFarExponent
+                                                                               : digits.exponent);
+  number.coefficient = digits.coefficient;
+  return dfpFinish<Format>(context, number, digits.isMore);
+}
+
+template DfpalDecimal64 dfpReadLong<Decimal64>(const char*, std::size_t) noexcept;
+template DfpalDecimal128 dfpReadLong<Decimal128>(const char*, std::size_t) noexcept;
+
 }  // namespace vek
-
-DfpalDecimal64 dfpal_decimal64FromString(const char* text, std::size_t bytes) noexcept {
-  return vek::dfpRun([=](vek::DfpContext& context) { return vek::read<vek::Decimal64>(context, text, bytes); });
-}
-
-DfpalDecimal128 dfpal_decimal128FromString(const char* text, std::size_t bytes) noexcept {
-  return vek::dfpRun([=](vek::DfpContext& context) { return vek::read<vek::Decimal128>(context, text, bytes); });
-}
 
 std::size_t dfpal_decimal64ToString(DfpalDecimal64 value, char* buffer, std::size_t bufferBytes) noexcept {
   return vek::write<vek::Decimal64>(value, buffer, bufferBytes);

@@ -110,7 +110,7 @@ VEK_EXPORT DfpalDecimal128 dfpal_decimal128FromString(const char* text, std::siz
 // Writes a value so that reading the text gives the same value, digit by digit: in plain digits, or with an exponent
 // when the exponent is above 0 or more than five zeros would follow the point. Raises nothing. Returns the number of
 // characters. A buffer that does not hold them and a terminator stays as it is; DFPAL_DECIMAL64_TEXT_BYTES are enough
-// for every value.
+// for every value, and in a buffer of that size the bytes behind the terminator may change.
 VEK_EXPORT std::size_t dfpal_decimal64ToString(DfpalDecimal64 value, char* buffer, std::size_t bufferBytes) noexcept;
 // As dfpal_decimal64ToString; DFPAL_DECIMAL128_TEXT_BYTES are enough.
 VEK_EXPORT std::size_t dfpal_decimal128ToString(DfpalDecimal128 value, char* buffer, std::size_t bufferBytes) noexcept;

@@ -1,0 +1,20 @@
+# Peers that tests use as well, each optional.
+
+# Intel's decimal library, behind a shared library of its own: peer_intel_decimal.h tells why.
+function(veksys_peer_intel_decimal)
+  if(TARGET peer_intel_decimal)
+    return()
+  endif()
+  find_library(INTEL_DECIMAL_LIBRARY bidgcc000)
+  add_library(peer_intel_decimal SHARED ${PROJECT_SOURCE_DIR}/bench/peer_intel_decimal.cpp)
+  set_target_properties(peer_intel_decimal PROPERTIES CXX_VISIBILITY_PRESET default)
+  target_include_directories(peer_intel_decimal PUBLIC ${PROJECT_SOURCE_DIR}/bench)
+  target_link_libraries(peer_intel_decimal PRIVATE veksys_flags)
+  if(INTEL_DECIMAL_LIBRARY)
+    target_compile_definitions(peer_intel_decimal PRIVATE VEKSYS_INTEL_DECIMAL)
+    target_link_libraries(peer_intel_decimal PRIVATE ${INTEL_DECIMAL_LIBRARY})
+    target_link_options(peer_intel_decimal PRIVATE -Wl,--exclude-libs,ALL -Wl,-Bsymbolic)
+  else()
+    message(STATUS "Intel's decimal library not found: decimal floating point goes without this peer")
+  endif()
+endfunction()
