@@ -1,6 +1,7 @@
 // The composition: which floor answers which port. The only file that may see every floor.
 #include <cstring>
 
+#include "diag/base/pdlog.h"
 #include "diag/base/sqltfast.h"
 #include "platform/osse.h"
 #include "platform/ports.h"
@@ -16,15 +17,7 @@ bool readEnvironment(const char* name, char* value, std::size_t bytes) {
   return true;
 }
 
-void writeEventToStandardError(const PortEvent& event) {
-  const char* function = ecfGetFunctionName(event.functionId);
-  char line[512];
-  const std::size_t length =
-      ossSnprintf(line, sizeof line, "veksys: %s, probe:%u, ZRC=0x%08X: %s\n", function != nullptr ? function : "?",
-                  event.probe, static_cast<unsigned>(event.zrc), event.message);
-  (void)ossWriteAll(2, line, length);  // nothing is left to tell of a failure here
-}
-
+void noRecorder(const PortRecorderEvent&) {}
 std::size_t noFormatter(std::uint32_t, const void*, std::uint32_t, char*, std::size_t) { return 0; }
 
 // An instance without a node configuration has one member: this process's own, on this machine.
@@ -43,7 +36,8 @@ void nothingToGiveBack() {}
 
 constinit Ports g_ports = {
     .readSetting = readEnvironment,
-    .reportEvent = writeEventToStandardError,
+    .reportEvent = pdi_reportEvent,
+    .recordEvent = noRecorder,
     .formatItem = noFormatter,
     .member = ownMember,
     .attachTrace = sqlti_attachStep,

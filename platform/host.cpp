@@ -31,6 +31,19 @@ constexpr VekInstanceControl kDefaultControl = {
 
 constinit VekHost g_host = {};
 
+}  // namespace
+
+constinit std::atomic<const VekInstanceControl*> g_hostControl{&kDefaultControl};
+
+namespace {
+
+// What g_hostControl answers from now on: known where the host has none of its own or has it already.
+void noteControl(const VekHost& host) noexcept {
+  const VekInstanceControl* control =
+      host.instanceControl == nullptr ? &kDefaultControl : host.instanceControl(host.context);
+  g_hostControl.store(control, std::memory_order_release);
+}
+
 bool isKnownSize(std::size_t size) noexcept {
   for (const std::size_t known : kKnownSizes)
     if (size == known) return true;
@@ -115,6 +128,7 @@ const char* hostFunctionName(EcfFunctionId id) noexcept {
 SqlzZrc vekHostInstall(const VekHost* host) noexcept {
   if (host == nullptr) {
     vek::g_host = {};
+    vek::noteControl(vek::g_host);
     return 0;
   }
   if (!vek::isKnownSize(host->size)) return SQLO_INV_PARM;
@@ -124,6 +138,7 @@ SqlzZrc vekHostInstall(const VekHost* host) noexcept {
   const char* instance = vek::controlOf(copy)->instanceName;
   if (instance[0] != '\0' && !vek::isInstanceName(instance)) return SQLO_INV_PARM;
   vek::g_host = copy;
+  vek::noteControl(copy);
   vek::hostInternNames();  // does nothing before the process attaches, which interns them then
   return 0;
 }

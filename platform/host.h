@@ -1,6 +1,7 @@
 // The embedding server's facts as the lower floors ask for them.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "veksys/host.h"
@@ -14,6 +15,9 @@ std::uint64_t hostEngineUnitNumber() noexcept;
 // known.
 bool hostEngineUnit(VekEngineUnit* out) noexcept;
 bool hostApplication(VekApplication* out) noexcept;
+
+// What vekInstanceControl() answers, for what runs too often to ask the host each time. Null: ask it.
+extern std::atomic<const VekInstanceControl*> g_hostControl;
 
 void hostWorkloadDisplay(EcfFunctionId id, bool entry) noexcept;
 void hostDumpEngineUnit(SqlzZrc zrc) noexcept;

@@ -1,14 +1,18 @@
 #include "platform/osse.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <time.h>
@@ -25,6 +29,8 @@ namespace vek {
 namespace {
 
 int callOpen(const char* path, int flags, mode_t mode) { return ::open(path, flags, mode); }
+
+int callStatvfs(const char* path, struct statvfs* out) { return ::statvfs(path, out); }
 
 int callLockByte(int fd, int command, short type, off_t offset, off_t bytes, int* conflict) {
   struct flock lock = {};
@@ -53,6 +59,8 @@ constinit OssCalls g_calls = {
     .pread = ::pread,
     .pwrite = ::pwrite,
     .write = ::write,
+    .flock = ::flock,
+    .statvfs = callStatvfs,
     .lockByte = callLockByte,
     .mmap = ::mmap,
     .munmap = ::munmap,
@@ -202,6 +210,25 @@ void ossHostName(char* field, std::size_t bytes) noexcept {
   ossCopyText(field, bytes, known ? machine.nodename : "localhost");
 }
 
+int ossDisableCancellation() noexcept {
+  int state = PTHREAD_CANCEL_ENABLE;
+  ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state);
+  return state;
+}
+
+void ossRestoreCancellation(int state) noexcept { ::pthread_setcancelstate(state, nullptr); }
+
+const char* ossSignalName(int signal) noexcept {
+  struct Name {
+    int signal;
+    const char* text;
+  };
+  static constexpr Name kNames[] = {{SIGSEGV, "SIGSEGV"}, {SIGBUS, "SIGBUS"}, {SIGILL, "SIGILL"}, {SIGFPE, "SIGFPE"}};
+  for (const Name& name : kNames)
+    if (name.signal == signal) return name.text;
+  return "a signal";
+}
+
 void ossProcessName(char* field, std::size_t bytes) noexcept {
   ossCopyText(field, bytes, ::program_invocation_short_name);
 }
@@ -297,10 +324,73 @@ int ossMayMakeFilesIn(const char* directory) noexcept {
   return repeat([&] { return g_calls.faccessat(AT_FDCWD, directory, W_OK | X_OK, AT_EACCESS); });
 }
 
+int ossOpenToAppend(const char* path, int* fdOut, std::uint64_t* bytesOut) noexcept {
+  // Without O_NONBLOCK a pipe in the file's place would keep the caller.
+  int error = ossOpen(path, O_WRONLY | O_APPEND | O_CREAT | O_NONBLOCK | O_NOCTTY, 0600, fdOut);
+  if (error != 0) return error;
+  struct stat status;
+  if (g_calls.fstat(*fdOut, &status) != 0)
+    error = errno;
+  else if (!S_ISREG(status.st_mode) || status.st_uid != ossUserId() || (status.st_mode & 022) != 0)
+    error = EPERM;
+  if (error == 0) {
+    *bytesOut = static_cast<std::uint64_t>(status.st_size);
+    return 0;
+  }
+  ossClose(*fdOut);
+  *fdOut = -1;
+  return error;
+}
+
+int ossTruncate(int fd, std::uint64_t bytes) noexcept {
+  return repeat([&] { return g_calls.ftruncate(fd, static_cast<off_t>(bytes)); });
+}
+
+int ossFreeBytes(const char* path, std::uint64_t* bytesOut) noexcept {
+  struct statvfs status;
+  const int error = repeat([&] { return g_calls.statvfs(path, &status); });
+  if (error == 0) *bytesOut = static_cast<std::uint64_t>(status.f_bavail) * status.f_frsize;
+  return error;
+}
+
+int ossVisitDirectory(const char* path, void (*visit)(void* context, const char* name), void* context) noexcept {
+  int fd = -1;
+  int error = ossOpen(path, O_RDONLY | O_DIRECTORY, 0, &fd);
+  if (error != 0) return error;
+  alignas(dirent64) char entries[4096];
+  for (;;) {
+    const long count = ::syscall(SYS_getdents64, fd, entries, sizeof entries);
+    if (count <= 0) {
+      error = count == 0 ? 0 : errno;
+      break;
+    }
+    for (long at = 0; at < count;) {
+      const auto* entry = reinterpret_cast<const dirent64*>(entries + at);
+      visit(context, entry->d_name);
+      at += entry->d_reclen;
+    }
+  }
+  ossClose(fd);
+  return error;
+}
+
 int ossAllocateFile(int fd, std::uint64_t bytes) noexcept {
   const int error = repeat([&] { return g_calls.ftruncate(fd, static_cast<off_t>(bytes)); });
   if (error != 0) return error;
   return repeat([&] { return g_calls.fallocate(fd, 0, 0, static_cast<off_t>(bytes)); });
+}
+
+int ossLockFile(int fd, int operation, unsigned milliseconds) noexcept {
+  const std::int64_t deadline = ossMonotonicNs() + static_cast<std::int64_t>(milliseconds) * 1'000'000;
+  for (;;) {
+    const int error = repeat([&] { return g_calls.flock(fd, operation | LOCK_NB); });
+    if (error != EWOULDBLOCK || ossMonotonicNs() >= deadline) return error;
+    ossSleepMs(1);
+  }
+}
+
+void ossUnlockFile(int fd) noexcept {
+  repeat([&] { return g_calls.flock(fd, LOCK_UN); });
 }
 
 int ossLockByte(int fd, std::uint64_t offset) noexcept {

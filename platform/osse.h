@@ -19,6 +19,7 @@
 struct PdOSSeMessage;
 struct sockaddr;
 struct stat;
+struct statvfs;
 
 namespace vek {
 
@@ -39,6 +40,8 @@ struct OssCalls {
   ssize_t (*pread)(int fd, void* buffer, std::size_t bytes, off_t offset);
   ssize_t (*pwrite)(int fd, const void* buffer, std::size_t bytes, off_t offset);
   ssize_t (*write)(int fd, const void* buffer, std::size_t bytes);
+  int (*flock)(int fd, int operation);
+  int (*statvfs)(const char* path, struct statvfs* out);
   int (*lockByte)(int fd, int command, short type, off_t offset, off_t bytes, int* conflict);
   void* (*mmap)(void* address, std::size_t bytes, int protection, int flags, int fd, off_t offset);
   int (*munmap)(void* address, std::size_t bytes);
@@ -114,6 +117,15 @@ const char* ossEnvironment(const char* name) noexcept;
 void* ossMapPages(std::size_t bytes) noexcept;
 void ossUnmapPages(void* pages, std::size_t bytes) noexcept;
 
+// ---- threads and signals ----------------------------------------------------------------------------------------
+
+// Keeps the calling thread from being cancelled; what it answers puts the former state back.
+int ossDisableCancellation() noexcept;
+void ossRestoreCancellation(int state) noexcept;
+
+// "SIGSEGV", or "a signal" for a number without a name. Lives as long as the process.
+const char* ossSignalName(int signal) noexcept;
+
 // ---- files ------------------------------------------------------------------------------------------------------
 
 // Opens a file. `flags` as for open(2); O_CLOEXEC and O_NOFOLLOW are added.
@@ -147,8 +159,26 @@ int ossFileFacts(const char* path, OssLink link, OssFileFacts* out) noexcept;
 // 0 when this process, as its effective user, may make files in a directory.
 int ossMayMakeFilesIn(const char* directory) noexcept;
 
+// Opens a file of this user's to append to it, making it with mode 0600 when it is missing, and tells its size. EPERM:
+// it is no regular file, belongs to another user or others may write in it.
+int ossOpenToAppend(const char* path, int* fdOut, std::uint64_t* bytesOut) noexcept;
+
+// Cuts a file.
+int ossTruncate(int fd, std::uint64_t bytes) noexcept;
+
+// The bytes that a user without privileges may still write in the file system of a path.
+int ossFreeBytes(const char* path, std::uint64_t* bytesOut) noexcept;
+
+// Calls `visit` with the name of each entry of a directory. Allocates nothing.
+int ossVisitDirectory(const char* path, void (*visit)(void* context, const char* name), void* context) noexcept;
+
 // Gives a file its size and allocates every block of it, so that touching a mapping of it cannot fail later.
 int ossAllocateFile(int fd, std::uint64_t bytes) noexcept;
+
+// Takes a lock on a whole open file (LOCK_SH or LOCK_EX of flock(2)), which belongs to the open file and not to the
+// process. Waits up to `milliseconds`, 0: not at all. EAGAIN: somebody else kept it.
+int ossLockFile(int fd, int operation, unsigned milliseconds) noexcept;
+void ossUnlockFile(int fd) noexcept;
 
 // ---- record locks -----------------------------------------------------------------------------------------------
 //

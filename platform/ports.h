@@ -4,7 +4,8 @@
 // compose/compose.cpp, which every build of the library contains; no hook is ever null. What answers today:
 //
 //   readSetting   a registry variable's value         the process environment
-//   reportEvent   something for the diagnostic log    one line on standard error
+//   reportEvent   something for the diagnostic log    a record; one line on standard error where that fails
+//   recordEvent   an event for a component's recorder nothing
 //   formatItem    a structure-typed data item         not formatted: the caller prints bytes
 //   member        host and partition look-up          one member: this process's own
 //   attachTrace   the first trace point of a process  diag/base: skip switch, call-backs, attach
@@ -17,6 +18,8 @@
 #include <cstdint>
 
 #include "veksys/types.h"
+
+struct PdtItem;
 
 namespace vek {
 
@@ -39,6 +42,19 @@ enum class MemberAnswer { kFound, kUnknown, kUnreadable };  // kUnreadable: the 
 
 inline constexpr std::int16_t ANY_PARTITION = -1;
 
+// An event on its way to a component's event recorder.
+struct PortRecorderEvent {
+  void* recorder;  // null: the default one of the component of the function identifier
+  std::uint64_t event;
+  std::uint64_t qualifiers;
+  std::uint32_t functionId;
+  std::uint32_t probe;
+  std::uint32_t level;
+  std::int64_t returnCode;
+  std::size_t itemCount;
+  const PdtItem* items;
+};
+
 struct Ports {
   // Copies the value of a variable, terminated; false when it is not set or does not fit. Never called while a lock
   // is held or from the trace's attach step.
@@ -46,6 +62,9 @@ struct Ports {
 
   // Reports one event. Never called while a set or pool latch is held.
   void (*reportEvent)(const PortEvent& event);
+
+  // Hands an event to a recorder. Called by a log call before it takes its lock.
+  void (*recordEvent)(const PortRecorderEvent& event);
 
   // Formats a structure-typed item as text; returns the characters written, 0 when no formatter is registered.
   std::size_t (*formatItem)(std::uint32_t type, const void* data, std::uint32_t bytes, char* text, std::size_t room);

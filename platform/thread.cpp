@@ -1,11 +1,11 @@
 #include "platform/thread.h"
 
 #include <pthread.h>
-#include <stdlib.h>
 
 #include <atomic>
 
 #include "platform/library_mutex.h"
+#include "platform/log_mutex.h"
 #include "platform/osse.h"
 #include "platform/ports.h"
 #include "platform/region.h"
@@ -45,7 +45,9 @@ void giveBack(ThreadState* state) noexcept {
 
 extern "C" void veki_threadEnds(void* value) { giveBack(static_cast<ThreadState*>(value)); }
 
-void processEnds() {
+// A destructor of the library instead of a handler given to atexit: a fork while another thread is registering one
+// leaves the child with a lock of the C library that nobody will ever give back.
+[[gnu::destructor]] void processEnds() {
   if (t_self != nullptr && t_self != busyState()) {
     g_ports.flushMemoryCaches();
     g_ports.checkLatches();
@@ -59,6 +61,7 @@ bool watchEnd(ThreadState* state) noexcept { return g_hasEndKey && ::pthread_set
 
 // Fork: locks in their order (docs/lock-order.md), so that the child finds none held by a thread it does not have.
 void beforeFork() {
+  logMutexLockForFork();
   regionLockForFork();
   trcLockForFork();
   g_states.lockForFork();
@@ -68,6 +71,7 @@ void afterForkInParent() {
   g_states.unlockAfterFork();
   trcUnlockAfterFork();
   regionUnlockAfterFork();
+  logMutexUnlockAfterFork();
 }
 
 void afterForkInChild() {
@@ -81,13 +85,13 @@ void afterForkInChild() {
     g_states.giveBack(t_self);  // the child's copy; the segment and the slot stay the parent's
     t_self = nullptr;
   }
+  logMutexUnlockAfterFork();
 }
 
 void startOnce() {
   g_hasEndKey = ::pthread_key_create(&g_endKey, veki_threadEnds) == 0;
   // Without the memory for either, a child or an ending process merely leaves its slot for others to find.
   (void)::pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
-  (void)::atexit(processEnds);
 }
 
 ThreadState* makeState() noexcept {

@@ -35,7 +35,7 @@ extern thread_local constinit ThreadState* t_self __attribute__((tls_model("init
 // thread-specific key for it, while the thread ends, or after process exit has begun.
 ThreadState* threadSelf() noexcept;
 
-// Installs the end-of-thread key, the fork handlers and the exit handler, once per process; cheap afterwards.
+// Installs the end-of-thread key and the fork handlers, once per process; cheap afterwards.
 void threadFacilityStart() noexcept;
 
 // True once process exit has begun: nothing shared is entered any more.

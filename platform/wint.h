@@ -18,10 +18,11 @@
 namespace vek {
 
 inline constexpr std::uint32_t WINT_PAGE_WORDS = 1024;
-inline constexpr std::uint32_t WINT_EVENT_WORD = 1008;  // the global event word stands behind the components
+inline constexpr std::uint32_t WINT_EVENT_WORD = 1008;       // the global event word stands behind the components
+inline constexpr std::uint32_t WINT_DIAG_LEVEL_WORD = 1009;  // the level of the log for all processes, plus 1; 0: none
 inline constexpr std::uint32_t WINT_UNATTACHED = SQLT_TRACE_ENTRY | SQLT_TRACE_DATA | SQLT_TRACE_ERROR;
 
-static_assert(SQLT_TRACE_COMPONENTS <= WINT_EVENT_WORD);
+static_assert(SQLT_TRACE_COMPONENTS <= WINT_EVENT_WORD && WINT_DIAG_LEVEL_WORD < WINT_PAGE_WORDS);
 
 extern std::uint32_t i_compTraceWords[WINT_PAGE_WORDS] __attribute__((visibility("hidden")));
 

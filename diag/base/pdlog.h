@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/ports.h"
 #include "veksys/diag/log.h"
 
 namespace vek {
@@ -21,9 +22,29 @@ namespace vek {
 // True when the level of the log keeps records of this level out.
 bool pdi_isFiltered(std::uint32_t level) noexcept;
 
+// Whether the calling thread is inside a log call: further ones are dropped and counted.
+bool pdi_isInsideLog() noexcept;
+
+// Marks the calling thread as inside a log call for the length of a scope; keeps errno, and the thread from being
+// cancelled.
+class PdInsideLog {
+ public:
+  PdInsideLog() noexcept;
+  ~PdInsideLog();
+  PdInsideLog(const PdInsideLog&) = delete;
+  PdInsideLog& operator=(const PdInsideLog&) = delete;
+
+ private:
+  int error_;
+  int cancelState_;
+};
+
 // Writes the record of a call. Filters by the level of the log (or of the facility that the flags carry), passes the
 // event to a recorder, to the notification log and to the trace when the call asks for it. Results as in log.h.
 SqlzZrc pdi_writeRecord(const PdLogCall& call) noexcept;
+
+// What the port reportEvent does: a record, or a line on standard error where none can be written.
+void pdi_reportEvent(const PortEvent& event) noexcept;
 
 // Appends lines that are formatted already and are no record of the diagnostic log (the administration notification
 // log) to a file: whole, once, serialised like records; the file and its directory are made when they are missing.

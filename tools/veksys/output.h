@@ -7,8 +7,8 @@
 
 namespace veksys {
 
-// Text on its way to a file descriptor. Lines collect in a large buffer; lineEnd() hands it over when it is full, and so
-// does settle() behind text with line ends of its own.
+// Text on its way to a file descriptor. Lines collect in a large buffer; lineEnd() hands it over when it is full, and
+// so does settle() behind text with line ends of its own.
 class Output : public Text {
  public:
   explicit Output(int fd) noexcept : fd_(fd) {}

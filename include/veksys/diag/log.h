@@ -94,6 +94,7 @@ struct PdLogCall {
   EcfFunctionId calledFunctionId;        // who returned the code
   const char* calledSystemFunction;      // the same for a function of the system: "open"
   const char* message;                   // terminated
+  const char* format;                    // a message to be formatted (printf) from `arguments`, when there is no other
   std::uint64_t messageNumber;           // of the message catalogue: SQL code |number|; used when there is no message
   bool hasOsError;                       // osError is printed, 0 too
   std::int32_t osError;                  // an errno value
@@ -101,8 +102,8 @@ struct PdLogCall {
   const PdRecorderEvent* recorderEvent;  // also handed to an event recorder, whatever the level of the log
   bool itemsAnnounced;                   // the call has a list of items; an empty one is printed as such
   std::uint64_t itemCount;
-  const PdtItem* items;      // used when there are no arguments
-  std::va_list* arguments;   // itemCount triples, or null
+  const PdtItem* items;      // used when there are no arguments, or they belong to the format
+  std::va_list* arguments;   // of the format, else itemCount triples; or null
   const char* preformatted;  // a body that is formatted already, lines ending in CR LF; or null
   std::size_t preformattedBytes;
 };

@@ -1,0 +1,130 @@
+// Objects written to dump files: <diagnostic directory><process>.<thread>.<partition>.dump.bin, one per thread.
+//
+// A dump is a record that says whose it is, and then the object's bytes as they stand. The log gets a record that tells
+// where in which file the object is. Nobody but its thread writes to a dump file, so that neither a lock nor the log's
+// buffer is held while a large object is written.
+#include <cerrno>
+#include <cstring>
+
+#include "diag/base/pddiagpath.h"
+#include "diag/base/pdlog.h"
+#include "diag/base/pdlog_state.h"
+#include "diag/base/pdrecord.h"
+#include "diag/base/traced.h"
+#include "platform/osse.h"
+#include "veksys/codes.h"
+#include "veksys/diag/rc.h"
+
+namespace vek {
+namespace {
+
+constexpr std::size_t kHeaderBytes = 4096;
+
+struct Dump {
+  std::uint32_t size = 0;
+  const void* data = nullptr;
+  char path[PATH_BYTES] = {};
+  char header[kHeaderBytes] = {};
+  std::size_t headerBytes = 0;
+  std::int64_t offset = -1;  // of the object
+  const char* reason = "";   // why it was not dumped
+  int error = 0;
+};
+
+void formatHeader(EcfFunctionId functionId, std::uint32_t probe, std::uint32_t level, Dump* dump) noexcept {
+  char processName[64];
+  ossProcessName(processName, sizeof processName);
+  PdRecordHeader header;
+  header.timeNs = ossRealtimeNs();
+  header.level = level;
+  header.functionId = functionId;
+  header.probe = probe;
+  header.processId = ossProcessId();
+  header.threadId = ossThreadId();
+  header.processName = processName;
+  header.instance = vekInstanceName();
+  header.partition = vekInstanceControl()->partition;
+  PdRecordBody body;
+  body.dumpFile = dump->path;
+  dump->headerBytes = pdFormatDumpRecord(header, body, dump->header, sizeof dump->header).length;
+}
+
+bool failWith(Dump* dump, const char* reason, int error) noexcept {
+  dump->reason = reason;
+  dump->error = error;
+  return false;
+}
+
+// Appends header and object; a dump that could not be written whole is cut off again.
+bool writeDump(Dump* dump) noexcept {
+  int fd = -1;
+  std::uint64_t bytes = 0;
+  int error = ossOpenToAppend(dump->path, &fd, &bytes);
+  if (error != 0) return failWith(dump, "the dump file cannot be opened", error);
+  dump->offset = static_cast<std::int64_t>(bytes + dump->headerBytes);
+  error = ossWriteAll(fd, dump->header, dump->headerBytes);
+  if (error == 0) error = ossWriteAll(fd, dump->data, dump->size);
+  if (error != 0) (void)ossTruncate(fd, bytes);
+  ossClose(fd);
+  return error == 0 || failWith(dump, "the dump file cannot be written", error);
+}
+
+bool namePath(Dump* dump) noexcept {
+  const PdDiagDirectory directory = pdiDiagDirectory();
+  if (directory.length == 0) return failWith(dump, "there is no diagnostic directory", ENOENT);
+  ossSnprintf(dump->path, sizeof dump->path, "%s%u.%u.%.3d.dump.bin", directory.path, ossProcessId(), ossThreadId(),
+              vekInstanceControl()->partition);
+  return true;
+}
+
+// Dumps to the diagnostic directory, to one that was made anew, to the alternate one.
+bool tryDirectories(EcfFunctionId functionId, std::uint32_t probe, std::uint32_t level, Dump* dump) noexcept {
+  if (dump->data == nullptr && dump->size != 0) return failWith(dump, "its address is null", EFAULT);
+  for (int turn = 0; turn < 3; ++turn) {
+    if (!namePath(dump)) return false;
+    formatHeader(functionId, probe, level, dump);
+    if (writeDump(dump)) return true;
+    if (dump->error == EFAULT) return false;  // the object, not the file
+    const SqlzZrc next = turn == 0 ? pdiRenewDiagDirectory() : pdiSwitchToAlternate();
+    if (next != 0 && turn != 0) return false;
+  }
+  return false;
+}
+
+}  // namespace
+}  // namespace vek
+
+SqlzZrc pdLogDump(std::uint64_t flags, EcfFunctionId functionId, std::int64_t returnCode, std::uint32_t probe,
+                  std::uint32_t level, const char* label, std::uint32_t size, const void* data) noexcept {
+  if (vek::pdi_isFiltered(level) && (flags & (PD_LOG_NOTIFY_MASK | PD_LOG_FACILITY_MASK)) == 0) return SQLT_NOLOG;
+  if (vek::pdi_isInsideLog()) return vek::pdi_drop();
+  vek::Dump dump;
+  dump.size = size;
+  dump.data = data;
+  bool isDumped = false;
+  {
+    const vek::PdInsideLog inside;
+    isDumped = vek::tryDirectories(functionId, probe, level, &dump);
+  }
+  char reason[128];
+  vek::ossSnprintf(reason, sizeof reason, "%s ( rc = 0x%X )", dump.reason,
+                   static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(dump.error)));
+  vek::PdLogDumpFact fact = {.size = size, .data = data, .object = {}};
+  fact.object.dumped = isDumped;
+  fact.object.offset = dump.offset;
+  fact.object.writtenBytes = static_cast<std::uint32_t>(dump.headerBytes + size);
+  fact.object.file = dump.path;
+  fact.object.object = label == nullptr ? "" : label;
+  fact.object.reason = reason;
+  PdLogCall call = {};
+  call.size = sizeof call;
+  call.flags = flags;
+  call.functionId = functionId;
+  call.probe = probe;
+  call.returnCode = returnCode;
+  call.level = level;
+  call.message = label;
+  const SqlzZrc result = vek::pdi_writeDumped(call, &fact);
+  if (result != 0) return result;
+  return isDumped ? 0 : SQLT_DIAGERR_DUMPERR;
+}

@@ -1,0 +1,459 @@
+// The core of the log: facts, the record, its way into the file, and what is said when that fails.
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+
+#include "diag/base/pddiagpath.h"
+#include "diag/base/pdlog.h"
+#include "diag/base/pdlog_files.h"
+#include "diag/base/pdlog_state.h"
+#include "diag/base/pdnewfile.h"
+#include "diag/base/pdrecord.h"
+#include "diag/base/pdtrap.h"
+#include "diag/base/traced.h"
+#include "platform/fault.h"
+#include "platform/host.h"
+#include "platform/library_mutex.h"
+#include "platform/log_mutex.h"
+#include "platform/osse.h"
+#include "platform/ports.h"
+#include "platform/thread.h"
+#include "veksys/codes.h"
+#include "veksys/diag/rc.h"
+
+namespace vek {
+namespace {
+
+constexpr std::size_t kMostItems = PD_RECORD_BYTES / 16;  // more cannot stand in a record: each takes a line at least
+constexpr std::size_t kPassedItems = 64;                  // what recorders and the trace are told of
+constexpr std::size_t kFirstBytes = PD_NEW_FILE_TEXT_BYTES + 4096;
+
+// What the mutex guards.
+struct Logger {
+  char record[PD_RECORD_BYTES] = {};
+  char newFile[PD_NEW_FILE_TEXT_BYTES] = {};
+  char first[kFirstBytes] = {};  // the new-file record, with that text
+  char note[1024] = {};
+  PdItem items[kMostItems] = {};
+  AppendOutcome outcome = {};
+  PdRecordHeader header;  // of the record being written; the new-file record takes its facts from it
+  CallStack stack = {};
+  Fault fault = {};
+  PdLogLosses losses;
+};
+
+constinit Logger g_log;
+constinit std::atomic<std::uint64_t> g_dropped{0};  // calls from inside a log call
+thread_local constinit int t_inside __attribute__((tls_model("initial-exec"))) = 0;
+
+// ---- facts, collected while no lock is held ---------------------------------------------------------------------
+
+struct Facts {
+  VekApplication application;
+  VekEngineUnit unit;
+  char processName[64];
+  char instance[40];
+  char facilityDirectory[PATH_BYTES];
+  char facilityName[APPEND_NAME_BYTES];
+  PdLogTarget target;
+};
+
+template <std::size_t Bytes>
+std::string_view view(const char (&field)[Bytes]) noexcept {
+  return {field, ::strnlen(field, Bytes)};
+}
+
+std::string_view view(const char* text) noexcept {
+  return text == nullptr ? std::string_view() : std::string_view(text, ::strnlen(text, PD_RECORD_BYTES));
+}
+
+void takeApplication(const VekApplication& from, PdRecordHeader* header) noexcept {
+  header->database = view(from.databaseName);
+  header->hasHandle = from.hasHandle;
+  header->handlePartition = from.handlePartition;
+  header->handleIndex = from.handleIndex;
+  header->applicationId = view(from.applicationId);
+  header->unitOfWorkId = from.unitOfWorkId;
+  header->activityId = from.activityId;
+  header->tenantId = from.tenantId;
+  header->authorizationId = view(from.authorizationId);
+  header->hostName = view(from.hostName);
+}
+
+void takeThread(PdRecordHeader* header) noexcept {
+  const ThreadState* self = threadSelf();
+  header->processId = self != nullptr ? self->processId : ossProcessId();
+  header->threadId = self != nullptr ? self->threadId : ossThreadId();
+}
+
+// The header as far as the call and the host tell it; views lead into `facts` and the call.
+PdRecordHeader collect(const PdLogCall& call, Facts* facts) noexcept {
+  PdRecordHeader header;
+  header.level = call.level;
+  header.functionId = call.functionId;
+  header.probe = call.probe;
+  if (call.hasOsError) header.secondLevel = "OS";
+  takeThread(&header);
+  ossProcessName(facts->processName, sizeof facts->processName);
+  header.processName = view(facts->processName);
+  ossCopyText(facts->instance, sizeof facts->instance, vekInstanceName());
+  header.instance = view(facts->instance);
+  header.partition = vekInstanceControl()->partition;
+  if (pdi_applicationFields(&facts->application)) takeApplication(facts->application, &header);
+  if (pdi_engineUnit(&facts->unit)) {
+    header.hasEngineUnit = true;
+    header.engineUnitId = facts->unit.number;
+    header.engineUnitName = view(facts->unit.name);
+  }
+  return header;
+}
+
+// Cuts a path into directory, with its separator, and name.
+bool splitPath(const char* path, char* directory, std::size_t directoryBytes, char* name,
+               std::size_t nameBytes) noexcept {
+  const char* slash = std::strrchr(path, '/');
+  if (slash == nullptr || slash[1] == '\0' || std::strlen(slash + 1) >= nameBytes) return false;
+  const auto length = static_cast<std::size_t>(slash + 1 - path);
+  if (length >= directoryBytes) return false;
+  std::memcpy(directory, path, length);
+  directory[length] = '\0';
+  ossCopyText(name, nameBytes, slash + 1);
+  return true;
+}
+
+// ---- the record, with the mutex ---------------------------------------------------------------------------------
+
+PdItem itemOf(std::uint32_t type, std::uint32_t size, const void* data) noexcept {
+  PdItem item;
+  item.type = type & ~PD_ITEM_ARGUMENT;
+  item.size = size;
+  item.data = data;
+  item.isArgument = (type & PD_ITEM_ARGUMENT) != 0;
+  return item;
+}
+
+// Hands the items of a call to `take`, at most `most`; answers how many.
+template <class Take>
+std::size_t forItems(const PdLogCall& call, std::size_t most, Take take) noexcept {
+  const std::size_t count = std::min<std::uint64_t>(call.itemCount, most);
+  if (call.arguments == nullptr || call.format != nullptr) {
+    for (std::size_t i = 0; i < count && call.items != nullptr; ++i)
+      take(i, call.items[i].type, call.items[i].size, call.items[i].data);
+    return call.items != nullptr ? count : 0;
+  }
+  std::va_list arguments;
+  va_copy(arguments, *call.arguments);
+  for (std::size_t i = 0; i < count; ++i) {
+    const auto type = va_arg(arguments, std::uint32_t);
+    const auto size = va_arg(arguments, std::uint32_t);
+    take(i, type, size, va_arg(arguments, const void*));
+  }
+  va_end(arguments);
+  return count;
+}
+
+struct Job {
+  const PdLogCall& call;
+  const PdLogDumpFact* dump;  // an object that stands in a dump file, instead of items
+  PdRecordText text;
+};
+
+PdOsError osErrorOf(const PdLogCall& call) noexcept {
+  if (!call.hasOsError) return {};
+  const bool onLineOfCalled = call.calledFunctionId != 0 || call.calledSystemFunction != nullptr;
+  return {onLineOfCalled ? PdOsError::Line::kOfCalled : PdOsError::Line::kOwn, call.osError};
+}
+
+PdCodeKind codeKindOf(const PdLogCall& call) noexcept {
+  const PdCodeKind kind = pdCodeKindOfFlags(call.flags);
+  return call.returnCode == 0 && kind != PdCodeKind::kMarker ? PdCodeKind::kNone : kind;
+}
+
+void takeMessage(const PdLogCall& call, PdRecordBody* body) noexcept {
+  body->message = view(call.message);
+  body->hasMessageNumber = call.messageNumber != 0;
+  body->messageNumber = call.messageNumber;
+  if (call.preformatted != nullptr) body->preformatted = {call.preformatted, call.preformattedBytes};
+}
+
+void takeItems(const Job& job, PdRecordBody* body) noexcept {
+  body->items = g_log.items;
+  body->itemsAnnounced = job.call.itemsAnnounced;
+  if (job.dump != nullptr) {
+    g_log.items[0] = itemOf(PD_TYPE_HEXDUMP, job.dump->size, job.dump->data);
+    g_log.items[0].dump = &job.dump->object;
+    body->itemCount = 1;
+    return;
+  }
+  body->itemCount =
+      forItems(job.call, kMostItems, [](std::size_t i, std::uint32_t type, std::uint32_t size, const void* data) {
+        g_log.items[i] = itemOf(type, size, data);
+      });
+}
+
+// Formats the record of a call into the buffer. Runs under the fault guard: what the caller's pointers lead to and what
+// formatters do is not in our hands.
+void formatRecord(void* context) noexcept {
+  auto& job = *static_cast<Job*>(context);
+  const PdLogCall& call = job.call;
+  PdRecordBody body;
+  takeMessage(call, &body);
+  std::va_list arguments;
+  if (call.format != nullptr && call.message == nullptr) {
+    va_copy(arguments, *call.arguments);
+    body.messageFormat = call.format;
+    body.messageArguments = &arguments;
+  }
+  const PdCalled called = {call.calledFunctionId, "OS", "-", view(call.calledSystemFunction)};
+  if (call.calledFunctionId != 0 || call.calledSystemFunction != nullptr) body.called = &called;
+  body.codeKind = codeKindOf(call);
+  body.code = call.returnCode;
+  body.osError = osErrorOf(call);
+  PdSection section;
+  if (call.event != nullptr) {
+    body.impact = view(call.event->impact);
+    section = {view(call.event->action), view(call.event->object)};
+    if (section.label.empty())
+      body.object = section.text;
+    else
+      body.sections = &section, body.sectionCount = 1;
+  }
+  takeItems(job, &body);
+  body.note = view(g_log.note);
+  if ((call.flags & PD_LOG_CALL_STACK) != 0) body.callStack = &g_log.stack;
+  job.text = pdFormatRecord(g_log.header, body, g_log.record, sizeof g_log.record);
+  if (body.messageArguments != nullptr) va_end(arguments);
+}
+
+void stamp(char* record, std::uint64_t offset, std::size_t length) noexcept {
+  (void)pdStampIdentifier(record, offset, length);
+}
+
+// The first record of a new file, with the facts of the record that is about to follow it.
+AppendText newFileText() noexcept {
+  const std::size_t length = pdGatherNewFileText(g_log.newFile, sizeof g_log.newFile);
+  PdNewFileBody body;
+  pdMakeNewFileBody(g_log.newFile, length, &body);
+  PdRecordHeader header = g_log.header;
+  header.level = PD_LEVEL_EVENT;
+  header.secondLevel = {};
+  header.functionId = FID_pdLog;
+  header.probe = 10;
+  const PdRecordText text = pdFormatRecord(header, body.body, g_log.first, sizeof g_log.first);
+  return {g_log.first, text.length, stamp};
+}
+
+// ---- into the file ----------------------------------------------------------------------------------------------
+
+struct Append {
+  const PdLogTarget& target;
+  AppendText text;
+  AppendText (*firstText)();
+  int error;
+};
+
+void runAppend(void* context) noexcept {
+  auto& append = *static_cast<Append*>(context);
+  append.error = pdi_appendRecord(append.target, append.text, append.firstText, &g_log.outcome);
+}
+
+// 0 or an errno value; EFAULT: a fault, such as a lock file that was cut while it was mapped.
+int appendGuarded(const PdLogTarget& target, AppendText text, AppendText (*firstText)()) noexcept {
+  Append append = {target, text, firstText, 0};
+  if (faultGuard(runAppend, &append, nullptr)) return append.error;
+  pdi_abandonFiles();
+  g_log.outcome.failed = "write";
+  return EFAULT;
+}
+
+// The record that stands for one whose formatting faulted.
+PdRecordText formatTrap(const PdLogCall& call) noexcept {
+  char line[128];
+  ossSnprintf(line, sizeof line, "Trap %8.8lx detected in vekdiag call from [%ld,%ld] trapfile created",
+              static_cast<unsigned long>(g_log.fault.signal), static_cast<long>(call.functionId),
+              static_cast<long>(call.probe));
+  PdRecordBody body;
+  body.message = line;
+  body.note = view(g_log.note);
+  return pdFormatRecord(g_log.header, body, g_log.record, sizeof g_log.record);
+}
+
+PdRecordText formatGuarded(const PdLogCall& call, const PdLogDumpFact* dump, const PdLogTarget& target) noexcept {
+  Job job = {call, dump, {}};
+  if (faultGuard(formatRecord, &job, &g_log.fault)) return job.text;
+  pdi_writeTrapFile(target.directory, g_log.header, g_log.fault);
+  return formatTrap(call);
+}
+
+// What the record has to say besides its own matter.
+void composeNote(std::uint64_t dropped) noexcept {
+  std::size_t length = g_log.losses.compose(g_log.note, sizeof g_log.note);
+  if (dropped == 0) return;
+  length +=
+      ossSnprintf(g_log.note + length, sizeof g_log.note - length,
+                  "Before this record %llu log call%s from inside a log call %s dropped.\r\n",
+                  static_cast<unsigned long long>(dropped), dropped == 1 ? "" : "s", dropped == 1 ? "was" : "were");
+}
+
+SqlzZrc writeLocked(const PdLogCall& call, const PdLogDumpFact* dump, const Facts& facts) noexcept {
+  const std::uint64_t dropped = g_dropped.exchange(0, std::memory_order_relaxed);
+  composeNote(dropped);
+  g_log.header.timeNs = ossRealtimeNs();
+  const PdRecordText text = formatGuarded(call, dump, facts.target);
+  const bool begins = facts.target.isDiagnosticLog;
+  const int error = appendGuarded(facts.target, {g_log.record, text.length, stamp}, begins ? newFileText : nullptr);
+  g_log.record[0] = '\0';
+  if (error == 0) {
+    g_log.losses.forget();
+    return 0;
+  }
+  g_dropped.fetch_add(dropped, std::memory_order_relaxed);
+  g_log.losses.add(error, g_log.outcome, g_log.header.timeNs);
+  return SQLT_DIAGERR_LOGERR;
+}
+
+// What is to be said about the files, in records of their own.
+void writeRemarks(const PdLogTarget& target) noexcept {
+  if (!target.isDiagnosticLog) return;
+  static constinit PdLogRemark remark = {};
+  Facts facts;
+  while (pdi_takeRemark(&remark)) {
+    PdLogCall call = {};
+    call.flags = PD_LOG_RC_ZRC;
+    call.functionId = FID_pdLogRotate;
+    call.probe = remark.probe;
+    call.level = remark.level;
+    call.returnCode = remark.zrc;
+    call.message = remark.text;
+    if (pdi_isFiltered(call.level)) continue;
+    g_log.header.functionId = call.functionId;
+    g_log.header.probe = call.probe;
+    g_log.header.level = call.level;
+    g_log.header.secondLevel = {};
+    facts.target = target;
+    if (writeLocked(call, nullptr, facts) != 0) return;
+  }
+}
+
+// ---- whom else it concerns --------------------------------------------------------------------------------------
+
+void passOn(const PdLogCall& call) noexcept {
+  const bool isTraced = (call.flags & PD_LOG_TRACE) != 0;
+  if (call.recorderEvent != nullptr || isTraced) {
+    PdtItem items[kPassedItems];
+    const std::size_t count =
+        forItems(call, kPassedItems, [&](std::size_t i, std::uint32_t type, std::uint32_t size, const void* data) {
+          items[i] = {type & ~PD_ITEM_ARGUMENT, size, data};
+        });
+    if (call.recorderEvent != nullptr)
+      g_ports.recordEvent({call.recorderEvent->recorder, call.recorderEvent->event, call.recorderEvent->qualifiers,
+                           call.functionId, call.probe, call.level, call.returnCode, count, items});
+    if (isTraced && (wintTraceWord(ecfComponent(call.functionId)) & SQLT_TRACE_ERROR) != 0)
+      pdtErrorItems(call.functionId, call.probe, call.returnCode,
+                    static_cast<std::uint32_t>(std::min<std::size_t>(count, 20)), items);
+  }
+  if ((call.flags & PD_LOG_NOTIFY_MASK) != 0 && sqltTestNotifyLevel(call.flags)) pdi_notify(call);
+}
+
+// ---- where it goes ----------------------------------------------------------------------------------------------
+
+// 0: write it; SQLT_NOLOG: its level keeps it out; SQLT_DIAGERR_LOGERR: there is no such log.
+SqlzZrc findFacility(const PdLogCall& call, Facts* facts) noexcept {
+  const auto facility = static_cast<std::uint32_t>((call.flags & PD_LOG_FACILITY_MASK) >> PD_LOG_FACILITY_SHIFT);
+  char path[PATH_BYTES];
+  std::uint32_t level = 0;
+  if (!pdi_facilityTarget(facility, path, sizeof path, &level) ||
+      !splitPath(path, facts->facilityDirectory, sizeof facts->facilityDirectory, facts->facilityName,
+                 sizeof facts->facilityName)) {
+    pdi_sayNoLog();
+    return SQLT_DIAGERR_LOGERR;
+  }
+  facts->target = {.directory = facts->facilityDirectory, .name = facts->facilityName};
+  return call.level > level ? SQLT_NOLOG : 0;
+}
+
+SqlzZrc findTarget(const PdLogCall& call, Facts* facts) noexcept {
+  if ((call.flags & PD_LOG_FACILITY_MASK) != 0) return findFacility(call, facts);
+  if (pdi_isFiltered(call.level)) return SQLT_NOLOG;
+  const PdDiagDirectory directory = pdiDiagDirectory();
+  if (directory.length == 0) {
+    pdi_sayNoLog();
+    return SQLT_DIAGERR_LOGERR;
+  }
+  facts->target = {.directory = directory.path,
+                   .name = PD_LOG_NAME,
+                   .isDiagnosticLog = true,
+                   .rotatingBytes = static_cast<std::uint64_t>(vekInstanceControl()->DIAGSIZE) << 20};
+  return 0;
+}
+
+bool isUsable(const PdLogCall& call) noexcept {
+  return call.size == sizeof(PdLogCall) && (call.format == nullptr || call.arguments != nullptr) &&
+         (call.preformatted != nullptr || call.preformattedBytes == 0);
+}
+
+SqlzZrc write(const PdLogCall& call, const PdLogDumpFact* dump) noexcept {
+  const PdInsideLog inside;
+  pdi_attachLog();
+  Facts facts;
+  const SqlzZrc found = findTarget(call, &facts);
+  passOn(call);
+  if (found != 0) return found;
+  const PdRecordHeader header = collect(call, &facts);
+  logMutexLock();
+  g_log.header = header;
+  if ((call.flags & PD_LOG_CALL_STACK) != 0) captureCallStack(&g_log.stack, 2);
+  const SqlzZrc result = writeLocked(call, dump, facts);
+  writeRemarks(facts.target);
+  logMutexUnlock();
+  return result;
+}
+
+}  // namespace
+
+PdInsideLog::PdInsideLog() noexcept : error_(errno), cancelState_(ossDisableCancellation()) {
+  ++t_inside;
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+PdInsideLog::~PdInsideLog() {
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  --t_inside;
+  ossRestoreCancellation(cancelState_);
+  errno = error_;
+}
+
+bool pdi_isInsideLog() noexcept { return t_inside != 0; }
+
+SqlzZrc pdi_drop() noexcept {
+  g_dropped.fetch_add(1, std::memory_order_relaxed);
+  return SQLT_DIAGERR_LOGERR;
+}
+
+SqlzZrc pdi_writeDumped(const PdLogCall& call, const PdLogDumpFact* dump) noexcept {
+  if (!isUsable(call)) return SQLO_INV_PARM;
+  if (pdi_isInsideLog() || threadIsInsideLock()) return pdi_drop();
+  const SqlzZrc result = write(call, dump);
+  if (result == 0) pdiReportDiagPath();
+  return result;
+}
+
+SqlzZrc pdi_writeRecord(const PdLogCall& call) noexcept { return pdi_writeDumped(call, nullptr); }
+
+SqlzZrc pdi_appendText(const char* path, const char* text, std::size_t bytes) noexcept {
+  if (logMutexIsMine()) return SQLT_DIAGERR_LOGERR;
+  char directory[PATH_BYTES];
+  char name[APPEND_NAME_BYTES];
+  if (!splitPath(path, directory, sizeof directory, name, sizeof name)) return SQLO_INV_PARM;
+  const PdInsideLog inside;
+  pdi_attachLog();
+  const PdLogTarget target = {.directory = directory, .name = name};
+  logMutexLock();
+  const int error = appendGuarded(target, {const_cast<char*>(text), bytes, nullptr}, nullptr);
+  if (error != 0) pdi_sayOpenFailed(g_log.outcome, error);
+  logMutexUnlock();
+  return error == 0 ? 0 : SQLT_DIAGERR_LOGERR;
+}
+
+}  // namespace vek

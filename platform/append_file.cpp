@@ -1,0 +1,582 @@
+#include "platform/append_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <time.h>
+
+#include <atomic>
+#include <charconv>
+#include <new>
+
+#include "platform/osse.h"
+
+namespace vek {
+
+// What the processes share. Everything behind the mutex is written by its owner alone; `moves` and `number` are read
+// by others before they have it, to open the file.
+struct AppendLockPage {
+  char magic[8];
+  std::uint32_t version;
+  std::uint32_t bytes;
+  char bootId[40];
+  std::atomic<std::uint32_t> ready;
+  pthread_mutex_t mutex;
+  std::atomic<std::uint64_t> moves;   // switches of a series
+  std::atomic<std::uint64_t> number;  // of the current file of a series
+  std::uint64_t device;               // the file that records went to last
+  std::uint64_t inode;
+  std::uint64_t intentOffset;
+  std::uint64_t intentLength;  // 0: no record is being written
+};
+
+namespace {
+
+constexpr char kMagic[8] = "VEKLOCK";
+constexpr std::uint32_t kVersion = 1;
+constexpr std::size_t kPageBytes = 4096;
+static_assert(sizeof(AppendLockPage) <= kPageBytes);
+constexpr int kAttempts = 100;         // against files that others switch, move or remove meanwhile
+constexpr unsigned kStuckWaitMs = 20;  // once a wait of full length was in vain
+constexpr int kSpins = 100;            // a record is written in a few microseconds: sleeping costs more
+constexpr char kUnfinished[] = "\r\nThe record above is incomplete: its writer ended while it wrote.\r\n";
+
+using LockPath = char[PATH_BYTES + APPEND_NAME_BYTES + 32];
+
+void lockPath(const AppendFile& file, LockPath& path) noexcept {
+  ossSnprintf(path, sizeof path, "%s.%s%s", file.directory, file.name, file.isSeries ? ".rotate.lck" : ".lck");
+}
+
+void seriesPath(const AppendFile& file, std::uint64_t number, char* path, std::size_t bytes) noexcept {
+  ossSnprintf(path, bytes, "%s%s.%llu.log", file.directory, file.name, static_cast<unsigned long long>(number));
+}
+
+void currentPath(const AppendFile& file, char* path, std::size_t bytes) noexcept {
+  if (file.isSeries)
+    seriesPath(file, file.page->number.load(std::memory_order_relaxed), path, bytes);
+  else
+    ossSnprintf(path, bytes, "%s%s", file.directory, file.name);
+}
+
+bool isTrusted(const struct stat& status) noexcept {
+  return S_ISREG(status.st_mode) && status.st_uid == ossUserId() && (status.st_mode & 022) == 0;
+}
+
+int openLog(const char* path, int more, int* fdOut) noexcept {
+  return ossOpen(path, O_WRONLY | O_APPEND | O_NONBLOCK | O_NOCTTY | more, 0600, fdOut);  // NONBLOCK: it may be a FIFO
+}
+
+void closeLog(AppendFile& file) noexcept {
+  ossClose(file.openFd);
+  file.openFd = -1;
+}
+
+// ---- the lock file ----------------------------------------------------------------------------------------------
+
+bool isSound(const AppendLockPage& page) noexcept {
+  char bootId[sizeof page.bootId];
+  ossBootId(bootId, sizeof bootId);
+  return page.ready.load(std::memory_order_acquire) == 1 && ::memcmp(page.magic, kMagic, sizeof kMagic) == 0 &&
+         page.version == kVersion && page.bytes == sizeof(AppendLockPage) &&
+         ::memcmp(page.bootId, bootId, sizeof bootId) == 0;
+}
+
+int initialiseMutex(pthread_mutex_t* mutex) noexcept {
+  pthread_mutexattr_t attributes;
+  ::pthread_mutexattr_init(&attributes);
+  ::pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
+  ::pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+  const int error = ::pthread_mutex_init(mutex, &attributes);
+  ::pthread_mutexattr_destroy(&attributes);
+  return error;
+}
+
+struct Numbers {
+  const char* name;
+  std::size_t length;
+  std::uint64_t highest;
+};
+
+void noteNumber(void* context, const char* entry) noexcept {
+  auto& numbers = *static_cast<Numbers*>(context);
+  if (::strncmp(entry, numbers.name, numbers.length) != 0 || entry[numbers.length] != '.') return;
+  const char* digits = entry + numbers.length + 1;
+  std::uint64_t number = 0;
+  const auto parsed = std::from_chars(digits, digits + ::strlen(digits), number);
+  if (parsed.ec == std::errc() && ::strcmp(parsed.ptr, ".log") == 0 && number > numbers.highest)
+    numbers.highest = number;
+}
+
+// The highest number of a series in its directory, 0 when there is none.
+std::uint64_t highestNumber(const AppendFile& file) noexcept {
+  Numbers numbers = {file.name, ::strlen(file.name), 0};
+  (void)ossVisitDirectory(file.directory, noteNumber, &numbers);
+  return numbers.highest;
+}
+
+// Waits for whoever writes under a flock on the file itself, having looked for this lock file before it existed.
+int waitForUnlockedWriters(const AppendFile& file) noexcept {
+  if (file.isSeries) return 0;  // never written without a lock file
+  LockPath path;
+  currentPath(file, path, sizeof path);
+  int fd = -1;
+  const int missing = openLog(path, 0, &fd);
+  if (missing != 0) return 0;
+  const int error = ossLockFile(fd, LOCK_EX, APPEND_WAIT_MS);
+  ossClose(fd);
+  return error == EWOULDBLOCK ? ETIMEDOUT : error;
+}
+
+// Lays the page out. Nobody else uses it.
+int initialise(AppendFile& file) noexcept {
+  auto* page = new (static_cast<void*>(file.page)) AppendLockPage{};
+  ::memcpy(page->magic, kMagic, sizeof kMagic);
+  page->version = kVersion;
+  page->bytes = sizeof(AppendLockPage);
+  ossBootId(page->bootId, sizeof page->bootId);
+  int error = initialiseMutex(&page->mutex);
+  if (error == 0 && file.isSeries) page->number.store(highestNumber(file), std::memory_order_relaxed);
+  if (error == 0) error = waitForUnlockedWriters(file);
+  if (error == 0) page->ready.store(1, std::memory_order_release);
+  return error;
+}
+
+// Maps the page of an opened lock file that has its blocks.
+int mapPage(AppendFile& file, const struct stat& status) noexcept {
+  if (file.page != nullptr) return 0;
+  void* mapped = ossCalls().mmap(nullptr, kPageBytes, PROT_READ | PROT_WRITE, MAP_SHARED, file.lockFd, 0);
+  if (mapped == MAP_FAILED) return errno;
+  file.page = static_cast<AppendLockPage*>(mapped);
+  file.lockDevice = status.st_dev;
+  file.lockInode = status.st_ino;
+  return 0;
+}
+
+// Gives the lock file its blocks by writing them, so that no later touch of the page needs the disk. One that does not
+// get them is removed: writers without a lock file look whether there is one.
+int allocatePage(const AppendFile& file, const struct stat& status) noexcept {
+  const auto bytes = static_cast<std::uint64_t>(status.st_size);
+  if (bytes >= kPageBytes) return 0;
+  constexpr char kZeros[kPageBytes] = {};
+  const int error = ossWriteAt(file.lockFd, kZeros + bytes, kPageBytes - bytes, bytes);
+  if (error == 0) return 0;
+  LockPath path;
+  lockPath(file, path);
+  ossCalls().unlink(path);
+  return error;
+}
+
+int inspectLockFile(const AppendFile& file, struct stat* status) noexcept {
+  if (ossCalls().fstat(file.lockFd, status) != 0) return errno;
+  if (status->st_nlink == 0) return ESTALE;
+  return isTrusted(*status) && (status->st_mode & 077) == 0 ? 0 : EPERM;
+}
+
+// With the exclusive flock: nobody else uses the page.
+int settleAlone(AppendFile& file) noexcept {
+  struct stat status;
+  int error = inspectLockFile(file, &status);
+  if (error == 0) error = allocatePage(file, status);
+  if (error == 0) error = mapPage(file, status);
+  if (error == 0 && !isSound(*file.page)) error = initialise(file);
+  return error == 0 ? ossLockFile(file.lockFd, LOCK_SH, 0) : error;
+}
+
+// With a shared flock. EAGAIN: the page must be laid out first.
+int settleAmongOthers(AppendFile& file) noexcept {
+  struct stat status;
+  int error = inspectLockFile(file, &status);
+  if (error == 0 && static_cast<std::uint64_t>(status.st_size) < kPageBytes) error = EAGAIN;
+  if (error == 0) error = mapPage(file, status);
+  return error == 0 && !isSound(*file.page) ? EAGAIN : error;
+}
+
+// Gets the page into a sound state and a shared flock on its file.
+int settle(AppendFile& file) noexcept {
+  const std::int64_t deadline = ossMonotonicNs() + APPEND_WAIT_MS * 1'000'000LL;
+  for (;;) {
+    int error = ossLockFile(file.lockFd, LOCK_EX, 0);
+    if (error == 0) return settleAlone(file);
+    if (error != EWOULDBLOCK) return error;
+    error = ossLockFile(file.lockFd, LOCK_SH, 0);
+    if (error == 0) error = settleAmongOthers(file);
+    if (error != EAGAIN) return error;
+    ossUnlockFile(file.lockFd);
+    if (ossMonotonicNs() >= deadline) return EBUSY;
+    ossSleepMs(1);
+  }
+}
+
+void noteSizeLimit(AppendFile& file) noexcept {
+  rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
+  (void)::getrlimit(RLIMIT_FSIZE, &limit);
+  file.sizeLimit = limit.rlim_cur == RLIM_INFINITY ? APPEND_NO_LIMIT : limit.rlim_cur;
+}
+
+int mapLockFile(AppendFile& file) noexcept {
+  LockPath path;
+  lockPath(file, path);
+  file.lockFd = -1;
+  int error = ossOpen(path, O_RDWR | O_CREAT | O_NONBLOCK | O_NOCTTY, 0600, &file.lockFd);
+  if (error != 0) return error;
+  error = settle(file);
+  if (error != 0) appendForget(file);
+  return error;
+}
+
+// Errors that say that no lock file can be made here; an existing one that cannot be used is another matter.
+bool canHaveNone(int error) noexcept {
+  return error == EROFS || error == EACCES || error == ENOSPC || error == EDQUOT || error == ENODEV || error == ENOLCK;
+}
+
+// Whether the mapped page is still that of the lock file in the directory. The descriptor may have been closed by
+// somebody who closes all of them, and stand for another file now.
+bool isLinked(const AppendFile& file) noexcept {
+  struct stat status;
+  return ossCalls().fstat(file.lockFd, &status) == 0 && status.st_dev == file.lockDevice &&
+         status.st_ino == file.lockInode && status.st_nlink > 0;
+}
+
+bool isNamed(const AppendFile& file) noexcept {
+  LockPath path;
+  lockPath(file, path);
+  struct stat status;
+  return ossCalls().stat(path, &status) == 0 && status.st_dev == file.lockDevice && status.st_ino == file.lockInode;
+}
+
+// ---- the mutex --------------------------------------------------------------------------------------------------
+
+void pauseBriefly() noexcept {
+#if defined(__x86_64__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  __asm__ volatile("yield");
+#endif
+}
+
+int spin(pthread_mutex_t* mutex) noexcept {
+  int error = ::pthread_mutex_trylock(mutex);
+  for (int turn = 0; error == EBUSY && turn < kSpins; ++turn) {
+    for (int pause = 0; pause < 16; ++pause) pauseBriefly();
+    error = ::pthread_mutex_trylock(mutex);
+  }
+  return error;
+}
+
+// 0, EOWNERDEAD (it is held then, too), or ETIMEDOUT.
+int takeMutex(AppendFile& file) noexcept {
+  int error = spin(&file.page->mutex);
+  if (error == EBUSY) {
+    timespec until;
+    ::clock_gettime(CLOCK_MONOTONIC, &until);
+    const long wait = static_cast<long>(file.wasStuck ? kStuckWaitMs : APPEND_WAIT_MS);
+    until.tv_sec += wait / 1000;
+    until.tv_nsec += wait % 1000 * 1'000'000;
+    if (until.tv_nsec >= 1'000'000'000) {
+      until.tv_nsec -= 1'000'000'000;
+      ++until.tv_sec;
+    }
+    error = ::pthread_mutex_clocklock(&file.page->mutex, CLOCK_MONOTONIC, &until);
+  }
+  file.wasStuck = error == ETIMEDOUT;
+  return error;
+}
+
+// ---- writing ----------------------------------------------------------------------------------------------------
+
+struct Log {
+  int fd = -1;
+  std::uint64_t bytes = 0;  // its size
+  bool hasPart = false;     // half a record stands at its end and could not be cut off
+};
+
+int failWith(AppendOutcome* outcome, const char* what, int error) noexcept {
+  outcome->failed = what;
+  return error;
+}
+
+// Writes at the end of the file, or leaves it as it was.
+int writeWhole(const AppendFile& file, Log& log, const AppendText& text) noexcept {
+  if (log.bytes + text.length > file.sizeLimit) return EFBIG;  // the kernel would send a signal with this answer
+  if (text.stamp != nullptr) text.stamp(text.bytes, log.bytes, text.length);
+  const int error = ossWriteAll(log.fd, text.bytes, text.length);
+  if (error == 0) {
+    log.bytes += text.length;
+    return 0;
+  }
+  log.hasPart = ossTruncate(log.fd, log.bytes) != 0;
+  return error;
+}
+
+int writeNoted(const AppendFile& file, Log& log, const AppendText& text) noexcept {
+  AppendLockPage& page = *file.page;
+  page.intentOffset = log.bytes;
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  *const_cast<volatile std::uint64_t*>(&page.intentLength) = text.length;
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  const int error = writeWhole(file, log, text);
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  if (!log.hasPart) *const_cast<volatile std::uint64_t*>(&page.intentLength) = 0;
+  return error;
+}
+
+// Says behind half a record that it is one.
+void markUnfinished(Log& log) noexcept {
+  if (ossWriteAll(log.fd, kUnfinished, sizeof kUnfinished - 1) == 0) log.bytes += sizeof kUnfinished - 1;
+}
+
+// What a dead owner left, or one that could not cut off its own half. Size at the noted offset: it wrote nothing. At
+// its end or past it: all of it.
+void repairFrom(AppendLockPage& page, Log& log, AppendOutcome* outcome) noexcept {
+  if (log.bytes > page.intentOffset && log.bytes < page.intentOffset + page.intentLength) {
+    if (ossTruncate(log.fd, page.intentOffset) == 0)
+      log.bytes = page.intentOffset;
+    else
+      markUnfinished(log);
+    outcome->repaired = true;
+  }
+  page.intentLength = 0;
+}
+
+bool endsInLine(const char* path, std::uint64_t bytes) noexcept {
+  if (bytes == 0) return true;
+  int fd = -1;
+  char end[2] = {};
+  std::size_t count = 0;
+  if (bytes < sizeof end || ossOpen(path, O_RDONLY | O_NONBLOCK, 0, &fd) != 0) return false;
+  const int error = ossReadAt(fd, end, sizeof end, bytes - sizeof end, &count);
+  ossClose(fd);
+  return error != 0 || (count == sizeof end && end[0] == '\r' && end[1] == '\n');
+}
+
+// ---- series -----------------------------------------------------------------------------------------------------
+
+// Removes what is older than the files kept.
+void removeOld(const AppendFile& file, std::uint64_t number, std::uint64_t filesKept) noexcept {
+  char path[sizeof(LockPath)];
+  for (std::uint64_t old = number - (number >= filesKept ? filesKept : number); number >= filesKept; --old) {
+    seriesPath(file, old, path, sizeof path);
+    if (ossCalls().unlink(path) != 0 || old == 0) return;
+  }
+}
+
+// The lock on the directory of rotating files, held while files come and go in it.
+int lockDirectory(const AppendFile& file, int* fdOut) noexcept {
+  char path[sizeof(LockPath)];
+  ossSnprintf(path, sizeof path, "%s.rotate.lck", file.directory);
+  const int error = ossOpen(path, O_RDWR | O_CREAT | O_NONBLOCK | O_NOCTTY, 0600, fdOut);
+  return error != 0 ? error : ossLockFile(*fdOut, LOCK_EX, APPEND_WAIT_MS);
+}
+
+// Begins the next file. One of that number that is there was begun by somebody who died before publishing it.
+int beginNext(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome) noexcept {
+  AppendLockPage& page = *file.page;
+  const std::uint64_t number = page.number.load(std::memory_order_relaxed) + 1;
+  seriesPath(file, number, outcome->path, sizeof outcome->path);
+  Log log;
+  int error = openLog(outcome->path, O_CREAT, &log.fd);
+  if (error == 0) error = ossTruncate(log.fd, 0);
+  if (error == 0 && plan.firstText != nullptr) error = writeWhole(file, log, plan.firstText());
+  ossClose(log.fd);
+  if (error != 0) {
+    if (log.fd >= 0) ossCalls().unlink(outcome->path);
+    return error;
+  }
+  page.number.store(number, std::memory_order_relaxed);
+  page.moves.fetch_add(1, std::memory_order_release);
+  removeOld(file, number, plan.filesKept);
+  outcome->switchedFile = true;
+  (void)ossFreeBytes(file.directory, &outcome->freeBytes);
+  return 0;
+}
+
+int switchFile(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome) noexcept {
+  int directory = -1;
+  int error = lockDirectory(file, &directory);
+  if (error == 0) error = beginNext(file, plan, outcome);
+  ossClose(directory);
+  return error;
+}
+
+// ---- one attempt under the lock ---------------------------------------------------------------------------------
+
+enum class Step { kDone, kAgain };
+
+// Looks at the opened file. kAgain: another one goes by its name now.
+Step inspect(Log& log, struct stat* status, AppendOutcome* outcome, int* error) noexcept {
+  *error = ossCalls().fstat(log.fd, status) == 0 ? 0 : failWith(outcome, "fstat", errno);
+  if (*error == 0 && !isTrusted(*status)) *error = failWith(outcome, "open", EPERM);
+  log.bytes = static_cast<std::uint64_t>(status->st_size);
+  return *error == 0 && status->st_nlink == 0 ? Step::kAgain : Step::kDone;
+}
+
+int appendTexts(const AppendFile& file, Log& log, const AppendPlan& plan, AppendOutcome* outcome) noexcept {
+  int error = 0;
+  if (log.bytes == 0 && plan.firstText != nullptr) error = writeNoted(file, log, plan.firstText());
+  outcome->offset = log.bytes;
+  if (error == 0) error = writeNoted(file, log, plan.text);
+  return error == 0 ? 0 : failWith(outcome, "write", error);
+}
+
+// The page does not know this file: it was moved or made anew, or the whole directory was. Then the lock file went
+// with it, and another one counts now.
+Step adopt(AppendFile& file, const struct stat& status) noexcept {
+  AppendLockPage& page = *file.page;
+  if (page.device == status.st_dev && page.inode == status.st_ino) return Step::kDone;
+  if (!isNamed(file)) return Step::kAgain;
+  page.intentLength = 0;
+  page.device = status.st_dev;
+  page.inode = status.st_ino;
+  return Step::kDone;
+}
+
+Step appendLocked(AppendFile& file, Log& log, std::uint64_t moves, const AppendPlan& plan, AppendOutcome* outcome,
+                  int* error) noexcept {
+  if (!isLinked(file)) return Step::kAgain;
+  if (file.page->moves.load(std::memory_order_relaxed) != moves) return Step::kAgain;
+  struct stat status = {};
+  if (inspect(log, &status, outcome, error) == Step::kAgain) return Step::kAgain;
+  if (*error != 0) return Step::kDone;
+  if (adopt(file, status) == Step::kAgain) return Step::kAgain;
+  if (file.page->intentLength != 0) repairFrom(*file.page, log, outcome);
+  if (file.isSeries && !outcome->switchedFile && log.bytes != 0 && log.bytes + plan.text.length > plan.fileBytes) {
+    *error = switchFile(file, plan, outcome);
+    if (*error == 0) return Step::kAgain;
+    failWith(outcome, "switch", *error);
+    return Step::kDone;
+  }
+  *error = appendTexts(file, log, plan, outcome);
+  return Step::kDone;
+}
+
+// Opens the current file. kAgain: another one became current meanwhile.
+Step openCurrent(AppendFile& file, std::uint64_t moves, AppendOutcome* outcome, int* error) noexcept {
+  currentPath(file, outcome->path, sizeof outcome->path);
+  *error = openLog(outcome->path, file.isSeries ? 0 : O_CREAT, &file.openFd);
+  if (file.isSeries && *error == ENOENT) {  // the first file, or one that has been switched away and removed
+    if (file.page->moves.load(std::memory_order_acquire) != moves) return Step::kAgain;
+    *error = openLog(outcome->path, O_CREAT, &file.openFd);
+  }
+  if (*error != 0) failWith(outcome, "open", *error);
+  return Step::kDone;
+}
+
+// One attempt with the mutex: open, lock, append.
+Step attempt(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome, int* error) noexcept {
+  const std::uint64_t moves = file.page->moves.load(std::memory_order_acquire);
+  Step step = openCurrent(file, moves, outcome, error);
+  if (step == Step::kAgain || *error != 0) return step;
+  const int taken = takeMutex(file);
+  if (taken != 0 && taken != EOWNERDEAD) {
+    *error = failWith(outcome, "lock", taken);
+    return Step::kDone;
+  }
+  if (taken == EOWNERDEAD) ::pthread_mutex_consistent(&file.page->mutex);  // the intent says what is to be repaired
+  Log log = {.fd = file.openFd};
+  step = appendLocked(file, log, moves, plan, outcome, error);
+  const bool stale = step == Step::kAgain && !(isLinked(file) && isNamed(file));
+  ::pthread_mutex_unlock(&file.page->mutex);
+  if (stale) appendForget(file);
+  return step;
+}
+
+// With the flock on the file that stands in for the mutex.
+Step appendUnmapped(const AppendFile& file, Log& log, const AppendPlan& plan, AppendOutcome* outcome,
+                    int* error) noexcept {
+  LockPath path;
+  lockPath(file, path);
+  struct stat status = {};
+  if (ossCalls().stat(path, &status) == 0) return Step::kAgain;
+  if (inspect(log, &status, outcome, error) == Step::kAgain) return Step::kAgain;
+  if (*error != 0) return Step::kDone;
+  if (!endsInLine(outcome->path, log.bytes)) markUnfinished(log);
+  if (log.bytes == 0 && plan.firstText != nullptr) *error = writeWhole(file, log, plan.firstText());
+  outcome->offset = log.bytes;
+  if (*error == 0) *error = writeWhole(file, log, plan.text);
+  if (*error != 0) failWith(outcome, "write", *error);
+  return Step::kDone;
+}
+
+// One attempt without a lock file.
+Step attemptUnmapped(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome, int* error) noexcept {
+  currentPath(file, outcome->path, sizeof outcome->path);
+  *error = openLog(outcome->path, O_CREAT, &file.openFd);
+  if (*error != 0) {
+    failWith(outcome, "open", *error);
+    return Step::kDone;
+  }
+  *error = ossLockFile(file.openFd, LOCK_EX, APPEND_WAIT_MS);
+  if (*error != 0) {
+    *error = failWith(outcome, "lock", *error == EWOULDBLOCK ? ETIMEDOUT : *error);
+    return Step::kDone;
+  }
+  Log log = {.fd = file.openFd};
+  return appendUnmapped(file, log, plan, outcome, error);
+}
+
+Step attemptOnce(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome, int* error) noexcept {
+  if (file.page != nullptr) return attempt(file, plan, outcome, error);
+  noteSizeLimit(file);
+  *error = mapLockFile(file);
+  if (*error == 0) return attempt(file, plan, outcome, error);
+  if (*error == ESTALE) return Step::kAgain;
+  if (canHaveNone(*error) && !file.isSeries) return attemptUnmapped(file, plan, outcome, error);
+  lockPath(file, outcome->path);
+  failWith(outcome, "lock file", *error);
+  return Step::kDone;
+}
+
+}  // namespace
+
+void appendPrepare(AppendFile& file, const char* directory, const char* name, bool isSeries) noexcept {
+  ossCopyText(file.directory, sizeof file.directory, directory);
+  ossCopyText(file.name, sizeof file.name, name);
+  file.isSeries = isSeries;
+  file.page = nullptr;
+  file.lockFd = -1;
+  file.openFd = -1;
+  file.sizeLimit = APPEND_NO_LIMIT;
+  file.wasStuck = false;
+}
+
+int appendToFile(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome) noexcept {
+  outcome->offset = 0;
+  outcome->failed = nullptr;
+  outcome->switchedFile = false;
+  outcome->repaired = false;
+  outcome->freeBytes = APPEND_NO_LIMIT;
+  outcome->path[0] = '\0';
+  for (int turn = 0; turn < kAttempts; ++turn) {
+    int error = 0;
+    const Step step = attemptOnce(file, plan, outcome, &error);
+    closeLog(file);
+    if (step == Step::kDone) return error;
+  }
+  return failWith(outcome, "open", ESTALE);
+}
+
+void appendForget(AppendFile& file) noexcept {
+  if (file.page != nullptr) ossCalls().munmap(file.page, kPageBytes);
+  struct stat status;
+  const bool isOurs = file.page == nullptr || (ossCalls().fstat(file.lockFd, &status) == 0 &&
+                                               status.st_dev == file.lockDevice && status.st_ino == file.lockInode);
+  if (isOurs) ossClose(file.lockFd);
+  file.page = nullptr;
+  file.lockFd = -1;
+}
+
+void appendAbandon(AppendFile& file) noexcept {
+  if (file.page != nullptr)
+    (void)ossCalls().mmap(file.page, kPageBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1,
+                          0);
+  file.page = nullptr;
+  file.lockFd = -1;
+  closeLog(file);
+}
+
+}  // namespace vek

@@ -1,0 +1,36 @@
+// Faults: SIGSEGV, SIGBUS, SIGILL and SIGFPE of the process, handled in this order:
+//
+//   1  the guard of the faulting thread: code that the library runs for others, such as a formatter. The guarded body
+//      is left, the process goes on
+//   2  the capture, once there is one
+//   3  whatever the program had installed before: its handler, called as it asked to be called, or the system's default
+//
+// The handler is installed by the first guard of a process and never taken away. It runs on the alternate stack of the
+// thread when there is one. It leaves the signal mask as it is, so that a guard costs no system call.
+#pragma once
+
+#include <csetjmp>
+#include <csignal>
+#include <cstdint>
+
+#include "platform/callstack.h"
+
+namespace vek {
+
+// What a guard caught.
+struct Fault {
+  int signal;
+  int code;  // si_code
+  const void* address;
+  CallStack stack;  // of the faulting code
+};
+
+// Runs `body(context)`. False when a fault of this thread ended it; what it had begun stays as it is, `fault` (when
+// given, its memory touched in that case only) tells about it. Guards nest: the innermost one counts.
+bool faultGuard(void (*body)(void* context), void* context, Fault* fault) noexcept;
+
+// Has the capture called for faults that no guard catches, before the previous handler; null: nothing. It runs in the
+// signal handler and returns.
+void faultSetCapture(void (*capture)(int signal, siginfo_t* info, void* context)) noexcept;
+
+}  // namespace vek
