@@ -68,7 +68,7 @@ template <class Call>
 Answer ask(Call call, std::size_t bytes = PD_DIAGPATH_BYTES) {
   std::string buffer(bytes, '#');
   const SqlzZrc zrc = call(buffer.data(), bytes);
-  return {zrc, buffer.c_str()};
+  return {zrc, buffer.data()};
 }
 
 Answer primary() {
