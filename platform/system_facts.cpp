@@ -47,7 +47,7 @@ std::string_view trimmed(std::string_view text) noexcept {
 
 void copyView(char* field, std::size_t bytes, std::string_view text) noexcept {
   const std::size_t count = std::min(text.size(), bytes - 1);
-  std::memcpy(field, text.data(), count);
+  text.copy(field, count);
   std::memset(field + count, 0, bytes - count);
 }
 

@@ -299,7 +299,7 @@ struct LocalZone {
 // Published once and never changed: threads that come at the same time each read it, the first to publish wins.
 constinit std::atomic<const LocalZone*> g_zone{nullptr};
 
-// The last answer: seconds since 1970 (upper 44 bits) and the offset plus one week (lower 20 bits).
+// The last answer: seconds since 1970 (upper 44 bits) and the offset plus half a week (lower 20 bits).
 constinit std::atomic<std::uint64_t> g_lastOffset{0};
 constexpr unsigned kOffsetBits = 20;
 constexpr std::int32_t kOffsetBias = 7 * 86'400 / 2;
@@ -360,7 +360,7 @@ std::int32_t ossUtcOffset(std::int64_t seconds) noexcept {
     return static_cast<std::int32_t>(last & kOffsetMask) - kOffsetBias;
   const LocalZone* local = localZone();
   const std::int32_t offset = local == nullptr ? 0 : local->zone.offsetAt(seconds);
-  if (std::abs(offset) < kOffsetBias)
+  if (offset > -kOffsetBias && offset < kOffsetBias)
     g_lastOffset.store(key | static_cast<std::uint32_t>(offset + kOffsetBias), std::memory_order_relaxed);
   return offset;
 }

@@ -23,8 +23,7 @@ class PdPen {
   PdPen& operator=(const PdPen&) = delete;
 
   void text(std::string_view text) noexcept {
-    if (text.size() > room()) return cutAt(text);
-    put(text.data(), text.size());
+    if (!text.empty()) append(text.data(), text.size());  // an empty view may be null
   }
   void character(char c) noexcept { text({&c, 1}); }
   void newLine() noexcept { text("\r\n"); }
@@ -49,10 +48,7 @@ class PdPen {
     padTo(from, width);
   }
 
-  void decimal(std::uint64_t value) noexcept {
-    char digits[20];
-    text({digits, static_cast<std::size_t>(std::to_chars(digits, digits + sizeof digits, value).ptr - digits)});
-  }
+  void decimal(std::uint64_t value) noexcept { decimalZeros(value, 1); }
   void decimalLeft(std::uint64_t value, std::size_t width) noexcept {
     const std::size_t from = written();
     decimal(value);
@@ -65,10 +61,10 @@ class PdPen {
 
   // At least `digits` digits, zeros in front; "%0*u" and, with the sign in front of the zeros, "%.*d".
   void decimalZeros(std::uint64_t value, std::size_t digits) noexcept {
-    char text[20];
+    char text[20] = {};
     const auto length = static_cast<std::size_t>(std::to_chars(text, text + sizeof text, value).ptr - text);
     if (length < digits) fill('0', digits - length);
-    this->text({text, length});
+    append(text, length);
   }
   void signedDecimalZeros(std::int64_t value, std::size_t digits) noexcept {
     if (value < 0) character('-');
@@ -84,7 +80,7 @@ class PdPen {
       value >>= 4;
       if (from == 0) break;
     }
-    this->text({text + from, sizeof text - from});
+    append(text + from, sizeof text - from);
   }
 
   // For writers of text that take a buffer: `next` points to where they write, at most room() characters and a
@@ -123,13 +119,14 @@ class PdPen {
     const auto bits = static_cast<std::uint64_t>(value);
     return value < 0 ? 0 - bits : bits;
   }
+  void append(const char* bytes, std::size_t count) noexcept {
+    const bool fits = count <= room();
+    put(bytes, fits ? count : room());
+    if (!fits) stop();
+  }
   void put(const char* bytes, std::size_t count) noexcept {
     std::memcpy(next_, bytes, count);
     next_ += count;
-  }
-  void cutAt(std::string_view text) noexcept {
-    put(text.data(), room());
-    stop();
   }
   void putMark(std::string_view mark) noexcept {
     end_ = full_;
