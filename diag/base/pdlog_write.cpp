@@ -9,6 +9,7 @@
 #include "diag/base/pdlog_files.h"
 #include "diag/base/pdlog_state.h"
 #include "diag/base/pdnewfile.h"
+#include "diag/base/pdnotify.h"
 #include "diag/base/pdrecord.h"
 #include "diag/base/pdtrap.h"
 #include "diag/base/traced.h"
@@ -436,6 +437,7 @@ SqlzZrc pdi_writeDumped(const PdLogCall& call, const PdLogDumpFact* dump) noexce
   if (pdi_isInsideLog() || threadIsInsideLock()) return pdi_drop();
   const SqlzZrc result = write(call, dump);
   if (result == 0) pdiReportDiagPath();
+  pdi_reportNotifyFailures();
   return result;
 }
 

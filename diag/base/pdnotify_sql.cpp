@@ -30,7 +30,7 @@ struct Places {
   std::size_t count = 0;
 
   std::size_t indexOf(std::string_view wanted) noexcept {
-    const std::size_t found = static_cast<std::size_t>(std::find(name, name + count, wanted) - name);
+    const auto found = static_cast<std::size_t>(std::find(name, name + count, wanted) - name);
     if (found == count && count < kTokensMost) name[count++] = wanted;
     return found;
   }

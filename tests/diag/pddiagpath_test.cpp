@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
@@ -68,7 +69,8 @@ template <class Call>
 Answer ask(Call call, std::size_t bytes = PD_DIAGPATH_BYTES) {
   std::string buffer(bytes, '#');
   const SqlzZrc zrc = call(buffer.data(), bytes);
-  return {zrc, buffer.data()};
+  buffer.resize(std::strlen(buffer.data()));
+  return {zrc, buffer};
 }
 
 Answer primary() {

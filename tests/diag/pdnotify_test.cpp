@@ -184,6 +184,18 @@ TEST_F(NotifyLog, ARecordThatCarriesALevelStandsInBothLogs) {
   });
 }
 
+TEST_F(NotifyLog, WhatCannotBeReadEndsNothing) {
+  inProcess([this] {
+    const void* nowhere = reinterpret_cast<const void*>(std::uintptr_t{16});
+    EXPECT_EQ(pdLog(pdLogNotify(1), kFunction, 0, 1, PD_LEVEL_ERROR, 1, PD_TYPE_STRING, 8, nowhere), 0);
+    EXPECT_EQ(pdLogPrintf(pdLogNotify(1), kFunction, 0, 2, PD_LEVEL_ERROR, "%d of %s", 7, "eight"), 0);
+    const std::vector<std::string> lines = linesOf(entries());
+    ASSERT_EQ(lines.size(), 8U) << entries();
+    EXPECT_EQ(lines[2], "    What this event holds could not be read; the diagnostic log tells more.");
+    EXPECT_EQ(lines[6], "    7 of eight");
+  });
+}
+
 // ---- the system log ---------------------------------------------------------------------------------------------
 
 std::string t_sent;
@@ -274,6 +286,15 @@ TEST_F(NotifyLog, FailuresAreReportedOncePerStreak) {
     ASSERT_TRUE(std::filesystem::remove(file()) && std::filesystem::create_directory(file()));
     EXPECT_EQ(write(), SQLT_DIAGERR_LOGERR);
     EXPECT_EQ(reported.size(), 4U) << "a new streak";
+  });
+  inProcess([this] {  // met inside of a log call, said behind it
+    const auto log = [] { return pdLog(pdLogNotify(1), kFunction, 0, 1, PD_LEVEL_ERROR, 0); };
+    EXPECT_EQ(log(), 0);
+    EXPECT_EQ(log(), 0);
+    const std::string text = contentsOf(instance_.directory() + "/instance/diag/vekdiag.log");
+    const std::size_t at = text.find("notification log " + file() + " cannot be written");
+    EXPECT_NE(at, std::string::npos);
+    EXPECT_EQ(text.find("cannot be written", at + 100), std::string::npos);
   });
 }
 
