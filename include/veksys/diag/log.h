@@ -219,12 +219,15 @@ VEK_EXPORT SqlzZrc sqlt_logerr(EcfFunctionId functionId, std::uint32_t probe, st
 // Writes the message of an SQL code with its tokens (terminated texts) to the administration notification log.
 //
 //   notifyLevel  1..4, compared with the instance's NOTIFYLEVEL
-//   Result       0; SQLT_NOLOG: above the notify level; SQLT_DIAGERR_LOGERR: could not be written
+//   tokens       stand in the places of the message, in its order, those left over behind it; null ones are empty,
+//                those beyond SQLZ_SQLCA_TOKEN_MAXIMUM are left out
+//   Result       0; SQLT_NOLOG: above the notify level; SQLT_DIAGERR_LOGERR: could not be written;
+//                SQLT_NOTIFY_LEVEL_RANGE: not 1..4; SQLO_INV_PARM: null where tokens are announced
 VEK_EXPORT SqlzZrc sqlt_logadmin(EcfFunctionId functionId, std::uint32_t probe, std::uint32_t notifyLevel,
                                  std::int32_t sqlcode, std::uint32_t tokenCount, const char* const* tokens) noexcept;
 
 // The same for what a communications area holds: its SQL code and its tokens. An area without an error or a warning
-// (sqlcode 0) answers SQLT_NOLOG.
+// (sqlcode 0) answers SQLT_NOLOG, null SQLO_INV_PARM.
 VEK_EXPORT SqlzZrc sqlt_logadmin_api(EcfFunctionId functionId, std::uint32_t probe, std::uint32_t notifyLevel,
                                      const struct sqlca* area) noexcept;
 
@@ -273,24 +276,30 @@ struct PdOSSeMessage {
 // Makes a record of a message. What sqltSyncOSSeLogFacility installs.
 VEK_EXPORT void pdOSSeLoggingCallback(const PdOSSeMessage* message) noexcept;
 
-// Installs the call-back in the OS-services layer. Result: 0 or SQLT_OSSE_LOG_FACILITY_FAILED.
+// Installs the call-back in the OS-services layer; again does no harm. Result: 0, or SQLT_OSSE_LOG_FACILITY_FAILED: the
+// layer has another call-back already.
 VEK_EXPORT SqlzZrc sqltSyncOSSeLogFacility() noexcept;
 
-// Has the OS-services layer hold back messages above a level. Result: 0 or SQLT_OSSE_LOG_SET_LEVEL_FAILED.
+// Has the OS-services layer hold back messages above a level (0 holds back all of them; PD_LEVEL_WARNING unless set).
+// Result: 0, or SQLT_OSSE_LOG_SET_LEVEL_FAILED: above PD_LEVEL_EVENT.
 VEK_EXPORT SqlzZrc sqltSetOSSeLogLevel(std::uint32_t level) noexcept;
 
 // ---- facilities: secondary logs by name -------------------------------------------------------------------------
 
 // Opens a secondary log, a file <name>.log in the diagnostic directory, with a level of its own. Opening a name that
-// is open answers the same facility. Calls write to it when their flags carry it
-// (facility << PD_LOG_FACILITY_SHIFT).
+// is open answers the same facility with the level it has; a name that was closed gets its number back and the new
+// level. Calls write to it when their flags carry it (facility << PD_LOG_FACILITY_SHIFT).
 //
-//   name         1 to 64 letters, digits, '_', '-' or '.', not beginning with '.'
-//   facilityOut  1 and up
-//   Result       0; SQLO_INV_PARM: the name; SQLT_DIAGERR_LOGERR: no room for another one
+//   name         1 to 64 letters, digits, '_', '-' or '.', not beginning with '.'; not "vekdiag", nor beginning with
+//                "vekdiag."
+//   facilityOut  1 and up, at most 65,535
+//   Result       0; SQLO_INV_PARM: the name, or no place for the answer; SQLT_DIAGERR_LOGERR: no memory or no number
+//   for
+//                another one
 VEK_EXPORT SqlzZrc pdLogFacOpen(const char* name, std::uint32_t level, std::uint32_t* facilityOut) noexcept;
 
-// Closes a facility: calls that carry it answer SQLT_DIAGERR_LOGERR from then on. SQLO_INV_PARM: it is not open.
+// Closes a facility: calls that carry it answer SQLT_DIAGERR_LOGERR until its name is opened again. SQLO_INV_PARM: it
+// is not open.
 VEK_EXPORT SqlzZrc pdLogFacClose(std::uint32_t facility) noexcept;
 
 // Changes the level of an open facility. SQLO_INV_PARM: it is not open.
