@@ -120,9 +120,12 @@ class PdPen {
     return value < 0 ? 0 - bits : bits;
   }
   void append(const char* bytes, std::size_t count) noexcept {
-    const bool fits = count <= room();
-    put(bytes, fits ? count : room());
-    if (!fits) stop();
+    if (count > room()) return cutAt(bytes);  // apart, so that a literal is copied without a call
+    put(bytes, count);
+  }
+  void cutAt(const char* bytes) noexcept {
+    put(bytes, room());
+    stop();
   }
   void put(const char* bytes, std::size_t count) noexcept {
     std::memcpy(next_, bytes, count);
