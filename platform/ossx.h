@@ -318,7 +318,7 @@ inline std::uint32_t dfpThreadMode() noexcept {
 // flags at its end.
 class DfpScope : public DfpContext {
  public:
-  explicit DfpScope(std::uint32_t ofMode = dfpThreadMode()) noexcept : DfpContext{.mode = ofMode, .raised = 0} {}
+  explicit DfpScope(std::uint32_t ofMode = dfpThreadMode()) noexcept { mode = ofMode; }
   ~DfpScope() {
     if (raised != 0) t_dfp.raised = static_cast<std::uint8_t>(t_dfp.raised | raised);
   }

@@ -10,8 +10,16 @@ namespace {
 // The digits of a declet by the equations of its bits, one by one.
 unsigned bcdByEquations(unsigned declet) {
   const auto bit = [declet](unsigned index) { return (declet >> index & 1U) != 0; };
-  const bool p = bit(9), q = bit(8), r = bit(7), s = bit(6), t = bit(5), u = bit(4), v = bit(3), w = bit(2), x = bit(1),
-             y = bit(0);
+  const bool p = bit(9);
+  const bool q = bit(8);
+  const bool r = bit(7);
+  const bool s = bit(6);
+  const bool t = bit(5);
+  const bool u = bit(4);
+  const bool v = bit(3);
+  const bool w = bit(2);
+  const bool x = bit(1);
+  const bool y = bit(0);
   const bool digits[12] = {
       v && w && (!x || !s || t),
       p && (!v || !w || (x && s && !t)),
@@ -44,7 +52,7 @@ TEST(Declets, AllOfThem) {
   }
   EXPECT_EQ(unwritten, 24U);
   for (unsigned value = 0; value < DECLET_VALUES; ++value) EXPECT_EQ(DPD2BIN[BIN2DPD[value]], value);
-  for (unsigned bcd = 0; bcd < BCD2DPD.size(); ++bcd) EXPECT_LT(BCD2DPD[bcd], DECLETS);
+  for (const std::uint16_t declet : BCD2DPD) EXPECT_LT(declet, DECLETS);
 }
 
 // Results of every operation that can hand an operand on have declets that are written and no bits behind an infinity.
