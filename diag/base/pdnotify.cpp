@@ -265,7 +265,7 @@ void penItems(PdPen& pen, const PdLogCall& call) noexcept {
     return;
   }
   std::va_list arguments;
-  va_copy(arguments, *call.arguments);
+  va_copy(arguments, *call.arguments);  // NOLINT(clang-analyzer-valist.Uninitialized): the caller started it
   for (std::uint64_t i = 0; i < call.itemCount && !pen.isCut(); ++i) {
     PdtItem item = {};
     item.type = va_arg(arguments, std::uint32_t);
@@ -311,7 +311,7 @@ void penMessage(PdPen& pen, const PdLogCall& call) noexcept {
     pen.text(call.message);
   } else if (call.format != nullptr) {
     std::va_list arguments;
-    va_copy(arguments, *call.arguments);
+    va_copy(arguments, *call.arguments);  // NOLINT(clang-analyzer-valist.Uninitialized): the caller started it
     pen.advance(ossVsnprintf(pen.next(), pen.room() + 1, call.format, arguments), true);
     va_end(arguments);
   } else if (call.messageNumber != 0) {

@@ -7,6 +7,8 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,6 +16,7 @@
 #include "platform/ports.h"
 #include "platform/support.h"
 #include "veksys/codes.h"
+#include "veksys/diag/log.h"
 #include "veksys/host.h"
 
 using namespace vek;
@@ -304,6 +307,25 @@ TEST(DiagPath, ValuesThatNameNothingGiveTheDefaultAndAReport) {
       EXPECT_EQ(pdSwitchToAltDiagPath(), SQLO_PATH_NOT_ABSOLUTE);
       EXPECT_EQ(t_reported.size(), 3U) << "said once";
     });
+}
+
+// The report is itself a record that needs the path: it comes behind the record that had it decided, once.
+TEST(DiagPath, TheReportStandsInTheLogBehindTheFirstRecord) {
+  const Instance instance;
+  inProcess([&] {
+    const auto report = g_ports.reportEvent;
+    configure("logs");
+    g_ports.reportEvent = report;
+    for (int i = 0; i < 2; ++i)
+      EXPECT_EQ(pdLogPrintf(0, ecfFunctionId(0x86, 1), 0, 1, PD_LEVEL_INFO, "record %d", i), 0);
+    std::ifstream file(instance.directory() + "/instance/diag/vekdiag.log");
+    const std::string log = (std::ostringstream() << file.rdbuf()).str();
+    const std::size_t at = log.find("DIAGPATH ( logs ) is not an absolute path");
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_LT(log.find("record 0"), at);
+    EXPECT_GT(log.find("record 1"), at);
+    EXPECT_EQ(log.find("DIAGPATH ( logs )", at + 1), std::string::npos);
+  });
 }
 
 TEST(DiagPath, OneDirectoryUnderTwoNamesIsNoAlternate) {
