@@ -17,7 +17,7 @@
 
 namespace vek {
 
-__extension__ typedef unsigned __int128 DfpWide;
+__extension__ using DfpWide = unsigned __int128;
 
 // ---- powers of ten, digits --------------------------------------------------------------------------------------
 

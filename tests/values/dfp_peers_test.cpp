@@ -139,7 +139,7 @@ TEST(DfpIntel, AgreesInTheOtherWidth) {
 #if defined(__GNUC__) && !defined(__clang__)
 using Gcc64 = float __attribute__((mode(DD)));
 using Gcc128 = float __attribute__((mode(TD)));
-__extension__ typedef unsigned __int128 Wide;
+__extension__ using Wide = unsigned __int128;
 
 // A finite number of 34 digits as the compiler holds it on this processor: sign, exponent, binary coefficient.
 Gcc128 gccOf(bool isNegative, Wide coefficient, unsigned biased) {
