@@ -6,6 +6,7 @@
 #include <random>
 
 #include "tools/veksys_support.h"
+#include "veksys/diag/log.h"
 
 namespace vektest {
 namespace {
@@ -243,6 +244,31 @@ TEST_F(Log, RefusesWhatItDoesNotUnderstand) {
   }
   expectSentence(log({instance_.path("none")}), 1, "No such file");
   expectSentence(log({write("empty", "")}), 1, "empty");
+}
+
+// What the library itself writes, from several processes, at the level that the command sets.
+TEST_F(Log, ReadsWhatTheLibraryWritesAtTheLevelSet) {
+  expectSentence(log({"level", "loud"}), 2, "0 (nothing) to 6 (everything)");
+  EXPECT_EQ(log({"level", "warning"}).status, 0);
+  EXPECT_TRUE(holds(log({"level"}).out, "up to level 3 (Warning)"));
+  for (std::uint32_t probe = 1; probe <= 3; ++probe)
+    inProcess([probe] {
+      EXPECT_EQ(pdLogPrintf(1, kRead, SQLO_NOMEM, probe, 1, "page %u\nof \x1b[31m", probe), 0);
+      EXPECT_EQ(pdLogPrintf(1, kRead, 0, probe, 4, "nobody asked"), SQLT_NOLOG);
+    });
+  EXPECT_EQ(log({"level", "default"}).status, 0);
+  inProcess([] { EXPECT_EQ(pdLogSysRC(0, kFind, 0, 4, 4, "open", ENOSPC, 0), 0); });
+
+  const Answer answer = log({"--json", "--where", "not text~'New Diagnostic Log file'"});
+  EXPECT_EQ(answer.status, 0) << answer.err;
+  const auto records = jsonLines(answer.out);
+  ASSERT_EQ(records.size(), 4U) << answer.out;
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(records[i]["probe"].GetUint(), i + 1);
+    EXPECT_STREQ(records[i]["code"]["name"].GetString(), "SQLO_NOMEM");
+    EXPECT_TRUE(holds(records[i]["message"].GetString(), "page " + std::to_string(i + 1)));
+  }
+  EXPECT_EQ(probes({"--where", "oserr=ENOSPC and called~open and component=SQLI"}), Probes{4});
 }
 
 // ---- what is not as it was written ------------------------------------------------------------------------------

@@ -35,6 +35,9 @@ void addLog(CLI::App& app, Command& command);
 void addRc(CLI::App& app, Command& command);
 void addTrace(CLI::App& app, Command& command);
 
+// The part of `log` that changes something.
+void addLogLevel(CLI::App& log, Command& command);
+
 // The parts of `trace`.
 void addTraceControl(CLI::App& trace, Command& command);  // on, off, mask, clear, dump
 void addTraceStatus(CLI::App& trace, Command& command);

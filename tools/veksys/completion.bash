@@ -46,6 +46,7 @@ _veksys_subcommand() {
   local word found=""
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
     case $word in
+      level) [[ $found != log ]] || found=level ;;
       log | rc | on | off | mask | dump | clear | status | format | flow | stat | export) found=$word ;;
       trace) [[ -n $found ]] || found=trace ;;
     esac
@@ -80,7 +81,9 @@ _veksys() {
     "") mapfile -t COMPREPLY < <(compgen -W "log rc trace" -- "$current") ;;
     trace) mapfile -t COMPREPLY < <(compgen -W "on off mask dump clear status format flow stat export" -- "$current") ;;
     rc) [[ -z $current ]] || mapfile -t COMPREPLY < <(compgen -W "$(_veksys_words codes)" -- "${current^^}") ;;
-    log | dump | status | format | flow | stat | export) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+    level) mapfile -t COMPREPLY < <(compgen -W "default severe error warning info critical event" -- "$current") ;;
+    log) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -W level -- "$current") ;;
+    dump | status | format | flow | stat | export) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
   esac
 }
 

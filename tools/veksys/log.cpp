@@ -173,7 +173,10 @@ void addLog(CLI::App& app, Command& command) {
       ->type_name("");
   addTests(log, *options);
   addShapes(log, *options);
-  log->callback([&command, options] { command.run = [&command, options] { return runLog(command, *options); }; });
+  addLogLevel(*log, command);
+  log->callback([&command, options, log] {
+    if (log->get_subcommands().empty()) command.run = [&command, options] { return runLog(command, *options); };
+  });
 }
 
 }  // namespace veksys

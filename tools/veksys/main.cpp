@@ -78,7 +78,7 @@ std::string explainParseError(const CLI::App& app, const CLI::ParseError& error)
                didYouMean(nearestNames(extras[0], below));
   else if (!extras.empty())
     sentence = pathOf(at) + " takes no further argument \"" + extras[0] + "\".";
-  else if (!below.empty())
+  else if (!below.empty() && (at == &app || at->get_require_subcommand_min() > 0))
     return needsSubcommand(at);
   else
     sentence = pathOf(at) + ": " + error.what() + (std::string(error.what()).ends_with('.') ? "" : ".");
