@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <string.h>
+#include <ucontext.h>
 
 #include <atomic>
 
@@ -82,6 +83,9 @@ extern "C" void veki_fault(int signal, siginfo_t* info, void* context) {
   if (Guard* guard = t_guard; guard != nullptr && !wasSent(info)) {
     t_guard = guard->outer;  // a fault in here is not this guard's any more
     noteFault(guard->fault, signal, info);
+    // The mask of the interrupted code: a wrapper around sigaction (the thread sanitizer has one) may block signals
+    // here although SA_NODEFER asks for none, and the next fault would end the process.
+    ::pthread_sigmask(SIG_SETMASK, &static_cast<const ucontext_t*>(context)->uc_sigmask, nullptr);
     ::siglongjmp(guard->place, 1);
   }
   if (t_handling >= kMostNested) return endByDefault(signal, info);

@@ -186,7 +186,7 @@ TEST_F(NotifyLog, ARecordThatCarriesALevelStandsInBothLogs) {
 
 TEST_F(NotifyLog, WhatCannotBeReadEndsNothing) {
   inProcess([this] {
-    const void* nowhere = reinterpret_cast<const void*>(std::uintptr_t{16});
+    const void* nowhere = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     EXPECT_EQ(pdLog(pdLogNotify(1), kFunction, 0, 1, PD_LEVEL_ERROR, 1, PD_TYPE_STRING, 8, nowhere), 0);
     EXPECT_EQ(pdLogPrintf(pdLogNotify(1), kFunction, 0, 2, PD_LEVEL_ERROR, "%d of %s", 7, "eight"), 0);
     const std::vector<std::string> lines = linesOf(entries());
