@@ -31,6 +31,7 @@ struct AppendLockPage {
   std::atomic<std::uint64_t> number;  // of the current file of a series
   std::uint64_t device;               // the file that records went to last
   std::uint64_t inode;
+  std::uint64_t end;  // of it, after the last record
   std::uint64_t intentOffset;
   std::uint64_t intentLength;  // 0: no record is being written
 };
@@ -57,10 +58,10 @@ void seriesPath(const AppendFile& file, std::uint64_t number, char* path, std::s
 }
 
 void currentPath(const AppendFile& file, char* path, std::size_t bytes) noexcept {
-  if (file.isSeries)
-    seriesPath(file, file.page->number.load(std::memory_order_relaxed), path, bytes);
-  else
-    ossSnprintf(path, bytes, "%s%s", file.directory, file.name);
+  if (file.isSeries) return seriesPath(file, file.page->number.load(std::memory_order_relaxed), path, bytes);
+  const std::size_t length = ::strlen(file.directory);
+  ::memcpy(path, file.directory, length);
+  ::memcpy(path + length, file.name, ::strlen(file.name) + 1);  // every caller has room for both fields
 }
 
 bool isTrusted(const struct stat& status) noexcept {
@@ -410,7 +411,6 @@ enum class Step { kDone, kAgain };
 // Looks at the opened file. kAgain: another one goes by its name now.
 Step inspect(Log& log, struct stat* status, AppendOutcome* outcome, int* error) noexcept {
   *error = ossCalls().fstat(log.fd, status) == 0 ? 0 : failWith(outcome, "fstat", errno);
-  if (*error == 0 && !isTrusted(*status)) *error = failWith(outcome, "open", EPERM);
   log.bytes = static_cast<std::uint64_t>(status->st_size);
   return *error == 0 && status->st_nlink == 0 ? Step::kAgain : Step::kDone;
 }
@@ -420,15 +420,28 @@ int appendTexts(const AppendFile& file, Log& log, const AppendPlan& plan, Append
   if (log.bytes == 0 && plan.firstText != nullptr) error = writeNoted(file, log, plan.firstText());
   outcome->offset = log.bytes;
   if (error == 0) error = writeNoted(file, log, plan.text);
+  file.page->end = log.bytes;
   return error == 0 ? 0 : failWith(outcome, "write", error);
 }
 
-// The page does not know this file: it was moved or made anew, or the whole directory was. Then the lock file went
-// with it, and another one counts now.
-Step adopt(AppendFile& file, const struct stat& status) noexcept {
+// Whether the file is the one that the last record went to, and ends where that ended.
+bool isKnown(const AppendLockPage& page, const struct stat& status) noexcept {
+  return page.device == status.st_dev && page.inode == status.st_ino &&
+         page.end == static_cast<std::uint64_t>(status.st_size);
+}
+
+// The page does not know this file as it is: it was moved, cut or made anew, its writer died, or the whole directory
+// was exchanged. Then the lock file went with it, and another one counts now. An inode number alone says little: that
+// of a removed file is soon used again.
+Step adopt(AppendFile& file, const struct stat& status, AppendOutcome* outcome, int* error) noexcept {
   AppendLockPage& page = *file.page;
+  if (isKnown(page, status)) return Step::kDone;
+  if (!isLinked(file) || !isNamed(file)) return Step::kAgain;
+  if (!isTrusted(status)) {
+    *error = failWith(outcome, "open", EPERM);
+    return Step::kDone;
+  }
   if (page.device == status.st_dev && page.inode == status.st_ino) return Step::kDone;
-  if (!isNamed(file)) return Step::kAgain;
   page.intentLength = 0;
   page.device = status.st_dev;
   page.inode = status.st_ino;
@@ -437,12 +450,12 @@ Step adopt(AppendFile& file, const struct stat& status) noexcept {
 
 Step appendLocked(AppendFile& file, Log& log, std::uint64_t moves, const AppendPlan& plan, AppendOutcome* outcome,
                   int* error) noexcept {
-  if (!isLinked(file)) return Step::kAgain;
   if (file.page->moves.load(std::memory_order_relaxed) != moves) return Step::kAgain;
   struct stat status = {};
   if (inspect(log, &status, outcome, error) == Step::kAgain) return Step::kAgain;
   if (*error != 0) return Step::kDone;
-  if (adopt(file, status) == Step::kAgain) return Step::kAgain;
+  if (adopt(file, status, outcome, error) == Step::kAgain) return Step::kAgain;
+  if (*error != 0) return Step::kDone;
   if (file.page->intentLength != 0) repairFrom(*file.page, log, outcome);
   if (file.isSeries && !outcome->switchedFile && log.bytes != 0 && log.bytes + plan.text.length > plan.fileBytes) {
     *error = switchFile(file, plan, outcome);
@@ -457,8 +470,8 @@ Step appendLocked(AppendFile& file, Log& log, std::uint64_t moves, const AppendP
 // Opens the current file. kAgain: another one became current meanwhile.
 Step openCurrent(AppendFile& file, std::uint64_t moves, AppendOutcome* outcome, int* error) noexcept {
   currentPath(file, outcome->path, sizeof outcome->path);
-  *error = openLog(outcome->path, file.isSeries ? 0 : O_CREAT, &file.openFd);
-  if (file.isSeries && *error == ENOENT) {  // the first file, or one that has been switched away and removed
+  *error = openLog(outcome->path, 0, &file.openFd);
+  if (*error == ENOENT) {  // the first record, or a file that has been switched away and removed
     if (file.page->moves.load(std::memory_order_acquire) != moves) return Step::kAgain;
     *error = openLog(outcome->path, O_CREAT, &file.openFd);
   }
@@ -493,6 +506,7 @@ Step appendUnmapped(const AppendFile& file, Log& log, const AppendPlan& plan, Ap
   struct stat status = {};
   if (ossCalls().stat(path, &status) == 0) return Step::kAgain;
   if (inspect(log, &status, outcome, error) == Step::kAgain) return Step::kAgain;
+  if (*error == 0 && !isTrusted(status)) *error = failWith(outcome, "open", EPERM);
   if (*error != 0) return Step::kDone;
   if (!endsInLine(outcome->path, log.bytes)) markUnfinished(log);
   if (log.bytes == 0 && plan.firstText != nullptr) *error = writeWhole(file, log, plan.firstText());

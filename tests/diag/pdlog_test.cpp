@@ -1,0 +1,282 @@
+#include <pthread.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+
+#include "pdlog_support.h"
+#include "platform/ports.h"
+#include "veksys/diag/log_items.h"
+
+// Counts what the log allocates: these stand before the C library's own in this program.
+namespace {
+std::atomic<long> g_allocations{0};
+}
+
+extern "C" void* __libc_malloc(std::size_t bytes);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+extern "C" void* malloc(std::size_t bytes) {
+  g_allocations.fetch_add(1, std::memory_order_relaxed);
+  return __libc_malloc(bytes);
+}
+#endif
+
+namespace vek::logtest {
+namespace {
+
+using platformtest::inProcess;
+using platformtest::runInProcess;
+
+// ---- the calls --------------------------------------------------------------------------------------------------
+
+struct Variant {
+  const char* name;
+  SqlzZrc (*write)();
+  std::vector<std::string> parts;
+};
+
+const PdLogEvent kEvent = {"CHANGE", "DBM CFG", "Potential"};
+const PdRecorderEvent kRecorded = {nullptr, 77, 3};
+const std::uint32_t kSeven = 7;
+
+const Variant kVariants[] = {
+    {"pdLog",
+     [] { return pdLog(1, kFunction, SQLO_NOMEM, 5, PD_LEVEL_SEVERE, 1, PD_TYPE_UINT, 4U, &kSeven); },
+     {"LEVEL: Severe\r\n", "probe:5\r\n", "RETCODE : ZRC=0x8B0F0000", "DATA #1 : unsigned integer, 4 bytes\r\n7\r\n"}},
+    {"no items", [] { return pdLog(1, kFunction, 0, 5, PD_LEVEL_INFO, 0); }, {"DATA #1 : <Empty variable list>"}},
+    {"an argument",
+     [] { return pdLog(1, kFunction, 0, 5, 2, 1, PD_TYPE_UINT | PD_ITEM_ARGUMENT, 4U, &kSeven); },
+     {"ARG  #1 : unsigned integer, 4 bytes\r\n7\r\n"}},
+    {"pdLogPrintf",
+     [] { return pdLogPrintf(1, kFunction, 0, 5, 3, "page %d of %s", 9, "SALES"); },
+     {"LEVEL: Warning\r\n", "MESSAGE : page 9 of SALES\r\n"}},
+    {"pdLogRC",
+     [] { return pdLogRC(2, kFunction, 0x1234, 5, 2, kFunction, 0); },
+     {"CALLED  : ", "RETCODE : ECF=0x1234=4660"}},
+    {"pdLogSysRC",
+     [] { return pdLogSysRC(1, kFunction, SQLO_FNEX, 5, 2, "open", ENOENT, 0); },
+     {"LEVEL: Error (OS)\r\n", "CALLED  : OS, -, open", "OSERR: ENOENT (2)"}},
+    {"pdLogEvent",
+     [] { return pdLogEvent(1, kFunction, 0, 5, PD_LEVEL_EVENT, &kEvent, 1, PD_TYPE_UINT, 4U, &kSeven); },
+     {"LEVEL: Event\r\n", "CHANGE  : DBM CFG\r\n", "IMPACT  : Potential\r\n", "\r\n7\r\n"}},
+    {"pdLogEventString",
+     [] { return pdLogEventString(1, kFunction, 0, 5, 6, &kEvent, "from 1 to 2"); },
+     {"CHANGE  : DBM CFG\r\n", "from 1 to 2\r\n"}},
+    {"pdLogEventWithMessage",
+     [] { return pdLogEventWithMessage(1, kFunction, 0, 5, 6, &kEvent, 99'999, 0); },
+     {"Message number 99999 is unavailable."}},
+    {"pdLogEvRecEx",
+     [] { return pdLogEvRecEx(1, kFunction, 0, 5, 2, &kRecorded, 1, PD_TYPE_UINT, 4U, &kSeven); },
+     {"\r\n7\r\n"}},
+    {"pdLogRCEvRecEx",
+     [] { return pdLogRCEvRecEx(1, kFunction, SQLO_NOMEM, 5, 2, &kRecorded, kFunction, 0); },
+     {"CALLED  : ", "ZRC=0x8B0F0000"}},
+    {"pdLogSysRCEvRecEx",
+     [] { return pdLogSysRCEvRecEx(1, kFunction, 0, 5, 2, &kRecorded, nullptr, ENOSPC, 0); },
+     {"OSERR   : ENOSPC (28)"}},
+    {"pdLogPrintfEvRecEx",
+     [] { return pdLogPrintfEvRecEx(1, kFunction, 0, 5, 2, &kRecorded, "%s!", "recorded"); },
+     {"MESSAGE : recorded!\r\n"}},
+    {"values",
+     [] { return pdLogValues(1, kFunction, SQLO_NOMEM, 5, 2, "three values", -4, pdLogArgument(kSeven)); },
+     {"DATA #1 : String, 12 bytes\r\nthree values\r\n", "\r\n-4\r\n", "ARG  #1 : unsigned integer, 4 bytes\r\n7\r\n"}},
+    {"a call stack", [] { return pdLog(1 | PD_LOG_CALL_STACK, kFunction, 0, 5, 2, 0); }, {"CALLSTCK: \r\n [0] 0x"}},
+};
+
+TEST(PdLog, EveryCallWritesItsRecord) {
+  inProcess([] {
+    const Log log;
+    static int recorded = 0;
+    g_ports.recordEvent = [](const PortRecorderEvent& event) {
+      recorded += event.event == 77 && event.qualifiers == 3 && event.functionId == kFunction ? 1 : 0;
+    };
+    for (const Variant& variant : kVariants) {
+      errno = 123;
+      EXPECT_EQ(variant.write(), 0) << variant.name;
+      EXPECT_EQ(errno, 123) << variant.name;
+      const auto records = log.records();
+      ASSERT_FALSE(records.empty()) << variant.name;
+      for (const std::string& part : variant.parts) EXPECT_TRUE(holds(records.back(), part)) << records.back();
+    }
+    EXPECT_EQ(recorded, 4);
+    const auto records = log.records();
+    EXPECT_EQ(records.size(), std::size(kVariants) + 1);
+    EXPECT_TRUE(holds(records[0], "START   : New Diagnostic Log file"));
+    const PdLogCall wrong = {};
+    EXPECT_EQ(pdLogCall(&wrong), SQLO_INV_PARM);
+    EXPECT_EQ(pdLogCall(nullptr), SQLO_INV_PARM);
+  });
+}
+
+TEST(PdLog, DumpsObjectsIntoAFileOfTheThread) {
+  inProcess([] {
+    const Log log;
+    const std::string object(3000, 'o');
+    EXPECT_EQ(pdLogDump(1, kFunction, SQLO_NOMEM, 5, 2, "page", 3000, object.data()), 0);
+    EXPECT_EQ(pdLogDump(1, kFunction, SQLO_NOMEM, 5, 2, "page", 4, object.data()), 0);
+    EXPECT_EQ(pdLogDump(1, kFunction, SQLO_NOMEM, 5, 2, "lost", 4, nullptr), SQLT_DIAGERR_DUMPERR);
+    char name[64];
+    std::snprintf(name, sizeof name, "%u.%u.%.3d.dump.bin", ossProcessId(), ossThreadId(), 0);
+    const std::string dump = readFile(log.directory() + name);
+    const auto records = log.records();
+    ASSERT_EQ(records.size(), 4U);
+    for (const std::size_t which : {1U, 2U}) {
+      const std::string& record = records[which];
+      unsigned size = 0;
+      long offset = 0;
+      const std::size_t at = record.find("Dumped object");
+      ASSERT_NE(at, std::string::npos) << record;
+      ASSERT_EQ(std::sscanf(record.c_str() + at, "Dumped object of size %u bytes at offset %ld", &size, &offset), 2);
+      EXPECT_EQ(dump.substr(static_cast<std::size_t>(offset), size), object.substr(0, size));
+    }
+    EXPECT_TRUE(holds(records[3], "Object [lost] not dumped"));
+    EXPECT_TRUE(holds(dump, "Dump File: " + log.directory() + name));
+  });
+}
+
+// ---- levels -----------------------------------------------------------------------------------------------------
+
+TEST(PdLog, LevelsAreComparedAsNumbers) {
+  inProcess([] {
+    const Log log;
+    VekInstanceControl& control = installHost();
+    for (const int diagLevel : {-1, 0, 3, 6, 7}) {
+      control.DIAGLEVEL = diagLevel;
+      for (std::uint32_t level = 0; level < 9; ++level)
+        EXPECT_EQ(logText("x", level), static_cast<int>(level) > diagLevel ? SQLT_NOLOG : 0) << diagLevel << level;
+    }
+    EXPECT_EQ(pdLogDump(1, kFunction, 0, 5, 8, "x", 1, "x"), SQLT_NOLOG);
+    EXPECT_EQ(countOf(log.records(), "LEVEL: Unknown"), 5U);  // four times level 0, once level 7
+  });
+}
+
+TEST(PdLog, ALevelSetForTheInstanceReachesRunningProcesses) {
+  const Log log;
+  platformtest::Baton running;
+  platformtest::Baton changed;
+  const pid_t child = platformtest::start([&] {
+    EXPECT_EQ(logText("before", PD_LEVEL_INFO), 0);
+    running.give();
+    ASSERT_TRUE(changed.take());
+    EXPECT_EQ(logText("held back", PD_LEVEL_INFO), SQLT_NOLOG);
+    EXPECT_EQ(pdGetDiagLevel(), 2);
+  });
+  ASSERT_TRUE(running.take());
+  inProcess([] { EXPECT_EQ(pdSetDiagLevel(2), 0); });
+  changed.give();
+  EXPECT_EQ(platformtest::finish(child), 0);
+  inProcess([] {
+    EXPECT_EQ(logText("a new process", PD_LEVEL_INFO), SQLT_NOLOG) << "its first call already";
+    EXPECT_EQ(pdSetDiagLevel(-2), SQLO_INV_PARM);
+    EXPECT_EQ(pdSetDiagLevel(-1), 0);
+    EXPECT_EQ(logText("again", PD_LEVEL_INFO), 0);
+  });
+  EXPECT_EQ(log.records().size(), 3U);
+}
+
+// ---- what happens inside ----------------------------------------------------------------------------------------
+
+constexpr std::uint32_t kStructure = PD_TYPE_STRUCTURES + 4;
+
+TEST(PdLog, AFormatterThatFaultsCostsItsOwnRecordOnly) {
+  inProcess([] {
+    const Log log;
+    g_ports.formatItem = [](std::uint32_t, const void*, std::uint32_t, char*, std::size_t) -> std::size_t {
+      static volatile int* volatile nowhere = nullptr;
+      *nowhere = 1;
+      return 0;
+    };
+    EXPECT_EQ(pdLog(1, kFunction, 0, 5, 2, 1, kStructure, 4U, &kSeven), 0);
+    EXPECT_EQ(logText("goes on"), 0);
+    const auto records = log.records();
+    ASSERT_EQ(records.size(), 3U);
+    char line[128];
+    std::snprintf(line, sizeof line, "Trap 0000000b detected in vekdiag call from [%ld,5] trapfile created",
+                  static_cast<long>(kFunction));
+    EXPECT_TRUE(holds(records[1], line)) << records[1];
+    char name[64];
+    std::snprintf(name, sizeof name, "%u.%u.000.trap.txt", ossProcessId(), ossThreadId());
+    EXPECT_TRUE(holds(readFile(log.directory() + name), "SIGSEGV"));
+  });
+}
+
+TEST(PdLog, CallsFromInsideALogCallAreDroppedAndTold) {
+  inProcess([] {
+    const Log log;
+    g_ports.formatItem = [](std::uint32_t, const void*, std::uint32_t, char* text, std::size_t room) -> std::size_t {
+      EXPECT_EQ(logText("from inside"), SQLT_DIAGERR_LOGERR);
+      EXPECT_EQ(pdLogDump(1, kFunction, 0, 5, 2, "x", 1, "x"), SQLT_DIAGERR_LOGERR);
+      return ossSnprintf(text, room, "formatted");
+    };
+    EXPECT_EQ(pdLog(1, kFunction, 0, 5, 2, 1, kStructure, 4U, &kSeven), 0);
+    EXPECT_EQ(logText("the next"), 0);
+    const auto records = log.records();
+    ASSERT_EQ(records.size(), 3U);
+    EXPECT_TRUE(holds(records[2], "Before this record 2 log calls from inside a log call were dropped."));
+    EXPECT_EQ(countOf(records, "from inside\r\n"), 0U);
+  });
+}
+
+TEST(PdLog, ASignalInTheMiddleDropsItsRecordAndNothingElse) {
+  inProcess([] {
+    const Log log;
+    ::signal(SIGUSR1, [](int) { EXPECT_EQ(logText("handler"), SQLT_DIAGERR_LOGERR); });
+    g_ports.formatItem = [](std::uint32_t, const void*, std::uint32_t, char* text, std::size_t room) -> std::size_t {
+      ::raise(SIGUSR1);
+      return ossSnprintf(text, room, "formatted");
+    };
+    EXPECT_EQ(pdLog(1, kFunction, 0, 5, 2, 1, kStructure, 4U, &kSeven), 0);
+    ::signal(SIGUSR1, [](int) { EXPECT_EQ(logText("handler outside"), 0); });
+    ::raise(SIGUSR1);
+    EXPECT_EQ(countOf(log.records(), "handler outside"), 1U);
+  });
+}
+
+TEST(PdLog, AThreadIsNotCancelledInTheMiddle) {
+  inProcess([] {
+    const Log log;
+    pthread_t thread = {};
+    ASSERT_EQ(::pthread_create(
+                  &thread, nullptr,
+                  [](void*) -> void* {
+                    ::pthread_cancel(::pthread_self());
+                    EXPECT_EQ(logText("whole"), 0);
+                    ::pthread_testcancel();
+                    return nullptr;
+                  },
+                  nullptr),
+              0);
+    void* result = nullptr;
+    ASSERT_EQ(::pthread_join(thread, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(logText("another"), 0);
+    EXPECT_EQ(log.records().size(), 3U);
+  });
+}
+
+TEST(PdLog, AllocatesNothing) {
+  inProcess([] {
+    const Log log;
+    for (const Variant& variant : kVariants) EXPECT_EQ(variant.write(), 0);  // attaches, reads the message catalogue
+    const long before = g_allocations.load();
+    for (const Variant& variant : kVariants) EXPECT_EQ(variant.write(), 0);
+    EXPECT_EQ(logText("x", 9), SQLT_NOLOG);
+    EXPECT_EQ(g_allocations.load(), before);
+  });
+}
+
+TEST(PdLog, TextsCannotForgeRecords) {
+  inProcess([] {
+    const Log log;
+    const std::string forged = "\r\n\r\n2026-01-01-00.00.00.000000+000 I2H100                LEVEL: Severe\r\nPID : 1";
+    EXPECT_EQ(logText(forged), 0);
+    EXPECT_EQ(pdLogPrintf(1, kFunction, 0, 5, 2, "%s", forged.c_str()), 0);
+    EXPECT_EQ(logText(std::string(200'000, '\n')), 0);
+    const auto records = log.records();  // follows the identifiers
+    ASSERT_EQ(records.size(), 4U);
+    EXPECT_LT(records[3].size(), 65'536U);
+  });
+}
+
+}  // namespace
+}  // namespace vek::logtest

@@ -1,0 +1,445 @@
+#include "platform/append_file.h"
+
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support.h"
+
+namespace vek::platformtest {
+namespace {
+
+// A record as these tests write it: "<offset> <length> <who>.<number> xxxx\r\n", with the offset stamped in.
+struct Record {
+  std::uint64_t offset;
+  std::uint64_t length;
+  std::string key;
+};
+
+void stampOffset(char* bytes, std::uint64_t offset, std::size_t) {
+  std::snprintf(bytes, 13, "%012llu", static_cast<unsigned long long>(offset));
+  bytes[12] = ' ';
+}
+
+std::string recordText(const std::string& key, std::size_t filler) {
+  std::string text = "000000000000 ";
+  const std::size_t length = text.size() + 7 + key.size() + 1 + filler + 2;
+  char number[16];
+  std::snprintf(number, sizeof number, "%06zu ", length);
+  return text + number + key + ' ' + std::string(filler, 'x') + "\r\n";
+}
+
+AppendText newFileText() {
+  static std::string text = recordText("new", 10);
+  return {text.data(), text.size(), stampOffset};
+}
+
+// Files in a directory of their own.
+class Log {
+ public:
+  Log() { ::mkdir(directory().c_str(), 0700); }
+
+  std::string directory() const { return instance_.directory() + "/log/"; }
+  std::string path() const { return directory() + "test.log"; }
+  std::string lockPath() const { return directory() + ".test.log.lck"; }
+
+  static std::string read(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+
+ private:
+  Instance instance_;
+};
+
+// One process's view of a log.
+class Writer {
+ public:
+  explicit Writer(const Log& log, bool isSeries = false, std::uint64_t fileBytes = 0, std::uint64_t filesKept = 0)
+      : fileBytes_(fileBytes), filesKept_(filesKept) {
+    appendPrepare(file_, log.directory().c_str(), isSeries ? "test" : "test.log", isSeries);
+  }
+  ~Writer() { appendForget(file_); }
+
+  int write(const std::string& key, std::size_t filler = 100) {
+    std::string text = recordText(key, filler);
+    return appendToFile(file_, {{text.data(), text.size(), stampOffset}, newFileText, fileBytes_, filesKept_},
+                        &outcome);
+  }
+
+  AppendOutcome outcome;
+
+ private:
+  AppendFile file_;
+  std::uint64_t fileBytes_;
+  std::uint64_t filesKept_;
+};
+
+// Reads a file record by record; every offset and length must be that of the bytes, and nothing may be left over.
+std::vector<Record> parse(const std::string& text) {
+  std::vector<Record> records;
+  for (std::size_t at = 0; at < text.size();) {
+    Record record = {};
+    char key[64] = {};
+    if (std::sscanf(text.substr(at, 90).c_str(), "%12ju %6ju %63s", &record.offset, &record.length, key) != 3 ||
+        record.offset != at || record.length > text.size() - at ||
+        text.compare(at + record.length - 2, 2, "\r\n") != 0) {
+      ADD_FAILURE() << "no record at " << at << " of " << text.size() << ": " << text.substr(at, 60);
+      return records;
+    }
+    record.key = key;
+    records.push_back(record);
+    at += record.length;
+  }
+  return records;
+}
+
+std::multiset<std::string> keysOf(const std::vector<Record>& records) {
+  std::multiset<std::string> keys;
+  for (const Record& record : records) keys.insert(record.key);
+  return keys;
+}
+
+// ---- one writer -------------------------------------------------------------------------------------------------
+
+TEST(AppendFile, BeginsEachNewFileAndStampsOffsets) {
+  const Log log;
+  Writer writer(log);
+  EXPECT_EQ(writer.write("a"), 0);
+  EXPECT_EQ(writer.write("b"), 0);
+  EXPECT_EQ(::truncate(log.path().c_str(), 0), 0);  // cut by hand
+  EXPECT_EQ(writer.write("c"), 0);
+  EXPECT_EQ(keysOf(parse(Log::read(log.path()))), (std::multiset<std::string>{"c", "new"}));
+  EXPECT_EQ(::rename(log.path().c_str(), (log.directory() + "moved").c_str()), 0);
+  EXPECT_EQ(writer.write("d"), 0);
+  EXPECT_EQ(keysOf(parse(Log::read(log.path()))), (std::multiset<std::string>{"d", "new"}));
+  struct stat status = {};
+  ASSERT_EQ(::stat(log.path().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600U);
+}
+
+TEST(AppendFile, FollowsADirectoryThatIsExchanged) {
+  const Log log;
+  Writer one(log);
+  Writer two(log);
+  EXPECT_EQ(one.write("before"), 0);
+  EXPECT_EQ(two.write("before"), 0);
+  const std::string old = log.directory().substr(0, log.directory().size() - 1) + ".old";
+  ASSERT_EQ(::rename(log.directory().c_str(), old.c_str()), 0);
+  EXPECT_EQ(one.write("gone"), ENOENT);
+  EXPECT_STREQ(one.outcome.failed, "open");
+  ASSERT_EQ(::mkdir(log.directory().c_str(), 0700), 0);
+  for (Writer* writer : {&one, &two, &one}) EXPECT_EQ(writer->write("after"), 0);
+  std::filesystem::remove_all(log.directory());  // its inode numbers are soon used again
+  ASSERT_EQ(::mkdir(log.directory().c_str(), 0700), 0);
+  for (Writer* writer : {&two, &one, &two}) EXPECT_EQ(writer->write("last"), 0);
+  EXPECT_EQ(keysOf(parse(Log::read(log.path()))), (std::multiset<std::string>{"new", "last", "last", "last"}));
+  EXPECT_TRUE(std::filesystem::exists(log.lockPath()));
+}
+
+TEST(AppendFile, RefusesWhatOthersMayHavePlaced) {
+  const struct {
+    const char* what;
+    void (*place)(const Log& log);
+    int error;
+  } cases[] = {
+      {"a symbolic link", [](const Log& log) { (void)!::symlink("/dev/null", log.path().c_str()); }, ELOOP},
+      {"a pipe", [](const Log& log) { ::mkfifo(log.path().c_str(), 0600); }, ENXIO},
+      {"a directory", [](const Log& log) { ::mkdir(log.path().c_str(), 0700); }, EISDIR},
+      {"a file open to others",
+       [](const Log& log) {
+         std::ofstream(log.path()) << "x\r\n";
+         ::chmod(log.path().c_str(), 0666);
+       },
+       EPERM},
+      {"a link in place of the lock file",
+       [](const Log& log) { (void)!::symlink("/dev/null", log.lockPath().c_str()); }, ELOOP},
+      {"a lock file open to others",
+       [](const Log& log) {
+         std::ofstream(log.lockPath()) << "x";
+         ::chmod(log.lockPath().c_str(), 0666);
+       },
+       EPERM},
+  };
+  for (const auto& each : cases) {
+    const Log log;
+    each.place(log);
+    Writer writer(log);
+    EXPECT_EQ(writer.write("a"), each.error) << each.what;
+    EXPECT_NE(writer.outcome.failed, nullptr) << each.what;
+  }
+}
+
+// A left-over lock file of any content is laid out anew when nobody uses it.
+TEST(AppendFile, TakesOverDamagedLockFiles) {
+  for (const std::size_t bytes : {0U, 1U, 100U, 4096U, 9000U}) {
+    const Log log;
+    std::ofstream(log.lockPath()) << std::string(bytes, '\x5A');
+    ::chmod(log.lockPath().c_str(), 0600);
+    Writer one(log);
+    Writer two(log);
+    EXPECT_EQ(one.write("a"), 0) << bytes;
+    EXPECT_EQ(two.write("b"), 0) << bytes;
+    EXPECT_EQ(parse(Log::read(log.path())).size(), 3U) << bytes;
+  }
+}
+
+// ---- failing services -------------------------------------------------------------------------------------------
+
+// Whatever service fails once: the answer tells, the file holds what was answered 0, and the next record gets through.
+TEST(AppendFile, AnyServiceMayFail) {
+  const Log log;
+  int failed = 0;
+  for (int call = 0; call < 40; ++call)
+    for (const int error : {EIO, ENOSPC}) {
+      std::filesystem::remove_all(log.directory());
+      ::mkdir(log.directory().c_str(), 0700);
+      failed += runInProcess([&] {
+        Writer writer(log);
+        makeFail<&OssCalls::open, &OssCalls::fstat, &OssCalls::stat, &OssCalls::ftruncate, &OssCalls::pwrite,
+                 &OssCalls::write, &OssCalls::mmap, &OssCalls::flock>(call, error);
+        const int first = writer.write("first");
+        Failure::callsLeft = -1;
+        EXPECT_EQ(writer.write("second"), 0) << call;
+        const auto keys = keysOf(parse(Log::read(log.path())));
+        EXPECT_EQ(keys.count("first"), first == 0 ? 1U : 0U) << "call " << call << ", error " << error;
+        EXPECT_EQ(keys.count("second"), 1U);
+        EXPECT_EQ(keys.count("new"), 1U);
+      });
+    }
+  EXPECT_EQ(failed, 0);
+}
+
+// A disk that takes half a record: it is cut off again, also where the truncation must be left to the next writer.
+TEST(AppendFile, HalfARecordIsCutOffOrMarked) {
+  for (const bool mayTruncate : {true, false})
+    inProcess([mayTruncate] {
+      const Log log;
+      Writer writer(log);
+      EXPECT_EQ(writer.write("whole"), 0);
+      static ssize_t (*realWrite)(int, const void*, std::size_t) = ossCalls().write;
+      static int (*realTruncate)(int, off_t) = ossCalls().ftruncate;
+      static int turns;
+      turns = 0;
+      ossCalls().write = [](int fd, const void* bytes, std::size_t count) -> ssize_t {
+        if (turns++ == 0) return realWrite(fd, bytes, count / 2);
+        errno = ENOSPC;
+        return -1;
+      };
+      if (!mayTruncate)
+        ossCalls().ftruncate = [](int, off_t) {
+          errno = EPERM;
+          return -1;
+        };
+      EXPECT_EQ(writer.write("half"), ENOSPC);
+      ossCalls().write = realWrite;
+      EXPECT_EQ(writer.write("next"), 0);
+      EXPECT_EQ(writer.outcome.repaired, !mayTruncate);
+      const std::string text = Log::read(log.path());
+      EXPECT_EQ(text.find("The record above is incomplete") == std::string::npos, mayTruncate);
+      EXPECT_TRUE(!mayTruncate || parse(text).size() == 3);
+      ossCalls().ftruncate = realTruncate;
+      EXPECT_EQ(writer.write("last"), 0);
+      EXPECT_FALSE(writer.outcome.repaired);
+    });
+}
+
+// Without a lock file (no room for one) writers exclude each other by the file, until there is one.
+TEST(AppendFile, WorksWithoutALockFile) {
+  const Log log;
+  EXPECT_EQ(runInProcess([&] {
+              static ssize_t (*realWrite)(int, const void*, std::size_t, off_t) = ossCalls().pwrite;
+              ossCalls().pwrite = [](int, const void*, std::size_t, off_t) -> ssize_t {
+                errno = ENOSPC;
+                return -1;
+              };
+              Writer writer(log);
+              EXPECT_EQ(writer.write("a"), 0);
+              EXPECT_EQ(writer.write("b"), 0);
+              EXPECT_FALSE(std::filesystem::exists(log.lockPath()));
+              std::ofstream(log.path(), std::ios::app) << "half a rec";
+              EXPECT_EQ(writer.write("c"), 0);
+              ossCalls().pwrite = realWrite;
+              EXPECT_EQ(writer.write("d"), 0);
+              EXPECT_TRUE(std::filesystem::exists(log.lockPath()));
+            }),
+            0);
+  EXPECT_NE(Log::read(log.path()).find("half a rec\r\nThe record above is incomplete"), std::string::npos);
+}
+
+TEST(AppendFile, WaitsABoundedTimeForAStoppedWriter) {
+  const Log log;
+  Baton locked;
+  const pid_t holder = start([&] {
+    static Baton* baton;
+    baton = &locked;
+    static ssize_t (*realWrite)(int, const void*, std::size_t) = ossCalls().write;
+    ossCalls().write = [](int fd, const void* bytes, std::size_t count) {
+      baton->give();
+      ::raise(SIGSTOP);
+      return realWrite(fd, bytes, count);
+    };
+    Writer writer(log);
+    EXPECT_EQ(writer.write("stopped"), 0);
+  });
+  ASSERT_TRUE(locked.take());
+  Writer writer(log);
+  EXPECT_EQ(writer.write("late"), ETIMEDOUT);
+  EXPECT_EQ(writer.write("late"), ETIMEDOUT);  // soon: nobody waits in full for a writer known to be stopped
+  ::kill(holder, SIGCONT);
+  ASSERT_TRUE(locked.take());  // its second text
+  ::kill(holder, SIGKILL);
+  finish(holder);
+  EXPECT_EQ(writer.write("after"), 0);
+  EXPECT_EQ(keysOf(parse(Log::read(log.path()))).count("after"), 1U);
+}
+
+// ---- killed writers ---------------------------------------------------------------------------------------------
+
+// Kills this process at the n-th call of a service, before it, in the middle of a write, or behind it.
+struct Killer {
+  static inline int callsLeft = 0;
+  static inline int when = 0;
+  static inline ssize_t (*realWrite)(int, const void*, std::size_t) = nullptr;
+  static inline int (*realOpen)(const char*, int, mode_t) = nullptr;
+  static inline int (*realFstat)(int, struct stat*) = nullptr;
+  static inline int (*realClose)(int) = nullptr;
+
+  static bool isDue() { return callsLeft-- == 0; }
+  static void die() { ::kill(::getpid(), SIGKILL); }
+
+  static void arm(int call, int atWhen) {
+    callsLeft = call;
+    when = atWhen;
+    realWrite = ossCalls().write;
+    realOpen = ossCalls().open;
+    realFstat = ossCalls().fstat;
+    realClose = ossCalls().close;
+    ossCalls().write = [](int fd, const void* bytes, std::size_t count) {
+      const bool due = isDue();
+      if (due && when == 0) die();
+      const ssize_t written = realWrite(fd, bytes, due && when == 1 ? count / 2 : count);
+      if (due) die();
+      return written;
+    };
+    ossCalls().open = [](const char* path, int flags, mode_t mode) {
+      if (isDue()) die();
+      return realOpen(path, flags, mode);
+    };
+    ossCalls().fstat = [](int fd, struct stat* out) {
+      if (isDue()) die();
+      return realFstat(fd, out);
+    };
+    ossCalls().close = [](int fd) {
+      if (isDue()) die();
+      return realClose(fd);
+    };
+  }
+};
+
+TEST(AppendFile, AKillBetweenAnyTwoStepsLeavesWholeRecords) {
+  for (const bool isSeries : {false, true})
+    for (int when = 0; when < 3; ++when) {
+      int killed = 0;
+      for (int call = 0; call < 40; ++call) {
+        const Log log;
+        const int end = runInProcess([&] {
+          Killer::arm(call, when);
+          Writer writer(log, isSeries, 300, 100);
+          for (int i = 0; i < 4; ++i) EXPECT_EQ(writer.write("victim." + std::to_string(i)), 0);
+        });
+        killed += end == -SIGKILL ? 1 : 0;
+        Writer writer(log, isSeries, 300, 100);
+        EXPECT_EQ(writer.write("after"), 0) << "call " << call << ", when " << when;
+        std::multiset<std::string> keys;
+        for (const auto& entry : std::filesystem::directory_iterator(log.directory()))
+          if (entry.path().extension() == ".log") keys.merge(keysOf(parse(Log::read(entry.path()))));
+        EXPECT_EQ(keys.count("after"), 1U);
+        for (int i = 0; i < 4; ++i) EXPECT_LE(keys.count("victim." + std::to_string(i)), 1U);
+      }
+      EXPECT_GT(killed, 15);
+    }
+}
+
+// Many processes append, in one file and in a series, and are killed at random. What was answered 0 is there once.
+void killAtRandom(bool isSeries) {
+  constexpr int kWriters = 4;
+  constexpr int kRounds = 12;
+  const std::uint64_t fileBytes = isSeries ? 40'000 : 0;
+  const std::random_device::result_type seed = std::random_device()();
+  SCOPED_TRACE(seed);
+  std::mt19937 random(seed);
+  const Log log;
+  struct Answers {
+    std::atomic<int> written[kRounds][kWriters];
+  };
+  Shared<Answers> answers;
+  for (int round = 0; round < kRounds; ++round) {
+    std::vector<pid_t> writers;
+    for (int who = 0; who < kWriters; ++who)
+      writers.push_back(start([&, who] {
+        Writer writer(log, isSeries, fileBytes, 1'000'000);
+        for (int i = 0;; ++i) {
+          const std::size_t filler = i % 50 == 0 ? 20'000 : 100;
+          if (writer.write(std::to_string(round) + "." + std::to_string(who) + "." + std::to_string(i), filler) != 0)
+            ::_exit(9);
+          answers->written[round][who].store(i + 1);
+        }
+      }));
+    while (answers->written[round][0].load() < static_cast<int>(random() % 60)) std::this_thread::yield();
+    for (const pid_t writer : writers) EXPECT_EQ(finishKilled(writer), -SIGKILL);
+  }
+  Writer last(log, isSeries, fileBytes, 1'000'000);
+  EXPECT_EQ(last.write("last"), 0);
+  std::multiset<std::string> keys;
+  for (const auto& entry : std::filesystem::directory_iterator(log.directory()))
+    if (entry.path().extension() == ".log") keys.merge(keysOf(parse(Log::read(entry.path()))));
+  for (int round = 0; round < kRounds; ++round)
+    for (int who = 0; who < kWriters; ++who)
+      for (int i = 0; i <= answers->written[round][who].load(); ++i) {
+        const std::string key = std::to_string(round) + "." + std::to_string(who) + "." + std::to_string(i);
+        const std::size_t count = keys.count(key);
+        EXPECT_LE(count, 1U) << key;
+        EXPECT_TRUE(count == 1 || i == answers->written[round][who].load()) << key;
+      }
+}
+
+TEST(AppendFile, WritersKilledAtRandomCostOnlyTheirOwnRecord) { killAtRandom(false); }
+TEST(AppendSeries, WritersKilledAtRandomCostOnlyTheirOwnRecord) { killAtRandom(true); }
+
+// ---- series -----------------------------------------------------------------------------------------------------
+
+TEST(AppendSeries, KeepsTheNewestFilesAndGoesOnWithTheirNumbers) {
+  const Log log;
+  for (int life = 0; life < 2; ++life) {
+    Writer writer(log, true, 400, 3);
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(writer.write(std::to_string(life) + "." + std::to_string(i)), 0);
+    std::filesystem::remove(log.directory() + ".test.rotate.lck");  // as after a boot: the numbers are looked up
+  }
+  std::set<std::string> names;
+  std::size_t records = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(log.directory())) {
+    names.insert(entry.path().filename());
+    if (entry.path().extension() != ".log") continue;
+    EXPECT_LE(entry.file_size(), 400U);
+    records += parse(Log::read(entry.path())).size();
+  }
+  EXPECT_EQ(names.count(".rotate.lck"), 1U);
+  EXPECT_EQ(names.size(), 4U);  // three files and the lock of the directory
+  EXPECT_GE(records, 7U);
+  Writer writer(log, true, 400, 3);
+  EXPECT_EQ(writer.write("large", 5000), 0) << "a record larger than a file has one of its own";
+  EXPECT_TRUE(writer.outcome.switchedFile);
+}
+
+}  // namespace
+}  // namespace vek::platformtest

@@ -1,0 +1,106 @@
+#include "platform/fault.h"
+
+#include <sys/mman.h>
+
+#include <thread>
+#include <vector>
+
+#include "support.h"
+
+namespace vek::platformtest {
+namespace {
+
+void touch(void* address) { *static_cast<volatile int*>(address) = 1; }
+void nothing(void*) {}
+
+// A page that nobody may touch.
+int* forbidden() { return static_cast<int*>(::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)); }
+
+TEST(FaultGuard, LeavesTheBodyAndTellsWhatItWas) {
+  inProcess([] {
+    int* page = forbidden();
+    static Fault fault;
+    for (int turn = 0; turn < 3; ++turn) {  // the signal is not left blocked
+      EXPECT_FALSE(faultGuard(touch, page, &fault));
+      EXPECT_EQ(fault.signal, SIGSEGV);
+      EXPECT_EQ(fault.address, page);
+      EXPECT_GT(fault.stack.frameCount, 0U);
+    }
+    EXPECT_TRUE(faultGuard(nothing, nullptr, nullptr));
+    EXPECT_FALSE(faultGuard(
+        [](void* inner) {
+          EXPECT_FALSE(faultGuard(touch, inner, nullptr));
+          touch(inner);  // the outer guard's, now that the inner one is gone
+        },
+        page, nullptr));
+  });
+}
+
+TEST(FaultGuard, IsOfItsThreadAlone) {
+  inProcess([] {
+    int* page = forbidden();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+      threads.emplace_back([page, i] {
+        for (int turn = 0; turn < 200; ++turn)
+          EXPECT_EQ(faultGuard(i % 2 == 0 ? touch : nothing, page, nullptr), i % 2 != 0);
+      });
+    for (std::thread& thread : threads) thread.join();
+  });
+}
+
+// ---- what had been there before ---------------------------------------------------------------------------------
+
+void exitWith9(int) { ::_exit(9); }
+void exitWith8(int signal, siginfo_t* info, void* context) {
+  ::_exit(signal == SIGSEGV && info != nullptr && context != nullptr ? 8 : 1);
+}
+
+TEST(FaultHandler, HandsOnWhatNoGuardCatches) {
+  const struct {
+    const char* what;
+    void (*before)();
+    void (*fault)();
+    int end;
+  } cases[] = {
+      {"nothing installed, a fault", [] {}, [] { touch(forbidden()); }, -SIGSEGV},
+      {"nothing installed, a signal that was sent", [] {}, [] { ::raise(SIGBUS); }, -SIGBUS},
+      {"a plain handler", [] { ::signal(SIGSEGV, exitWith9); }, [] { touch(forbidden()); }, 9},
+      {"a handler that takes the details",
+       [] {
+         struct sigaction action = {};
+         action.sa_sigaction = exitWith8;
+         action.sa_flags = SA_SIGINFO;
+         ::sigaction(SIGSEGV, &action, nullptr);
+       },
+       [] { touch(forbidden()); }, 8},
+      {"ignored, a fault", [] { ::signal(SIGSEGV, SIG_IGN); }, [] { touch(forbidden()); }, -SIGSEGV},
+      {"ignored, a signal that was sent", [] { ::signal(SIGFPE, SIG_IGN); }, [] { ::raise(SIGFPE); }, 0},
+      {"sent while a guard is in force", [] { ::signal(SIGSEGV, exitWith9); },
+       [] { (void)faultGuard([](void*) { ::raise(SIGSEGV); }, nullptr, nullptr); }, 9},
+      {"the capture first",
+       [] {
+         ::signal(SIGSEGV, exitWith9);
+         faultSetCapture([](int, siginfo_t*, void*) { ::_exit(7); });
+       },
+       [] { touch(forbidden()); }, 7},
+      {"the capture faults itself",
+       [] {
+         ::signal(SIGSEGV, exitWith9);
+         faultSetCapture([](int, siginfo_t*, void*) { touch(forbidden()); });
+       },
+       [] { touch(forbidden()); }, 9},
+  };
+  for (const auto& each : cases)
+    EXPECT_EQ(runInProcess([&] {
+                for (const int signal : {SIGSEGV, SIGBUS, SIGFPE}) ::signal(signal, SIG_DFL);  // not a sanitizer's
+                each.before();
+                EXPECT_TRUE(faultGuard(nothing, nullptr, nullptr));
+                each.fault();
+              }),
+              each.end)
+        << each.what;
+}
+
+}  // namespace
+}  // namespace vek::platformtest
