@@ -54,8 +54,8 @@ void Findings::beginStanza() noexcept {
   verdict_ = 0;
 }
 
-void Findings::add(Condition condition, std::uint64_t line, std::string_view detail) noexcept {
-  if (seen_.has(condition)) return;
+bool Findings::add(Condition condition, std::uint64_t line, std::string_view detail) noexcept {
+  if (seen_.has(condition)) return false;
   seen_.add(condition);
   const SqlzZrc code = codeOf(condition);
   if (verdict_ >= 0 && (verdict_ == 0 || code < 0)) verdict_ = code;
@@ -68,6 +68,7 @@ void Findings::add(Condition condition, std::uint64_t line, std::string_view det
   copyPrintable(example.detail, sizeof example.detail, detail);
   addExample(tally, example);
   sqlzFoldZrc(&context_, &area_, code, nullptr, package_, LineToken(line).text(), detail);
+  return true;
 }
 
 }  // namespace demo

@@ -1,10 +1,12 @@
 // What can be odd about a stanza, and the notes a request takes of it.
 //
-// Every odd condition has a return code of the catalogue. Noting one does three things: an error point in the trace, a
-// fold into the request's communications area, and a count with the first examples for the report.
+// Every odd condition has a return code of the catalogue. Noting one does four things: an error point in the trace, a
+// record in the diagnostic log, a fold into the request's communications area, and a count with the first examples for
+// the report.
 #pragma once
 
 #include <veksys/codes.h>
+#include <veksys/diag/log_items.h>
 #include <veksys/diag/sqlca.h>
 #include <veksys/types.h>
 
@@ -116,14 +118,19 @@ class Findings {
     const std::uint32_t probe = 10 * (static_cast<std::uint32_t>(condition) + 1);
     detail = detail.substr(0, kTextMost);
     trace.error(probe, codeOf(condition), package_, line, detail);
-    add(condition, line, detail);
+    if (!add(condition, line, detail)) return;
+    const SqlzZrc code = codeOf(condition);
+    // What the log answers is of no concern here: a record that is lost must not fail the request.
+    (void)pdLogValues(PD_LOG_RC_ZRC, Trace::kFunctionId, code, probe, code < 0 ? PD_LEVEL_ERROR : PD_LEVEL_WARNING,
+                      package_, line, detail);
   }
 
   // The code of the stanza so far: its first error, else its first warning, else 0.
   [[nodiscard]] SqlzZrc verdict() const noexcept { return verdict_; }
 
  private:
-  void add(Condition condition, std::uint64_t line, std::string_view detail) noexcept;
+  // False: the stanza met that condition before.
+  bool add(Condition condition, std::uint64_t line, std::string_view detail) noexcept;
 
   FindingTable& table_;
   sqlca& area_;

@@ -216,8 +216,10 @@ void printLookCloser(SqlzZrc code) {
   const std::string veksys = commandToType();
   const char* named = std::getenv("VEKINSTANCE");
   const bool instanceIsKnown = named != nullptr && named[0] != '\0';
-  const std::string trace = veksys + (instanceIsKnown ? " trace " : " --instance demo trace ");
+  const std::string ofInstance = veksys + (instanceIsKnown ? "" : " --instance demo");
+  const std::string trace = ofInstance + " trace ";
   const std::pair<std::string, const char*> rows[] = {
+      {ofInstance + " log --tail 5", "the last records of the diagnostic log"},
       {trace + "status", "what is on, how full the ring is"},
       {trace + "stat", "calls, times and failures by function"},
       {trace + "flow --errors", "the calls that led to each error"},

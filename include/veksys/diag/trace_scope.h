@@ -63,6 +63,8 @@ class SqltTraceScope {
   static_assert(ecfIsFunctionId(Id) && ecfComponent(Id) < SQLT_TRACE_COMPONENTS, "not a traced function's identifier");
 
  public:
+  static constexpr EcfFunctionId kFunctionId = Id;
+
   SqltTraceScope() noexcept : word_(Words::word(ecfComponent(Id))) {
     if ((word_ & SQLT_TRACE_AT_ENTRY) != 0) [[unlikely]]
       word_ = sqltScopeEntry(Id, word_);
