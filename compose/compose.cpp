@@ -40,7 +40,7 @@ constinit Ports g_ports = {
     .recordEvent = noRecorder,
     .formatItem = noFormatter,
     .member = ownMember,
-    .attachTrace = sqlti_attachStep,
+    .attachTrace = sqlti_attachAtPoint,
     .flushMemoryCaches = nothingToGiveBack,
     .checkLatches = nothingToGiveBack,
 };

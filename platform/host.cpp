@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -30,6 +31,10 @@ constexpr VekInstanceControl kDefaultControl = {
 };
 
 constinit VekHost g_host = {};
+
+// Of the instance that this process attached to; empty before.
+constinit char g_instanceName[sizeof VekInstanceControl::instanceName] = {};
+constinit std::atomic<bool> g_keepsInstanceName{false};
 
 }  // namespace
 
@@ -111,6 +116,12 @@ void hostDumpEngineUnit(SqlzZrc zrc) noexcept {
   if (g_host.dumpEngineUnit != nullptr) g_host.dumpEngineUnit(g_host.context, zrc);
 }
 
+void hostKeepInstanceName() noexcept {
+  if (g_keepsInstanceName.load(std::memory_order_acquire)) return;
+  ossCopyText(g_instanceName, sizeof g_instanceName, vekInstanceName());
+  g_keepsInstanceName.store(true, std::memory_order_release);
+}
+
 void hostInternNames() noexcept {
   for (std::size_t i = 0; i < g_host.functionNameCount; ++i)
     if (const VekFunctionName& function = g_host.functionNames[i]; function.name != nullptr)
@@ -137,6 +148,8 @@ SqlzZrc vekHostInstall(const VekHost* host) noexcept {
   if (copy.functionNames == nullptr) copy.functionNameCount = 0;
   const char* instance = vek::controlOf(copy)->instanceName;
   if (instance[0] != '\0' && !vek::isInstanceName(instance)) return SQLO_INV_PARM;
+  const bool kept = vek::g_keepsInstanceName.load(std::memory_order_acquire);
+  if (kept && instance[0] != '\0' && std::strcmp(instance, vek::g_instanceName) != 0) return SQLO_INV_PARM;
   vek::g_host = copy;
   vek::noteControl(copy);
   vek::hostInternNames();  // does nothing before the process attaches, which interns them then
@@ -146,6 +159,7 @@ SqlzZrc vekHostInstall(const VekHost* host) noexcept {
 const VekInstanceControl* vekInstanceControl() noexcept { return vek::controlOf(vek::g_host); }
 
 const char* vekInstanceName() noexcept {
+  if (vek::g_keepsInstanceName.load(std::memory_order_acquire)) return vek::g_instanceName;
   const char* name = vekInstanceControl()->instanceName;
   if (vek::isInstanceName(name)) return name;
   name = vek::ossEnvironment("VEKINSTANCE");
@@ -155,7 +169,7 @@ const char* vekInstanceName() noexcept {
 const char* vekInstallationPath() noexcept {
   const char* path =
       vek::g_host.installationPath == nullptr ? nullptr : vek::g_host.installationPath(vek::g_host.context);
-  if (path == nullptr) path = vek::ossEnvironment("VEKPATH");
+  if (path == nullptr || path[0] != '/') path = vek::ossEnvironment("VEKPATH");
   if (path != nullptr && path[0] == '/') return path;
   static const vek::LoadedFrom loadedFrom;
   return loadedFrom.path;

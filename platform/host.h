@@ -25,6 +25,9 @@ void hostDumpEngineUnit(SqlzZrc zrc) noexcept;
 // The name that the host gave to an identifier, or null.
 const char* hostFunctionName(EcfFunctionId id) noexcept;
 
+// Keeps the instance name in force for good: called before the process attaches to the instance of that name.
+void hostKeepInstanceName() noexcept;
+
 // Copies the host's function names into the instance region; called once the region is attached.
 void hostInternNames() noexcept;
 

@@ -337,6 +337,7 @@ SqlzZrc takeSlotOrGoPrivate() noexcept {
 
 SqlzZrc attachFirst() noexcept {
   const std::lock_guard guard(g_region.lockHolders);  // no thread of this process may drop the region lock meanwhile
+  hostKeepInstanceName();
   SqlzZrc result = openAndMap();
   if (result != 0) return result;
   result = takeSlotOrGoPrivate();

@@ -21,6 +21,7 @@ thread_local constinit unsigned t_lockDepth __attribute__((tls_model("initial-ex
 namespace {
 
 constinit pthread_once_t g_started = PTHREAD_ONCE_INIT;
+constinit pthread_once_t g_forksWatched = PTHREAD_ONCE_INIT;
 constinit pthread_key_t g_endKey = 0;
 constinit bool g_hasEndKey = false;
 constinit std::atomic<bool> g_ending{false};
@@ -88,10 +89,18 @@ void afterForkInChild() {
   logMutexUnlockAfterFork();
 }
 
+void watchForks() {
+  // Without the memory for it, a child merely shares its parent's slot until it ends.
+  (void)::pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+}
+
+// When the library is loaded: a fork that has begun before the handlers are registered runs none of them, and its child
+// could find a lock held by a thread that it does not have. startOnce() sees to them where nothing runs at load time.
+[[gnu::constructor]] void watchForksEarly() { ::pthread_once(&g_forksWatched, watchForks); }
+
 void startOnce() {
   g_hasEndKey = ::pthread_key_create(&g_endKey, veki_threadEnds) == 0;
-  // Without the memory for either, a child or an ending process merely leaves its slot for others to find.
-  (void)::pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+  watchForksEarly();
 }
 
 ThreadState* makeState() noexcept {

@@ -27,6 +27,9 @@
 
 namespace vek {
 
+// The ring of an instance lies beside its region. No instance name holds a colon, so that no two objects meet.
+inline constexpr const char* TRC_RING_SUFFIX = ":trace";
+
 inline constexpr char TRC_RING_MAGIC[8] = {'V', 'E', 'K', 'T', 'R', 'N', 'G', '\0'};
 inline constexpr char TRC_DUMP_MAGIC[8] = {'V', 'E', 'K', 'T', 'D', 'M', 'P', '\0'};
 inline constexpr std::uint32_t TRC_LAYOUT_VERSION = 1;

@@ -487,7 +487,7 @@ int openLiveObject(int* fd) noexcept {
     return *fd < 0 ? ENOENT : 0;
   }
   char path[PATH_BYTES];
-  if (sharedObjectPath(".trace", path, sizeof path) == 0) return ENAMETOOLONG;
+  if (sharedObjectPath(TRC_RING_SUFFIX, path, sizeof path) == 0) return ENAMETOOLONG;
   return ossOpen(path, O_RDONLY | O_NONBLOCK, 0, fd);
 }
 

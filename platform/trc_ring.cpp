@@ -26,8 +26,7 @@ namespace vek {
 namespace {
 
 constexpr unsigned kLockWaitMs = 2000;
-constexpr const char* kRingSuffix = ".trace";
-constexpr const char* kNewRingSuffix = ".trace.new";
+constexpr const char* kNewRingSuffix = ":trace.new";
 
 struct Rings {
   LibraryMutex lock;
@@ -75,7 +74,7 @@ SqlzZrc fillRing(int fd, std::uint64_t ringBytes, std::uint64_t generation, bool
 SqlzZrc createObject(std::uint64_t bytes, std::uint64_t generation, bool byClient) noexcept {
   char path[PATH_BYTES];
   char building[PATH_BYTES];
-  if (sharedObjectPath(kRingSuffix, path, sizeof path) == 0 ||
+  if (sharedObjectPath(TRC_RING_SUFFIX, path, sizeof path) == 0 ||
       sharedObjectPath(kNewRingSuffix, building, sizeof building) == 0)
     return SQLT_TRACE_CREATE_FAILED;
   ossCalls().unlink(building);
@@ -109,7 +108,7 @@ int openRingObject() noexcept {
   if (regionSharedStatus() != 0) return g_rings.privateFd;
   char path[PATH_BYTES];
   int fd = -1;
-  if (sharedObjectPath(kRingSuffix, path, sizeof path) == 0 || ossOpen(path, O_RDWR, 0, &fd) != 0) return -1;
+  if (sharedObjectPath(TRC_RING_SUFFIX, path, sizeof path) == 0 || ossOpen(path, O_RDWR, 0, &fd) != 0) return -1;
   struct stat status;
   if (ossCalls().fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == ossUserId() &&
       (status.st_mode & 077) == 0)
@@ -140,7 +139,7 @@ bool ringIsLost(std::uint64_t generation) noexcept {
   char path[PATH_BYTES];
   int fd = g_rings.privateFd;
   if (regionSharedStatus() == 0) {
-    if (sharedObjectPath(kRingSuffix, path, sizeof path) == 0) return false;
+    if (sharedObjectPath(TRC_RING_SUFFIX, path, sizeof path) == 0) return false;
     const int error = ossOpen(path, O_RDONLY | O_NONBLOCK, 0, &fd);
     if (error != 0) return error == ENOENT || error == ELOOP;
   }
@@ -383,7 +382,7 @@ namespace {
 void removeObject() noexcept {
   char path[PATH_BYTES];
   const std::lock_guard guard(g_rings.lock);
-  if (regionSharedStatus() == 0 && sharedObjectPath(kRingSuffix, path, sizeof path) != 0) ossCalls().unlink(path);
+  if (regionSharedStatus() == 0 && sharedObjectPath(TRC_RING_SUFFIX, path, sizeof path) != 0) ossCalls().unlink(path);
   ossClose(g_rings.privateFd);
   g_rings.privateFd = -1;
   dropUser(std::exchange(g_rings.current, nullptr));

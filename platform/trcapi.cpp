@@ -39,12 +39,13 @@ namespace {
 
 constexpr std::uint64_t kRetryAfter = 64;  // records lost before a thread without a segment searches again
 constexpr unsigned kLockWaitMs = 2000;
+constexpr std::int32_t kHostsPartition = INT32_MIN;  // that of the instance control block
 constinit const std::atomic<std::uint64_t> g_noTrace{0};
 
 struct Globals {
   std::atomic<bool> attached{false};
   std::atomic<bool> detaching{false};
-  std::atomic<std::int32_t> partition{0};
+  std::atomic<std::int32_t> partition{kHostsPartition};
   std::atomic<std::uint32_t> processId{0};  // 0: the process's own
   std::atomic<const TrcCallbacks*> callbacks{nullptr};
 };
@@ -99,7 +100,8 @@ TrcSegmentId describe(const ThreadState& thread, std::uint64_t sequence) noexcep
   id.startRealtimeNs = ossRealtimeNs();
   id.processId = processId != 0 ? processId : thread.processId;
   id.threadId = thread.threadId;
-  id.partition = g_trace.partition.load(std::memory_order_relaxed);
+  const std::int32_t partition = g_trace.partition.load(std::memory_order_relaxed);
+  id.partition = partition != kHostsPartition ? partition : vekInstanceControl()->partition;
   ossProcessName(id.processName, sizeof id.processName);
   ::memcpy(id.threadName, thread.name, sizeof id.threadName);
   id.check = trcCheckOf(id);
@@ -462,7 +464,7 @@ void trcGetWindowsIPCInfo(SqltSharedIPCInfo* out) noexcept {
   ::memset(out, 0, sizeof *out);
   ossCopyText(out->instance, sizeof out->instance, vekInstanceName());
   const bool shared = regionSharedStatus() == 0;
-  if (!shared || sharedObjectPath(".trace", out->path, sizeof out->path) == 0) out->path[0] = '\0';
+  if (!shared || sharedObjectPath(TRC_RING_SUFFIX, out->path, sizeof out->path) == 0) out->path[0] = '\0';
   out->bytes = trcInquireTraceBufferSize();
 }
 

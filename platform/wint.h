@@ -30,7 +30,8 @@ inline std::uint32_t wintTraceWord(std::uint32_t component) noexcept {
   return __atomic_load_n(&i_compTraceWords[component], __ATOMIC_RELAXED);
 }
 
-// Maps the shared page over both arrays. False: nothing changed.
+// Maps the shared page over both arrays. False: the second, or none of them, is still the process's own; the caller
+// does without a shared trace then.
 bool wintMapShared(int fd, std::uint64_t offset) noexcept;
 
 // Writes one word (both views, which are one after mapping); component words and the event word alike.

@@ -2,6 +2,7 @@
 #include "diag/base/sqltfast.h"
 
 #include <atomic>
+#include <bit>
 
 #include "platform/host.h"
 #include "platform/osse.h"
@@ -14,6 +15,10 @@ namespace {
 
 enum class Skip : int { kUnknown, kAbsent, kPresent };
 constinit std::atomic<Skip> g_skip{Skip::kUnknown};
+
+// Points since the first that could not attach. Of those the 1st, 2nd, 4th, ... try again, so that a process that can
+// map nothing at all does not pay for it at every point.
+constinit std::atomic<std::uint32_t> g_failedPoints{0};
 
 void ignore() {}
 
@@ -38,6 +43,15 @@ bool sqlti_traceIsSkipped() noexcept {
 bool sqlti_attachStep() {
   if (trcIsAttached()) return true;
   return !sqlti_traceIsSkipped() && trcAttachShared(kCallbacks) == 0;
+}
+
+bool sqlti_attachAtPoint() {
+  if (trcIsAttached()) return true;
+  const std::uint32_t failures = g_failedPoints.load(std::memory_order_relaxed);
+  const bool isDue = std::has_single_bit(failures) || failures % 65536 == 0;
+  if (isDue && sqlti_attachStep()) return true;
+  g_failedPoints.store(failures + 1, std::memory_order_relaxed);
+  return false;
 }
 
 }  // namespace vek
@@ -74,11 +88,9 @@ void sqltError(EcfFunctionId id, std::uint32_t probe, std::uint32_t size, const 
 void sqleWlDispDiagEntry(EcfFunctionId id) noexcept { vek::hostWorkloadDisplay(id, true); }
 void sqleWlDispDiagExit(EcfFunctionId id) noexcept { vek::hostWorkloadDisplay(id, false); }
 
-void sqltPerformanceRecordHook(const SqltPerformanceRecord*) noexcept {}  // KEEP: does nothing, by contract
-
 std::uint32_t sqltScopeEntry(EcfFunctionId id, std::uint32_t word) noexcept {
   // The first point of a process finds the unattached word: what counts is the word behind it.
-  if (!vek::trcIsAttached()) word = vek::sqlti_attachStep() ? vek::wintTraceWord(ecfComponent(id)) : 0;
+  if (!vek::trcIsAttached()) word = vek::sqlti_attachAtPoint() ? vek::wintTraceWord(ecfComponent(id)) : 0;
   if ((word & SQLT_TRACE_ENTRY) != 0) pdtEntry(id);
   if ((word & SQLT_TRACE_WORKLOAD_DISPLAY) != 0) sqleWlDispDiagEntry(id);
   return word;

@@ -8,6 +8,9 @@ namespace vek {
 // a setting: it can happen under a latch.
 bool sqlti_attachStep();
 
+// The same for a trace point: once attaching has failed, most points do without it.
+bool sqlti_attachAtPoint();
+
 // True when VEK_SKIP_TRACE was present at the first look.
 bool sqlti_traceIsSkipped() noexcept;
 

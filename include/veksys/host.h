@@ -91,18 +91,21 @@ extern "C" {
 // Installs the host. The record is copied; tables and strings it points to must stay valid until the process ends.
 //
 //   host     null puts the defaults back
-//   Result   0, or SQLO_INV_PARM: `size` is not that of a known record or an instance name has other characters than
-//            those accepted; nothing is changed then
-//   Threads  call it before the threads that use the library start
+//   Result   0, or SQLO_INV_PARM: `size` is not that of a known record, an instance name has other characters than
+//            those accepted, or the process is attached to an instance of another name; nothing is changed then
+//   Threads  call it before the threads that use the library start, and before the first call that is traced: that
+//            attaches the process to the instance in force, for life
 VEK_EXPORT SqlzZrc vekHostInstall(const VekHost* host) noexcept;
 
 // The instance control block in force: the host's or the defaults. Never null.
 VEK_EXPORT const VekInstanceControl* vekInstanceControl() noexcept;
 
-// The instance name in force: the control block's, else VEKINSTANCE, else "default". Never null.
+// The instance name in force: the control block's, else VEKINSTANCE, else "default"; once the process is attached, the
+// name of the instance it is attached to. Never null.
 VEK_EXPORT const char* vekInstanceName() noexcept;
 
-// Whether this process shares the region of its instance; attaches when it has not done so yet.
+// Whether this process shares the region of its instance; attaches when it has not done so yet. The answer holds for
+// the life of the process. Attaching waits up to two seconds for a process that keeps the region's lock.
 //
 //   Result   0: it does. Otherwise it works privately and shares nothing, because (SQLO_REGION_...)
 //            VERSION the running instance has another layout version; OWNER the region belongs to another user or is
@@ -112,7 +115,8 @@ VEK_EXPORT const char* vekInstanceName() noexcept;
 //   Threads  any
 VEK_EXPORT SqlzZrc vekInstanceStatus() noexcept;
 
-// The installation directory: the host's, else VEKPATH, else the directory above the one the library was loaded from.
+// The installation directory: the host's, else VEKPATH (either when it is an absolute path), else the directory above
+// the one the library was loaded from.
 VEK_EXPORT const char* vekInstallationPath() noexcept;
 
 // Component and function names for an identifier.

@@ -51,7 +51,7 @@ struct TableRow {
 
 // The source table, read independently of the generator.
 std::vector<TableRow> tableRows() {
-  const auto tests = std::filesystem::path(__FILE__).parent_path();
+  const auto tests = std::filesystem::path(VEKSYS_TEST_SOURCE) / "diag";
   std::ifstream in(tests / "../../diag/tables/zrc.tsv");
   std::vector<TableRow> rows;
   for (std::string line; std::getline(in, line);) {

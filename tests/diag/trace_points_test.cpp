@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/trace_support.h"
+#include "platform/trcapi.h"
 #include "veksys/codes.h"
 #include "veksys/diag/trace_scope.h"
 #include "veksys/host.h"
@@ -383,6 +384,32 @@ TEST(TracePoints, PointInASignalHandlerInsideAPointIsLostAndCountedAndDamagesNot
     EXPECT_EQ(events + reader.info()->lostRecords, g_alarms + 1);
     EXPECT_GT(reader.info()->lostRecords, 0U) << "no alarm ever came inside a point";
     EXPECT_LE(lostBetween, reader.info()->lostRecords);
+  });
+}
+
+TEST(TracePoints, PointsOfAProcessThatDetachesWriteNothing) {
+  const TraceInstance instance;
+  inProcess([] {
+    static VekInstanceControl control = {};
+    control.partition = 7;
+    VekHost host = {};
+    host.size = sizeof host;
+    host.instanceControl = [](void*) -> const VekInstanceControl* { return &control; };
+    EXPECT_EQ(vekHostInstall(&host), 0);
+    ASSERT_EQ(sqltTraceFacilityCreate(SQLT_TRACE_SIZE_MINIMUM), 0);
+    pdtEvent(kFunction, 98, 1);
+    vek::trcDetachShared();
+    pdtEvent(kFunction, 99, 1);
+    const SqltTraceScope<kFunction> trace;
+  });
+  inProcess([] {
+    SqltTraceReader reader;
+    SqltTraceRecord record;
+    ASSERT_EQ(reader.openInstance(), 0);
+    ASSERT_TRUE(reader.next(&record));
+    EXPECT_EQ(record.probe, 98U);
+    EXPECT_EQ(record.thread.partition, 7) << "that of the host";
+    EXPECT_FALSE(reader.next(&record));
   });
 }
 

@@ -71,6 +71,37 @@ int installHost() {
   return expectSuccess("vekHostInstall", vekHostInstall(&host));
 }
 
+// Counts the exits of firstStep that asked for a performance record.
+int g_performanceRecords = 0;
+
+}  // namespace
+
+// Stands in the place of the library's own where that is the shared one.
+#if !defined(VEKSYS_STATIC)
+extern "C" void sqltPerformanceRecordHook(const SqltPerformanceRecord* record) noexcept {
+  g_performanceRecords += record->functionId == FID_firstStep && record->returnCode == 5 && record->reserved[0] == 0;
+}
+#endif
+
+namespace {
+
+int expectPerformanceRecord() {
+#if !defined(VEKSYS_STATIC)
+  SqltTraceSettings performance = {};
+  performance.options = SQLT_OPTION_COMPONENTS;
+  performance.selection = SQLT_SELECT_MASK_BYTES;
+  performance.components[ecfComponent(FID_firstStep) / 8] = 1U << (ecfComponent(FID_firstStep) % 8);
+  performance.mask[1] = 0x01;
+  const int faults = expectSuccess("sqltSetTraceFlags", sqltSetTraceFlags(&performance));
+  firstStep(5);
+  if (g_performanceRecords == 1) return faults;
+  std::fprintf(stderr, "%d performance records, expected 1\n", g_performanceRecords);
+  return faults + 1;
+#else
+  return 0;
+#endif
+}
+
 }  // namespace
 
 int runProgram() {
@@ -86,5 +117,6 @@ int runProgram() {
   faults += expectRecords("firstStep", 2, 2);
   faults += expectRecords("secondStep", 2, 2);
   faults += expectRecords("sqltTrcSharedIPCInfo", 2, 0);
+  faults += expectPerformanceRecord();
   return faults + expectSuccess("sqltTraceFacilityDelete", sqltTraceFacilityDelete());
 }

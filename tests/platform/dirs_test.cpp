@@ -77,9 +77,9 @@ TEST(Directories, BufferTooSmallAnswersNothing) {
     ::setenv("VEK_SHM_DIR", "/a/b", 1);
     ::setenv("VEKINSTANCE", "i", 1);
     char path[64];
-    const std::size_t whole = sharedObjectPath(".trace", path, sizeof path);
-    EXPECT_STREQ(path, ("/a/b/veksys." + std::to_string(::geteuid()) + ".i.trace").c_str());
-    for (std::size_t bytes = 0; bytes <= whole; ++bytes) EXPECT_EQ(sharedObjectPath(".trace", path, bytes), 0U);
+    const std::size_t whole = sharedObjectPath(":trace", path, sizeof path);
+    EXPECT_STREQ(path, ("/a/b/veksys." + std::to_string(::geteuid()) + ".i:trace").c_str());
+    for (std::size_t bytes = 0; bytes <= whole; ++bytes) EXPECT_EQ(sharedObjectPath(":trace", path, bytes), 0U);
     for (std::size_t bytes = 0; bytes <= 4; ++bytes) EXPECT_EQ(pathOf(Directory::kShared, bytes), "");
   });
 }

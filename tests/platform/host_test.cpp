@@ -10,9 +10,12 @@
 #include <string>
 
 #include "platform/host.h"
+#include "platform/osse.h"
 #include "platform/region.h"
+#include "platform/support.h"
 #include "veksys/codes.h"
 #include "veksys/diag/trace.h"
+#include "veksys/diag/trace_control.h"
 #include "veksys_functions.h"
 
 namespace {
@@ -60,6 +63,30 @@ TEST_F(Host, NamesTheInstanceBeforeTheEnvironmentDoes) {
   ASSERT_EQ(vekHostInstall(&host_), 0);
   EXPECT_STREQ(vekInstanceName(), "engine.one");
   EXPECT_EQ(vekInstanceControl(), &control_);
+}
+
+// Two instances whose names begin alike, one named as an object of the other could be.
+TEST(HostInstance, IsKeptOnceAttachedAndMeetsNoOther) {
+  const vek::platformtest::Instance instance;
+  for (const char* name : {"twin", "twin.trace", "twin.trace.new"})
+    vek::platformtest::inProcess([name] {
+      ::setenv("VEKINSTANCE", name, 1);
+      EXPECT_EQ(sqltTraceFacilityCreate(SQLT_TRACE_SIZE_MINIMUM), 0);
+      ::setenv("VEKINSTANCE", "other", 1);
+      EXPECT_STREQ(vekInstanceName(), name);
+      static VekInstanceControl control = {};
+      vek::ossCopyText(control.instanceName, sizeof control.instanceName, "late");
+      VekHost host = {};
+      host.size = sizeof host;
+      host.instanceControl = [](void*) -> const VekInstanceControl* { return &control; };
+      EXPECT_EQ(vekHostInstall(&host), SQLO_INV_PARM);
+      vek::ossCopyText(control.instanceName, sizeof control.instanceName, name);
+      EXPECT_EQ(vekHostInstall(&host), 0);
+    });
+  vek::platformtest::inProcess([] {
+    ::setenv("VEKINSTANCE", "twin", 1);
+    EXPECT_EQ(sqltInquireTraceBufferSize(), SQLT_TRACE_SIZE_MINIMUM);
+  });
 }
 
 TEST_F(Host, IsRefusedWithoutEffect) {

@@ -114,7 +114,7 @@ void useInstance(const std::string& name) {
 void stayDetached() { ::setenv("VEK_SKIP_TRACE", "1", 1); }
 
 bool instanceExists() { return pathExists(objectPath(::geteuid())); }
-bool instanceHasTrace() { return pathExists(objectPath(::geteuid()) + ".trace"); }
+bool instanceHasTrace() { return pathExists(objectPath(::geteuid()) + ":trace"); }
 
 void attachToExisting() {
   const std::string name = vekInstanceName();

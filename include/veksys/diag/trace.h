@@ -7,7 +7,8 @@
 // call; taking the next segment may look for segments of dead processes, at most ten times a second, when many are
 // owned. A record that cannot be written (no segment to be had, a signal handler inside another point or inside the
 // library) is left out and counted, not waited for. A process should have made its first call of the library before a
-// signal handler makes one: attaching allocates.
+// signal handler makes one: attaching allocates, and waits up to two seconds for a process that was stopped while it
+// held the lock of the instance region.
 //
 // All points: any thread, any time, also inside a latch. Item data is copied during the call. An item whose pointer is
 // null is recorded as such; one larger than what a record can hold (about half a segment, 4 KiB at the least) is cut
@@ -63,8 +64,8 @@ VEK_EXPORT extern std::uint32_t* p_sqltevents;
 // ---- the older interface ----------------------------------------------------------------------------------------
 
 // Entry, exit, data with one to three items, and error with one, of the function `id`. Items are bytes: `size` of them
-// at each pointer, copied before the call returns. Any thread; nothing is written unless the component's word asks for
-// it.
+// at each pointer, copied before the call returns. Any thread. The caller has tested the component's word: these write
+// whenever the trace is on.
 VEK_EXPORT void sqltEntry(EcfFunctionId id) noexcept;
 VEK_EXPORT void sqltExit(EcfFunctionId id, std::int64_t returnCode) noexcept;
 VEK_EXPORT void sqltData(EcfFunctionId id, std::uint32_t probe, std::uint32_t size, const void* data) noexcept;
@@ -124,7 +125,8 @@ VEK_EXPORT void pdtCorrelator(EcfFunctionId id, std::uint32_t probe, std::uint64
 VEK_EXPORT void sqleWlDispDiagEntry(EcfFunctionId id) noexcept;
 VEK_EXPORT void sqleWlDispDiagExit(EcfFunctionId id) noexcept;
 
-// The performance record of an exit. Does nothing, on purpose: a place for a profiler to interpose.
+// The performance record of an exit. Does nothing, on purpose: a place for a profiler to interpose
+// (a function of this name in the program or in a preloaded library; the shared library calls that one).
 VEK_EXPORT void sqltPerformanceRecordHook(const SqltPerformanceRecord* record) noexcept;
 
 // What a trace scope calls when its word has a bit for it. The entry form answers the word as it stands after

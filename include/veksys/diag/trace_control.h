@@ -59,17 +59,20 @@ extern "C" {
 //            SQLT_TRACE_ALREADY_CREATED: there is one; it is left as it is (one whose shared object has been removed or
 //            is of another layout is replaced)
 //            SQLT_TRACE_NO_SPACE: no room in the shared-memory file system; SQLT_TRACE_CREATE_FAILED: any other reason
-//            SQLT_TRACE_SKIPPED: VEK_SKIP_TRACE is set for this process
+//            SQLT_TRACE_SKIPPED: VEK_SKIP_TRACE is set for this process; SQLO_REGION_BUSY: another process keeps the
+//            region's lock
 //            a code of the instance region when this process cannot attach at all
 //   Threads  any; one creator at a time in the instance
 VEK_EXPORT SqlzZrc sqltTraceFacilityCreate(std::uint64_t bytes) noexcept;
 
-// Switches tracing off and removes the shared trace with all its records. SQLT_TRACE_NOT_CREATED when there is none.
+// Switches tracing off and removes the shared trace with all its records. 0, SQLT_TRACE_NOT_CREATED when there is none,
+// SQLO_REGION_BUSY when another process keeps the region's lock, or the code of a process that is not attached
+// (SQLT_TRACE_SKIPPED, SQLT_TRACE_CREATE_FAILED, SQLO_REGION_NO_MEMORY).
 // The memory goes back to the system at once, but for the segments that threads hold at that moment.
 VEK_EXPORT SqlzZrc sqltTraceFacilityDelete() noexcept;
 
 // The same for the client interface, which shares the facility: creating makes it unless it is there, deleting
-// removes it only when the client interface made it. Both answer 0 when there was nothing to do.
+// removes it only when the client interface made it. Both answer 0 when there was nothing to do, else as the two above.
 VEK_EXPORT SqlzZrc sqltTraceFacilityCLICreate(std::uint64_t bytes) noexcept;
 VEK_EXPORT SqlzZrc sqltTraceFacilityCLIDelete() noexcept;
 
@@ -85,18 +88,20 @@ VEK_EXPORT std::uint64_t sqltInquireTraceBufferSize() noexcept;
 // Writes 0: there is no auxiliary buffer. SQLO_INV_PARM for a null pointer.
 VEK_EXPORT SqlzZrc sqltTrcAuxBufferSize(std::uint64_t* bytesOut) noexcept;
 
-// Tells where the shared trace lives. SQLO_INV_PARM for a null pointer, else 0 or the code of a failed attach.
+// Tells where the shared trace lives. SQLO_INV_PARM for a null pointer, else 0 or the code of a
+// process that is not attached (as above); `out` is written with 0 only.
 VEK_EXPORT SqlzZrc sqltTrcSharedIPCInfo(SqltSharedIPCInfo* out) noexcept;
 
 // Writes the trace to a new file, which replaces `target` when it is complete. Tracing goes on meanwhile.
 //
-//   Result   0; SQLO_INV_PARM: null or empty path; SQLT_TRACE_NOT_CREATED: there is no trace;
+//   Result   0; SQLO_INV_PARM: null or empty path; SQLT_TRACE_NOT_CREATED: there is no trace; SQLT_TRACE_SKIPPED,
+//            SQLT_TRACE_CREATE_FAILED, SQLO_REGION_NO_MEMORY: this process is not or cannot be attached;
 //            SQLT_TRACE_DUMP_FAILED: the file cannot be written: an earlier file of that name stays as it was, unless
 //            everything was written and only the flush of its directory failed
 VEK_EXPORT SqlzZrc sqlt_dump_trace(const char* target) noexcept;
 
 // Writes the component words as the settings record says and switches an existing trace on again.
-// SQLO_INV_PARM for a null pointer; the code of a failed attach otherwise.
+// 0, SQLO_INV_PARM for a null pointer, or the code of a process that is not attached (as above).
 VEK_EXPORT SqlzZrc sqltSetTraceFlags(const SqltTraceSettings* settings) noexcept;
 
 // Puts every component word back to the event word's bit 0x40000.
@@ -105,12 +110,14 @@ VEK_EXPORT void sqltClearTraceFlags() noexcept;
 // Workload display on or off: bit 0x40000 of every component word and of the event word.
 VEK_EXPORT void sqltSetWorkloadDisplay(bool on) noexcept;
 
-// The partition number and process id that this process's records carry by default (0 and its own). In force for the
+// The partition number and process id that this process's records carry by default (that of the instance
+// control block, and its own). In force for the
 // calling thread's next record and for other threads from their next segment on.
 VEK_EXPORT void sqltSetTrcDftNodeNum(std::int16_t partition) noexcept;
 VEK_EXPORT void sqltspid(std::uint32_t processId) noexcept;
 
-// Forgets all records; tracing goes on. Does nothing without a trace.
+// Forgets all records; tracing goes on. Does nothing without a trace, and when another process keeps the region's lock
+// for two seconds.
 VEK_EXPORT void pdtClearBuffer() noexcept;
 
 // Switches tracing off in the instance; the records stay readable. sqltSetTraceFlags switches it on again.
