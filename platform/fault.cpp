@@ -49,7 +49,7 @@ void endByDefault(int signal, const siginfo_t* info) noexcept {
   struct sigaction action = {};
   action.sa_handler = SIG_DFL;
   ::sigaction(signal, &action, nullptr);
-  if (wasSent(info)) ::raise(signal);
+  if (wasSent(info)) (void)::raise(signal);
 }
 
 void callPrevious(int signal, siginfo_t* info, void* context) noexcept {

@@ -144,7 +144,7 @@ std::size_t forItems(const PdLogCall& call, std::size_t most, Take take) noexcep
     return call.items != nullptr ? count : 0;
   }
   std::va_list arguments;
-  va_copy(arguments, *call.arguments);
+  va_copy(arguments, *call.arguments);  // NOLINT(clang-analyzer-valist.Uninitialized): the caller has started it
   for (std::size_t i = 0; i < count; ++i) {
     const auto type = va_arg(arguments, std::uint32_t);
     const auto size = va_arg(arguments, std::uint32_t);
@@ -202,7 +202,7 @@ void formatRecord(void* context) noexcept {
   takeMessage(call, &body);
   std::va_list arguments;
   if (call.format != nullptr && call.message == nullptr) {
-    va_copy(arguments, *call.arguments);
+    va_copy(arguments, *call.arguments);  // NOLINT(clang-analyzer-valist.Uninitialized): the caller has started it
     body.messageFormat = call.format;
     body.messageArguments = &arguments;
   }
@@ -224,7 +224,7 @@ void formatRecord(void* context) noexcept {
   body.note = view(g_log.note);
   if ((call.flags & PD_LOG_CALL_STACK) != 0) body.callStack = &g_log.stack;
   job.text = pdFormatRecord(g_log.header, body, g_log.record, sizeof g_log.record);
-  if (body.messageArguments != nullptr) va_end(arguments);
+  if (body.messageArguments != nullptr) va_end(arguments);  // NOLINT(clang-analyzer-valist.Uninitialized): as above
 }
 
 void stamp(char* record, std::uint64_t offset, std::size_t length) noexcept {
@@ -289,12 +289,11 @@ PdRecordText formatGuarded(const PdLogCall& call, const PdLogDumpFact* dump, con
 
 // What the record has to say besides its own matter.
 void composeNote(std::uint64_t dropped) noexcept {
-  std::size_t length = g_log.losses.compose(g_log.note, sizeof g_log.note);
+  const std::size_t length = g_log.losses.compose(g_log.note, sizeof g_log.note);
   if (dropped == 0) return;
-  length +=
-      ossSnprintf(g_log.note + length, sizeof g_log.note - length,
-                  "Before this record %llu log call%s from inside a log call %s dropped.\r\n",
-                  static_cast<unsigned long long>(dropped), dropped == 1 ? "" : "s", dropped == 1 ? "was" : "were");
+  ossSnprintf(g_log.note + length, sizeof g_log.note - length,
+              "Before this record %llu log call%s from inside a log call %s dropped.\r\n",
+              static_cast<unsigned long long>(dropped), dropped == 1 ? "" : "s", dropped == 1 ? "was" : "were");
 }
 
 SqlzZrc writeLocked(const PdLogCall& call, const PdLogDumpFact* dump, const Facts& facts) noexcept {
