@@ -24,8 +24,8 @@ struct Command {
 inline CLI::Validator countOption() {
   return {[](std::string& typed) {
             const bool digits =
-                !typed.empty() && typed.size() <= 18 && typed.find_first_not_of("0123456789") == typed.npos;
-            const bool accepted = digits && typed.find_first_not_of('0') != typed.npos;
+                !typed.empty() && typed.size() <= 18 && typed.find_first_not_of("0123456789") == std::string::npos;
+            const bool accepted = digits && typed.find_first_not_of('0') != std::string::npos;
             return accepted ? std::string() : "\"" + typed + "\" is no count: a whole number from 1 on is";
           },
           ""};
