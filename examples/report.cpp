@@ -3,6 +3,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <veksys/diag/rc.h>
+#include <veksys/host.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -211,25 +212,39 @@ std::string commandToType() {
   return quoted(error || relative.size() >= beside.string().size() ? beside.string() : relative);
 }
 
+// Why the command would find no trace of this run to show; empty when it finds one.
+std::string whyNoTrace(const TraceSetup& trace) {
+  if (std::getenv("VEK_SKIP_TRACE") != nullptr) return "VEK_SKIP_TRACE is set, which keeps processes away from it";
+  if (trace.code != 0) return joined(nameOf(trace.code), ", ", entryOf(trace.code).description);
+  return trace.bytes == 0 ? "none was asked for" : "";
+}
+
+// The option that makes the command work on this instance from any shell; the default needs none.
+std::string instanceOption() {
+  const std::string name = vekInstanceName();
+  return name == "default" ? "" : " --instance " + name;
+}
+
 // `code` is the one to be explained.
-void printLookCloser(SqlzZrc code) {
+void printLookCloser(const TraceSetup& setup, SqlzZrc code) {
+  using Row = std::pair<std::string, const char*>;
   const std::string veksys = commandToType();
-  const char* named = std::getenv("VEKINSTANCE");
-  const bool instanceIsKnown = named != nullptr && named[0] != '\0';
-  const std::string ofInstance = veksys + (instanceIsKnown ? "" : " --instance demo");
+  const std::string ofInstance = veksys + instanceOption();
   const std::string trace = ofInstance + " trace ";
-  const std::pair<std::string, const char*> rows[] = {
-      {ofInstance + " log --tail 5", "the last records of the diagnostic log"},
-      {trace + "status", "what is on, how full the ring is"},
-      {trace + "stat", "calls, times and failures by function"},
-      {trace + "flow --errors", "the calls that led to each error"},
-      {trace + "format --function demo::parseStanza", "single records"},
-      {joined(veksys, " rc ", nameOf(code)), "what a code means"},
-  };
+  const std::string why = whyNoTrace(setup);
+  std::vector<Row> rows = {{ofInstance + " log --tail 5", "the last records of the diagnostic log"}};
+  if (why.empty()) {
+    rows.emplace_back(trace + "status", "what is on, how full the ring is");
+    rows.emplace_back(trace + "stat", "calls, times and failures by function");
+    rows.emplace_back(trace + "flow --errors", "the calls that led to each error");
+    rows.emplace_back(trace + "format --function demo::parseStanza", "single records");
+  }
+  rows.emplace_back(joined(veksys, " rc ", nameOf(code)), "what a code means");
   std::size_t width = 0;
-  for (const auto& row : rows) width = std::max(width, row.first.size());
+  for (const Row& row : rows) width = std::max(width, row.first.size());
   heading("Look closer:");
-  for (const auto& row : rows) line("  ", left(row.first, width), "   # ", row.second);
+  if (!why.empty()) line("  There is no trace to look at: ", why, ".");
+  for (const Row& row : rows) line("  ", left(row.first, width), "   # ", row.second);
 }
 
 }  // namespace
@@ -245,7 +260,7 @@ void printReport(const Facts& facts) {
   printWorkers(facts);
   printSqlca(facts.outcome.shown);
   const SqlzZrc code = facts.outcome.shown.area.sqlerrd[0];
-  printLookCloser(code != 0 ? code : codeOf(Condition::kDependencyMissing));
+  printLookCloser(facts.trace, code != 0 ? code : codeOf(Condition::kDependencyMissing));
 }
 
 }  // namespace demo

@@ -57,7 +57,7 @@ TraceSetup prepareTrace(bool keepSettings) noexcept {
   setup.code = vekInstanceStatus();
   if (setup.code != 0) return setup;
   if (!keepSettings) {
-    setup.code = sqltTraceFacilityCreate(SQLT_TRACE_SIZE_DEFAULT);
+    setup.code = sqltTraceFacilityCreate(0);  // of the default size
     setup.created = setup.code == 0;
     if (setup.code == SQLT_TRACE_ALREADY_CREATED) setup.code = 0;
     if (setup.code == 0) setup.points = switchPoints(&setup.code);
