@@ -168,9 +168,17 @@ void ClockText::date(Text& text, std::int64_t moment) {
 }
 
 void ClockText::iso(Text& text, std::int64_t moment) {
-  const auto seconds = static_cast<time_t>(secondOf(moment));
+  const std::chrono::sys_seconds second{std::chrono::seconds(secondOf(moment))};
+  const auto midnight = std::chrono::floor<std::chrono::days>(second);
+  const std::chrono::year_month_day day{midnight};
+  const std::chrono::hh_mm_ss ofDay{second - midnight};
   tm parts = {};
-  ::gmtime_r(&seconds, &parts);
+  parts.tm_year = static_cast<int>(day.year()) - 1900;
+  parts.tm_mon = static_cast<int>(static_cast<unsigned>(day.month())) - 1;
+  parts.tm_mday = static_cast<int>(static_cast<unsigned>(day.day()));
+  parts.tm_hour = static_cast<int>(ofDay.hours().count());
+  parts.tm_min = static_cast<int>(ofDay.minutes().count());
+  parts.tm_sec = static_cast<int>(ofDay.seconds().count());
   char stamp[19];
   writeStamp(stamp, parts, 'T');
   text.put(std::string_view(stamp, sizeof stamp));

@@ -1,18 +1,18 @@
-// JSON in two shapes: documents, indented, for what is one answer; lines, one object each, for streams of records.
+// JSON in two shapes: documents, indented, for what is one answer; lines (json_line.h) for streams of records.
 #pragma once
 
 #include <rapidjson/prettywriter.h>
-#include <rapidjson/writer.h>
 
 #include <string>
 #include <string_view>
 #include <type_traits>
 
+#include "json_line.h"
 #include "output.h"
 
 namespace veksys {
 
-// What the writers write into.
+// What the writer of documents writes into.
 class JsonSink {
  public:
   using Ch = char;
@@ -24,15 +24,12 @@ class JsonSink {
   Text* text_ = nullptr;
 };
 
-// Members of an object, by the type of their value. `Writer` is one of rapidjson's.
-template <class Writer>
-class JsonMembers : public Writer {
+// An indented document: members of objects, by the type of their value.
+class JsonDocument : public rapidjson::PrettyWriter<JsonSink> {
  public:
-  JsonMembers() {
-    if constexpr (requires { this->SetIndent(' ', 2); }) {
-      this->SetIndent(' ', 2);
-      this->SetFormatOptions(rapidjson::kFormatDefault);  // this constructor of the writer leaves them open
-    }
+  JsonDocument() {
+    this->SetIndent(' ', 2);
+    this->SetFormatOptions(rapidjson::kFormatDefault);  // this constructor of the writer leaves them open
   }
 
   // Begins an object of its own in `text`. The writer can be used for one object after the other.
@@ -74,8 +71,5 @@ class JsonMembers : public Writer {
  private:
   JsonSink sink_;
 };
-
-using JsonDocument = JsonMembers<rapidjson::PrettyWriter<JsonSink>>;
-using JsonLine = JsonMembers<rapidjson::Writer<JsonSink>>;
 
 }  // namespace veksys

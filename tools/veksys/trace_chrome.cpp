@@ -65,20 +65,19 @@ class ChromeView : public TraceView {
 
   void putMoment(std::int64_t moment) {
     const std::int64_t ns = std::max<std::int64_t>(nsBetween(beginNs_, moment), 0);
-    Text text;
-    text.decimal(static_cast<std::uint64_t>(ns / 1000));
-    text.put('.');
-    text.decimalZeros(static_cast<std::uint64_t>(ns % 1000), 3);
     json_.key("ts");
-    json_.RawValue(text.data(), text.size(), rapidjson::kNumberType);
+    json_.number([&](Text& text) {
+      text.decimal(static_cast<std::uint64_t>(ns / 1000));
+      text.put('.');
+      text.decimalZeros(static_cast<std::uint64_t>(ns % 1000), 3);
+    });
   }
 
   void name(const TraceThread& thread, std::string_view what, const char* given) {
-    Text text;
-    putSafe(text, given);
     event(thread, "M", what, [&](JsonLine& json) {
       json.object("args");
-      json.member("name", text.view());
+      json.key("name");
+      json.safe(given);
       json.EndObject();
     });
   }
@@ -108,7 +107,7 @@ class ChromeView : public TraceView {
     if (!sight.shown) return;
     event(sight.thread, "B", sight.function.name, [&](JsonLine& json) {
       putMoment(sight.record.realtimeNs);
-      json.member("cat", sight.function.component);
+      json.member("cat", std::string_view(sight.function.component));
       putArguments(sight);
     });
   }
@@ -135,7 +134,8 @@ class ChromeView : public TraceView {
   }
 
   void instant(const TraceSight& sight) {
-    Text text;
+    Text& text = title_;
+    text.clear();
     if (sight.record.kind == SqltRecordKind::kGap) {
       putGap(text, sight.record);
     } else {
@@ -156,6 +156,7 @@ class ChromeView : public TraceView {
   TracePass& pass_;
   FileOutput& file_;
   JsonLine json_;
+  Text title_;  // of an instant
   CallStacks stacks_;
   std::vector<bool> introduced_;
   bool first_ = true;         // no event yet

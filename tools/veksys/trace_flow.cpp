@@ -274,8 +274,8 @@ class FlowView : public TraceView {
   void putCall(JsonLine& json, const TraceThread& thread, const OpenCall& call, std::string_view kind) {
     putMomentMembers(json, call.realtimeNs);
     json.member("kind", kind);
-    putThreadMembers(json, thread.who);
-    putFunctionMembers(json, *call.function);
+    json.fragment(thread.members);
+    json.fragment(call.function->members);
     if (call.arguments.size() != 0) json.member("arguments", call.arguments.view());
   }
 

@@ -231,21 +231,23 @@ namespace {
 
 void putValue(JsonLine& json, const SqltTraceReader& reader, const SqltTraceItem& item, ItemKind kind) {
   std::uint64_t value = 0;
-  Text text;
   if (item.isNull) return json.value(static_cast<const char*>(nullptr));
   if (isInteger(kind) && itemInteger(item, kind == ItemKind::kSigned, &value)) {
     if (kind == ItemKind::kSigned) return json.value(static_cast<std::int64_t>(value));
     if (kind == ItemKind::kUnsigned || kind == ItemKind::kSignal) return json.value(value);
     if (kind == ItemKind::kBool) return json.value(value != 0);
+    if (kind == ItemKind::kHex) return json.plain([&](Text& text) { text.hexShort(value); });
+    Text text;
     putInteger(text, reader, kind, value);
-  } else if (kind == ItemKind::kText || kind == ItemKind::kCharacter) {
-    std::string_view bytes = itemBytes(item);
-    if (!bytes.empty() && bytes.back() == '\0') bytes.remove_suffix(1);
-    putSafe(text, bytes);
-  } else {
-    for (const char byte : itemBytes(item)) text.hex(static_cast<unsigned char>(byte), 2);
+    return json.value(text.view());
   }
-  json.value(text.view());
+  std::string_view bytes = itemBytes(item);
+  if (kind != ItemKind::kText && kind != ItemKind::kCharacter)
+    return json.plain([&](Text& text) {
+      for (const char byte : bytes) text.hex(static_cast<unsigned char>(byte), 2);
+    });
+  if (!bytes.empty() && bytes.back() == '\0') bytes.remove_suffix(1);
+  json.safe(bytes);
 }
 
 }  // namespace

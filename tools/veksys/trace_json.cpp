@@ -5,41 +5,47 @@
 namespace veksys {
 
 void putMomentMembers(JsonLine& json, std::int64_t moment) {
-  Text text;
-  ClockText::iso(text, moment);
-  json.member("time", text.view());
+  json.plainMember("time", [&](Text& text) { ClockText::iso(text, moment); });
   json.member("time_ns", moment);
 }
 
-void putThreadMembers(JsonLine& json, const SqltTraceThread& who) {
-  Text name;
+std::string threadMembers(const SqltTraceThread& who) {
+  Text text;
+  JsonLine json;
+  json.beginFragment(text);
   json.member("process", who.processId);
-  putSafe(name, who.processName);
-  json.member("process_name", name.view());
-  name.clear();
-  putSafe(name, who.threadName);
+  json.key("process_name");
+  json.safe(who.processName);
   json.member("thread", who.threadId);
-  json.member("thread_name", name.view());
+  json.key("thread_name");
+  json.safe(who.threadName);
   json.member("partition", who.partition);
+  return std::string(text.view());
 }
 
-void putFunctionMembers(JsonLine& json, const TraceFunction& function) {
-  Text id;
-  id.hexCode(function.id);
-  json.member("function", function.name);
-  json.member("function_id", id.view());
-  json.member("component", function.component);
+std::string functionMembers(const TraceFunction& function) {
+  Text text;
+  JsonLine json;
+  json.beginFragment(text);
+  json.member("function", std::string_view(function.name));
+  json.plainMember("function_id", [&](Text& id) { id.hexCode(function.id); });
+  json.member("component", std::string_view(function.component));
+  return std::string(text.view());
 }
 
 void putCodeMembers(JsonLine& json, CodeNames& codes, std::string_view name, std::int64_t value) {
-  const SqlzZrcEntry* entry = codes.find(value);
-  Text hex;
-  hex.put("0x");
-  hex.hex(static_cast<std::uint64_t>(value), value < -0x80000000LL || value > 0xFFFFFFFFLL ? 16 : 8);
   json.object(name);
+  if (value == 0) {
+    json.fragment(R"("value":0,"hex":"0x00000000","name":null,"failed":false)");
+    return json.EndObject();
+  }
+  const SqlzZrcEntry* entry = codes.find(value);
   json.member("value", value);
-  json.member("hex", hex.view());
-  json.member("name", entry == nullptr || value == 0 ? nullptr : entry->name);
+  json.plainMember("hex", [&](Text& hex) {
+    hex.put("0x");
+    hex.hex(static_cast<std::uint64_t>(value), value < -0x80000000LL || value > 0xFFFFFFFFLL ? 16 : 8);
+  });
+  json.member("name", entry == nullptr ? nullptr : entry->name);
   json.member("failed", codes.isFailure(value));
   json.EndObject();
 }
@@ -84,9 +90,9 @@ void putRecordMembers(JsonLine& json, TracePass& pass, const TraceSight& sight) 
   const SqltTraceRecord& record = sight.record;
   putMomentMembers(json, record.realtimeNs);
   json.member("kind", kindName(record.kind));
-  putThreadMembers(json, sight.thread.who);
+  json.fragment(sight.thread.members);
   if (record.kind == SqltRecordKind::kGap) return putGapMembers(json, record);
-  putFunctionMembers(json, sight.function);
+  json.fragment(sight.function.members);
   putDetailMembers(json, pass, record);
 }
 

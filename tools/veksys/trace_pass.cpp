@@ -139,6 +139,7 @@ const TraceFunction& TracePass::addFunction(EcfFunctionId id) {
   else
     text.put(function->component + "." + std::to_string(ecfNumber(id)));
   function->name = text.view();
+  function->members = functionMembers(*function);
   if (full) {
     function->index = static_cast<std::uint32_t>(TRACE_FUNCTIONS_MOST - 1);
     *functions_.back() = *function;
@@ -158,7 +159,8 @@ const TraceThread& TracePass::threadOf(const SqltTraceRecord& record) {
   if (known == nullptr) {
     threads_.push_back(std::make_unique<TraceThread>());
     known = threads_.back().get();
-    *known = {who, static_cast<std::uint32_t>(threads_.size() - 1), filter_.choosesThread(who), record.realtimeNs};
+    *known = {who, static_cast<std::uint32_t>(threads_.size() - 1), filter_.choosesThread(who), record.realtimeNs,
+              threadMembers(who)};
   }
   lastThread_ = known;
   return *known;

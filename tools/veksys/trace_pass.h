@@ -20,6 +20,7 @@ struct TraceFunction {
   bool chosen;
   std::string name;       // "SQLO.17" when nobody named it
   std::string component;  // prefix
+  std::string members;    // the same as members of a JSON object
 };
 
 // A thread met in the trace.
@@ -28,7 +29,11 @@ struct TraceThread {
   std::uint32_t index;  // counts from 0 in the order of first appearance
   bool chosen;
   std::int64_t firstNs;  // moment of its first record
+  std::string members;   // the same as members of a JSON object
 };
+
+std::string functionMembers(const TraceFunction& function);
+std::string threadMembers(const SqltTraceThread& who);
 
 // A record as a view gets it. `shown` tells whether the filter chose it; those it did not choose still carry the
 // structure of calls.

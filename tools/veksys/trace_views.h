@@ -21,8 +21,6 @@ void putProbe(Text& text, std::uint32_t probe);
 // A record as members of a JSON object.
 void putRecordMembers(JsonLine& json, TracePass& pass, const TraceSight& sight);
 void putDetailMembers(JsonLine& json, TracePass& pass, const SqltTraceRecord& record);  // probe, code, event, items
-void putThreadMembers(JsonLine& json, const SqltTraceThread& who);
-void putFunctionMembers(JsonLine& json, const TraceFunction& function);
 void putMomentMembers(JsonLine& json, std::int64_t moment);
 void putCodeMembers(JsonLine& json, CodeNames& codes, std::string_view name, std::int64_t value);
 
