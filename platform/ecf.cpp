@@ -14,6 +14,7 @@ namespace {
 
 struct EcfComponentRow {
   const char* shortName;
+  const char* secondPrefix;
   const char* name;
 };
 
@@ -24,7 +25,7 @@ struct EcfFunctionRow {
 
 #include "ecf_tables.inc"
 
-constexpr EcfComponentRow kNoComponent = {nullptr, nullptr};
+constexpr EcfComponentRow kNoComponent = {nullptr, nullptr, nullptr};
 
 const EcfComponentRow& componentOf(EcfFunctionId id) noexcept {
   return ecfIsFunctionId(id) ? kComponents[ecfComponent(id)] : kNoComponent;
@@ -67,6 +68,9 @@ const char* ecfGetFunctionName(EcfFunctionId id) noexcept {
 
 std::int32_t ecfFindComponent(const char* name) noexcept {
   if (name == nullptr) return -1;
-  const std::int32_t byPrefix = vek::findComponent(name, &vek::EcfComponentRow::shortName);
-  return byPrefix >= 0 ? byPrefix : vek::findComponent(name, &vek::EcfComponentRow::name);
+  std::int32_t found = -1;
+  for (const auto column :
+       {&vek::EcfComponentRow::shortName, &vek::EcfComponentRow::secondPrefix, &vek::EcfComponentRow::name})
+    if (found < 0) found = vek::findComponent(name, column);
+  return found;
 }

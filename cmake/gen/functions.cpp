@@ -42,8 +42,21 @@ std::string constantName(const std::string& function) {
 
 struct Component {
   std::string prefix;
+  std::string secondPrefix;  // or empty
   std::string name;
 };
+
+// "SQLO", or "SQLP,SQLPR".
+Component componentOf(const Row& row) {
+  Row prefixes = row;
+  const std::size_t comma = std::min(row.cells[1].find(','), row.cells[1].size());
+  prefixes.cells[1].resize(comma);
+  Component component = {nameCell(prefixes, 1, false), "", textCell(row, 2, 60)};
+  if (comma == row.cells[1].size()) return component;
+  prefixes.cells[1] = row.cells[1].substr(comma + 1);
+  component.secondPrefix = nameCell(prefixes, 1, false);
+  return component;
+}
 
 std::vector<Component> readComponents(const std::string& path) {
   std::vector<Component> components(256);
@@ -51,7 +64,7 @@ std::vector<Component> readComponents(const std::string& path) {
   for (const Row& row : readTable(path, 3)) {
     const std::uint32_t number = hexCell(row, 0, 2, false);
     numbers.add(row, row.cells[0]);
-    components[number] = {nameCell(row, 1, false), textCell(row, 2, 60)};
+    components[number] = componentOf(row);
   }
   return components;
 }
@@ -69,16 +82,18 @@ std::string functionsHeader(const Inputs& inputs) {
   return out + "\n}  // namespace vek\n";
 }
 
+std::string literalOrNull(const std::string& text) { return text.empty() ? "nullptr" : '"' + text + '"'; }
+
 std::string ecfTables(const Inputs& inputs) {
   const std::vector<Component> components = readComponents(inputs.at(0));
   const std::vector<Row> rows = readTable(inputs.at(1), 3);
-  std::string out = banner(inputs) + "\n// By component number: short name and name, null without a row.\n";
+  std::string out =
+      banner(inputs) + "\n// By component number: short name, second prefix and name, null where there is none.\n";
   out += "constexpr EcfComponentRow kComponents[256] = {\n";
   for (std::size_t number = 0; number < components.size(); ++number) {
     const Component& component = components[number];
-    out += component.name.empty()
-               ? format("    {nullptr, nullptr},  // %02zX\n", number)
-               : format("    {\"%s\", \"%s\"},  // %02zX\n", component.prefix.c_str(), component.name.c_str(), number);
+    out += format("    {%s, %s, %s},  // %02zX\n", literalOrNull(component.prefix).c_str(),
+                  literalOrNull(component.secondPrefix).c_str(), literalOrNull(component.name).c_str(), number);
   }
   out += "};\n\n// The library's own functions, ascending by identifier.\nconstexpr EcfFunctionRow kFunctions[] = {\n";
   for (const Function& function : readFunctions(rows)) {

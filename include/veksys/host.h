@@ -131,7 +131,8 @@ VEK_EXPORT const char* ecfGetComponentShortName(EcfFunctionId id) noexcept;
 VEK_EXPORT const char* ecfGetFunctionName(EcfFunctionId id) noexcept;
 
 // The component number for a prefix or a name, case-insensitive; -1 when there is none. Of several components that
-// share a prefix the lowest number is answered.
+// share a prefix the lowest number is answered. Two components have a second prefix, which is found as well: SQLPR
+// (0x10) and SQLUC (0xB0).
 VEK_EXPORT std::int32_t ecfFindComponent(const char* name) noexcept;
 
 }  // extern "C"

@@ -174,7 +174,8 @@ TEST(Ecf, NamesComponentsAndFunctions) {
   const struct {
     const char* name;
     std::int32_t number;
-  } finds[] = {{"sqlo", 0x0F}, {"SQLZ", 0}, {"Utilities", 0x1A}, {"CF", 0xC0}, {"none", -1}, {"", -1}};
+  } finds[] = {{"sqlo", 0x0F},  {"SQLZ", 0},     {"Utilities", 0x1A}, {"CF", 0xC0},
+               {"SQLPR", 0x10}, {"sqluc", 0xB0}, {"none", -1},        {"", -1}};
   for (const auto& find : finds) EXPECT_EQ(ecfFindComponent(find.name), find.number) << find.name;
   EXPECT_EQ(ecfFindComponent(nullptr), -1);
 }

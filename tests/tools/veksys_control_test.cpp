@@ -87,6 +87,9 @@ TEST_F(Control, SizesAreTold) {
     EXPECT_TRUE(holds(answer.out, each.remark)) << answer.out;
     EXPECT_EQ(veksys({"trace", "off", "--discard"}).status, 0);
   }
+  ::setenv("VEKTRC_DEF_BUFFSIZE", "3m", 1);
+  EXPECT_TRUE(holds(veksys({"trace", "on"}).out, "ring   3 MB\n")) << "the default is taken as it is";
+  ::unsetenv("VEKTRC_DEF_BUFFSIZE");
   for (const char* typed : {"", "M", "-1", "12Q", "0x", "99999999999999999999"})
     expectSentence(veksys({"trace", "on", "--size=" + std::string(typed)}), 2, "size");
 }
@@ -118,13 +121,16 @@ TEST_F(Control, MaskIsSetAddedToAndRemovedFrom) {
     EXPECT_EQ(wordOf(2), each.pool) << ::testing::PrintToString(each.options);
   }
   const auto shared = json(veksys({"trace", "mask", "--component", "SQLZ", "--json"}).out);
+  const auto second = json(veksys({"trace", "mask", "--component", "SQLUC,SQLPR", "--json"}).out);
+  ASSERT_EQ(second["components"].Size(), 2U) << "a second prefix stands for its component";
+  EXPECT_EQ(second["components"][1]["number"].GetInt(), 0xB0);
   ASSERT_EQ(shared["components"].Size(), 2U) << "a prefix stands for every component that has it";
   EXPECT_EQ(shared["components"][0]["number"].GetInt(), 0);
   EXPECT_EQ(shared["components"][1]["number"].GetInt(), 0x1A);
 }
 
 TEST_F(Control, RefusesInstancesItMayNotLookAt) {
-  for (const char* name : {"a/b", "..", ".hidden", "with blank", "name-of-more-than-thirty-two-characters"})
+  for (const char* name : {"", "a/b", "..", ".hidden", "with blank", "name-of-more-than-thirty-two-characters"})
     expectSentence(veksys({"--instance", name, "trace", "status"}), 2, "no instance name");
   const std::string foreign = directoryOfInstance() + "/veksys." + std::to_string(::getuid() + 4711) + ".platformtest";
   std::ofstream(foreign) << "theirs";
@@ -172,6 +178,8 @@ TEST_F(Control, MistakesGetOneSentence) {
       {{"trace", "flow", "--error"}, 2, "Did you mean --errors"},
       {{"trace", "format", "a", "b"}, 2, "\"b\""},
       {{"trace", "dump"}, 2, "FILE"},
+      {{"trace", "on", "--size", ""}, 2, "no size"},
+      {{"trace", "format", ""}, 2, "no name of a file"},
       {{"trace", "on", "--component", "SQLX"}, 2, "SQLX"},
       {{"trace", "on", "--type", "exits"}, 2, "Did you mean exit"},
       {{"trace", "mask", "--add"}, 2, "--component or --type"},

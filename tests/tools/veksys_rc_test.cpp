@@ -45,6 +45,7 @@ TEST_F(Rc, ReadsACodeInEveryForm) {
       {{"0x8B0F0000", "-911", "SQLO_EOF"}, {"0x8B0F0000", "-911", "0x870F0009"}},
       {{"ZRC=0x8B0F0000=-1961951232=SQLO_NOMEM \"No Memory Available\""}, {"0x8B0F0000"}},
       {{"rc", "=", "-1961951232"}, {"0x8B0F0000"}},
+      {{"RC=-1 failed"}, {"-1"}},
       {{"PID", ":", "4711", "at", "0x7ffd12345678", "rc=0x860F000A,", "sqlcode", ":", "-911"}, {"0x860F000A", "-911"}},
       {{"FUNCTION 0x18D00008 left with 0x8B0F0000 and SQLO_EOF"}, {"0x8B0F0000", "0x870F0009"}},
   };
@@ -79,6 +80,27 @@ TEST_F(Rc, ExplainsFieldByField) {
   EXPECT_TRUE(holds(veksys({"rc", "0xFE000001"}).out, "no such error type"));
   EXPECT_TRUE(holds(veksys({"rc", "0"}).out, "success is not reported"));
   EXPECT_TRUE(json(veksys({"rc", "0", "--json"}).out)["codes"][0]["sql"].IsNull());
+}
+
+TEST_F(Rc, TellsHowASmallNumberWasRead) {
+  struct Case {
+    const char* typed;
+    const char* note;
+  };
+  const Case cases[] = {{"-1", "written 0xFFFFFFFF, a special one"}, {"42", "no return code of the catalogue is 42"}};
+  for (const Case& each : cases) {
+    const auto code = json(veksys({"rc", "--json", each.typed}).out)["codes"][0].FindMember("note")->value.GetString();
+    EXPECT_TRUE(holds(code, each.note)) << code;
+  }
+  EXPECT_FALSE(json(veksys({"rc", "-911", "--json"}).out)["codes"][0].HasMember("note"));
+}
+
+TEST_F(Rc, ShowsTheNameThatWasAskedFor) {
+  for (const char* name : {"HA_ZRC_OK", "PSM_OK"}) {
+    const Answer answer = veksys({"rc", name});
+    EXPECT_TRUE(answer.out.starts_with("0x00000000  " + std::string(name))) << answer.out;
+    EXPECT_TRUE(holds(answer.out, "text              Unknown")) << answer.out;
+  }
 }
 
 TEST_F(Rc, NamesTheCodesBehindAnSqlCode) {
@@ -130,7 +152,8 @@ TEST_F(Rc, FindsCodesByWords) {
 
 TEST_F(Rc, SaysWhenThereIsNothing) {
   expectSentence(veksys({"rc", "SQLO_NOMEN"}), 1, "Did you mean SQLO_NOMEM");
-  expectSentence(veksys({"rc", "0x8B0F0000", "SQLO_NOMEN"}), 1, "Did you mean SQLO_NOMEM");
+  EXPECT_EQ(veksys({"rc", "0x8B0F0000", "SQLO_NOMEN"}).err, veksys({"rc", "SQLO_NOMEN"}).err);
+  expectSentence(veksys({"rc", "FOO_BAR"}), 1, "\"FOO_BAR\"; accepted is a return code");
   expectSentence(veksys({"rc", "xyzzy", "plugh"}), 1, "\"xyzzy plugh\"");
   expectSentence(veksys({"rc", "-"}, "all is well at 0x00007F00\n"), 1, "no code");
   expectSentence(veksys({"rc"}, ""), 1, "no code");

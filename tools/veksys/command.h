@@ -31,6 +31,12 @@ inline CLI::Validator countOption() {
           ""};
 }
 
+// Refuses an empty text, which the library of options takes for none at all: "<sentence>".
+inline CLI::Validator notEmpty(std::string sentence) {
+  return {[sentence = std::move(sentence)](std::string& typed) { return typed.empty() ? sentence : std::string(); },
+          ""};
+}
+
 void addLog(CLI::App& app, Command& command);
 void addRc(CLI::App& app, Command& command);
 void addTrace(CLI::App& app, Command& command);

@@ -21,8 +21,6 @@
 namespace veksys {
 namespace {
 
-constexpr const char* kNameForms = "1 to 32 letters, digits, '_', '-' or '.', not beginning with '.'";
-
 VekInstanceControl g_control;
 
 std::string sharedDirectory() {
@@ -98,7 +96,8 @@ void useInstance(const std::string& name) {
   if (name.empty()) {
     const char* variable = std::getenv("VEKINSTANCE");
     if (variable != nullptr && variable[0] != '\0' && std::strcmp(variable, vekInstanceName()) != 0)
-      wrongUse("VEKINSTANCE holds \"" + std::string(variable) + "\", which is no instance name: " + kNameForms + ".");
+      wrongUse("VEKINSTANCE holds \"" + std::string(variable) +
+               "\", which is no instance name: " + std::string(INSTANCE_NAME_FORMS) + ".");
     return;
   }
   VekHost host = {};
@@ -108,7 +107,7 @@ void useInstance(const std::string& name) {
   g_control.instanceName[0] = '\0';
   if (name.size() < sizeof g_control.instanceName) std::memcpy(g_control.instanceName, name.c_str(), name.size() + 1);
   if (g_control.instanceName[0] == '\0' || vekHostInstall(&host) != 0)
-    wrongUse("\"" + name + "\" is no instance name: " + kNameForms + ".");
+    wrongUse("\"" + name + "\" is no instance name: " + std::string(INSTANCE_NAME_FORMS) + ".");
 }
 
 void stayDetached() { ::setenv("VEK_SKIP_TRACE", "1", 1); }

@@ -2,10 +2,15 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "veksys/types.h"
 
 namespace veksys {
+
+// What an instance may be called, for messages.
+inline constexpr std::string_view INSTANCE_NAME_FORMS =
+    "1 to 32 letters, digits, '_', '-' or '.', not beginning with '.'";
 
 // Makes `name` the instance of this process; an empty name leaves it to VEKINSTANCE. Throws Failure for a name that no
 // instance can have. Call it before anything else of the library.

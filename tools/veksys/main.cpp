@@ -104,7 +104,8 @@ void describe(CLI::App& app, Command& command, std::string& list) {
   app.footer(std::string(kEverywhere) + kExitStatus);
   app.set_version_flag("--version", std::string("veksys ") + VEKSYS_VERSION);
   app.add_option("--instance", command.instance, "The instance to work on; else VEKINSTANCE, else \"default\"")
-      ->type_name("NAME");
+      ->type_name("NAME")
+      ->check(notEmpty("\"\" is no instance name: " + std::string(INSTANCE_NAME_FORMS)));
   app.add_flag("--json", command.json, "Print JSON: a document, or one object per line for streams of records");
   app.add_option("--list", list)->group("");
   addLog(app, command);

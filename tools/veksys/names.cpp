@@ -34,6 +34,8 @@ ComponentSet parseComponent(const std::string& typed) {
         equalIgnoringCase(typed, ecfGetComponentName(idOf(component))))
       found.set(component);
   }
+  if (const std::int32_t other = ecfFindComponent(typed.c_str()); found.none() && other >= 0)  // by a second prefix
+    found.set(static_cast<std::size_t>(other));
   if (found.none())
     wrongUse("\"" + typed + "\" is no component: a prefix such as SQLO, a name, a number from 0 to 255 or \"all\" is." +
              didYouMean(nearestNames(typed, componentNames())));

@@ -55,30 +55,6 @@ std::vector<std::string> splitWords(const std::string& text) {
   return words;
 }
 
-// A word written like the name of a code: SQLO_NOMEM.
-bool looksLikeName(const std::string& word) {
-  return word.find('_') != std::string::npos &&
-         word.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_") == std::string::npos;
-}
-
-// Every word a code: these codes. Otherwise the codes that stand in the text as a whole, if any. A misspelt name among
-// codes is not passed over.
-std::vector<FoundCode> codesOf(const std::vector<std::string>& words, const std::string& text) {
-  std::vector<FoundCode> codes;
-  std::string misspelt;
-  for (const std::string& word : words) {
-    if (auto code = readCode(word))
-      codes.push_back(std::move(*code));
-    else if (looksLikeName(word))
-      misspelt = word;
-    else
-      return scanCodes(text);
-  }
-  if (!codes.empty() && !misspelt.empty())
-    sayNo("No return code is called " + misspelt + "." + didYouMean(nearestCodeNames(misspelt)));
-  return codes;
-}
-
 // ---- output -----------------------------------------------------------------------------------------------------
 
 void explainAsText(Command& command, const std::vector<FoundCode>& codes, std::size_t limit) {
@@ -88,7 +64,7 @@ void explainAsText(Command& command, const std::vector<FoundCode>& codes, std::s
     if (code.isSqlCode)
       putSqlCode(command.out, sqlFacts(code.value), codesOfSqlCode(code.value), limit);
     else
-      putZrc(command.out, zrcFacts(code.value));
+      putZrc(command.out, zrcFacts(code.value, code.named));
     if (!code.note.empty()) command.out.put("  Note: " + code.note + "\n");
   }
 }
@@ -103,7 +79,7 @@ void explainAsJson(Command& command, const std::vector<FoundCode>& codes, std::s
     if (code.isSqlCode)
       putSqlCode(json, sqlFacts(code.value), codesOfSqlCode(code.value), limit);
     else
-      putZrc(json, zrcFacts(code.value));
+      putZrc(json, zrcFacts(code.value, code.named));
     if (!code.note.empty()) json.member("note", code.note);
     json.EndObject();
   }
@@ -142,6 +118,39 @@ void listAsJson(Command& command, const std::vector<const SqlzZrcEntry*>& codes,
 
 // ---- the three ways of asking -----------------------------------------------------------------------------------
 
+// A word written like the name of a code: SQLO_NOMEM.
+bool looksLikeName(const std::string& word) {
+  constexpr std::string_view kLetters = "abcdefghijklmnopqrstuvwxyz0123456789_";
+  return word.find('_') != std::string::npos && lowerCase(word).find_first_not_of(kLetters) == std::string::npos;
+}
+
+// The answer to words that no code has: the same wherever they stood.
+[[noreturn]] void refuseUnknown(Command& command, const std::vector<std::string>& words) {
+  if (command.json) listAsJson(command, {}, 0);
+  const bool isName = words.size() == 1 && looksLikeName(words[0]);
+  sayNo((isName ? "No return code is called \"" + words[0] + "\""
+                : "No return code has \"" + join(words) + "\" in its name or text") +
+        "; accepted is " + std::string(CODE_FORMS) + "." +
+        (words.size() == 1 ? didYouMean(nearestCodeNames(words[0])) : ""));
+}
+
+// Every word a code: these codes. Otherwise the codes that stand in the text as a whole, if any. A misspelt name among
+// codes is not passed over.
+std::vector<FoundCode> codesOf(Command& command, const std::vector<std::string>& words, const std::string& text) {
+  std::vector<FoundCode> codes;
+  std::string unknown;
+  for (const std::string& word : words) {
+    if (auto code = readCode(word))
+      codes.push_back(std::move(*code));
+    else if (looksLikeName(word))
+      unknown = unknown.empty() ? word : unknown;
+    else
+      return scanCodes(text);
+  }
+  if (!codes.empty() && !unknown.empty()) refuseUnknown(command, {unknown});
+  return codes;
+}
+
 int explain(Command& command, const std::vector<FoundCode>& codes, std::size_t limit) {
   command.json ? explainAsJson(command, codes, limit) : explainAsText(command, codes, limit);
   return EXIT_DONE;
@@ -150,11 +159,8 @@ int explain(Command& command, const std::vector<FoundCode>& codes, std::size_t l
 // A single match of a name is as good as the name itself.
 int search(Command& command, const std::vector<std::string>& words, std::size_t limit) {
   const auto codes = searchCodes(words);
-  if (codes.size() == 1 && !command.json) return explain(command, {{false, codes[0]->code, ""}}, limit);
-  if (codes.empty() && command.json) listAsJson(command, codes, limit);
-  if (codes.empty())
-    sayNo("No return code has \"" + join(words) + "\" in its name or text." +
-          (words.size() == 1 ? didYouMean(nearestCodeNames(words[0])) : ""));
+  if (codes.size() == 1 && !command.json) return explain(command, {{false, codes[0]->code, "", codes[0]}}, limit);
+  if (codes.empty()) refuseUnknown(command, words);
   command.json ? listAsJson(command, codes, limit) : listAsText(command, codes, limit);
   return EXIT_DONE;
 }
@@ -172,7 +178,7 @@ int runRc(Command& command, const RcOptions& options) {
   if (text == "-" || (options.words.empty() && !isTerminal(STDIN_FILENO))) return explainInput(command, options.limit);
   const std::vector<std::string> words = splitWords(text);
   if (words.empty()) wrongUse("Nothing to explain: give " + std::string(CODE_FORMS) + ".");
-  const auto codes = codesOf(words, text);
+  const auto codes = codesOf(command, words, text);
   return codes.empty() ? search(command, words, options.limit) : explain(command, codes, options.limit);
 }
 

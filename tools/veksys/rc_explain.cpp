@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "names.h"
 #include "veksys/diag/sqlca.h"
@@ -83,6 +84,7 @@ std::string nameOf(const ZrcFacts& facts) {
   if (facts.entry == nullptr)
     return facts.type == SQLZ_ZRC_TYPE_OS_ERROR ? "none: it carries an operating-system error"
                                                 : "none: the catalogue does not hold it";
+  if (facts.usualName != nullptr) return std::string(facts.entry->name) + ", another name of " + facts.usualName;
   if (!facts.sharedEntry) return facts.entry->name;
   return std::string(facts.entry->name) + ", as " + componentLabel(facts.component) + " uses it";
 }
@@ -121,10 +123,11 @@ SqlFacts sqlFacts(std::int32_t sqlcode) {
   return {sqlcode, std::string(state, sizeof state), std::string(message, length)};
 }
 
-ZrcFacts zrcFacts(std::int32_t code) {
+ZrcFacts zrcFacts(std::int32_t code, const SqlzZrcEntry* named) {
   ZrcFacts facts = {};
   facts.code = code;
   facts.entry = sqlzFindZrc(code);
+  if (named != nullptr && named != facts.entry) facts.usualName = std::exchange(facts.entry, named)->name;
   if (facts.entry == nullptr && sqlzZrcType(code) != SQLZ_ZRC_TYPE_OS_ERROR) {  // its component bits are the error's
     facts.entry = sqlzFindZrc(sqlzZrc(static_cast<std::uint32_t>(code) & ~SQLZ_ZRC_COMPONENT_MASK));
     facts.sharedEntry = facts.entry != nullptr;
@@ -186,6 +189,7 @@ void putZrc(JsonDocument& json, const ZrcFacts& facts) {
   json.member("decimal", facts.code);
   json.member("name", facts.entry == nullptr ? nullptr : facts.entry->name);
   json.member("text", facts.entry == nullptr ? nullptr : facts.entry->description);
+  if (facts.usualName != nullptr) json.member("usual_name", facts.usualName);
   json.member("component_cleared", facts.sharedEntry);
   json.member("error", facts.code < 0);
   json.object("type");

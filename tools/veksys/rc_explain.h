@@ -23,6 +23,7 @@ struct ZrcFacts {
   std::int32_t code;
   const SqlzZrcEntry* entry;  // of the code, else of the code with its component cleared, else null
   bool sharedEntry;           // the entry is the one with the component cleared
+  const char* usualName;      // of the code, when the entry is another of its names; else null
   std::uint32_t type;
   std::uint32_t component;
   std::uint32_t number;
@@ -32,7 +33,9 @@ struct ZrcFacts {
   std::uint32_t osError;  // of type 3, else 0
   SqlFacts sql;           // sqlcode 0 for success
 };
-ZrcFacts zrcFacts(std::int32_t code);
+
+// What there is to say about a code; with `named`, the entry it was asked for by, under that name.
+ZrcFacts zrcFacts(std::int32_t code, const SqlzZrcEntry* named = nullptr);
 
 // The return codes that map to an SQL code, in the order of their values.
 std::vector<const SqlzZrcEntry*> codesOfSqlCode(std::int32_t sqlcode);

@@ -47,13 +47,25 @@ std::string hexOf(std::int32_t value) {
 FoundCode zrc(std::int32_t value, std::string note = "") { return {false, value, std::move(note)}; }
 FoundCode sql(std::int32_t value, std::string note = "") { return {true, value, std::move(note)}; }
 
-// Small numbers are SQL codes, large ones return codes; where both exist the note says which was taken.
-FoundCode decide(std::int64_t value, const std::string& typed) {
+// A small number as an SQL code, with what else it may be.
+FoundCode smallNumber(std::int32_t value) {
+  const std::string typed = std::to_string(value);
+  const std::string asCode = "the return code of that value is written " + hexOf(value);
+  if (value == -1)
+    return sql(value, typed + " is read as an SQL code; " + asCode +
+                          ", a special one: it stands for an error that nothing more is known of.");
+  if (isCatalogued(value)) return sql(value, typed + " is read as an SQL code; " + asCode + ".");
+  if (hasSqlMessage(value)) return sql(value);
+  return sql(value, "no SQL code of the message catalogue and no return code of the catalogue is " + typed +
+                        "; it is read as an SQL code because it is small, " + asCode + ".");
+}
+
+// Small numbers are SQL codes unless only the other catalogue has them, large ones return codes.
+FoundCode decide(std::int64_t value) {
+  if (value == 0 || value < -kSqlCodeMost || value > kSqlCodeMost)
+    return zrc(fromBits(static_cast<std::uint64_t>(value)));
   const auto code = static_cast<std::int32_t>(value);
-  if (value < -kSqlCodeMost || value > kSqlCodeMost) return zrc(fromBits(static_cast<std::uint64_t>(value)));
-  if (!isCatalogued(code) || value == 0) return value == 0 ? zrc(0) : sql(code);
-  if (!hasSqlMessage(code)) return zrc(code);
-  return sql(code, typed + " is read as an SQL code; the return code of that value is written " + hexOf(code) + ".");
+  return isCatalogued(code) && !hasSqlMessage(code) ? zrc(code) : smallNumber(code);
 }
 
 std::optional<FoundCode> readDecimal(const std::string& typed) {
@@ -70,7 +82,7 @@ std::optional<FoundCode> readDecimal(const std::string& typed) {
     const std::int32_t asHex = fromBits(hexValue(digits));
     if (looksLikeError(asHex) || isCatalogued(asHex)) return zrc(asHex, typed + " is read as eight hex digits.");
   }
-  return decide(negative ? -value : value, typed);
+  return decide(negative ? -value : value);
 }
 
 std::optional<FoundCode> readHex(const std::string& typed) {
@@ -109,7 +121,7 @@ std::optional<FoundCode> readMessageId(std::string_view typed) {
 std::optional<FoundCode> readName(const std::string& typed) {
   const SqlzZrcEntry* entry = sqlzFindZrcByName(typed.c_str());
   if (entry == nullptr) return std::nullopt;
-  return zrc(entry->code);
+  return FoundCode{false, entry->code, "", entry};
 }
 
 // ---- running text -----------------------------------------------------------------------------------------------
@@ -153,9 +165,11 @@ class Scanner {
     return equalIgnoringCase(label, "zrc") || equalIgnoringCase(label, "rc") || equalIgnoringCase(label, "retcode");
   }
 
-  // A small positive number behind such a label is anybody's; nothing says that it is one of ours.
+  // A small positive number behind such a label is anybody's; nothing says that it is one of ours. -1 is everybody's
+  // word for an error.
   static bool isExplained(std::int32_t code, bool hex) {
-    return code != 0 && (hex || looksLikeError(code) || isCatalogued(code) || (code < 0 && hasSqlMessage(code)));
+    return code != 0 &&
+           (hex || code == -1 || looksLikeError(code) || isCatalogued(code) || (code < 0 && hasSqlMessage(code)));
   }
 
   void word(std::size_t begin, std::string_view word) {
@@ -187,7 +201,7 @@ class Scanner {
     if (equalIgnoringCase(labelBefore(labelEnd), "sqlcode"))
       add(sql(static_cast<std::int32_t>(value)));
     else if (labelledAsCode(labelEnd) && isExplained(code, hex))
-      add(hex ? zrc(code) : decide(value, std::string(word)));
+      add(hex ? zrc(code) : decide(value));
     else if ((looksLikeError(code) && (hex || value < 0)) || (hex && value != 0 && isCatalogued(code)))
       add(zrc(code));
   }

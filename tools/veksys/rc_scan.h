@@ -7,12 +7,15 @@
 #include <string_view>
 #include <vector>
 
+#include "veksys/diag/rc.h"
+
 namespace veksys {
 
 struct FoundCode {
   bool isSqlCode;  // else a return code
   std::int32_t value;
-  std::string note;  // how it was read, when that was a choice; else empty
+  std::string note;                     // how it was read, when that was a choice; else empty
+  const SqlzZrcEntry* named = nullptr;  // the entry whose name was typed or stood there; null: the code is by value
 };
 
 // Reads what was typed as one code: eight hex digits with or without 0x, a signed decimal, SQL0911N, or the exact name

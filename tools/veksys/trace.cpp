@@ -27,7 +27,8 @@ std::pair<CLI::App*, std::shared_ptr<ViewOptions<Options>>> addView(CLI::App& tr
   auto options = std::make_shared<ViewOptions<Options>>();
   CLI::App* view = trace.add_subcommand(name, about);
   view->add_option("FILE", options->file, "A file written by `veksys trace dump`; the instance's trace when left out")
-      ->type_name("");
+      ->type_name("")
+      ->check(notEmpty("\"\" is no name of a file; leave it out for the instance's trace"));
   addFilterOptions(view, &options->filter);
   view->callback([&command, options, run] {
     command.run = [&command, options, run] {

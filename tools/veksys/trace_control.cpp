@@ -27,6 +27,10 @@ std::string bytesText(std::uint64_t bytes) {
 
 std::string inInstance() { return "instance " + std::string(vekInstanceName()); }
 
+std::string notASize(const std::string& typed) {
+  return "\"" + typed + "\" is no size: digits with an optional K, M or G are, for example 64M";
+}
+
 // Digits, decimal or 0x, and optionally K, M or G (KB and KiB mean the same).
 std::uint64_t parseSize(const std::string& typed) {
   const bool hex = typed.starts_with("0x") || typed.starts_with("0X");
@@ -41,7 +45,7 @@ std::uint64_t parseSize(const std::string& typed) {
     const bool named = unit == name || (i > 0 && (unit == name + "b" || unit == name + "ib"));
     if (error == std::errc{} && named && value <= (~0ULL >> (10 * i))) return value << (10 * i);
   }
-  wrongUse("\"" + typed + "\" is no size: digits with an optional K, M or G are, for example 64M.");
+  wrongUse(notASize(typed) + ".");
 }
 
 std::uint64_t traceBytes() { return sqltInquireTraceBufferSize(); }
@@ -108,7 +112,7 @@ struct OnOptions {
 
 // Creates the trace unless it is there. Answers whether it was created.
 bool createTrace(const std::string& size) {
-  const std::uint64_t asked = size.empty() ? sqltGetDefTrcBuffSize() : parseSize(size);
+  const std::uint64_t asked = size.empty() ? 0 : parseSize(size);  // 0: the library's default, whatever its size
   attachOrCreate();
   const std::uint64_t present = traceBytes();
   if (present != 0) {
@@ -119,7 +123,8 @@ bool createTrace(const std::string& size) {
     return false;
   }
   const SqlzZrc result = sqltTraceFacilityCreate(asked);
-  if (result != 0 && result != SQLT_TRACE_ALREADY_CREATED) refuseCreate(result, asked);
+  if (result != 0 && result != SQLT_TRACE_ALREADY_CREATED)
+    refuseCreate(result, asked != 0 ? asked : sqltGetDefTrcBuffSize());
   if (traceBytes() == 0)
     sayNo("What stands in the place of the trace of " + inInstance() + " is none and cannot be used.");
   return result == 0;
@@ -309,8 +314,10 @@ void addTraceControl(CLI::App& trace, Command& command) {
   auto onOptions = std::make_shared<OnOptions>();
   CLI::App* on = trace.add_subcommand("on", "Create the trace of the instance if need be, and switch it on");
   on->add_option("--size", onOptions->size,
-                 "Size of a new trace, 1M to 1G, rounded down to a power of two; 2M by default")
-      ->type_name("SIZE");
+                 "Size of a new trace, 1M to 1G, rounded down to a power of two; by default "
+                 "VEKTRC_DEF_BUFFSIZE, else 2M")
+      ->type_name("SIZE")
+      ->check(notEmpty(notASize("")));
   addSelection(on, &onOptions->selection);
   on->callback([&command, onOptions] { command.run = [&command, onOptions] { return runOn(command, *onOptions); }; });
 
