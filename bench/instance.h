@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
 #include <system_error>
@@ -14,10 +15,11 @@ namespace bench {
 
 class Instance {
  public:
-  Instance() {
+  // With a trace of so many bytes.
+  explicit Instance(std::uint64_t bytes = SQLT_TRACE_SIZE_DEFAULT) {
     const std::string name = "bench." + std::to_string(::getpid());
     ::setenv("VEKINSTANCE", name.c_str(), 1);
-    created_ = sqltTraceFacilityCreate(SQLT_TRACE_SIZE_DEFAULT) == 0;
+    created_ = sqltTraceFacilityCreate(bytes) == 0;
   }
   ~Instance() {
     SqltSharedIPCInfo info;
