@@ -20,6 +20,7 @@ using platformtest::start;
 constexpr int kProcesses = 3;
 constexpr int kThreads = 3;
 constexpr int kRounds = 6;
+constexpr int kMostEach = 400;  // all of them together stay in the files that rotation keeps (20 MB)
 
 struct Answers {
   std::atomic<int> written[kRounds][kProcesses][kThreads];
@@ -35,12 +36,13 @@ void logUntilKilled(int round, int process, Answers* answers) {
   std::vector<std::thread> threads;
   for (int thread = 0; thread < kThreads; ++thread)
     threads.emplace_back([=] {
-      for (int number = 0;; ++number) {
+      for (int number = 0; number < kMostEach; ++number) {
         const std::string text =
             keyOf(round, process, thread, number) + std::string(number % 40 == 0 ? 9000U : 60U, 'x');
         if (logText(text) != 0) ::_exit(9);
         answers->written[round][process][thread].store(number + 1);
       }
+      ::pause();
     });
   for (std::thread& thread : threads) thread.join();
 }
@@ -66,7 +68,7 @@ void killAtRandom(std::uint32_t diagSize) {
         installHost().DIAGSIZE = diagSize;
         logUntilKilled(round, process, &*answers);
       }));
-    const int until = static_cast<int>(random() % 80);
+    const int until = static_cast<int>(random() % 200);
     while (answers->written[round][0][0].load() < until) std::this_thread::yield();
     for (const pid_t writer : writers) EXPECT_EQ(platformtest::finishKilled(writer), -SIGKILL);
   }
