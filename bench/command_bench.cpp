@@ -21,7 +21,7 @@ namespace {
 
 constexpr std::uint64_t kRingBytes = 128U << 20;
 constexpr std::uint64_t kRequests = 1'000'000;  // a little more than the ring holds
-constexpr double kBar = 200;                  // MB/s
+constexpr double kBar = 200;                    // MB/s
 
 struct View {
   const char* what;

@@ -166,6 +166,13 @@ std::size_t ossVsnprintf(char* buffer, std::size_t bytes, const char* format, st
   return std::min(static_cast<std::size_t>(wanted), bytes - 1);
 }
 
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+std::size_t ossFormatChecked(char* buffer, std::size_t bytes, const char* format, std::va_list arguments) noexcept {
+  return ossVsnprintf(buffer, bytes, format, arguments);
+}
+#pragma GCC diagnostic pop
+
 std::size_t ossSnprintf(char* buffer, std::size_t bytes, const char* format, ...) noexcept {
   std::va_list arguments;
   va_start(arguments, format);

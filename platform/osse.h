@@ -63,6 +63,9 @@ std::size_t ossSnprintf(char* buffer, std::size_t bytes, const char* format, ...
 std::size_t ossVsnprintf(char* buffer, std::size_t bytes, const char* format, std::va_list arguments) noexcept
     __attribute__((format(printf, 3, 0)));
 
+// The same for a format that was checked where its caller wrote it, and came here through a record.
+std::size_t ossFormatChecked(char* buffer, std::size_t bytes, const char* format, std::va_list arguments) noexcept;
+
 // Copies a text into a fixed field, cut if need be, terminated and zero-filled to its end.
 void ossCopyText(char* field, std::size_t bytes, const char* text) noexcept;
 

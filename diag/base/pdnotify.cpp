@@ -312,7 +312,7 @@ void penMessage(PdPen& pen, const PdLogCall& call) noexcept {
   } else if (call.format != nullptr) {
     std::va_list arguments;
     va_copy(arguments, *call.arguments);  // NOLINT(clang-analyzer-valist.Uninitialized): the caller started it
-    pen.advance(ossVsnprintf(pen.next(), pen.room() + 1, call.format, arguments), true);
+    pen.advance(ossFormatChecked(pen.next(), pen.room() + 1, call.format, arguments), true);
     va_end(arguments);
   } else if (call.messageNumber != 0) {
     return penMessageOfNumber(pen, call.messageNumber);

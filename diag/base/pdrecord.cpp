@@ -226,7 +226,7 @@ void penMessageOfNumber(PdPen& pen, std::uint64_t number) noexcept {
 void penFormatted(PdPen& pen, const char* format, std::va_list& arguments) noexcept {
   const std::size_t room = pen.room();
   char* const text = pen.next();
-  const std::size_t characters = ossVsnprintf(text, room + 1, format, arguments);
+  const std::size_t characters = ossFormatChecked(text, room + 1, format, arguments);
   const auto lineEnds = static_cast<std::size_t>(std::count(text, text + characters, '\n'));
   const std::size_t taken = std::min(characters, room - lineEnds);
   char* const from = text + room - taken;

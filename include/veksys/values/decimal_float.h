@@ -36,6 +36,7 @@ inline constexpr std::uint32_t SQLV_DECFLOAT34_BYTES = 16;  // 34 digits
 template <class Source, class Target>
 SqlzZrc sqlvdfp2dfpTmpl(const Source* source, Target* target) noexcept;
 
+// The two instances of the library.
 extern template VEK_EXPORT SqlzZrc sqlvdfp2dfpTmpl(const DfpalDecimal128* source, DfpalDecimal64* target) noexcept;
 extern template VEK_EXPORT SqlzZrc sqlvdfp2dfpTmpl(const DfpalDecimal64* source, DfpalDecimal128* target) noexcept;
 
