@@ -557,5 +557,6 @@ RegionLock::~RegionLock() {
 
 SqlzZrc vekInstanceStatus() noexcept {
   const SqlzZrc attached = vek::regionAttach();
+  vek::regionReportOnce();
   return attached != 0 ? attached : vek::regionSharedStatus();
 }

@@ -430,13 +430,13 @@ const TrcRingHeader* trcCurrentHeader(std::uint64_t generation) noexcept {
   return ring != nullptr && generation != 0 && ring->generation == generation ? ring->header() : nullptr;
 }
 
-SqlzZrc trcInstantaneousDump(const char* target) noexcept {
+SqlzZrc trcInstantaneousDump(const char* target, int* errorOut) noexcept {
   TrcControl* control = trcControl();
   TrcRing* ring = control == nullptr ? nullptr : trcEnterRing(control->state.load(std::memory_order_acquire) >> 1);
   if (ring == nullptr) return SQLT_TRACE_NOT_CREATED;
-  const int error = dumpToFile(target, *ring);
+  *errorOut = dumpToFile(target, *ring);
   trcLeaveRing(ring);
-  return error == 0 ? 0 : SQLT_TRACE_DUMP_FAILED;
+  return *errorOut == 0 ? 0 : SQLT_TRACE_DUMP_FAILED;
 }
 
 TrcCleared trcCleared(const TrcRingHeader& header) noexcept {

@@ -61,7 +61,9 @@ bool trcIsOn() noexcept;
 
 void trcClear() noexcept;
 std::uint64_t trcInquireTraceBufferSize() noexcept;
-SqlzZrc trcInstantaneousDump(const char* target) noexcept;
+
+// The error of the system behind SQLT_TRACE_DUMP_FAILED goes to *errorOut, which stays as it was without one.
+SqlzZrc trcInstantaneousDump(const char* target, int* errorOut) noexcept;
 const TrcRingHeader* trcControlBlock() noexcept;
 
 // Partition number and process id for records of this process; process id 0 means its own.

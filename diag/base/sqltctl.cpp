@@ -4,6 +4,7 @@
 
 #include "diag/base/sqltfast.h"
 #include "diag/base/traced.h"
+#include "platform/osse.h"
 #include "platform/ports.h"
 #include "platform/region.h"
 #include "platform/trcapi.h"
@@ -15,8 +16,11 @@ namespace {
 
 // Bits that the all-ones default leaves out: the options of the settings record and the workload display.
 constexpr std::uint32_t kNeverByDefault = 0x2000000 | 0x800000 | 0x400000 | 0x100000 | 0x80000 | 0x40000;
+
 constexpr std::uint32_t kByDefault = ~kNeverByDefault;
 static_assert(kByDefault == 0xFD23FFFFU);
+
+constexpr std::uint32_t kError = 2;  // level of an event
 
 struct MaskBit {
   std::uint8_t byte;
@@ -103,6 +107,18 @@ std::uint64_t ringSizeFor(std::uint64_t asked) noexcept {
   return std::bit_floor(asked);
 }
 
+// Creates the ring; that there is no room for it, or that the system refuses it, is reported here.
+SqlzZrc createRing(EcfFunctionId caller, std::uint64_t bytes, bool byClientInterface) noexcept {
+  const SqlzZrc result = trcCreateShared(ringSizeFor(bytes), byClientInterface);
+  if (result == SQLT_TRACE_NO_SPACE || result == SQLT_TRACE_CREATE_FAILED) {
+    char text[128];
+    ossSnprintf(text, sizeof text, "A trace ring of %llu bytes cannot be created",
+                static_cast<unsigned long long>(ringSizeFor(bytes)));
+    g_ports.reportEvent({caller, 10, kError, result, text});
+  }
+  return result;
+}
+
 }  // namespace
 }  // namespace vek
 
@@ -111,7 +127,7 @@ using namespace vek;
 SqlzZrc sqltTraceFacilityCreate(std::uint64_t bytes) noexcept {
   VekTrace<FID_sqltTraceFacilityCreate> trace;
   const SqlzZrc attached = attachForControl();
-  return trace.exit(attached != 0 ? attached : trcCreateShared(ringSizeFor(bytes), false));
+  return trace.exit(attached != 0 ? attached : createRing(FID_sqltTraceFacilityCreate, bytes, false));
 }
 
 SqlzZrc sqltTraceFacilityDelete() noexcept {
@@ -127,7 +143,7 @@ SqlzZrc sqltTraceFacilityCLICreate(std::uint64_t bytes) noexcept {
   VekTrace<FID_sqltTraceFacilityCLICreate> trace;
   const SqlzZrc attached = attachForControl();
   if (attached != 0) return trace.exit(attached);
-  const SqlzZrc result = trcCreateShared(ringSizeFor(bytes), true);
+  const SqlzZrc result = createRing(FID_sqltTraceFacilityCLICreate, bytes, true);
   return trace.exit(result == SQLT_TRACE_ALREADY_CREATED ? 0 : result);
 }
 
@@ -177,7 +193,16 @@ SqlzZrc sqlt_dump_trace(const char* target) noexcept {
   VekTrace<FID_sqlt_dump_trace> trace;
   if (target == nullptr || target[0] == '\0') return trace.exit(SQLO_INV_PARM);
   const SqlzZrc attached = attachForControl();
-  return trace.exit(attached != 0 ? attached : trcInstantaneousDump(target));
+  if (attached != 0) return trace.exit(attached);
+  int error = 0;
+  const SqlzZrc result = trcInstantaneousDump(target, &error);
+  if (error != 0) {
+    trace.error(10, result, error, target);
+    char text[1024];
+    ossSnprintf(text, sizeof text, "The trace cannot be dumped to %s: %s", target, ::strerrordesc_np(error));
+    g_ports.reportEvent({FID_sqlt_dump_trace, 10, kError, result, text});
+  }
+  return trace.exit(result);
 }
 
 SqlzZrc sqltSetTraceFlags(const SqltTraceSettings* settings) noexcept {
