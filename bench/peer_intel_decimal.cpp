@@ -12,6 +12,7 @@ struct alignas(16) Pair {
 
 }  // namespace
 
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the names of that library
 extern "C" {
 #define INTEL_BINARY(name)                                       \
   Word __bid64_##name(Word, Word, unsigned rounding, unsigned*); \
@@ -33,6 +34,7 @@ void __bid128_to_string(char*, Pair, unsigned*);
 Word __bid128_to_bid64(Pair, unsigned rounding, unsigned*);
 Pair __bid64_to_bid128(Word, unsigned*);
 }
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace peer {
 namespace {

@@ -13,6 +13,7 @@ namespace {
 std::atomic<long> g_allocations{0};
 }
 
+// NOLINTBEGIN: the names are those of the C library
 extern "C" void* __libc_malloc(std::size_t bytes);
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 extern "C" void* malloc(std::size_t bytes) {
@@ -20,12 +21,12 @@ extern "C" void* malloc(std::size_t bytes) {
   return __libc_malloc(bytes);
 }
 #endif
+// NOLINTEND
 
 namespace vek::logtest {
 namespace {
 
 using platformtest::inProcess;
-using platformtest::runInProcess;
 
 // ---- the calls --------------------------------------------------------------------------------------------------
 
