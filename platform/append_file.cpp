@@ -6,7 +6,6 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -163,6 +162,7 @@ int mapPage(AppendFile& file, const struct stat& status) noexcept {
 int allocatePage(const AppendFile& file, const struct stat& status) noexcept {
   const auto bytes = static_cast<std::uint64_t>(status.st_size);
   if (bytes >= kPageBytes) return 0;
+  if (file.sizeLimit < kPageBytes) return EFBIG;
   constexpr char kZeros[kPageBytes] = {};
   const int error = ossWriteAt(file.lockFd, kZeros + bytes, kPageBytes - bytes, bytes);
   if (error == 0) return 0;
@@ -211,12 +211,6 @@ int settle(AppendFile& file) noexcept {
     if (ossMonotonicNs() >= deadline) return EBUSY;
     ossSleepMs(1);
   }
-}
-
-void noteSizeLimit(AppendFile& file) noexcept {
-  rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
-  (void)::getrlimit(RLIMIT_FSIZE, &limit);
-  file.sizeLimit = limit.rlim_cur == RLIM_INFINITY ? APPEND_NO_LIMIT : limit.rlim_cur;
 }
 
 int mapLockFile(AppendFile& file) noexcept {
@@ -535,7 +529,6 @@ Step attemptUnmapped(AppendFile& file, const AppendPlan& plan, AppendOutcome* ou
 
 Step attemptOnce(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome, int* error) noexcept {
   if (file.page != nullptr) return attempt(file, plan, outcome, error);
-  noteSizeLimit(file);
   *error = mapLockFile(file);
   if (*error == 0) return attempt(file, plan, outcome, error);
   if (*error == ESTALE) return Step::kAgain;
@@ -558,7 +551,21 @@ void appendPrepare(AppendFile& file, const char* directory, const char* name, bo
   file.wasStuck = false;
 }
 
+namespace {
+
+// The descriptor may have been closed by somebody who closes all of them, and stand for another file now.
+void closeLockFile(AppendFile& file) noexcept {
+  struct stat status;
+  const bool isOurs = file.page == nullptr || (ossCalls().fstat(file.lockFd, &status) == 0 &&
+                                               status.st_dev == file.lockDevice && status.st_ino == file.lockInode);
+  if (isOurs) ossClose(file.lockFd);
+  file.lockFd = -1;
+}
+
+}  // namespace
+
 int appendToFile(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome) noexcept {
+  file.sizeLimit = ossFileSizeLimit();
   outcome->offset = 0;
   outcome->failed = nullptr;
   outcome->switchedFile = false;
@@ -576,20 +583,16 @@ int appendToFile(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcom
 
 void appendForget(AppendFile& file) noexcept {
   if (file.page != nullptr) ossCalls().munmap(file.page, kPageBytes);
-  struct stat status;
-  const bool isOurs = file.page == nullptr || (ossCalls().fstat(file.lockFd, &status) == 0 &&
-                                               status.st_dev == file.lockDevice && status.st_ino == file.lockInode);
-  if (isOurs) ossClose(file.lockFd);
+  closeLockFile(file);
   file.page = nullptr;
-  file.lockFd = -1;
 }
 
 void appendAbandon(AppendFile& file) noexcept {
   if (file.page != nullptr)
     (void)ossCalls().mmap(file.page, kPageBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1,
                           0);
+  closeLockFile(file);  // and with it the shared flock, which would keep others from laying the page out anew
   file.page = nullptr;
-  file.lockFd = -1;
   closeLog(file);
 }
 

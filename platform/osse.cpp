@@ -10,6 +10,7 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -284,6 +285,12 @@ int ossWriteAt(int fd, const void* bytes, std::size_t count, std::uint64_t offse
   return writeWhole(bytes, count, [fd, offset](const char* next, std::size_t left, std::size_t done) {
     return g_calls.pwrite(fd, next, left, static_cast<off_t>(offset + done));
   });
+}
+
+std::uint64_t ossFileSizeLimit() noexcept {
+  rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
+  (void)::getrlimit(RLIMIT_FSIZE, &limit);
+  return limit.rlim_cur == RLIM_INFINITY ? ~std::uint64_t{0} : limit.rlim_cur;
 }
 
 int ossReadAt(int fd, void* buffer, std::size_t count, std::uint64_t offset, std::size_t* readOut) noexcept {

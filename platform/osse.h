@@ -139,6 +139,10 @@ void ossClose(int fd) noexcept;
 int ossWriteAll(int fd, const void* bytes, std::size_t count) noexcept;
 int ossWriteAt(int fd, const void* bytes, std::size_t count, std::uint64_t offset) noexcept;
 
+// The size that a file may have at most when this process writes to it (RLIMIT_FSIZE); ~0 without a limit. A write past
+// it would be answered by a signal, so writers look first.
+std::uint64_t ossFileSizeLimit() noexcept;
+
 // Reads up to `count` bytes at `offset`; fewer only at the end of the file.
 int ossReadAt(int fd, void* buffer, std::size_t count, std::uint64_t offset, std::size_t* readOut) noexcept;
 

@@ -298,6 +298,13 @@ PdDiagDirectory pdiDiagDirectory() noexcept {
   return {decision->name.path, decision->name.length, usability(decision)};
 }
 
+PdDiagDirectory pdiTrustedDirectory() noexcept {
+  PdDiagDirectory directory = pdiDiagDirectory();
+  if (directory.zrc == SQLT_DIAGPATH_NOT_TRUSTED && pdiSwitchToAlternate() == 0) directory = pdiDiagDirectory();
+  if (directory.zrc == SQLT_DIAGPATH_NOT_TRUSTED) directory.length = 0;
+  return directory;
+}
+
 SqlzZrc pdiRenewDiagDirectory() noexcept {
   Decision* decision = inUse();
   if (decision == nullptr) return SQLO_NOMEM;

@@ -26,6 +26,10 @@ struct PdDiagDirectory {
 // but the instance control block; takes no lock; logs nothing.
 PdDiagDirectory pdiDiagDirectory() noexcept;
 
+// The same for a caller that makes files there: a directory that others may write to is left for the alternate one.
+// Length 0: there is none that can be trusted.
+PdDiagDirectory pdiTrustedDirectory() noexcept;
+
 // Looks at the directory in use again and makes it when it is missing: for a caller whose file could not be opened in
 // it. Result as of pdMkdirInternal and pdDiagpathVerify.
 SqlzZrc pdiRenewDiagDirectory() noexcept;

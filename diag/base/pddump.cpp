@@ -62,7 +62,9 @@ bool writeDump(Dump* dump) noexcept {
   int error = ossOpenToAppend(dump->path, &fd, &bytes);
   if (error != 0) return failWith(dump, "the dump file cannot be opened", error);
   dump->offset = static_cast<std::int64_t>(bytes + dump->headerBytes);
-  error = ossWriteAll(fd, dump->header, dump->headerBytes);
+  (void)pdStampIdentifier(dump->header, bytes, dump->headerBytes);
+  if (ossFileSizeLimit() < bytes + dump->headerBytes + dump->size) error = EFBIG;  // the kernel would send a signal
+  if (error == 0) error = ossWriteAll(fd, dump->header, dump->headerBytes);
   if (error == 0) error = ossWriteAll(fd, dump->data, dump->size);
   if (error != 0) (void)ossTruncate(fd, bytes);
   ossClose(fd);
@@ -70,7 +72,7 @@ bool writeDump(Dump* dump) noexcept {
 }
 
 bool namePath(Dump* dump) noexcept {
-  const PdDiagDirectory directory = pdiDiagDirectory();
+  const PdDiagDirectory directory = pdiTrustedDirectory();
   if (directory.length == 0) return failWith(dump, "there is no diagnostic directory", ENOENT);
   ossSnprintf(dump->path, sizeof dump->path, "%s%u.%u.%.3d.dump.bin", directory.path, ossProcessId(), ossThreadId(),
               vekInstanceControl()->partition);
@@ -106,16 +108,14 @@ SqlzZrc pdLogDump(std::uint64_t flags, EcfFunctionId functionId, std::int64_t re
     const vek::PdInsideLog inside;
     isDumped = vek::tryDirectories(functionId, probe, level, &dump);
   }
-  char reason[128];
-  vek::ossSnprintf(reason, sizeof reason, "%s ( rc = 0x%X )", dump.reason,
-                   static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(dump.error)));
-  vek::PdLogDumpFact fact = {.size = size, .data = data, .object = {}};
+  const SqlzZrc code = isDumped ? 0 : sqloMapUnexpectedFileSystemErrorToZRC(dump.error);
+  vek::PdLogDumpFact fact = {.size = size, .data = data, .object = {}, .error = dump.reason, .code = code};
   fact.object.dumped = isDumped;
   fact.object.offset = dump.offset;
   fact.object.writtenBytes = static_cast<std::uint32_t>(dump.headerBytes + size);
   fact.object.file = dump.path;
   fact.object.object = label == nullptr ? "" : label;
-  fact.object.reason = reason;
+  fact.object.reason = dump.reason;
   PdLogCall call = {};
   call.size = sizeof call;
   call.flags = flags;

@@ -84,7 +84,7 @@ Facility* findOrAdd(const char* name) noexcept {
 bool pdi_facilityTarget(std::uint32_t facility, char* path, std::size_t bytes, std::uint32_t* level) noexcept {
   const Facility* found = findOpen(facility);
   if (found == nullptr) return false;
-  const PdDiagDirectory directory = pdiDiagDirectory();
+  const PdDiagDirectory directory = pdiTrustedDirectory();
   if (directory.length + std::strlen(found->name) + sizeof ".log" > bytes) return false;
   ossSnprintf(path, bytes, "%s%s.log", directory.path, found->name);
   *level = found->level.load(std::memory_order_relaxed);

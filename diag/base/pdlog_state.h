@@ -21,6 +21,8 @@ struct PdLogDumpFact {
   std::uint32_t size;
   const void* data;
   PdDumpedObject object;
+  const char* error;  // why it was not dumped, and the code for that
+  SqlzZrc code;
 };
 
 // pdi_writeRecord with an object that was dumped, or was not, in place of items.

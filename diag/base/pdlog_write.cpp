@@ -182,6 +182,11 @@ void takeItems(const Job& job, PdRecordBody* body) noexcept {
   body->items = g_log.items;
   body->itemsAnnounced = job.call.itemsAnnounced;
   if (job.dump != nullptr) {
+    if (!job.dump->object.dumped) {
+      body->dumpFile = job.dump->object.file;
+      body->dumpError = job.dump->error;
+      body->dumpCode = job.dump->code;
+    }
     g_log.items[0] = itemOf(PD_TYPE_HEXDUMP, job.dump->size, job.dump->data);
     g_log.items[0].dump = &job.dump->object;
     body->itemCount = 1;
@@ -376,7 +381,7 @@ SqlzZrc findFacility(const PdLogCall& call, Facts* facts) noexcept {
 SqlzZrc findTarget(const PdLogCall& call, Facts* facts) noexcept {
   if ((call.flags & PD_LOG_FACILITY_MASK) != 0) return findFacility(call, facts);
   if (pdi_isFiltered(call.level)) return SQLT_NOLOG;
-  const PdDiagDirectory directory = pdiDiagDirectory();
+  const PdDiagDirectory directory = pdiTrustedDirectory();
   if (directory.length == 0) {
     pdi_sayNoLog();
     return SQLT_DIAGERR_LOGERR;

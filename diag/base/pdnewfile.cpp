@@ -139,7 +139,7 @@ void pdMakeNewFileBody(const char* text, std::size_t length, PdNewFileBody* out)
   out->body.sectionCount = 1;
   out->body.items = &out->item;
   out->body.itemCount = 1;
-  out->body.note = kNote;
+  out->body.remark = kNote;
 }
 
 }  // namespace vek

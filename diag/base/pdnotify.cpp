@@ -231,7 +231,7 @@ void passToSystemLog(std::uint32_t level, std::int64_t timeNs, std::string_view 
 }
 
 SqlzZrc appendToFile(std::string_view entry) noexcept {
-  const PdDiagDirectory directory = pdiDiagDirectory();
+  const PdDiagDirectory directory = pdiTrustedDirectory();
   char path[PD_DIAGPATH_BYTES + sizeof VekInstanceControl::instanceName + sizeof ".nfy"];
   ossSnprintf(path, sizeof path, "%s%s.nfy", directory.path, vekInstanceName());
   if (directory.length != 0 && pdi_appendText(path, entry.data(), entry.size()) == 0) {

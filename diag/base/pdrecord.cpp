@@ -453,6 +453,7 @@ void penCallStack(PdPen& pen, const PdRecordBody& body) noexcept {
 void penBody(PdPen& pen, const PdRecordBody& body) noexcept {
   penSections(pen, body);
   penDumpFile(pen, body);
+  pdPenText(pen, body.remark);
   penItems(pen, body);
   pdPenText(pen, body.note);
   if (body.callStack != nullptr) penCallStack(pen, body);

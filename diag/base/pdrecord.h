@@ -155,7 +155,8 @@ struct PdRecordBody {
   bool itemsAnnounced = false;    // without items: "<Empty variable list>"
   std::string_view preformatted;  // "<preformatted>" and this text, in place of items
 
-  std::string_view note;  // lines of text behind the items, as they stand
+  std::string_view remark;  // lines of text in front of the items, as they stand
+  std::string_view note;    // lines of text behind the items, as they stand
 
   const CallStack* callStack = nullptr;
   bool callStackLongLabel = false;  // "CALL STACK: " instead of "CALLSTCK: "

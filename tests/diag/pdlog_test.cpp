@@ -1,4 +1,7 @@
 #include <pthread.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -131,7 +134,50 @@ TEST(PdLog, DumpsObjectsIntoAFileOfTheThread) {
       EXPECT_EQ(dump.substr(static_cast<std::size_t>(offset), size), object.substr(0, size));
     }
     EXPECT_TRUE(holds(records[3], "Object [lost] not dumped"));
+    EXPECT_TRUE(holds(records[3], "Dump with error: its address is null ( rc = 0x"));
     EXPECT_TRUE(holds(dump, "Dump File: " + log.directory() + name));
+    EXPECT_TRUE(holds(dump, "I2H")) << "the header record of the file tells its place";
+  });
+}
+
+TEST(PdLog, LosesNoProcessToALimitOnFileSizes) {
+  inProcess([] {
+    const Log log;
+    EXPECT_EQ(logText("before"), 0);
+    const rlimit little = {8192, 8192};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
+    const std::string object(100'000, 'o');
+    EXPECT_EQ(pdLogDump(1, kFunction, SQLO_NOMEM, 5, 2, "large", 100'000, object.data()), SQLT_DIAGERR_DUMPERR);
+    SqlzZrc result = 0;
+    for (int record = 0; record < 100 && result == 0; ++record) result = logText(std::string(500, 'x'));
+    EXPECT_EQ(result, SQLT_DIAGERR_LOGERR);
+  });
+}
+
+TEST(PdLog, ALockFileThatIsCutIsLaidOutAnew) {
+  inProcess([] {
+    const Log log;
+    EXPECT_EQ(logText("before"), 0);
+    ASSERT_EQ(::truncate((log.directory() + ".vekdiag.log.lck").c_str(), 0), 0);
+    (void)logText("met the cut");
+    EXPECT_EQ(logText("after"), 0);
+  });
+}
+
+TEST(PdLog, ADirectoryThatOthersMayWriteToIsLeftForTheAlternate) {
+  inProcess([] {
+    const Log log;
+    VekInstanceControl& control = installHost();
+    const std::string open = log.instance.directory() + "/open";
+    const std::string alternate = log.instance.directory() + "/alternate";
+    ASSERT_EQ(::mkdir(open.c_str(), 0700), 0);
+    ASSERT_EQ(::chmod(open.c_str(), 0777), 0);
+    ossCopyText(control.DIAGPATH, sizeof control.DIAGPATH, open.c_str());
+    EXPECT_EQ(logText("nowhere to go"), SQLT_DIAGERR_LOGERR);
+    ossCopyText(control.ALT_DIAGPATH, sizeof control.ALT_DIAGPATH, alternate.c_str());
+    EXPECT_EQ(logText("to the alternate"), 0);
+    EXPECT_TRUE(holds(readFile(alternate + "/vekdiag.log"), "to the alternate"));
+    EXPECT_EQ(::access((open + "/vekdiag.log").c_str(), F_OK), -1);
   });
 }
 

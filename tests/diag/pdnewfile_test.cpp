@@ -60,10 +60,10 @@ TEST(NewFile, BodyOfTheRecord) {
   record.resize(pdFormatRecord(header, made.body, record.data(), record.size()).length);
   EXPECT_EQ(record.substr(record.find("START")),
             "START   : New Diagnostic Log file\r\n"
+            "Information in this record is only valid at the time when this file was\r\n"
+            "created (see this record's time stamp)\r\n"
             "DATA #1 : String, " +
-                std::to_string(text.size()) + " bytes\r\n" + text +
-                "Information in this record is only valid at the time when this file was\r\n"
-                "created (see this record's time stamp)\r\n");
+                std::to_string(text.size()) + " bytes\r\n" + text);
   char little[300];
   const std::size_t length = pdGatherNewFileText(little, sizeof little);
   EXPECT_TRUE(std::string(little, length).ends_with("\r\n<Cut>\r\n"));

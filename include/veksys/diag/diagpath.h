@@ -19,8 +19,7 @@
 //
 // Rules that hold for all of them
 //   - Directories are made with mode 0700. One that is there already is used only when it belongs to the calling user
-//   or
-//     to root and nobody else may write in it, since what is written there is trusted later.
+//     or to root and nobody else may write in it, since what is written there is trusted later.
 //   - When a function does not answer 0 its buffer holds the empty text, unless it says otherwise.
 //   - A value that cannot be used as it stands is reported once per process to the diagnostic log.
 //   - Any thread may call them at any time, except while it holds a latch of a memory set or pool.

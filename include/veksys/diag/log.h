@@ -293,9 +293,8 @@ VEK_EXPORT SqlzZrc sqltSetOSSeLogLevel(std::uint32_t level) noexcept;
 //   name         1 to 64 letters, digits, '_', '-' or '.', not beginning with '.'; not "vekdiag", nor beginning with
 //                "vekdiag."
 //   facilityOut  1 and up, at most 65,535
-//   Result       0; SQLO_INV_PARM: the name, or no place for the answer; SQLT_DIAGERR_LOGERR: no memory or no number
-//   for
-//                another one
+//   Result       0; SQLO_INV_PARM: the name, or no place for the answer; SQLT_DIAGERR_LOGERR: no memory, or no
+//                number for another one
 VEK_EXPORT SqlzZrc pdLogFacOpen(const char* name, std::uint32_t level, std::uint32_t* facilityOut) noexcept;
 
 // Closes a facility: calls that carry it answer SQLT_DIAGERR_LOGERR until its name is opened again. SQLO_INV_PARM: it
