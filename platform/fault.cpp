@@ -107,6 +107,18 @@ void install() {
   }
 }
 
+// The system ends a process at a fault whose signal is blocked, and many a thread of an engine blocks them all.
+// Unblocks those of faults; answers whether one was blocked.
+bool unblock(sigset_t* before) noexcept {
+  sigset_t faults;
+  ::sigemptyset(&faults);
+  for (const int signal : kSignals) ::sigaddset(&faults, signal);
+  ::pthread_sigmask(SIG_UNBLOCK, &faults, before);
+  for (const int signal : kSignals)
+    if (::sigismember(before, signal) == 1) return true;
+  return false;
+}
+
 }  // namespace
 
 bool faultGuard(void (*body)(void* context), void* context, Fault* fault) noexcept {
@@ -114,12 +126,18 @@ bool faultGuard(void (*body)(void* context), void* context, Fault* fault) noexce
   Guard guard;
   guard.fault = fault;
   guard.outer = t_guard;
-  if (sigsetjmp(guard.place, 0) != 0) return false;  // the handler has taken the guard away
+  sigset_t before;
+  const bool wereBlocked = unblock(&before);
+  if (sigsetjmp(guard.place, 0) != 0) {  // the handler has taken the guard away
+    if (wereBlocked) ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return false;
+  }
   std::atomic_signal_fence(std::memory_order_seq_cst);
   t_guard = &guard;
   body(context);
   t_guard = guard.outer;
   std::atomic_signal_fence(std::memory_order_seq_cst);
+  if (wereBlocked) ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
   return true;
 }
 

@@ -287,6 +287,22 @@ int ossWriteAt(int fd, const void* bytes, std::size_t count, std::uint64_t offse
   });
 }
 
+void ossSayOnStandardError(const char* text, std::size_t length) noexcept {
+  sigset_t pipe;
+  sigset_t before;
+  sigset_t pending;
+  ::sigemptyset(&pipe);
+  ::sigaddset(&pipe, SIGPIPE);
+  ::sigpending(&pending);
+  ::pthread_sigmask(SIG_BLOCK, &pipe, &before);
+  const int error = ossWriteAll(STDERR_FILENO, text, length);
+  if (error == EPIPE && ::sigismember(&pending, SIGPIPE) == 0) {  // the one that this write raised is taken away
+    const timespec now = {0, 0};
+    (void)::sigtimedwait(&pipe, nullptr, &now);
+  }
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 std::uint64_t ossFileSizeLimit() noexcept {
   rlimit limit = {RLIM_INFINITY, RLIM_INFINITY};
   (void)::getrlimit(RLIMIT_FSIZE, &limit);

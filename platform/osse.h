@@ -143,6 +143,10 @@ int ossWriteAt(int fd, const void* bytes, std::size_t count, std::uint64_t offse
 // it would be answered by a signal, so writers look first.
 std::uint64_t ossFileSizeLimit() noexcept;
 
+// Says something on standard error, as far as that takes it: nothing is left to tell of a failure here. A reader that
+// has gone raises no SIGPIPE.
+void ossSayOnStandardError(const char* text, std::size_t length) noexcept;
+
 // Reads up to `count` bytes at `offset`; fewer only at the end of the file.
 int ossReadAt(int fd, void* buffer, std::size_t count, std::uint64_t offset, std::size_t* readOut) noexcept;
 

@@ -77,7 +77,7 @@ void writeToStandardError(const PortEvent& event) noexcept {
   const std::size_t length =
       ossSnprintf(line, sizeof line, "veksys: %s, probe:%u, ZRC=0x%08X: %s\n", function != nullptr ? function : "?",
                   event.probe, static_cast<unsigned>(event.zrc), event.message);
-  (void)ossWriteAll(2, line, length);  // nothing is left to tell of a failure here
+  ossSayOnStandardError(line, length);
 }
 
 }  // namespace

@@ -9,24 +9,20 @@
 #include "veksys/diag/rc.h"
 
 namespace vek {
-namespace {
-
-constexpr int kStandardError = 2;
-
-}  // namespace
+namespace {}  // namespace
 
 void pdi_sayOpenFailed(const AppendOutcome& outcome, int error) noexcept {
   char line[sizeof outcome.path + 128];
   const auto zrc = static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(error));
   const std::size_t length =
       ossSnprintf(line, sizeof line, "Open of log file \"%s\" failed with rc 0x%X\n", outcome.path, zrc);
-  (void)ossWriteAll(kStandardError, line, length);  // nothing is left to tell of a failure here
+  ossSayOnStandardError(line, length);
 }
 
 void pdi_sayNoLog() noexcept {
   static constinit std::atomic<bool> isSaid{false};
   constexpr char kLine[] = "Error: log facility is not open and sqlz_krcbp is NULL\n";
-  if (!isSaid.exchange(true)) (void)ossWriteAll(kStandardError, kLine, sizeof kLine - 1);
+  if (!isSaid.exchange(true)) ossSayOnStandardError(kLine, sizeof kLine - 1);
 }
 
 void PdLogLosses::add(int error, const AppendOutcome& outcome, std::int64_t timeNs) noexcept {

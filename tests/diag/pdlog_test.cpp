@@ -140,10 +140,15 @@ TEST(PdLog, DumpsObjectsIntoAFileOfTheThread) {
   });
 }
 
+// Nor to standard error that nobody reads any more.
 TEST(PdLog, LosesNoProcessToALimitOnFileSizes) {
   inProcess([] {
     const Log log;
     EXPECT_EQ(logText("before"), 0);
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    ::close(ends[0]);
+    ASSERT_EQ(::dup2(ends[1], 2), 2);
     const rlimit little = {8192, 8192};
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
     const std::string object(100'000, 'o');

@@ -42,8 +42,14 @@ TEST(FaultGuard, IsOfItsThreadAlone) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i)
       threads.emplace_back([page, i] {
+        sigset_t all;
+        sigset_t after;
+        ::sigfillset(&all);
+        if (i < 2) ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
         for (int turn = 0; turn < 200; ++turn)
           EXPECT_EQ(faultGuard(i % 2 == 0 ? touch : nothing, page, nullptr), i % 2 != 0);
+        ::pthread_sigmask(SIG_BLOCK, nullptr, &after);
+        EXPECT_EQ(::sigismember(&after, SIGSEGV), i < 2 ? 1 : 0);
       });
     for (std::thread& thread : threads) thread.join();
   });

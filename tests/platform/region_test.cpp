@@ -195,8 +195,8 @@ TEST(RegionAttach, NothingOfALivingProcessIsReplaced) {
     leftOver.spoil(instance.region());
     EXPECT_EQ(runInProcess([&] {
                 attachExpecting(leftOver.whileInUse);
-                EXPECT_EQ(vekInstanceStatus(), leftOver.whileInUse);
                 expectOneReport(leftOver.whileInUse);
+                EXPECT_EQ(vekInstanceStatus(), leftOver.whileInUse);
               }),
               0)
         << leftOver.what;

@@ -89,7 +89,8 @@ TEST_F(Rc, TellsHowASmallNumberWasRead) {
   };
   const Case cases[] = {{"-1", "written 0xFFFFFFFF, a special one"}, {"42", "no return code of the catalogue is 42"}};
   for (const Case& each : cases) {
-    const auto code = json(veksys({"rc", "--json", each.typed}).out)["codes"][0].FindMember("note")->value.GetString();
+    const std::string code =
+        json(veksys({"rc", "--json", each.typed}).out)["codes"][0].FindMember("note")->value.GetString();
     EXPECT_TRUE(holds(code, each.note)) << code;
   }
   EXPECT_FALSE(json(veksys({"rc", "-911", "--json"}).out)["codes"][0].HasMember("note"));
