@@ -12,6 +12,7 @@
 
 #include <sys/types.h>
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -68,6 +69,18 @@ std::size_t ossFormatChecked(char* buffer, std::size_t bytes, const char* format
 
 // Copies a text into a fixed field, cut if need be, terminated and zero-filled to its end.
 void ossCopyText(char* field, std::size_t bytes, const char* text) noexcept;
+
+// Keeps errno as it was, for the length of a scope: what a signal handler may call changes it for nobody.
+class ErrnoKept {
+ public:
+  ErrnoKept() noexcept : error_(errno) {}
+  ~ErrnoKept() { errno = error_; }
+  ErrnoKept(const ErrnoKept&) = delete;
+  ErrnoKept& operator=(const ErrnoKept&) = delete;
+
+ private:
+  int error_;
+};
 
 // ---- time -------------------------------------------------------------------------------------------------------
 

@@ -133,6 +133,7 @@ ThreadState* threadSelf() noexcept {
   if (t_self == busyState()) return nullptr;
   if (t_self != nullptr) return t_self;
   if (processIsEnding()) return nullptr;
+  const ErrnoKept kept;
   t_self = busyState();
   ThreadState* state = makeState();
   t_self = state;

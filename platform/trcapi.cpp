@@ -235,6 +235,7 @@ __attribute__((noinline)) ThreadState* getReady() noexcept {
 
 // The segment is full: takes the next. On failure the thread holds none and its next point starts at getReady().
 __attribute__((noinline)) bool turnSegment(ThreadState& thread) noexcept {
+  const ErrnoKept kept;
   thread.trace.inside = true;
   leaveSegment(thread.trace);
   const bool taken = takeSegment(thread);

@@ -47,6 +47,7 @@ bool sqlti_attachStep() {
 
 bool sqlti_attachAtPoint() {
   if (trcIsAttached()) return true;
+  const ErrnoKept kept;
   const std::uint32_t failures = g_failedPoints.load(std::memory_order_relaxed);
   const bool isDue = std::has_single_bit(failures) || failures % 65536 == 0;
   if (isDue && sqlti_attachStep()) return true;
