@@ -263,6 +263,18 @@ int spin(pthread_mutex_t* mutex) noexcept {
   return error;
 }
 
+// Waits for the mutex until a moment of the monotonic clock.
+int lockUntil(pthread_mutex_t* mutex, const timespec& until) noexcept {
+#if defined(__SANITIZE_THREAD__)  // which takes a mutex that was got by pthread_mutex_clocklock for a free one
+  const std::int64_t deadline = until.tv_sec * 1'000'000'000LL + until.tv_nsec;
+  int error = ::pthread_mutex_trylock(mutex);
+  for (; error == EBUSY && ossMonotonicNs() < deadline; error = ::pthread_mutex_trylock(mutex)) ossSleepMs(1);
+  return error == EBUSY ? ETIMEDOUT : error;
+#else
+  return ::pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &until);
+#endif
+}
+
 // 0, EOWNERDEAD (it is held then, too), or ETIMEDOUT.
 int takeMutex(AppendFile& file) noexcept {
   int error = spin(&file.page->mutex);
@@ -276,7 +288,7 @@ int takeMutex(AppendFile& file) noexcept {
       until.tv_nsec -= 1'000'000'000;
       ++until.tv_sec;
     }
-    error = ::pthread_mutex_clocklock(&file.page->mutex, CLOCK_MONOTONIC, &until);
+    error = lockUntil(&file.page->mutex, until);
   }
   file.wasStuck = error == ETIMEDOUT;
   return error;
