@@ -271,7 +271,8 @@ SqlzZrc getDecided(Decision* decision, char* buffer, std::size_t bytes) noexcept
   return zrc != 0 ? zrc : giveOut(0, decision->name, buffer, bytes);
 }
 
-SqlzZrc getPath(std::uint32_t kind, char* buffer, std::size_t bytes) noexcept {
+// Not inline: its switch becomes a jump through a table, which the proof of the trace's cost cannot follow.
+[[gnu::noinline]] SqlzZrc getPath(std::uint32_t kind, char* buffer, std::size_t bytes) noexcept {
   if (buffer == nullptr || bytes == 0) return SQLO_INV_PARM;
   buffer[0] = '\0';
   switch (kind) {
