@@ -17,7 +17,7 @@ namespace vek {
 namespace {
 
 // Sizes of the host record that callers may have been compiled with, one per layout this library ever had.
-constexpr std::size_t kKnownSizes[] = {sizeof(VekHost)};
+constexpr std::size_t kKnownSizes[] = {offsetof(VekHost, panic), sizeof(VekHost)};
 
 constexpr VekInstanceControl kDefaultControl = {
     .instanceName = {},
@@ -114,6 +114,10 @@ void hostWorkloadDisplay(EcfFunctionId id, bool entry) noexcept {
 
 void hostDumpEngineUnit(SqlzZrc zrc) noexcept {
   if (g_host.dumpEngineUnit != nullptr) g_host.dumpEngineUnit(g_host.context, zrc);
+}
+
+void hostPanic(SqlzZrc zrc, const char* text) noexcept {
+  if (g_host.panic != nullptr) g_host.panic(g_host.context, zrc, text);
 }
 
 void hostKeepInstanceName() noexcept {

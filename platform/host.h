@@ -21,6 +21,7 @@ extern std::atomic<const VekInstanceControl*> g_hostControl;
 
 void hostWorkloadDisplay(EcfFunctionId id, bool entry) noexcept;
 void hostDumpEngineUnit(SqlzZrc zrc) noexcept;
+void hostPanic(SqlzZrc zrc, const char* text) noexcept;
 
 // The name that the host gave to an identifier, or null.
 const char* hostFunctionName(EcfFunctionId id) noexcept;

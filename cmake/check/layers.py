@@ -14,14 +14,15 @@ FLOORS = {
     "include/veksys": [],
     "platform": [],
     "diag/base": ["platform"],
-    "values": ["platform", "diag/base"],
-    "compose": ["platform", "diag/base", "values"],
+    "sync": ["platform", "diag/base"],
+    "values": ["platform", "diag/base", "sync"],
+    "compose": ["platform", "diag/base", "sync", "values"],
     "tools": [],
     "examples": [],
     "cmake/gen": [],
-    "tests": ["platform", "diag/base", "values", "compose", "tools", "examples", "fuzz"],
-    "bench": ["platform", "diag/base", "values"],
-    "fuzz": ["platform", "diag/base", "values", "tools"],
+    "tests": ["platform", "diag/base", "sync", "values", "compose", "tools", "examples", "fuzz"],
+    "bench": ["platform", "diag/base", "sync", "values"],
+    "fuzz": ["platform", "diag/base", "sync", "values", "tools"],
 }
 
 # Folders that talk to the operating system themselves.

@@ -84,6 +84,10 @@ struct VekHost {
   // Functions of the host's own, shown by name in traces and log records.
   const VekFunctionName* functionNames;
   std::size_t functionNameCount;
+
+  // The process is about to stop because something is broken beyond repair (sqloPanic): `zrc` and `text` tell what, and
+  // are logged already. Any latch may be held. When it returns, the process aborts.
+  void (*panic)(void* context, SqlzZrc zrc, const char* text);
 };
 
 extern "C" {
