@@ -57,5 +57,7 @@ std::string functionsHeader(const Inputs& inputs);
 std::string ecfTables(const Inputs& inputs);
 std::string messageObject(const Inputs& inputs);
 std::string sqlStates(const Inputs& inputs);
+std::string latchTypesHeader(const Inputs& inputs);
+std::string latchTypes(const Inputs& inputs);
 
 }  // namespace gen

@@ -26,6 +26,8 @@ constexpr Kind kKinds[] = {
     {"ecf-tables", 2, gen::ecfTables, "components.tsv functions.tsv"},
     {"mo", 1, gen::messageObject, "sqlmsg.tsv"},
     {"sqlstates", 1, gen::sqlStates, "sqlmsg.tsv"},
+    {"latch-types-header", 1, gen::latchTypesHeader, "latch_types.tsv"},
+    {"latch-types", 1, gen::latchTypes, "latch_types.tsv"},
 };
 
 const Kind* findKind(std::string_view name) {

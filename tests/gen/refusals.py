@@ -11,6 +11,7 @@ VEKGEN, SOURCE = sys.argv[1], pathlib.Path(sys.argv[2])
 ROW = '0x8B0F0000\tSQLO_NOMEM\t'
 # kind, its tables, the table to spoil, what is replaced by what, what the complaint must tell
 ZRC = ("zrc-map", ["diag/tables/zrc.tsv", "diag/tables/sqlmap.tsv", "diag/tables/sqlmsg.tsv"])
+LATCH_TYPES = ("latch-types", ["sync/tables/latch_types.tsv"])
 CASES = [
     (ZRC, 0, ROW, "0x8B0F0000\tSQLO_ACCD\t", "SQLO_ACCD"),
     (ZRC, 0, ROW, "0x840F0001\tSQLO_NOMEM\t", "0x840F0001"),
@@ -22,6 +23,9 @@ CASES = [
     (ZRC, 0, '"No Memory Available"', "No Memory Available", "column 6"),
     (ZRC, 1, "\n2\t616\t", "\n1\t616\t", "type"),
     (ZRC, 2, "\n-911\t", "\n-31999\t", "no message"),
+    (LATCH_TYPES, 0, "\n466\t", "\n467\t", "id 467 where 466 is due"),
+    (LATCH_TYPES, 0, "SMemSet\tMemLatchType", "SQLO_UNTYPED\tuntyped", "latch type SQLO_LT_SQLO_UNTYPED__untyped__latch"),
+    (LATCH_TYPES, 0, "#count 1184", "#count 1185", "1184 rows"),
 ]
 
 
