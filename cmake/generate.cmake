@@ -27,5 +27,7 @@ veksys_generate(ecf-tables ${VEKSYS_PRIVATE_GENERATED}/ecf_tables.inc
 veksys_generate(sqlstates ${VEKSYS_PRIVATE_GENERATED}/sqlstates.inc diag/tables/sqlmsg.tsv)
 veksys_generate(latch-types-header ${VEKSYS_PUBLIC_GENERATED}/veksys/latch_types.h sync/tables/latch_types.tsv)
 veksys_generate(latch-types ${VEKSYS_PRIVATE_GENERATED}/latch_types.inc sync/tables/latch_types.tsv)
+veksys_generate(territories ${VEKSYS_PRIVATE_GENERATED}/territories.inc
+                platform/tables/territories.tsv platform/tables/territory_formats.tsv)
 veksys_generate(mo ${VEKSYS_MESSAGES} diag/tables/sqlmsg.tsv)
 add_custom_target(veksys_generated DEPENDS ${VEKSYS_GENERATED_FILES})

@@ -32,7 +32,7 @@ SYSTEM_HEADERS = re.compile(
     r"|(?:aio|dirent|dlfcn|execinfo|fcntl|fnmatch|ftw|getopt|glob|grp|link|mqueue|netdb|poll|pthread|pwd|regex|sched"
     r"|search|semaphore|shadow|spawn|syslog|termios|ucontext|unistd|utime|wordexp)\.h"
 )
-GENERATED = {"veksys_functions.h", "zrc_map.inc", "ecf_tables.inc", "sqlstates.inc", "latch_types.inc"}
+GENERATED = {"veksys_functions.h", "zrc_map.inc", "ecf_tables.inc", "sqlstates.inc", "latch_types.inc", "territories.inc"}
 INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*([<"])([^>"]+)[>"]', re.MULTILINE)
 
 

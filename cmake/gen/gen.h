@@ -59,5 +59,6 @@ std::string messageObject(const Inputs& inputs);
 std::string sqlStates(const Inputs& inputs);
 std::string latchTypesHeader(const Inputs& inputs);
 std::string latchTypes(const Inputs& inputs);
+std::string territories(const Inputs& inputs);
 
 }  // namespace gen

@@ -28,6 +28,7 @@ constexpr Kind kKinds[] = {
     {"sqlstates", 1, gen::sqlStates, "sqlmsg.tsv"},
     {"latch-types-header", 1, gen::latchTypesHeader, "latch_types.tsv"},
     {"latch-types", 1, gen::latchTypes, "latch_types.tsv"},
+    {"territories", 2, gen::territories, "territories.tsv territory_formats.tsv"},
 };
 
 const Kind* findKind(std::string_view name) {

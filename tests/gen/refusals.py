@@ -12,6 +12,7 @@ ROW = '0x8B0F0000\tSQLO_NOMEM\t'
 # kind, its tables, the table to spoil, what is replaced by what, what the complaint must tell
 ZRC = ("zrc-map", ["diag/tables/zrc.tsv", "diag/tables/sqlmap.tsv", "diag/tables/sqlmsg.tsv"])
 LATCH_TYPES = ("latch-types", ["sync/tables/latch_types.tsv"])
+TERRITORIES = ("territories", ["platform/tables/territories.tsv", "platform/tables/territory_formats.tsv"])
 CASES = [
     (ZRC, 0, ROW, "0x8B0F0000\tSQLO_ACCD\t", "SQLO_ACCD"),
     (ZRC, 0, ROW, "0x840F0001\tSQLO_NOMEM\t", "0x840F0001"),
@@ -26,6 +27,11 @@ CASES = [
     (LATCH_TYPES, 0, "\n466\t", "\n467\t", "id 467 where 466 is due"),
     (LATCH_TYPES, 0, "SMemSet\tMemLatchType", "SQLO_UNTYPED\tuntyped", "latch type SQLO_LT_SQLO_UNTYPED__untyped__latch"),
     (LATCH_TYPES, 0, "#count 1184", "#count 1185", "1184 rows"),
+    (TERRITORIES, 0, "\n276\tDE\t", "\n840\tDE\t", "840"),
+    (TERRITORIES, 0, '"DD/MM/BBBB"', '"DD/MM/BB"', "DD/MM/BB"),
+    (TERRITORIES, 0, "\n276\tDE\t", "\n276\tDEU\t", "DEU"),
+    (TERRITORIES, 1, '"DD/MM/BBBB"\t9', '"DD/MM/BBBB"\t12', "12"),
+    (TERRITORIES, 1, "time\t4", "day\t4", "day"),
 ]
 
 

@@ -25,6 +25,7 @@
 #include "veksys/codes.h"
 #include "veksys/export.h"
 #include "veksys/types.h"
+#include "veksys/values/national_language.h"
 
 // What a packed value is: the number of digits, and how many of them are behind the decimal point.
 struct SqlvDescriptor {
@@ -134,11 +135,6 @@ struct SqlvNumericValue {
 // Where text goes: precision + 2 characters, without a terminator.
 struct SqlvCharacterValue {
   char* buffer;
-};
-
-// What a national language decides about numbers.
-struct SqlvNationalLanguage {
-  char decimalPoint;
 };
 
 // Writes a packed value as precision + 2 characters: "-" for a negative value that is not zero, else a blank; the
