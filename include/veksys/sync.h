@@ -5,4 +5,5 @@
 #include "veksys/sync/latch.h"
 #include "veksys/sync/latch_control.h"
 #include "veksys/sync/latch_list.h"
+#include "veksys/sync/lockable.h"
 #include "veksys/sync/page_latch.h"
