@@ -162,7 +162,6 @@ int mapPage(AppendFile& file, const struct stat& status) noexcept {
 int allocatePage(const AppendFile& file, const struct stat& status) noexcept {
   const auto bytes = static_cast<std::uint64_t>(status.st_size);
   if (bytes >= kPageBytes) return 0;
-  if (file.sizeLimit < kPageBytes) return EFBIG;
   constexpr char kZeros[kPageBytes] = {};
   const int error = ossWriteAt(file.lockFd, kZeros + bytes, kPageBytes - bytes, bytes);
   if (error == 0) return 0;
@@ -308,8 +307,7 @@ int failWith(AppendOutcome* outcome, const char* what, int error) noexcept {
 }
 
 // Writes at the end of the file, or leaves it as it was.
-int writeWhole(const AppendFile& file, Log& log, const AppendText& text) noexcept {
-  if (log.bytes + text.length > file.sizeLimit) return EFBIG;  // the kernel would send a signal with this answer
+int writeWhole(Log& log, const AppendText& text) noexcept {
   if (text.stamp != nullptr) text.stamp(text.bytes, log.bytes, text.length);
   const int error = ossWriteAll(log.fd, text.bytes, text.length);
   if (error == 0) {
@@ -326,7 +324,7 @@ int writeNoted(const AppendFile& file, Log& log, const AppendText& text) noexcep
   std::atomic_signal_fence(std::memory_order_seq_cst);
   *const_cast<volatile std::uint64_t*>(&page.intentLength) = text.length;
   std::atomic_signal_fence(std::memory_order_seq_cst);
-  const int error = writeWhole(file, log, text);
+  const int error = writeWhole(log, text);
   std::atomic_signal_fence(std::memory_order_seq_cst);
   if (!log.hasPart) *const_cast<volatile std::uint64_t*>(&page.intentLength) = 0;
   return error;
@@ -388,7 +386,7 @@ int beginNext(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome) 
   Log log;
   int error = openLog(outcome->path, O_CREAT, &log.fd);
   if (error == 0) error = ossTruncate(log.fd, 0);
-  if (error == 0 && plan.firstText != nullptr) error = writeWhole(file, log, plan.firstText());
+  if (error == 0 && plan.firstText != nullptr) error = writeWhole(log, plan.firstText());
   ossClose(log.fd);
   if (error != 0) {
     if (log.fd >= 0) ossCalls().unlink(outcome->path);
@@ -515,9 +513,9 @@ Step appendUnmapped(const AppendFile& file, Log& log, const AppendPlan& plan, Ap
   if (*error == 0 && !isTrusted(status)) *error = failWith(outcome, "open", EPERM);
   if (*error != 0) return Step::kDone;
   if (!endsInLine(outcome->path, log.bytes)) markUnfinished(log);
-  if (log.bytes == 0 && plan.firstText != nullptr) *error = writeWhole(file, log, plan.firstText());
+  if (log.bytes == 0 && plan.firstText != nullptr) *error = writeWhole(log, plan.firstText());
   outcome->offset = log.bytes;
-  if (*error == 0) *error = writeWhole(file, log, plan.text);
+  if (*error == 0) *error = writeWhole(log, plan.text);
   if (*error != 0) failWith(outcome, "write", *error);
   return Step::kDone;
 }
@@ -559,7 +557,6 @@ void appendPrepare(AppendFile& file, const char* directory, const char* name, bo
   file.page = nullptr;
   file.lockFd = -1;
   file.openFd = -1;
-  file.sizeLimit = APPEND_NO_LIMIT;
   file.wasStuck = false;
 }
 
@@ -577,7 +574,6 @@ void closeLockFile(AppendFile& file) noexcept {
 }  // namespace
 
 int appendToFile(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome) noexcept {
-  file.sizeLimit = ossFileSizeLimit();
   outcome->offset = 0;
   outcome->failed = nullptr;
   outcome->switchedFile = false;

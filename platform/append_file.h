@@ -52,9 +52,8 @@ struct AppendFile {
   int lockFd;
   std::uint64_t lockDevice;
   std::uint64_t lockInode;
-  std::uint64_t sizeLimit;  // of files of this process (RLIMIT_FSIZE)
-  int openFd;               // of the file while it is open, else -1
-  bool wasStuck;            // the last wait was in vain: the next ones are short
+  int openFd;     // of the file while it is open, else -1
+  bool wasStuck;  // the last wait was in vain: the next ones are short
 };
 
 // A text to append. `stamp`, when there is one, is told the offset before the text is written.
@@ -84,7 +83,8 @@ struct AppendOutcome {
 // Makes a file record. Opens nothing.
 void appendPrepare(AppendFile& file, const char* directory, const char* name, bool isSeries) noexcept;
 
-// Appends a text: whole, or not at all.
+// Appends a text: whole, or not at all. To be called under a fault guard: a lock file that is cut while it is mapped is
+// a fault, and the limit on file sizes a signal.
 //
 //   Result   0, or an errno value; ETIMEDOUT: another process kept the lock for APPEND_WAIT_MS; EPERM: the file or its
 //            lock file belongs to another user, is open to others or is no regular file; ELOOP: it is a symbolic link;

@@ -9,10 +9,13 @@
 namespace vek {
 namespace {
 
-constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE};
+// Those of faults, and that of a write past the limit on file sizes.
+constexpr int kSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGXFSZ};
 constexpr std::size_t kCount = sizeof kSignals / sizeof kSignals[0];
 
-constexpr int kMostNested = 2;  // a fault inside the capture still reaches the previous handler
+constexpr std::uint32_t kMostNested = 2;      // a fault inside the capture still reaches the previous handler
+constexpr std::uint32_t kMostPrevious = 8;    // handlers that a program may install over ours, one after the other
+constexpr std::uint32_t kGuardsPerLook = 64;  // between two looks whether it has: a look costs a system call a signal
 
 // A guard in force, on the stack of its thread.
 struct Guard {
@@ -24,17 +27,26 @@ struct Guard {
 constinit thread_local Guard* t_guard __attribute__((tls_model("initial-exec"))) = nullptr;
 
 // Faults of this thread that are being handled: one inside the capture or a previous handler ends the process.
-constinit thread_local int t_handling __attribute__((tls_model("initial-exec"))) = 0;
+constinit thread_local std::uint32_t t_handling __attribute__((tls_model("initial-exec"))) = 0;
+
+// What was installed for a signal before our handler, the latest last. Entries below `count` are never changed.
+struct Previous {
+  struct sigaction actions[kMostPrevious] = {};
+  std::atomic<std::uint32_t> count{0};
+};
 
 struct Handlers {
   pthread_once_t once = PTHREAD_ONCE_INIT;
-  struct sigaction previous[kCount] = {};
+  sigset_t signals = {};  // all of kSignals
+  Previous previous[kCount];
+  std::atomic<std::uint32_t> guards{0};
+  std::atomic_flag isLooking = ATOMIC_FLAG_INIT;
   std::atomic<void (*)(int, siginfo_t*, void*)> capture{nullptr};
 };
 
 constinit Handlers g_handlers;
 
-const struct sigaction& previousOf(int signal) noexcept {
+const Previous& previousOf(int signal) noexcept {
   std::size_t index = 0;
   while (index + 1 < kCount && kSignals[index] != signal) ++index;
   return g_handlers.previous[index];
@@ -52,8 +64,11 @@ void endByDefault(int signal, const siginfo_t* info) noexcept {
   if (wasSent(info)) (void)::raise(signal);
 }
 
-void callPrevious(int signal, siginfo_t* info, void* context) noexcept {
-  const struct sigaction& previous = previousOf(signal);
+// Calls what was there before. A handler that was installed over ours may hand the signal on to ours, which it found
+// there: that call, the `nested`-th, goes to the handler before it.
+void callPrevious(const Previous& all, std::uint32_t nested, int signal, siginfo_t* info, void* context) noexcept {
+  const std::uint32_t count = all.count.load(std::memory_order_acquire);
+  const struct sigaction& previous = all.actions[nested < count ? count - 1 - nested : 0];
   const bool takesInfo = (previous.sa_flags & SA_SIGINFO) != 0;
   if (!takesInfo && previous.sa_handler == SIG_DFL) return endByDefault(signal, info);
   if (!takesInfo && previous.sa_handler == SIG_IGN) {
@@ -80,6 +95,7 @@ void noteFault(Fault* fault, int signal, const siginfo_t* info) noexcept {
 }
 
 extern "C" void veki_fault(int signal, siginfo_t* info, void* context) {
+  if (signal == SIGXFSZ && t_guard != nullptr) return;  // the write answers EFBIG
   if (Guard* guard = t_guard; guard != nullptr && !wasSent(info)) {
     t_guard = guard->outer;  // a fault in here is not this guard's any more
     noteFault(guard->fault, signal, info);
@@ -88,32 +104,64 @@ extern "C" void veki_fault(int signal, siginfo_t* info, void* context) {
     ::pthread_sigmask(SIG_SETMASK, &static_cast<const ucontext_t*>(context)->uc_sigmask, nullptr);
     ::siglongjmp(guard->place, 1);
   }
-  if (t_handling >= kMostNested) return endByDefault(signal, info);
-  ++t_handling;
-  if (const auto capture = g_handlers.capture.load(std::memory_order_acquire); capture != nullptr && t_handling == 1)
-    capture(signal, info, context);
-  callPrevious(signal, info, context);
+  const Previous& previous = previousOf(signal);
+  if (t_handling >= kMostNested + previous.count.load(std::memory_order_relaxed) - 1) return endByDefault(signal, info);
+  const std::uint32_t nested = t_handling++;
+  const auto capture = g_handlers.capture.load(std::memory_order_acquire);
+  if (capture != nullptr && nested == 0 && signal != SIGXFSZ) capture(signal, info, context);
+  callPrevious(previous, nested, signal, info, context);
   --t_handling;
 }
 
-void install() {
-  for (std::size_t i = 0; i < kCount; ++i) {
-    ::sigaction(kSignals[i], nullptr, &g_handlers.previous[i]);  // known before the handler can run
-    struct sigaction action = {};
-    action.sa_sigaction = veki_fault;
-    action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER | SA_RESTART;
-    ::sigemptyset(&action.sa_mask);
-    ::sigaction(kSignals[i], &action, nullptr);
+bool isOurs(const struct sigaction& action) noexcept {
+  return (action.sa_flags & SA_SIGINFO) != 0 && action.sa_sigaction == veki_fault;
+}
+
+bool isSame(const struct sigaction& one, const struct sigaction& other) noexcept {
+  return one.sa_handler == other.sa_handler && one.sa_flags == other.sa_flags;
+}
+
+// Puts our handler in the place of another one, which is known before ours can run.
+void installFor(int signal, Previous* previous) noexcept {
+  struct sigaction there;
+  ::sigaction(signal, nullptr, &there);
+  const std::uint32_t count = previous->count.load(std::memory_order_relaxed);
+  if (isOurs(there) || (signal == SIGXFSZ && there.sa_handler == SIG_IGN))
+    return;  // ignored, the write fails: as it should
+  if (count == 0 || !isSame(previous->actions[count - 1], there)) {
+    if (count == kMostPrevious) return;
+    previous->actions[count] = there;
+    previous->count.store(count + 1, std::memory_order_release);
   }
+  struct sigaction action = {};
+  action.sa_sigaction = veki_fault;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER | SA_RESTART;
+  ::sigemptyset(&action.sa_mask);
+  ::sigaction(signal, &action, nullptr);
+}
+
+void installAll() {
+  for (std::size_t i = 0; i < kCount; ++i) installFor(kSignals[i], &g_handlers.previous[i]);
+}
+
+void installFirst() {
+  ::sigemptyset(&g_handlers.signals);
+  for (const int signal : kSignals) ::sigaddset(&g_handlers.signals, signal);
+  installAll();
+}
+
+// Every now and then, whether the program has installed handlers of its own over ours since.
+void lookAfterHandlers() noexcept {
+  if (g_handlers.guards.fetch_add(1, std::memory_order_relaxed) % kGuardsPerLook != kGuardsPerLook - 1) return;
+  if (g_handlers.isLooking.test_and_set(std::memory_order_acquire)) return;
+  installAll();
+  g_handlers.isLooking.clear(std::memory_order_release);
 }
 
 // The system ends a process at a fault whose signal is blocked, and many a thread of an engine blocks them all.
 // Unblocks those of faults; answers whether one was blocked.
 bool unblock(sigset_t* before) noexcept {
-  sigset_t faults;
-  ::sigemptyset(&faults);
-  for (const int signal : kSignals) ::sigaddset(&faults, signal);
-  ::pthread_sigmask(SIG_UNBLOCK, &faults, before);
+  ::pthread_sigmask(SIG_UNBLOCK, &g_handlers.signals, before);
   for (const int signal : kSignals)
     if (::sigismember(before, signal) == 1) return true;
   return false;
@@ -122,7 +170,8 @@ bool unblock(sigset_t* before) noexcept {
 }  // namespace
 
 bool faultGuard(void (*body)(void* context), void* context, Fault* fault) noexcept {
-  ::pthread_once(&g_handlers.once, install);
+  ::pthread_once(&g_handlers.once, installFirst);
+  lookAfterHandlers();
   Guard guard;
   guard.fault = fault;
   guard.outer = t_guard;

@@ -6,7 +6,13 @@
 //   3  whatever the program had installed before: its handler, called as it asked to be called, or the system's default
 //
 // The handler is installed by the first guard of a process and never taken away. It runs on the alternate stack of the
-// thread when there is one. It leaves the signal mask as it is, so that a guard costs no system call.
+// thread when there is one. A handler that the program installs over it later counts until the next look, one in every
+// 64 guards of the process: then ours is put before it, and it becomes the one that was there before; up to seven of
+// them. Until then a fault in a guarded body goes to the program's handler, and to ours only if that hands it on.
+//
+// A guard costs one system call, which unblocks the signals: a fault whose signal is blocked would end the process.
+//
+// SIGXFSZ belongs to the signals: a guarded write past the limit on file sizes fails with EFBIG and does nothing else.
 #pragma once
 
 #include <csetjmp>

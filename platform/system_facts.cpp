@@ -96,7 +96,7 @@ void readSystem(SystemFacts* out) noexcept {
     ossSnprintf(out->system, sizeof out->system, "%s %s %s", names.sysname, names.release, names.version);
     ossCopyText(out->machine, sizeof out->machine, names.machine);
   }
-  ossSnprintf(out->library, sizeof out->library, "glibc %s", ::gnu_get_libc_version());
+  ossSnprintf(out->libcVersion, sizeof out->libcVersion, "glibc %s", ::gnu_get_libc_version());
   ossBootId(out->boot, sizeof out->boot);
 }
 

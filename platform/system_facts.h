@@ -28,7 +28,7 @@ struct SystemFacts {
   char host[256];
   char system[128];  // name, release and version of the kernel
   char machine[64];  // "x86_64"
-  char library[64];  // of the C library: "glibc 2.36"
+  char libcVersion[64];  // of the C library: "glibc 2.36"
   char boot[37];     // identifier of this boot
   char processor[128];
   char features[4096];  // of the processor, as the kernel names them

@@ -98,8 +98,11 @@ bool tryDirectories(EcfFunctionId functionId, std::uint32_t probe, std::uint32_t
 
 SqlzZrc pdLogDump(std::uint64_t flags, EcfFunctionId functionId, std::int64_t returnCode, std::uint32_t probe,
                   std::uint32_t level, const char* label, std::uint32_t size, const void* data) noexcept {
-  if (vek::pdi_isFiltered(level) && (flags & (PD_LOG_NOTIFY_MASK | PD_LOG_FACILITY_MASK)) == 0) return SQLT_NOLOG;
+  if (vek::pdi_isOver(flags, level)) return SQLT_NOLOG;
   if (vek::pdi_isInsideLog()) return vek::pdi_drop();
+  PdLogCall call = pdLogDescribe(flags, functionId, returnCode, probe, level);
+  call.message = label;
+  if (!vek::pdi_hasPlace(call)) return vek::pdi_writeRecord(call);  // nobody would know of the object
   vek::Dump dump;
   dump.size = size;
   dump.data = data;
@@ -109,21 +112,13 @@ SqlzZrc pdLogDump(std::uint64_t flags, EcfFunctionId functionId, std::int64_t re
     isDumped = vek::tryDirectories(functionId, probe, level, &dump);
   }
   const SqlzZrc code = isDumped ? 0 : sqloMapUnexpectedFileSystemErrorToZRC(dump.error);
-  vek::PdLogDumpFact fact = {.size = size, .data = data, .object = {}, .error = dump.reason, .code = code};
+  vek::PdLogDumpFact fact = {
+      .size = size, .data = data, .label = label, .object = {}, .error = dump.reason, .code = code};
   fact.object.dumped = isDumped;
   fact.object.offset = dump.offset;
   fact.object.writtenBytes = static_cast<std::uint32_t>(dump.headerBytes + size);
   fact.object.file = dump.path;
-  fact.object.object = label == nullptr ? "" : label;
   fact.object.reason = dump.reason;
-  PdLogCall call = {};
-  call.size = sizeof call;
-  call.flags = flags;
-  call.functionId = functionId;
-  call.probe = probe;
-  call.returnCode = returnCode;
-  call.level = level;
-  call.message = label;
   const SqlzZrc result = vek::pdi_writeDumped(call, &fact);
   if (result != 0) return result;
   return isDumped ? 0 : SQLT_DIAGERR_DUMPERR;

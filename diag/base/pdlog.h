@@ -7,20 +7,24 @@
 //   facts      who calls, for which application, where the file is: settings and the host's call-backs are asked here,
 //              while no lock is held
 //   the mutex  of the process (platform/log_mutex.h); cancellation is disabled from here to the end
-//   format     into the record buffer, under the fault guard
+//   format     into the record buffer
 //   append     to the file, under the lock between processes (platform/append_file.h)
+//
+// The last two run under one fault guard. What a caller's pointers lead to is read under a guard everywhere.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
+#include "diag/base/pdlog_filter.h"
 #include "platform/ports.h"
 #include "veksys/diag/log.h"
 
 namespace vek {
 
-// True when the level of the log keeps records of this level out.
-bool pdi_isFiltered(std::uint32_t level) noexcept;
+// The length of a caller's text, cut at that of a record; 0 for null, 1 for one that cannot be read, so that whoever
+// prints it meets the fault where it is told of.
+std::uint32_t pdi_textBytes(const char* text) noexcept;
 
 // Whether the calling thread is inside a log call: further ones are dropped and counted.
 bool pdi_isInsideLog() noexcept;

@@ -20,10 +20,14 @@ SqlzZrc pdi_drop() noexcept;
 struct PdLogDumpFact {
   std::uint32_t size;
   const void* data;
+  const char* label;  // the caller's name for it, or null
   PdDumpedObject object;
   const char* error;  // why it was not dumped, and the code for that
   SqlzZrc code;
 };
+
+// Whether a record of this call would be written somewhere, as far as levels tell and files are known.
+bool pdi_hasPlace(const PdLogCall& call) noexcept;
 
 // pdi_writeRecord with an object that was dumped, or was not, in place of items.
 SqlzZrc pdi_writeDumped(const PdLogCall& call, const PdLogDumpFact* dump) noexcept;

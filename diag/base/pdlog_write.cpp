@@ -37,6 +37,7 @@ struct Logger {
   char first[kFirstBytes] = {};  // the new-file record, with that text
   char note[1024] = {};
   PdItem items[kMostItems] = {};
+  PdDumpedObject dumped;
   AppendOutcome outcome = {};
   PdRecordHeader header;  // of the record being written; the new-file record takes its facts from it
   CallStack stack = {};
@@ -154,10 +155,14 @@ std::size_t forItems(const PdLogCall& call, std::size_t most, Take take) noexcep
   return count;
 }
 
+// A record on its way.
 struct Job {
   const PdLogCall& call;
   const PdLogDumpFact* dump;  // an object that stands in a dump file, instead of items
+  const PdLogTarget& target;
   PdRecordText text;
+  bool isFormatted;
+  int error;  // of the file
 };
 
 PdOsError osErrorOf(const PdLogCall& call) noexcept {
@@ -188,7 +193,9 @@ void takeItems(const Job& job, PdRecordBody* body) noexcept {
       body->dumpCode = job.dump->code;
     }
     g_log.items[0] = itemOf(PD_TYPE_HEXDUMP, job.dump->size, job.dump->data);
-    g_log.items[0].dump = &job.dump->object;
+    g_log.dumped = job.dump->object;
+    g_log.dumped.object = view(job.dump->label);
+    g_log.items[0].dump = &g_log.dumped;
     body->itemCount = 1;
     return;
   }
@@ -198,10 +205,8 @@ void takeItems(const Job& job, PdRecordBody* body) noexcept {
       });
 }
 
-// Formats the record of a call into the buffer. Runs under the fault guard: what the caller's pointers lead to and what
-// formatters do is not in our hands.
-void formatRecord(void* context) noexcept {
-  auto& job = *static_cast<Job*>(context);
+// Formats the record of a call into the buffer.
+void formatRecord(Job& job) noexcept {
   const PdLogCall& call = job.call;
   PdRecordBody body;
   takeMessage(call, &body);
@@ -252,22 +257,24 @@ AppendText newFileText() noexcept {
 
 // ---- into the file ----------------------------------------------------------------------------------------------
 
-struct Append {
-  const PdLogTarget& target;
-  AppendText text;
-  AppendText (*firstText)();
-  int error;
-};
-
-void runAppend(void* context) noexcept {
-  auto& append = *static_cast<Append*>(context);
-  append.error = pdi_appendRecord(append.target, append.text, append.firstText, &g_log.outcome);
+void appendRecord(void* context) noexcept {
+  auto& job = *static_cast<Job*>(context);
+  const AppendText text = {g_log.record, job.text.length, stamp};
+  job.error = pdi_appendRecord(job.target, text, job.target.isDiagnosticLog ? newFileText : nullptr, &g_log.outcome);
 }
 
-// 0 or an errno value; EFAULT: a fault, such as a lock file that was cut while it was mapped.
-int appendGuarded(const PdLogTarget& target, AppendText text, AppendText (*firstText)()) noexcept {
-  Append append = {target, text, firstText, 0};
-  if (faultGuard(runAppend, &append, nullptr)) return append.error;
+// Runs under the fault guard: what the caller's pointers lead to and what formatters do is not in our hands, and a lock
+// file may be cut while it is mapped. One guard for both, since each costs a system call.
+void formatAndAppend(void* context) noexcept {
+  auto& job = *static_cast<Job*>(context);
+  formatRecord(job);
+  job.isFormatted = true;
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  appendRecord(context);
+}
+
+// After a fault while the file was in use.
+int abandonFiles() noexcept {
   pdi_abandonFiles();
   g_log.outcome.failed = "write";
   return EFAULT;
@@ -285,11 +292,13 @@ PdRecordText formatTrap(const PdLogCall& call) noexcept {
   return pdFormatRecord(g_log.header, body, g_log.record, sizeof g_log.record);
 }
 
-PdRecordText formatGuarded(const PdLogCall& call, const PdLogDumpFact* dump, const PdLogTarget& target) noexcept {
-  Job job = {call, dump, {}};
-  if (faultGuard(formatRecord, &job, &g_log.fault)) return job.text;
-  pdi_writeTrapFile(target.directory, g_log.header, g_log.fault);
-  return formatTrap(call);
+// 0 or an errno value; EFAULT: a fault while the file was in use.
+int writeGuarded(Job& job) noexcept {
+  if (faultGuard(formatAndAppend, &job, &g_log.fault)) return job.error;
+  if (job.isFormatted) return abandonFiles();
+  pdi_writeTrapFile(job.target.directory, g_log.header, g_log.fault);
+  job.text = formatTrap(job.call);
+  return faultGuard(appendRecord, &job, nullptr) ? job.error : abandonFiles();
 }
 
 // What the record has to say besides its own matter.
@@ -305,9 +314,8 @@ SqlzZrc writeLocked(const PdLogCall& call, const PdLogDumpFact* dump, const Fact
   const std::uint64_t dropped = g_dropped.exchange(0, std::memory_order_relaxed);
   composeNote(dropped);
   g_log.header.timeNs = ossRealtimeNs();
-  const PdRecordText text = formatGuarded(call, dump, facts.target);
-  const bool begins = facts.target.isDiagnosticLog;
-  const int error = appendGuarded(facts.target, {g_log.record, text.length, stamp}, begins ? newFileText : nullptr);
+  Job job = {.call = call, .dump = dump, .target = facts.target, .text = {}, .isFormatted = false, .error = 0};
+  const int error = writeGuarded(job);
   g_log.record[0] = '\0';
   if (error == 0) {
     g_log.losses.forget();
@@ -316,6 +324,18 @@ SqlzZrc writeLocked(const PdLogCall& call, const PdLogDumpFact* dump, const Fact
   g_dropped.fetch_add(dropped, std::memory_order_relaxed);
   g_log.losses.add(error, g_log.outcome, g_log.header.timeNs);
   return SQLT_DIAGERR_LOGERR;
+}
+
+// Lines that are no record on their way.
+struct Lines {
+  PdLogTarget target;
+  AppendText text;
+  int error;
+};
+
+void appendLines(void* context) noexcept {
+  auto& lines = *static_cast<Lines*>(context);
+  lines.error = pdi_appendRecord(lines.target, lines.text, nullptr, &g_log.outcome);
 }
 
 // What is to be said about the files, in records of their own.
@@ -343,21 +363,55 @@ void writeRemarks(const PdLogTarget& target) noexcept {
 
 // ---- whom else it concerns --------------------------------------------------------------------------------------
 
-void passOn(const PdLogCall& call) noexcept {
-  const bool isTraced = (call.flags & PD_LOG_TRACE) != 0;
-  if (call.recorderEvent != nullptr || isTraced) {
-    PdtItem items[kPassedItems];
-    const std::size_t count =
-        forItems(call, kPassedItems, [&](std::size_t i, std::uint32_t type, std::uint32_t size, const void* data) {
-          items[i] = {type & ~PD_ITEM_ARGUMENT, size, data};
-        });
-    if (call.recorderEvent != nullptr)
-      g_ports.recordEvent({call.recorderEvent->recorder, call.recorderEvent->event, call.recorderEvent->qualifiers,
-                           call.functionId, call.probe, call.level, call.returnCode, count, items});
-    if (isTraced && (wintTraceWord(ecfComponent(call.functionId)) & SQLT_TRACE_ERROR) != 0)
-      pdtErrorItems(call.functionId, call.probe, call.returnCode,
-                    static_cast<std::uint32_t>(std::min<std::size_t>(count, 20)), items);
+// What recorders and the trace are told of a call: as much of it as can be read.
+struct Passed {
+  const PdLogCall& call;
+  bool hasEvent;
+  PdRecorderEvent event;
+  std::size_t count;
+  PdtItem items[kPassedItems];
+};
+
+// Reads a byte of each page of a value: those who are told of it take latches, and must not meet the fault.
+void touch(const PdtItem& item) noexcept {
+  constexpr std::uint32_t kPageBytes = 4096;
+  const auto* bytes = static_cast<const volatile char*>(item.data);
+  if (bytes == nullptr || item.size == 0) return;
+  for (std::uint64_t at = 0; at < item.size; at += kPageBytes) (void)bytes[at];
+  (void)bytes[item.size - 1];
+}
+
+// Runs under the fault guard.
+void gather(void* context) noexcept {
+  auto& passed = *static_cast<Passed*>(context);
+  if (passed.call.recorderEvent != nullptr) {
+    passed.event = *passed.call.recorderEvent;
+    passed.hasEvent = true;
   }
+  forItems(passed.call, kPassedItems, [&](std::size_t i, std::uint32_t type, std::uint32_t size, const void* data) {
+    passed.items[i] = {type & ~PD_ITEM_ARGUMENT, size, data};
+    touch(passed.items[i]);
+    passed.count = i + 1;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  });
+}
+
+void passToRecorderAndTrace(const PdLogCall& call) noexcept {
+  const bool isTraced =
+      (call.flags & PD_LOG_TRACE) != 0 && (wintTraceWord(ecfComponent(call.functionId)) & SQLT_TRACE_ERROR) != 0;
+  if (call.recorderEvent == nullptr && !isTraced) return;
+  Passed passed = {.call = call, .hasEvent = false, .event = {}, .count = 0, .items = {}};
+  (void)faultGuard(gather, &passed, nullptr);
+  if (passed.hasEvent)
+    g_ports.recordEvent({passed.event.recorder, passed.event.event, passed.event.qualifiers, call.functionId,
+                         call.probe, call.level, call.returnCode, passed.count, passed.items});
+  if (isTraced)
+    pdtErrorItems(call.functionId, call.probe, call.returnCode,
+                  static_cast<std::uint32_t>(std::min<std::size_t>(passed.count, 20)), passed.items);
+}
+
+void passOn(const PdLogCall& call) noexcept {
+  passToRecorderAndTrace(call);
   if ((call.flags & PD_LOG_NOTIFY_MASK) != 0 && sqltTestNotifyLevel(call.flags)) pdi_notify(call);
 }
 
@@ -436,6 +490,28 @@ SqlzZrc pdi_drop() noexcept {
   return SQLT_DIAGERR_LOGERR;
 }
 
+bool pdi_hasPlace(const PdLogCall& call) noexcept {
+  const PdInsideLog inside;
+  pdi_attachLog();
+  Facts facts;
+  return findTarget(call, &facts) == 0;
+}
+
+std::uint32_t pdi_textBytes(const char* text) noexcept {
+  struct Measured {
+    const char* text;
+    std::size_t bytes;
+  } measured = {text, 1};
+  if (text == nullptr) return 0;
+  (void)faultGuard(
+      [](void* context) {
+        auto& of = *static_cast<Measured*>(context);
+        of.bytes = ::strnlen(of.text, PD_RECORD_BYTES);
+      },
+      &measured, nullptr);
+  return static_cast<std::uint32_t>(measured.bytes);
+}
+
 SqlzZrc pdi_writeDumped(const PdLogCall& call, const PdLogDumpFact* dump) noexcept {
   if (!isUsable(call)) return SQLO_INV_PARM;
   if (pdi_isInsideLog() || threadIsInsideLock()) return pdi_drop();
@@ -454,9 +530,9 @@ SqlzZrc pdi_appendText(const char* path, const char* text, std::size_t bytes) no
   if (!splitPath(path, directory, sizeof directory, name, sizeof name)) return SQLO_INV_PARM;
   const PdInsideLog inside;
   pdi_attachLog();
-  const PdLogTarget target = {.directory = directory, .name = name};
+  Lines lines = {{.directory = directory, .name = name}, {const_cast<char*>(text), bytes, nullptr}, 0};
   logMutexLock();
-  const int error = appendGuarded(target, {const_cast<char*>(text), bytes, nullptr}, nullptr);
+  const int error = faultGuard(appendLines, &lines, nullptr) ? lines.error : abandonFiles();
   if (error != 0) pdi_sayOpenFailed(g_log.outcome, error);
   logMutexUnlock();
   return error == 0 ? 0 : SQLT_DIAGERR_LOGERR;

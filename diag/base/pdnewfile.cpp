@@ -123,7 +123,7 @@ std::size_t pdGatherNewFileText(char* text, std::size_t bytes) noexcept {
   penTextFact(pen, "Host", facts.host);
   penTextFact(pen, "System", facts.system);
   penTextFact(pen, "Machine", facts.machine);
-  penTextFact(pen, "C library", facts.library);
+  penTextFact(pen, "C library", facts.libcVersion);
   penTextFact(pen, "Boot", facts.boot);
   penProcessors(pen, facts);
   penMemory(pen, facts);

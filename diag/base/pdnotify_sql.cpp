@@ -5,6 +5,7 @@
 
 #include "diag/base/pdnotify.h"
 #include "diag/base/traced.h"
+#include "platform/fault.h"
 #include "platform/osse.h"
 #include "veksys/codes.h"
 #include "veksys/diag/sqlca.h"
@@ -77,27 +78,12 @@ void penTokensWithoutPlace(PdPen& pen, const Tokens& tokens, std::size_t from) n
   if (from < tokens.count) pen.newLine();
 }
 
-SqlzZrc writeSqlcode(EcfFunctionId functionId, std::uint32_t probe, std::int32_t sqlcode,
-                     const Tokens& tokens) noexcept {
-  char message[2048];
-  if (sqlzGetSqlMessage(sqlcode, message, sizeof message) == 0)
-    ossSnprintf(message, sizeof message, "SQL code %d", sqlcode);
-  char lines[4096];
-  PdPen pen(lines, sizeof lines);
-  const std::size_t placed = penMessage(pen, message, tokens);
-  penTokensWithoutPlace(pen, tokens, placed);
-  pen.finish("...(cut)\r\n");
-  const SqlzZrc zrc =
-      pdi_writeNotification({sqlcode < 0 ? PD_LEVEL_ERROR : PD_LEVEL_WARNING, functionId, probe, lines});
-  pdi_reportNotifyFailures();
-  return zrc;
-}
-
 SqlzZrc checkLevel(std::uint32_t level) noexcept {
   if (level < 1 || level > kNotifyLevelMost) return SQLT_NOTIFY_LEVEL_RANGE;
   return sqltTestNotifyLevel(pdLogNotify(level)) ? 0 : SQLT_NOLOG;
 }
 
+// Adds the tokens of an area, which stand one behind the other.
 void addTokensOf(const sqlca& area, Tokens* out) noexcept {
   const int used = std::clamp<int>(area.sqlerrml, 0, sizeof area.sqlerrmc);
   std::string_view rest(area.sqlerrmc, static_cast<std::size_t>(used));
@@ -106,6 +92,53 @@ void addTokensOf(const sqlca& area, Tokens* out) noexcept {
     out->add(rest.substr(0, length));
     rest.remove_prefix(std::min(length + 1, rest.size()));
   }
+}
+
+// An SQL code on its way into an entry.
+struct Telling {
+  const char* message;
+  std::uint32_t tokenCount;
+  const char* const* tokens;  // as the caller passed them
+  const sqlca* area;          // that holds them instead, or null
+  char lines[4096];
+};
+
+void penLines(PdPen& pen, std::string_view message, const Tokens& tokens) noexcept {
+  const std::size_t placed = penMessage(pen, message, tokens);
+  penTokensWithoutPlace(pen, tokens, placed);
+}
+
+// Runs under the fault guard: tokens are the caller's.
+void tell(void* context) noexcept {
+  auto& telling = *static_cast<Telling*>(context);
+  Tokens tokens;
+  if (telling.area != nullptr) addTokensOf(*telling.area, &tokens);
+  for (std::uint32_t i = 0; i < telling.tokenCount && i < kTokensMost; ++i)
+    tokens.add(telling.tokens[i] != nullptr ? telling.tokens[i] : "");
+  PdPen pen(telling.lines, sizeof telling.lines);
+  penLines(pen, telling.message, tokens);
+  pen.finish("...(cut)\r\n");
+}
+
+// The entry of tokens that lead nowhere.
+void tellWithoutTokens(Telling& telling) noexcept {
+  PdPen pen(telling.lines, sizeof telling.lines);
+  penLines(pen, telling.message, {});
+  pen.text("The tokens could not be read.\r\n");
+  pen.finish("...(cut)\r\n");
+}
+
+SqlzZrc writeSqlcode(EcfFunctionId functionId, std::uint32_t probe, std::int32_t sqlcode, std::uint32_t tokenCount,
+                     const char* const* tokens, const sqlca* area) noexcept {
+  char message[2048];
+  if (sqlzGetSqlMessage(sqlcode, message, sizeof message) == 0)
+    ossSnprintf(message, sizeof message, "SQL code %d", sqlcode);
+  Telling telling = {.message = message, .tokenCount = tokenCount, .tokens = tokens, .area = area, .lines = {}};
+  if (!faultGuard(tell, &telling, nullptr)) tellWithoutTokens(telling);
+  const SqlzZrc zrc =
+      pdi_writeNotification({sqlcode < 0 ? PD_LEVEL_ERROR : PD_LEVEL_WARNING, functionId, probe, telling.lines});
+  pdi_reportNotifyFailures();
+  return zrc;
 }
 
 }  // namespace
@@ -117,9 +150,7 @@ SqlzZrc sqlt_logadmin(EcfFunctionId functionId, std::uint32_t probe, std::uint32
   if (tokenCount != 0 && tokens == nullptr) return trace.exit(SQLO_INV_PARM);
   const SqlzZrc refusal = vek::checkLevel(notifyLevel);
   if (refusal != 0) return trace.exit(refusal);
-  vek::Tokens all;
-  for (std::uint32_t i = 0; i < tokenCount && i < vek::kTokensMost; ++i) all.add(tokens[i] != nullptr ? tokens[i] : "");
-  return trace.exit(vek::writeSqlcode(functionId, probe, sqlcode, all));
+  return trace.exit(vek::writeSqlcode(functionId, probe, sqlcode, tokenCount, tokens, nullptr));
 }
 
 SqlzZrc sqlt_logadmin_api(EcfFunctionId functionId, std::uint32_t probe, std::uint32_t notifyLevel,
@@ -129,7 +160,5 @@ SqlzZrc sqlt_logadmin_api(EcfFunctionId functionId, std::uint32_t probe, std::ui
   const SqlzZrc refusal = vek::checkLevel(notifyLevel);
   if (refusal != 0) return trace.exit(refusal);
   if (area->sqlcode == 0) return trace.exit(SQLT_NOLOG);
-  vek::Tokens all;
-  vek::addTokensOf(*area, &all);
-  return trace.exit(vek::writeSqlcode(functionId, probe, area->sqlcode, all));
+  return trace.exit(vek::writeSqlcode(functionId, probe, area->sqlcode, 0, nullptr, area));
 }

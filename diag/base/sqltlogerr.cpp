@@ -6,12 +6,7 @@ namespace {
 using vek::pdi_writeRecord;
 
 PdLogCall call(EcfFunctionId functionId, std::uint32_t probe, std::uint32_t level) noexcept {
-  PdLogCall call = {};
-  call.size = sizeof call;
-  call.functionId = functionId;
-  call.probe = probe;
-  call.level = level;
-  return call;
+  return pdLogDescribe(PD_LOG_RC_NONE, functionId, 0, probe, level);
 }
 
 void setCode(SqlzZrc zrc, PdLogCall* out) noexcept {

@@ -5,7 +5,9 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
+#include <cstring>
 
 #include "pdlog_support.h"
 #include "platform/ports.h"
@@ -197,7 +199,12 @@ TEST(PdLog, LevelsAreComparedAsNumbers) {
       for (std::uint32_t level = 0; level < 9; ++level)
         EXPECT_EQ(logText("x", level), static_cast<int>(level) > diagLevel ? SQLT_NOLOG : 0) << diagLevel << level;
     }
-    EXPECT_EQ(pdLogDump(1, kFunction, 0, 5, 8, "x", 1, "x"), SQLT_NOLOG);
+    const std::uint64_t elsewhere[] = {0, pdLogNotify(1), PD_LOG_TRACE};
+    for (const std::uint64_t flags : elsewhere)
+      EXPECT_EQ(pdLogDump(flags, kFunction, 0, 5, 8, "told", 1, "x"), SQLT_NOLOG);
+    EXPECT_TRUE(holds(readFile(log.directory() + vekInstanceName() + ".nfy"), "    told\r\n"));
+    for (const auto& entry : std::filesystem::directory_iterator(log.directory()))
+      EXPECT_FALSE(entry.path().string().ends_with(".dump.bin")) << "an object that no record tells of";
     EXPECT_EQ(countOf(log.records(), "LEVEL: Unknown"), 5U);  // four times level 0, once level 7
   });
 }
@@ -327,6 +334,70 @@ TEST(PdLog, TextsCannotForgeRecords) {
     const auto records = log.records();  // follows the identifiers
     ASSERT_EQ(records.size(), 4U);
     EXPECT_LT(records[3].size(), 65'536U);
+  });
+}
+
+// Nor a section of their own record, whatever way they come in.
+TEST(PdLog, TextsCannotForgeSections) {
+  inProcess([] {
+    const Log log;
+    static const std::string forged = "RETCODE : x\nDATA #1 : y\r\nRETCODE: no label\n RETCODE : nor this";
+    const auto size = static_cast<std::uint32_t>(forged.size());
+    const PdLogEvent event = {"CHANGE", forged.c_str(), forged.c_str()};
+    g_ports.formatItem = [](std::uint32_t, const void*, std::uint32_t, char* text, std::size_t room) -> std::size_t {
+      return ossSnprintf(text, room, "%s", forged.c_str());
+    };
+    EXPECT_EQ(logText(forged), 0);
+    EXPECT_EQ(pdLogPrintf(1, kFunction, 0, 5, 2, "\n%s", forged.c_str()), 0);
+    EXPECT_EQ(pdLog(1, kFunction, 0, 5, 2, 1, PD_TYPE_RAW_STRINGN, size, forged.data()), 0);
+    EXPECT_EQ(pdLog(1, kFunction, 0, 5, 2, 1, PD_TYPE_STRUCTURES + 4, size, forged.data()), 0);
+    EXPECT_EQ(pdLogEvent(1, kFunction, 0, 5, 2, &event, 0), 0);
+    EXPECT_EQ(sqlt_logerr_string(kFunction, 5, 2, ("\n" + forged).c_str()), 0);
+    const auto records = log.records();
+    ASSERT_EQ(records.size(), 7U);
+    for (std::size_t i = 1; i < records.size(); ++i) {
+      EXPECT_FALSE(holds(records[i], "\nRETCODE : ") || holds(records[i], "\nDATA #1 : y")) << records[i];
+      EXPECT_TRUE(holds(records[i], "\n DATA #1 : y")) << records[i];
+      EXPECT_TRUE(holds(records[i], "\nRETCODE: no label") && holds(records[i], "\n RETCODE : nor this"));
+    }
+  });
+}
+
+// Pointers of the caller that lead nowhere, in every place where one is followed.
+TEST(PdLog, BadPointersCostTheirOwnRecordOnly) {
+  inProcess([] {
+    const Log log;
+    static void* const bad = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    static const char* const text = static_cast<const char*>(bad);
+    static const PdLogEvent event = {text, text, text};
+    static int recorded = 0;
+    g_ports.recordEvent = [](const PortRecorderEvent& told) { recorded += told.itemCount == 0 ? 1 : 100; };
+    SqltTraceSettings settings = {};
+    std::memset(&settings.components, 0xFF, sizeof settings - offsetof(SqltTraceSettings, components));
+    EXPECT_EQ(sqltTraceFacilityCreate(1 << 20), 0);
+    EXPECT_EQ(sqltSetTraceFlags(&settings), 0);
+    SqlzZrc (*const calls[])() = {
+        [] { return pdLog(1, kFunction, 0, 5, 2, 1, PD_TYPE_STRING, 9U, text); },
+        [] { return pdLogPrintf(1, kFunction, 0, 5, 2, "%s", text); },
+        [] { return pdLogSysRC(1, kFunction, 0, 5, 2, text, 2, 0); },
+        [] { return pdLogEvent(1, kFunction, 0, 5, 2, &event, 0); },
+        [] { return pdLogEvent(1, kFunction, 0, 5, 2, static_cast<const PdLogEvent*>(bad), 0); },
+        [] { return pdLogEventString(1, kFunction, 0, 5, 2, &kEvent, text); },
+        [] { return pdLogDump(1, kFunction, 0, 5, 2, text, 4, "dump"); },
+        [] { return pdLog(1 | PD_LOG_TRACE | pdLogNotify(1), kFunction, 0, 5, 2, 1, PD_TYPE_STRING, 9U, text); },
+        [] { return pdLogEvRecEx(1, kFunction, 0, 5, 2, &kRecorded, 1, PD_TYPE_STRING, 9U, text); },
+        [] { return sqlt_logerr(kFunction, 5, 2, 0, text, 4, "data"); },
+    };
+    for (const auto& call : calls) EXPECT_EQ(call(), 0);
+    EXPECT_EQ(countOf(log.records(), "Trap 0000000b detected"), std::size(calls));
+    EXPECT_EQ(pdLogEvRecEx(1, kFunction, 0, 5, 2, static_cast<const PdRecorderEvent*>(bad), 0), 0);
+    EXPECT_EQ(recorded, 1);
+    const char* const tokens[] = {"T", text};
+    EXPECT_EQ(sqlt_logadmin(kFunction, 5, 1, -107, 2, tokens), 0);
+    EXPECT_EQ(sqlt_logadmin(kFunction, 5, 1, -107, 2, static_cast<const char* const*>(bad)), 0);
+    const std::string entries = readFile(log.directory() + vekInstanceName() + ".nfy");
+    const std::size_t first = entries.find("The tokens could not be read.");
+    EXPECT_NE(entries.find("The tokens could not be read.", first + 1), std::string::npos) << entries;
   });
 }
 

@@ -1,6 +1,7 @@
 #include "platform/fault.h"
 
 #include <sys/mman.h>
+#include <sys/resource.h>
 
 #include <thread>
 #include <vector>
@@ -109,6 +110,68 @@ TEST(FaultHandler, HandsOnWhatNoGuardCatches) {
               }),
               each.end)
         << each.what;
+}
+
+// A handler that the program installs later counts until the guards look again; it then stands behind ours. One that
+// hands on what it was installed over ends at the first one of the program, not in a circle.
+TEST(FaultHandler, PutsItselfBeforeHandlersInstalledLater) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the thread sanitizer hands signals on in its own way";
+#endif
+  static struct sigaction found = {};
+  static int handed = 0;
+  const auto installLater = [] {
+    ::signal(SIGSEGV, exitWith9);
+    EXPECT_TRUE(faultGuard(nothing, nullptr, nullptr));
+    struct sigaction later = {};
+    later.sa_sigaction = [](int signal, siginfo_t* info, void* context) {
+      if (++handed > 3) ::_exit(10);
+      found.sa_sigaction(signal, info, context);
+    };
+    later.sa_flags = SA_SIGINFO | SA_NODEFER;
+    ::sigaction(SIGSEGV, &later, &found);
+  };
+  EXPECT_EQ(runInProcess([&] {
+              installLater();
+              EXPECT_FALSE(faultGuard(touch, forbidden(), nullptr));  // by the later handler, which hands it on
+              EXPECT_EQ(handed, 1);
+              for (int i = 0; i < 64; ++i) EXPECT_TRUE(faultGuard(nothing, nullptr, nullptr));
+              EXPECT_FALSE(faultGuard(touch, forbidden(), nullptr));
+              EXPECT_EQ(handed, 1);
+              touch(forbidden());  // ours, the later one, ours, the first one
+            }),
+            9);
+  EXPECT_EQ(runInProcess([] {  // one that hands nothing on
+              EXPECT_TRUE(faultGuard(nothing, nullptr, nullptr));
+              ::signal(SIGSEGV, exitWith9);
+              for (int i = 0; i < 64; ++i) EXPECT_TRUE(faultGuard(nothing, nullptr, nullptr));
+              EXPECT_FALSE(faultGuard(touch, forbidden(), nullptr));
+              touch(forbidden());
+            }),
+            9);
+}
+
+// A write past the limit on file sizes fails inside a guard and is the program's business outside of it.
+TEST(FaultGuard, TakesTheSignalOfAFileThatGrewTooLarge) {
+  const Instance instance;
+  const auto writePastLimit = [&] {
+    ::signal(SIGXFSZ, SIG_DFL);
+    const int fd = ::open(instance.path("large").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const rlimit none = {0, 0};
+    EXPECT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_BLOCK, &all, nullptr);  // it must not stay waiting for a host that unblocks it
+    static int failed;
+    failed = 0;
+    EXPECT_TRUE(faultGuard([](void* file) { failed = ::write(*static_cast<int*>(file), "x", 1) < 0 ? errno : 0; },
+                           const_cast<int*>(&fd), nullptr));
+    EXPECT_EQ(failed, EFBIG);
+    ::pthread_sigmask(SIG_UNBLOCK, &all, nullptr);
+    return fd;
+  };
+  EXPECT_EQ(runInProcess([&] { writePastLimit(); }), 0);
+  EXPECT_EQ(runInProcess([&] { (void)!::write(writePastLimit(), "x", 1); }), -SIGXFSZ);
 }
 
 }  // namespace

@@ -19,6 +19,9 @@
 //   - A data item is three arguments: its PD type (32 bits), its size in bytes (32 bits) and a pointer to its value.
 //     Those arguments are not checked by the compiler; veksys/diag/log_items.h is the form that is. Values are read
 //     during the call. A type with PD_ITEM_ARGUMENT added is printed as an argument of the function.
+//   - A pointer that leads nowhere does not harm the program: the record then tells of the trap. A fault handler that
+//     the program installs after its first record is noticed by one record in 64 at the latest (docs/log.md); until
+//     then such a fault is its handler's.
 //   - Texts may hold any bytes: what could be taken for the beginning of another record is not believed by readers,
 //     who follow the identifiers.
 #pragma once
@@ -108,6 +111,19 @@ struct PdLogCall {
   std::size_t preformattedBytes;
 };
 
+// A description that holds what all calls begin with, and nothing else.
+inline PdLogCall pdLogDescribe(std::uint64_t flags, EcfFunctionId functionId, std::int64_t returnCode,
+                               std::uint32_t probe, std::uint32_t level) noexcept {
+  PdLogCall call = {};
+  call.size = sizeof call;
+  call.flags = flags;
+  call.functionId = functionId;
+  call.probe = probe;
+  call.returnCode = returnCode;
+  call.level = level;
+  return call;
+}
+
 extern "C" {
 
 // ---- the calls --------------------------------------------------------------------------------------------------
@@ -167,6 +183,8 @@ VEK_EXPORT SqlzZrc pdLogCall(const PdLogCall* call) noexcept;
 // .dump.bin) and a record that says where it is.
 //
 //   label    names the object in the record; null for none
+//   level    when it keeps the record out, the object is not dumped either: the event goes to the notification log and
+//            the trace as its flags ask for, and the answer is SQLT_NOLOG
 //   Result   also SQLT_DIAGERR_DUMPERR: the object could not be dumped, which the record says (with address, size and
 //            reason)
 VEK_EXPORT SqlzZrc pdLogDump(std::uint64_t flags, EcfFunctionId functionId, std::int64_t returnCode,

@@ -54,25 +54,14 @@ SqlzZrc pdLogCallValues(PdLogCall call, const T&... values) noexcept {
 template <class... T>
 SqlzZrc pdLogValues(std::uint64_t flags, EcfFunctionId functionId, std::int64_t returnCode, std::uint32_t probe,
                     std::uint32_t level, const T&... values) noexcept {
-  PdLogCall call = {};
-  call.flags = flags;
-  call.functionId = functionId;
-  call.returnCode = returnCode;
-  call.probe = probe;
-  call.level = level;
-  return pdLogCallValues(call, values...);
+  return pdLogCallValues(pdLogDescribe(flags, functionId, returnCode, probe, level), values...);
 }
 
 // pdLogRC with values.
 template <class... T>
 SqlzZrc pdLogRCValues(std::uint64_t flags, EcfFunctionId functionId, std::int64_t returnCode, std::uint32_t probe,
                       std::uint32_t level, EcfFunctionId calledFunctionId, const T&... values) noexcept {
-  PdLogCall call = {};
-  call.flags = flags;
-  call.functionId = functionId;
-  call.returnCode = returnCode;
-  call.probe = probe;
-  call.level = level;
+  PdLogCall call = pdLogDescribe(flags, functionId, returnCode, probe, level);
   call.calledFunctionId = calledFunctionId;
   return pdLogCallValues(call, values...);
 }
@@ -82,12 +71,7 @@ template <class... T>
 SqlzZrc pdLogSysRCValues(std::uint64_t flags, EcfFunctionId functionId, std::int64_t returnCode, std::uint32_t probe,
                          std::uint32_t level, const char* calledSystemFunction, std::int32_t osError,
                          const T&... values) noexcept {
-  PdLogCall call = {};
-  call.flags = flags;
-  call.functionId = functionId;
-  call.returnCode = returnCode;
-  call.probe = probe;
-  call.level = level;
+  PdLogCall call = pdLogDescribe(flags, functionId, returnCode, probe, level);
   call.calledSystemFunction = calledSystemFunction;
   call.hasOsError = true;
   call.osError = osError;

@@ -1,0 +1,44 @@
+// The filter of the log: the first thing that a call does, one load of the word of the level and, where no level is set
+// for the whole instance, one of the host's DIAGLEVEL. The word of a process that has not attached yet lets everything
+// pass, so that its first call attaches and sees what is set for the instance.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "platform/host.h"
+#include "veksys/diag/log.h"
+
+namespace vek {
+
+// The level of the whole instance plus one; 0: each process's own.
+extern std::atomic<std::uint32_t*> g_logLevelWord;
+
+inline std::uint32_t pdi_levelWord() noexcept {
+  return __atomic_load_n(g_logLevelWord.load(std::memory_order_relaxed), __ATOMIC_RELAXED);
+}
+
+inline std::int32_t pdi_configuredLevel() noexcept {
+  const VekInstanceControl* control = g_hostControl.load(std::memory_order_acquire);
+  if (control == nullptr) [[unlikely]]
+    control = vekInstanceControl();
+  return __atomic_load_n(&control->DIAGLEVEL, __ATOMIC_RELAXED);
+}
+
+// True when the level of the log keeps records of this level out. Numbers as they stand: a level above the threshold is
+// kept out. A threshold below 0 keeps everything out.
+inline bool pdi_isFiltered(std::uint32_t level) noexcept {
+  const std::uint32_t word = pdi_levelWord();
+  if (word == 0) [[likely]]
+    return std::int64_t{level} > pdi_configuredLevel();
+  return std::int64_t{level} > static_cast<std::int64_t>(word) - 1;
+}
+
+// True when a call is over before it has begun: its level is filtered, and its flags name neither the notification log
+// nor the trace nor a facility.
+inline bool pdi_isOver(std::uint64_t flags, std::uint32_t level) noexcept {
+  constexpr std::uint64_t kElsewhere = PD_LOG_NOTIFY_MASK | PD_LOG_FACILITY_MASK | PD_LOG_TRACE;
+  return (flags & kElsewhere) == 0 && pdi_isFiltered(level);
+}
+
+}  // namespace vek
