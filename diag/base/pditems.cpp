@@ -149,7 +149,17 @@ void penText(PdPen& pen, const Value& value) noexcept {
   pdPenText(pen, bytes.substr(0, std::min(bytes.find('\0'), bytes.size())));
 }
 
-void penRawText(PdPen& pen, const Value& value) noexcept { pen.text(value.bytes()); }
+// Text as it stands, line by line.
+void penLines(PdPen& pen, std::string_view text) noexcept {
+  while (!text.empty() && !pen.isCut()) {
+    const std::string_view line = text.substr(0, std::min(text.find('\n'), text.size() - 1) + 1);
+    pdPenShield(pen, line);
+    pen.text(line);
+    text.remove_prefix(line.size());
+  }
+}
+
+void penRawText(PdPen& pen, const Value& value) noexcept { penLines(pen, value.bytes()); }
 
 void penReturnCode(PdPen& pen, const Value& value) noexcept {
   const char* end = pdZRCGetDescription(load<SqlzZrc>(value.data), pen.next(), pen.room() + 1);
@@ -260,11 +270,22 @@ void penGeneric(PdPen& pen, std::uint32_t type, const Value& value) noexcept {
   (routine.takes(value.size) ? routine.pen : penBytes)(pen, value);
 }
 
-// False when nobody formats this structure.
+// False when nobody formats this structure. A text in which lines must be marked is taken in again from the end of the
+// room: marks make it longer, and it must not run over what is still to be read.
 bool penStructure(PdPen& pen, std::uint32_t type, const Value& value) noexcept {
   const std::size_t room = pen.room();
-  const std::size_t characters = g_ports.formatItem(type, value.data, value.size, pen.next(), room + 1);
-  pen.advance(characters, characters < room || room == 0);
+  char* const text = pen.next();
+  const std::size_t characters = std::min(g_ports.formatItem(type, value.data, value.size, text, room + 1), room);
+  const std::size_t labels = pdCountSections({text, characters});
+  const bool whole = characters < room || room == 0;
+  if (labels == 0) {
+    pen.advance(characters, whole);
+  } else {
+    const std::size_t taken = std::min(characters, room - labels);
+    std::memmove(text + room - taken, text, taken);
+    penLines(pen, {text + room - taken, taken});
+    if (!whole || taken != characters) pen.stop();
+  }
   return characters != 0;
 }
 
@@ -298,16 +319,56 @@ void penDumpLine(PdPen& pen, const unsigned char* bytes, std::size_t count, bool
 
 // ---- text ---------------------------------------------------------------------------------------------------------
 
+constexpr std::ptrdiff_t kLabelColumns = 10;  // with the colon and the blank behind it
+
+bool isCapital(char c) noexcept { return c >= 'A' && c <= 'Z'; }
+bool isOfLabel(char c) noexcept { return isCapital(c) || (c >= '0' && c <= '9') || c == ' ' || c == '#'; }
+
 bool isPlain(char c) noexcept {
   const auto byte = static_cast<unsigned char>(c);
   return (byte >= ' ' && byte != 0x7F) || c == '\t';
 }
 
+// How many characters at the beginning are plain: most of a text is, so that it is looked at in words of eight. The bit
+// tricks may take a plain one for another (a tabulator among them), never the other way round.
+std::size_t countPlain(std::string_view text) noexcept {
+  constexpr std::uint64_t kOnes = 0x0101'0101'0101'0101;
+  constexpr std::uint64_t kHighs = 0x80 * kOnes;
+  std::size_t count = 0;
+  for (; count + 8 <= text.size(); count += 8) {
+    const auto word = load<std::uint64_t>(text.data() + count);
+    const std::uint64_t deletes = word ^ (0x7F * kOnes);
+    if (((((word - ' ' * kOnes) & ~word) | ((deletes - kOnes) & ~deletes)) & kHighs) != 0) break;
+  }
+  while (count < text.size() && isPlain(text[count])) ++count;
+  return count;
+}
+
 }  // namespace
+
+bool pdOpensSection(std::string_view text) noexcept {
+  return text.size() >= std::size_t{kLabelColumns} && isCapital(text[0]) && text[kLabelColumns - 2] == ':' &&
+         text[kLabelColumns - 1] == ' ' && std::all_of(text.begin(), text.begin() + kLabelColumns - 2, isOfLabel);
+}
+
+std::size_t pdCountSections(std::string_view text) noexcept {
+  std::size_t count = 0;
+  while (!text.empty()) {
+    count += pdOpensSection(text) ? 1U : 0U;
+    text.remove_prefix(std::min(text.find('\n'), text.size() - 1) + 1);
+  }
+  return count;
+}
+
+void pdPenShield(PdPen& pen, std::string_view text) noexcept {
+  const bool beginsLine = pen.written() != 0 && pen.next()[-1] == '\n';
+  if (beginsLine && pdOpensSection(text)) pen.character(' ');
+}
 
 void pdPenText(PdPen& pen, std::string_view text) noexcept {
   while (!text.empty() && !pen.isCut()) {
-    const auto plain = static_cast<std::size_t>(std::find_if_not(text.begin(), text.end(), isPlain) - text.begin());
+    pdPenShield(pen, text);
+    const std::size_t plain = countPlain(text);
     pen.text(text.substr(0, plain));
     text.remove_prefix(plain);
     if (text.empty()) return;

@@ -221,14 +221,15 @@ void penMessageOfNumber(PdPen& pen, std::uint64_t number) noexcept {
   pen.text(" is unavailable.");
 }
 
-// Formats behind the pen, then takes the text in from the end of the room: line ends may make it longer, and it must
-// not run over what is still to be read.
+// Formats behind the pen, then takes the text in from the end of the room: line ends (a character more, and one for a
+// line that must be shielded) may make it longer, and it must not run over what is still to be read.
 void penFormatted(PdPen& pen, const char* format, std::va_list& arguments) noexcept {
   const std::size_t room = pen.room();
   char* const text = pen.next();
   const std::size_t characters = ossFormatChecked(text, room + 1, format, arguments);
   const auto lineEnds = static_cast<std::size_t>(std::count(text, text + characters, '\n'));
-  const std::size_t taken = std::min(characters, room - lineEnds);
+  const std::size_t growth = lineEnds + pdCountSections({text, characters});
+  const std::size_t taken = std::min(characters, room - std::min(room, growth));
   char* const from = text + room - taken;
   std::memmove(from, text, taken);
   pdPenText(pen, {from, taken});
