@@ -40,7 +40,7 @@ class LogSeriesReader {
   };
   void startAt(Place place);
 
-  // False when there is nothing more for now. What a piece points to is valid until the next call.
+  // False at the end of what has been written so far. What a piece points to is valid until the next call.
   bool next(LogPiece* piece);
 
   // Looks whether the file has grown, was replaced or is followed by another one. Call it when next() has answered

@@ -327,16 +327,27 @@ std::string_view logStateName(const LogPiece& piece) {
   return kStateNames[static_cast<std::size_t>(piece.kind)];
 }
 
+namespace {
+
+// "DATA #1 : String, 12 bytes": what it is stands on the next line.
+bool isValueBelow(std::string_view line) noexcept { return line.starts_with("DATA #") && line.ends_with(" bytes"); }
+
+}  // namespace
+
 std::string_view logGist(LogRecord& record) {
   if (const std::string_view message = record.text(LogField::kMessage); !message.empty()) return message;
   if (const std::string_view error = record.text(LogField::kOsError); !error.empty()) return error;
+  constexpr std::string_view kTellLittle[] = {"RETCODE ", "CALLED  ", "IMPACT  ", "CALLSTCK"};
   std::string_view rest = record.body();
   while (!rest.empty()) {
     const std::string_view line = takeLogLine(rest);
-    if (line.starts_with("DATA #")) return rest.empty() ? line.substr(10) : takeLogLine(rest);
-    if (opensLogSection(line) && !line.starts_with("RETCODE ") && !line.starts_with("CALLED  ")) return line.substr(10);
+    if (!opensLogSection(line) || line.ends_with(": <Empty variable list>")) continue;
+    if (std::any_of(std::begin(kTellLittle), std::end(kTellLittle),
+                    [&](std::string_view label) { return line.starts_with(label); }))
+      continue;
+    return isValueBelow(line) ? takeLogLine(rest) : line.substr(10);
   }
-  return {};
+  return record.text(LogField::kImpact);
 }
 
 std::string_view logCodeName(LogRecord& record) {
