@@ -25,6 +25,7 @@ struct AppendLockPage {
   std::uint32_t bytes;
   char bootId[40];
   std::atomic<std::uint32_t> ready;
+  std::atomic<std::uint64_t> generation;  // which layout of this page it is; never 0
   pthread_mutex_t mutex;
   std::atomic<std::uint64_t> moves;   // switches of a series
   std::atomic<std::uint64_t> number;  // of the current file of a series
@@ -38,12 +39,13 @@ struct AppendLockPage {
 namespace {
 
 constexpr char kMagic[8] = "VEKLOCK";
-constexpr std::uint32_t kVersion = 1;
+constexpr std::uint32_t kVersion = 2;
 constexpr std::size_t kPageBytes = 4096;
 static_assert(sizeof(AppendLockPage) <= kPageBytes);
-constexpr int kAttempts = 100;         // against files that others switch, move or remove meanwhile
-constexpr unsigned kStuckWaitMs = 20;  // once a wait of full length was in vain
-constexpr int kSpins = 100;            // a record is written in a few microseconds: sleeping costs more
+constexpr int kAttempts = 100;           // against files that others switch, move or remove meanwhile
+constexpr unsigned kStuckWaitMs = 20;    // once a wait of full length was in vain
+constexpr unsigned kSettleWaitMs = 200;  // for others to lay a damaged page out; a record takes microseconds
+constexpr int kSpins = 100;              // a record is written in a few microseconds: sleeping costs more
 constexpr char kUnfinished[] = "\r\nThe record above is incomplete: its writer ended while it wrote.\r\n";
 
 using LockPath = char[PATH_BYTES + APPEND_NAME_BYTES + 32];
@@ -84,6 +86,18 @@ bool isSound(const AppendLockPage& page) noexcept {
   return page.ready.load(std::memory_order_acquire) == 1 && ::memcmp(page.magic, kMagic, sizeof kMagic) == 0 &&
          page.version == kVersion && page.bytes == sizeof(AppendLockPage) &&
          ::memcmp(page.bootId, bootId, sizeof bootId) == 0;
+}
+
+// Of another version of this library, which uses it.
+bool isOfAnotherLayout(const AppendLockPage& page) noexcept {
+  return ::memcmp(page.magic, kMagic, sizeof kMagic) == 0 &&
+         (page.version != kVersion || page.bytes != sizeof(AppendLockPage));
+}
+
+// Whether the page is still the one that was mapped, and not cut, damaged or laid out anew since.
+bool isCurrent(const AppendFile& file) noexcept {
+  return file.page->ready.load(std::memory_order_acquire) == 1 &&
+         file.page->generation.load(std::memory_order_relaxed) == file.generation;
 }
 
 int initialiseMutex(pthread_mutex_t* mutex) noexcept {
@@ -132,13 +146,14 @@ int waitForUnlockedWriters(const AppendFile& file) noexcept {
   return error == EWOULDBLOCK ? ETIMEDOUT : error;
 }
 
-// Lays the page out. Nobody else uses it.
+// Lays the page out. Nobody else does.
 int initialise(AppendFile& file) noexcept {
   auto* page = new (static_cast<void*>(file.page)) AppendLockPage{};
   ::memcpy(page->magic, kMagic, sizeof kMagic);
   page->version = kVersion;
   page->bytes = sizeof(AppendLockPage);
   ossBootId(page->bootId, sizeof page->bootId);
+  page->generation.store(static_cast<std::uint64_t>(ossMonotonicNs()) | 1, std::memory_order_relaxed);
   int error = initialiseMutex(&page->mutex);
   if (error == 0 && file.isSeries) page->number.store(highestNumber(file), std::memory_order_relaxed);
   if (error == 0) error = waitForUnlockedWriters(file);
@@ -196,9 +211,33 @@ int settleAmongOthers(AppendFile& file) noexcept {
   return error == 0 && !isSound(*file.page) ? EAGAIN : error;
 }
 
+int layOutAmongOthers(AppendFile& file) noexcept {
+  struct stat status;
+  int error = settleAmongOthers(file);
+  if (error != EAGAIN) return error;  // somebody else has done it
+  error = inspectLockFile(file, &status);
+  if (error == 0) error = allocatePage(file, status);
+  if (error == 0) error = mapPage(file, status);
+  if (error == 0 && isOfAnotherLayout(*file.page)) return EBUSY;
+  return error == 0 ? initialise(file) : error;
+}
+
+// Lays out a damaged page whose users do not give up their shared flock: most of all those that never log again. They
+// find another generation when they look next; one that stands still in the middle of a record looks before it writes.
+// Those who do this exclude each other by a flock on the directory, and hold a shared one on the lock file, so that
+// nobody is alone with it meanwhile.
+int takeOver(AppendFile& file) noexcept {
+  int directory = -1;
+  int error = ossOpen(file.directory, O_RDONLY | O_DIRECTORY, 0, &directory);
+  if (error == 0) error = ossLockFile(directory, LOCK_EX, APPEND_WAIT_MS);
+  if (error == 0) error = layOutAmongOthers(file);
+  ossClose(directory);
+  return error == EWOULDBLOCK ? ETIMEDOUT : error;
+}
+
 // Gets the page into a sound state and a shared flock on its file.
 int settle(AppendFile& file) noexcept {
-  const std::int64_t deadline = ossMonotonicNs() + APPEND_WAIT_MS * 1'000'000LL;
+  const std::int64_t deadline = ossMonotonicNs() + kSettleWaitMs * 1'000'000LL;
   for (;;) {
     int error = ossLockFile(file.lockFd, LOCK_EX, 0);
     if (error == 0) return settleAlone(file);
@@ -206,8 +245,8 @@ int settle(AppendFile& file) noexcept {
     error = ossLockFile(file.lockFd, LOCK_SH, 0);
     if (error == 0) error = settleAmongOthers(file);
     if (error != EAGAIN) return error;
+    if (ossMonotonicNs() >= deadline) return takeOver(file);
     ossUnlockFile(file.lockFd);
-    if (ossMonotonicNs() >= deadline) return EBUSY;
     ossSleepMs(1);
   }
 }
@@ -219,7 +258,10 @@ int mapLockFile(AppendFile& file) noexcept {
   int error = ossOpen(path, O_RDWR | O_CREAT | O_NONBLOCK | O_NOCTTY, 0600, &file.lockFd);
   if (error != 0) return error;
   error = settle(file);
-  if (error != 0) appendForget(file);
+  if (error == 0)
+    file.generation = file.page->generation.load(std::memory_order_relaxed);
+  else
+    appendForget(file);
   return error;
 }
 
@@ -320,6 +362,7 @@ int writeWhole(Log& log, const AppendText& text) noexcept {
 
 int writeNoted(const AppendFile& file, Log& log, const AppendText& text) noexcept {
   AppendLockPage& page = *file.page;
+  if (!isCurrent(file)) return ESTALE;  // this thread stood still for long, and the mutex is worth nothing any more
   page.intentOffset = log.bytes;
   std::atomic_signal_fence(std::memory_order_seq_cst);
   *const_cast<volatile std::uint64_t*>(&page.intentLength) = text.length;
@@ -483,11 +526,22 @@ Step openCurrent(AppendFile& file, std::uint64_t moves, AppendOutcome* outcome, 
   return Step::kDone;
 }
 
+// After an attempt with a page that has been laid out anew meanwhile, perhaps with its mutex held: the record is tried
+// again unless it was written.
+Step leaveOldPage(AppendFile& file, Step step, int error) noexcept {
+  appendAbandon(file);
+  return error == ESTALE ? Step::kAgain : step;
+}
+
 // One attempt with the mutex: open, lock, append.
 Step attempt(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome, int* error) noexcept {
   const std::uint64_t moves = file.page->moves.load(std::memory_order_acquire);
   Step step = openCurrent(file, moves, outcome, error);
   if (step == Step::kAgain || *error != 0) return step;
+  if (!isCurrent(file)) {
+    appendForget(file);
+    return Step::kAgain;
+  }
   const int taken = takeMutex(file);
   if (taken != 0 && taken != EOWNERDEAD) {
     *error = failWith(outcome, "lock", taken);
@@ -496,6 +550,7 @@ Step attempt(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome, i
   if (taken == EOWNERDEAD) ::pthread_mutex_consistent(&file.page->mutex);  // the intent says what is to be repaired
   Log log = {.fd = file.openFd};
   step = appendLocked(file, log, moves, plan, outcome, error);
+  if (!isCurrent(file)) return leaveOldPage(file, step, *error);
   const bool stale = step == Step::kAgain && !(isLinked(file) && isNamed(file));
   ::pthread_mutex_unlock(&file.page->mutex);
   if (stale) appendForget(file);

@@ -20,8 +20,9 @@
 // writer that of the page. A switch of rotating files changes the page's count of moves, which a writer that opened
 // the file before it had the mutex compares.
 //
-// Users of a page hold a shared flock on the lock file. One that finds it damaged, from another boot or of another
-// layout makes it anew only while nobody else holds one.
+// Users of a page hold a shared flock on the lock file. One that finds it from another boot or damaged makes it anew
+// while nobody else holds one, or, when somebody does for longer than a record takes, nevertheless: the page has a
+// generation, by which its other users notice before they take the mutex and before they write.
 //
 // Where no lock file can be made (a full disk, a directory that is read-only), an exclusive flock on the file itself
 // stands in. Whoever uses it looks under that lock whether there is a lock file meanwhile, and whoever makes a lock
@@ -52,8 +53,9 @@ struct AppendFile {
   int lockFd;
   std::uint64_t lockDevice;
   std::uint64_t lockInode;
-  int openFd;     // of the file while it is open, else -1
-  bool wasStuck;  // the last wait was in vain: the next ones are short
+  std::uint64_t generation;  // of the page when it was mapped
+  int openFd;                // of the file while it is open, else -1
+  bool wasStuck;             // the last wait was in vain: the next ones are short
 };
 
 // A text to append. `stamp`, when there is one, is told the offset before the text is written.

@@ -193,6 +193,53 @@ TEST(AppendFile, TakesOverDamagedLockFiles) {
   }
 }
 
+// A page that is damaged while others keep it in use, be it by never logging again or by standing still in the middle
+// of a record, is laid out anew all the same, and they find out.
+TEST(AppendFile, TakesOverLockFilesThatOthersKeep) {
+  void (*const damages[])(const std::string& path) = {
+      [](const std::string& path) { EXPECT_EQ(::truncate(path.c_str(), 0), 0); },
+      [](const std::string& path) { std::ofstream(path, std::ios::in) << std::string(4096, '\x5A'); },
+  };
+  static bool inTheMiddle;
+  for (const auto& damage : damages)
+    for (const bool middle : {false, true}) {
+      const Log log;
+      Baton ready;
+      inTheMiddle = middle;
+      const pid_t keeper = start([&] {
+        static Baton* baton;
+        static int (*realFstat)(int, struct stat*) = ossCalls().fstat;
+        baton = &ready;
+        Writer writer(log);
+        EXPECT_EQ(writer.write("keeper.1"), 0);
+        if (inTheMiddle)
+          ossCalls().fstat = [](int fd, struct stat* out) {
+            ossCalls().fstat = realFstat;
+            baton->give();
+            ::raise(SIGSTOP);
+            return realFstat(fd, out);
+          };
+        if (!inTheMiddle) ready.give();
+        if (!inTheMiddle) ::raise(SIGSTOP);
+        EXPECT_EQ(writer.write("keeper.2"), 0);
+        endAtOnce();
+      });
+      ASSERT_TRUE(ready.take());
+      int status = 0;
+      ASSERT_EQ(::waitpid(keeper, &status, WUNTRACED), keeper);
+      damage(log.lockPath());
+      Writer one(log);
+      Writer two(log);
+      EXPECT_EQ(one.write("one"), 0);
+      EXPECT_EQ(two.write("two"), 0);
+      ::kill(keeper, SIGCONT);
+      EXPECT_EQ(finish(keeper), 0);
+      EXPECT_EQ(one.write("one"), 0);
+      EXPECT_EQ(keysOf(parse(Log::read(log.path()))),
+                (std::multiset<std::string>{"keeper.1", "keeper.2", "new", "one", "one", "two"}));
+    }
+}
+
 // ---- failing services -------------------------------------------------------------------------------------------
 
 // Whatever service fails once: the answer tells, the file holds what was answered 0, and the next record gets through.
