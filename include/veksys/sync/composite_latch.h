@@ -51,6 +51,9 @@ class VEK_EXPORT sqloSXULatch {
   std::size_t toString(char* buffer, std::size_t size) const noexcept;
 
  private:
+  SqlzZrc convertFromU(Mode to, const char* file, std::uint32_t line) noexcept;
+  SqlzZrc convertFromX(Mode to, const char* file, std::uint32_t line) noexcept;
+
   SQLO_SLATCH_CAS32 m_SXLatch;
   SQLO_SLATCH_CAS32 m_ULatch;
 };
@@ -87,8 +90,8 @@ extern "C" {
 VEK_EXPORT SqlzZrc sqloxlatchinit_app(SQLO_XLONG_LATCH* latch, std::uint16_t flags) noexcept;
 VEK_EXPORT SqlzZrc sqloxlatchterm_app(SQLO_XLONG_LATCH* latch) noexcept;
 
-// Wakes the thread that has waited longest for a long latch, to look at it again. Releasing does that; a caller that has
-// changed what a waiter depends on may. Without a waiter nothing happens.
+// Wakes the thread that has waited longest for a long latch, to look at it again. Releasing does that; a caller that
+// has changed what a waiter depends on may. Without a waiter nothing happens.
 VEK_EXPORT void sqloxult_Post(SQLO_XLONG_LATCH* latch) noexcept;
 
 }  // extern "C"
