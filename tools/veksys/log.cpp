@@ -104,12 +104,15 @@ std::unique_ptr<LogView> viewOf(Command& command, const LogOptions& options) {
   return options.oneline ? logLineView(command) : logTextView(command);
 }
 
-// The instance's own directory, which only a log makes.
+// The instance's own directory, which only a log makes. Who follows it may wait for that.
 std::string ownDirectory(bool mayLack) {
   std::string directory = instanceLogDirectory();
-  if (!mayLack && ::access(directory.c_str(), F_OK) != 0)
-    sayNo("Instance " + std::string(vekInstanceName()) + " has no log in " + directory +
-          ": nothing was logged yet, or it is kept elsewhere; name a file or directory then.");
+  if (::access(directory.c_str(), F_OK) == 0) return directory;
+  const std::string lacks =
+      "Instance " + std::string(vekInstanceName()) + " has no log in " + directory +
+      ": nothing was logged yet, or it is kept elsewhere (DIAGPATH); name a file or directory then";
+  if (!mayLack) sayNo(lacks + ".");
+  remark(lacks + ". Waiting for the first record.");
   return directory;
 }
 

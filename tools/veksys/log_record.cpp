@@ -123,31 +123,45 @@ void readLevel(std::string_view rest, LogHead* head) noexcept {
 
 // ---- the lines of the header ------------------------------------------------------------------------------------
 
-// A field that stands on a line behind a label.
+// A field that stands on a line behind a label, and the columns of the value in front of it, unless that is longer.
 struct Place {
   std::string_view label;
   LogField field;
+  std::size_t columns;
 };
 
-// The lines, by the label they begin with, and what may follow on them in this order. A value that fills its columns
-// is followed by the next label without a blank.
+// The lines, by the label they begin with, and what may follow on them in this order. They stand in the order of their
+// fields. A value that fills its columns is followed by the next label without a blank.
 struct HeaderLine {
   Place first;
   std::array<Place, 2> further;
+
+  LogField last() const noexcept {
+    return !further[1].label.empty() ? further[1].field : !further[0].label.empty() ? further[0].field : first.field;
+  }
 };
-constexpr Place kNowhere = {"", LogField::kText};
+constexpr Place kNowhere = {"", LogField::kText, 0};
 constexpr HeaderLine kHeaderLines[] = {
-    {{"PID     : ", LogField::kPid}, {{{"TID : ", LogField::kTid}, {"PROC : ", LogField::kProcess}}}},
-    {{"INSTANCE: ", LogField::kInstance}, {{{"NODE : ", LogField::kMember}, {"DB   : ", LogField::kDatabase}}}},
-    {{"APPHDL  : ", LogField::kHandle}, {{{"APPID: ", LogField::kApplication}, kNowhere}}},
-    {{"APPID   : ", LogField::kApplication}, {{kNowhere, kNowhere}}},
-    {{"UOWID   : ", LogField::kUnitOfWork}, {{{"ACTID: ", LogField::kActivity}, {"TENANTID: ", LogField::kTenant}}}},
-    {{"ACTID   : ", LogField::kActivity}, {{{"TENANTID: ", LogField::kTenant}, kNowhere}}},
-    {{"TENANTID: ", LogField::kTenant}, {{kNowhere, kNowhere}}},
-    {{"AUTHID  : ", LogField::kUser}, {{{"HOSTNAME: ", LogField::kHost}, kNowhere}}},
-    {{"HOSTNAME: ", LogField::kHost}, {{kNowhere, kNowhere}}},
-    {{"EDUID   : ", LogField::kEngineUnit}, {{{"EDUNAME: ", LogField::kEngineUnitName}, kNowhere}}},
+    {{"PID     : ", LogField::kPid, 0}, {{{"TID : ", LogField::kTid, 21}, {"PROC : ", LogField::kProcess, 15}}}},
+    {{"INSTANCE: ", LogField::kInstance, 0},
+     {{{"NODE : ", LogField::kMember, 21}, {"DB   : ", LogField::kDatabase, 14}}}},
+    {{"APPHDL  : ", LogField::kHandle, 0}, {{{"APPID: ", LogField::kApplication, 21}, kNowhere}}},
+    {{"APPID   : ", LogField::kApplication, 0}, {{kNowhere, kNowhere}}},
+    {{"UOWID   : ", LogField::kUnitOfWork, 0},
+     {{{"ACTID: ", LogField::kActivity, 21}, {"TENANTID: ", LogField::kTenant, 15}}}},
+    {{"ACTID   : ", LogField::kActivity, 0}, {{{"TENANTID: ", LogField::kTenant, 21}, kNowhere}}},
+    {{"TENANTID: ", LogField::kTenant, 0}, {{kNowhere, kNowhere}}},
+    {{"AUTHID  : ", LogField::kUser, 0}, {{{"HOSTNAME: ", LogField::kHost, 21}, kNowhere}}},
+    {{"HOSTNAME: ", LogField::kHost, 0}, {{kNowhere, kNowhere}}},
+    {{"EDUID   : ", LogField::kEngineUnit, 0}, {{{"EDUNAME: ", LogField::kEngineUnitName, 21}, kNowhere}}},
 };
+
+// Where a label stands on the rest of a line. A user's name may hold anything; the host behind it holds no blank.
+std::size_t labelOn(std::string_view line, const Place& place) noexcept {
+  if (place.field == LogField::kHost) return line.rfind(place.label);
+  const bool isInColumns = line.size() > place.columns && line.substr(place.columns).starts_with(place.label);
+  return isInColumns ? place.columns : line.find(place.label);
+}
 
 std::string_view trimmed(std::string_view text) noexcept {
   while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
@@ -157,8 +171,8 @@ std::string_view trimmed(std::string_view text) noexcept {
 
 // Sections of the body that are fields.
 constexpr Place kSections[] = {
-    {"MESSAGE : ", LogField::kMessage}, {"CALLED  : ", LogField::kCalled}, {"RETCODE : ", LogField::kCode},
-    {"OSERR   : ", LogField::kOsError}, {"IMPACT  : ", LogField::kImpact}, {"OBJECT  : ", LogField::kObject},
+    {"MESSAGE : ", LogField::kMessage, 0}, {"CALLED  : ", LogField::kCalled, 0}, {"RETCODE : ", LogField::kCode, 0},
+    {"OSERR   : ", LogField::kOsError, 0}, {"IMPACT  : ", LogField::kImpact, 0}, {"OBJECT  : ", LogField::kObject, 0},
 };
 
 bool isItem(std::string_view label) noexcept { return label.starts_with("DATA #") || label.starts_with("ARG  #"); }
@@ -229,21 +243,22 @@ std::optional<std::int64_t> parseLogStamp(std::string_view typed) {
   return ::mktime(&parts) * kSecond + static_cast<std::int64_t>(stamp.micros) * 1000;
 }
 
-void LogRecord::readHeader() noexcept {
-  texts_.fill({});
-  state_ = State::kHeader;
-  body_ = bytes_;
-  takeLogLine(body_);
-  while (!body_.empty()) {
+// Reads lines of the header until those of a field have been passed: most questions are about the first ones.
+void LogRecord::readHeader(LogField upTo) noexcept {
+  if (state_ == State::kNothing) {
+    texts_.fill({});
+    state_ = State::kInHeader;
+    passed_ = 0;
+    body_ = bytes_;
+    takeLogLine(body_);
+  }
+  while (state_ == State::kInHeader && passed_ <= static_cast<std::size_t>(upTo)) {
     std::string_view rest = body_;
-    const std::string_view line = takeLogLine(rest);
-    if (line.starts_with("FUNCTION: ")) {
-      readFunction(line.substr(kLabelColumns));
-      body_ = rest;
-      return;
-    }
-    if (!readLine(line)) return;
-    body_ = rest;
+    const std::string_view line = rest.empty() ? rest : takeLogLine(rest);
+    const bool isLast = line.starts_with("FUNCTION: ");
+    if (isLast) readFunction(line.substr(kLabelColumns));
+    if (isLast || !readLine(line)) state_ = State::kHeader;
+    if (isLast || state_ == State::kInHeader) body_ = rest;
   }
 }
 
@@ -252,12 +267,12 @@ bool LogRecord::readLine(std::string_view line) noexcept {
   const auto* known = std::find_if(std::begin(kHeaderLines), std::end(kHeaderLines),
                                    [&](const HeaderLine& each) { return line.starts_with(each.first.label); });
   if (known == std::end(kHeaderLines)) return false;
+  passed_ = static_cast<std::size_t>(known->last()) + 1;
   LogField field = known->first.field;
   line.remove_prefix(kLabelColumns);
   for (const Place& place : known->further) {
     if (place.label.empty()) break;
-    // A user's name may hold anything; the host behind it holds no blank.
-    const std::size_t found = place.field == LogField::kHost ? line.rfind(place.label) : line.find(place.label);
+    const std::size_t found = labelOn(line, place);
     if (found == std::string_view::npos) continue;
     at(field) = trimmed(line.substr(0, found));
     line.remove_prefix(found + place.label.size());
@@ -300,7 +315,7 @@ void LogRecord::keepSection(std::string_view label, std::string_view text) noexc
 }
 
 void LogRecord::readBody() noexcept {
-  if (state_ == State::kNothing) readHeader();
+  readHeader(LogField::kMessage);
   state_ = State::kBody;
   std::string_view rest = body_;
   std::string_view label;
@@ -322,7 +337,7 @@ std::string_view LogRecord::text(LogField field) noexcept {
   if (field == LogField::kTime) return head_.stamp;
   if (field == LogField::kLevel) return head_.levelName;
   if (field == LogField::kType) return {&head_.type, 1};
-  if (state_ == State::kNothing) readHeader();
+  readHeader(field);
   if (static_cast<std::size_t>(field) >= LOG_HEADER_FIELDS && state_ == State::kHeader) readBody();
   return at(field);
 }
@@ -351,7 +366,7 @@ LogCode LogRecord::code() noexcept {
 }
 
 std::string_view LogRecord::body() noexcept {
-  if (state_ == State::kNothing) readHeader();
+  readHeader(LogField::kMessage);
   return body_;
 }
 

@@ -104,8 +104,8 @@ class LogRecord {
   std::string_view body() noexcept;
 
  private:
-  enum class State : std::uint8_t { kNothing, kHeader, kBody };
-  void readHeader() noexcept;
+  enum class State : std::uint8_t { kNothing, kInHeader, kHeader, kBody };
+  void readHeader(LogField upTo) noexcept;
   void readBody() noexcept;
   bool readLine(std::string_view line) noexcept;
   void readFunction(std::string_view line) noexcept;
@@ -115,7 +115,8 @@ class LogRecord {
   std::string_view bytes_;
   LogHead head_ = {};
   State state_ = State::kNothing;
-  std::string_view body_;
+  std::size_t passed_ = 0;  // fields below stand on lines that were read, or nowhere
+  std::string_view body_;   // from the first line that was not read
   std::array<std::string_view, LOG_TEXT_FIELDS> texts_;
 };
 
