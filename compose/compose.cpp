@@ -5,6 +5,7 @@
 #include "diag/base/sqltfast.h"
 #include "platform/osse.h"
 #include "platform/ports.h"
+#include "sync/sqloLatchTable.h"
 #include "veksys/host.h"
 
 namespace vek {
@@ -42,7 +43,7 @@ constinit Ports g_ports = {
     .member = ownMember,
     .attachTrace = sqlti_attachAtPoint,
     .flushMemoryCaches = nothingToGiveBack,
-    .checkLatches = nothingToGiveBack,
+    .checkLatches = sqloi_latchThreadEnds,
 };
 
 }  // namespace vek

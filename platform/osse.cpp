@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -189,6 +190,16 @@ void ossCopyText(char* field, std::size_t bytes, const char* text) noexcept {
   ::memset(field + length, 0, bytes - length);
 }
 
+namespace {
+
+void sleepFor(unsigned seconds, unsigned nanoseconds) noexcept {
+  timespec left = {static_cast<time_t>(seconds), static_cast<long>(nanoseconds)};
+  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
+
+}  // namespace
+
 std::int64_t ossRealtimeNs() noexcept { return clockNs(CLOCK_REALTIME); }
 std::int64_t ossMonotonicNs() noexcept { return clockNs(CLOCK_MONOTONIC); }
 
@@ -202,10 +213,14 @@ std::uint64_t ossMeasureTicksPerSecond() noexcept {
   return static_cast<std::uint64_t>(static_cast<double>(elapsedTicks) * 1e9 / static_cast<double>(elapsedNs));
 }
 
-void ossSleepMs(unsigned milliseconds) noexcept {
-  timespec left = {static_cast<time_t>(milliseconds / 1000), static_cast<long>(milliseconds % 1000) * 1'000'000};
-  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
+void ossSleepMs(unsigned milliseconds) noexcept { sleepFor(milliseconds / 1000, milliseconds % 1000 * 1'000'000); }
+void ossSleepUs(unsigned microseconds) noexcept { sleepFor(microseconds / 1'000'000, microseconds % 1'000'000 * 1000); }
+void ossYield() noexcept { ::sched_yield(); }
+
+unsigned ossProcessors() noexcept {
+  cpu_set_t usable;
+  if (::sched_getaffinity(0, sizeof usable, &usable) != 0) return 1;
+  return static_cast<unsigned>(std::max(CPU_COUNT(&usable), 1));
 }
 
 std::uint32_t ossProcessId() noexcept { return static_cast<std::uint32_t>(::getpid()); }
@@ -407,7 +422,11 @@ int ossVisitDirectory(const char* path, void (*visit)(void* context, const char*
 int ossAllocateFile(int fd, std::uint64_t bytes) noexcept {
   const int error = repeat([&] { return g_calls.ftruncate(fd, static_cast<off_t>(bytes)); });
   if (error != 0) return error;
-  return repeat([&] { return g_calls.fallocate(fd, 0, 0, static_cast<off_t>(bytes)); });
+  return ossAllocateRange(fd, 0, bytes);
+}
+
+int ossAllocateRange(int fd, std::uint64_t offset, std::uint64_t bytes) noexcept {
+  return repeat([&] { return g_calls.fallocate(fd, 0, static_cast<off_t>(offset), static_cast<off_t>(bytes)); });
 }
 
 int ossLockFile(int fd, int operation, unsigned milliseconds) noexcept {
@@ -435,10 +454,11 @@ void ossUnlockByte(int fd, std::uint64_t offset) noexcept {
   if (error != 0) tell(FID_ossUnlockByte, error, "A record lock could not be given back");
 }
 
-bool ossByteLockedElsewhere(int fd, std::uint64_t offset) noexcept {
+bool ossByteLockedElsewhere(int fd, std::uint64_t offset, std::uint64_t count) noexcept {
   int conflict = 0;
-  const int error =
-      repeat([&] { return g_calls.lockByte(fd, F_GETLK, F_WRLCK, static_cast<off_t>(offset), 1, &conflict); });
+  const int error = repeat([&] {
+    return g_calls.lockByte(fd, F_GETLK, F_WRLCK, static_cast<off_t>(offset), static_cast<off_t>(count), &conflict);
+  });
   return error != 0 || conflict != 0;  // in doubt the owner lives: nothing of a living process is ever taken
 }
 

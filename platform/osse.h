@@ -106,6 +106,26 @@ inline std::uint64_t ossTicks() noexcept {
 std::uint64_t ossMeasureTicksPerSecond() noexcept;
 
 void ossSleepMs(unsigned milliseconds) noexcept;
+void ossSleepUs(unsigned microseconds) noexcept;
+
+// Lets time pass on the processor, telling it that the thread spins: `pauses` pause instructions.
+inline void ossWasteTime(unsigned pauses) noexcept {
+  for (; pauses > 0; --pauses) {
+#if defined(__x86_64__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    __asm__ volatile("isb");
+#else
+    __asm__ volatile("" ::: "memory");
+#endif
+  }
+}
+
+// Lets another thread have the processor.
+void ossYield() noexcept;
+
+// How many processors this process may use, 1 when that is not known.
+unsigned ossProcessors() noexcept;
 
 // ---- identity ---------------------------------------------------------------------------------------------------
 
@@ -199,6 +219,9 @@ int ossVisitDirectory(const char* path, void (*visit)(void* context, const char*
 // Gives a file its size and allocates every block of it, so that touching a mapping of it cannot fail later.
 int ossAllocateFile(int fd, std::uint64_t bytes) noexcept;
 
+// The same for a part of a file that has its size.
+int ossAllocateRange(int fd, std::uint64_t offset, std::uint64_t bytes) noexcept;
+
 // Takes a lock on a whole open file (LOCK_SH or LOCK_EX of flock(2)), which belongs to the open file and not to the
 // process. Waits up to `milliseconds`, 0: not at all. EAGAIN: somebody else kept it.
 int ossLockFile(int fd, int operation, unsigned milliseconds) noexcept;
@@ -213,8 +236,8 @@ void ossUnlockFile(int fd) noexcept;
 int ossLockByte(int fd, std::uint64_t offset) noexcept;
 void ossUnlockByte(int fd, std::uint64_t offset) noexcept;
 
-// True when another process holds the byte. A byte that this process holds reads as free.
-bool ossByteLockedElsewhere(int fd, std::uint64_t offset) noexcept;
+// True when another process holds the byte, or any of `count` bytes. What this process holds reads as free.
+bool ossByteLockedElsewhere(int fd, std::uint64_t offset, std::uint64_t count = 1) noexcept;
 
 // ---- messages ---------------------------------------------------------------------------------------------------
 //

@@ -2,10 +2,10 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
+#include <cstring>
 #include <mutex>
 #include <new>
 
@@ -26,6 +26,7 @@ namespace {
 
 constexpr char kMagic[8] = "VEKREGN";
 constexpr std::uint64_t kPage = 4096;
+constexpr std::size_t kNameMost = 255;
 constexpr unsigned kLockWaitMs = 2000;  // an attaching process works for a few milliseconds; longer means it is stopped
 
 struct SectionPlan {
@@ -34,13 +35,16 @@ struct SectionPlan {
   std::uint64_t bytes;
 };
 
-// The sections of this layout version, in file order. Each starts on a page of its own.
+// The sections of this layout version, in file order. Each starts on a page of its own. The blocks of the last one are
+// allocated page by page, when a thread needs its own.
 constexpr SectionPlan kPlan[] = {
     {RegionSectionId::kTraceWords, 1, kPage},
     {RegionSectionId::kTraceControl, 1, kPage},
     {RegionSectionId::kProcesses, 1, sizeof(RegionProcess) * REGION_PROCESS_SLOTS},
     {RegionSectionId::kThreads, 1, sizeof(RegionThread) * REGION_THREAD_SLOTS},
     {RegionSectionId::kNames, 1, sizeof(RegionNames)},
+    {RegionSectionId::kSemaphores, 1, REGION_SEMAPHORE_BYTES},
+    {RegionSectionId::kThreadPages, 1, std::uint64_t{REGION_THREAD_PAGE_BYTES} * REGION_THREAD_SLOTS},
 };
 
 constexpr std::uint64_t pages(std::uint64_t bytes) { return (bytes + kPage - 1) / kPage * kPage; }
@@ -85,7 +89,7 @@ T* sectionOf(RegionSectionId id) noexcept {
 // ---- building and checking --------------------------------------------------------------------------------------
 
 void buildHeader(RegionHeader* header) noexcept {
-  ::memcpy(header->magic, kMagic, sizeof kMagic);
+  std::memcpy(header->magic, kMagic, sizeof kMagic);
   header->layoutVersion = REGION_LAYOUT_VERSION;
   header->headerBytes = sizeof(RegionHeader);
   header->bytes = plannedBytes();
@@ -117,11 +121,11 @@ enum class Found { kUsable, kLeftOver, kOtherVersion, kDamaged };
 bool isOfEarlierBoot(const RegionHeader& header) noexcept {
   char bootId[sizeof header.bootId];
   ossBootId(bootId, sizeof bootId);
-  return bootId[0] != '\0' && header.bootId[0] != '\0' && ::memcmp(header.bootId, bootId, sizeof bootId) != 0;
+  return bootId[0] != '\0' && header.bootId[0] != '\0' && std::memcmp(header.bootId, bootId, sizeof bootId) != 0;
 }
 
 Found inspectHeader(const RegionHeader& header) noexcept {
-  if (::memcmp(header.magic, kMagic, sizeof kMagic) != 0) return Found::kDamaged;
+  if (std::memcmp(header.magic, kMagic, sizeof kMagic) != 0) return Found::kDamaged;
   if (isOfEarlierBoot(header)) return Found::kLeftOver;
   if (header.ready.load(std::memory_order_acquire) != 1) return Found::kLeftOver;
   if (header.layoutVersion != REGION_LAYOUT_VERSION) return Found::kOtherVersion;
@@ -141,11 +145,7 @@ Found inspectFile(int fd, std::uint64_t fileBytes) noexcept {
   return found == Found::kUsable && fileBytes < header.bytes ? Found::kDamaged : found;
 }
 
-bool anybodyLivesIn(int fd) noexcept {
-  for (std::uint32_t slot = 0; slot < REGION_PROCESS_SLOTS; ++slot)
-    if (ossByteLockedElsewhere(fd, REGION_SLOT_LOCK_BASE + slot)) return true;
-  return false;
-}
+bool anybodyLivesIn(int fd) noexcept { return ossByteLockedElsewhere(fd, REGION_SLOT_LOCK_BASE, REGION_PROCESS_SLOTS); }
 
 char* mapRegion(int fd) noexcept {
   void* mapped = ossCalls().mmap(nullptr, plannedBytes(), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -153,7 +153,8 @@ char* mapRegion(int fd) noexcept {
 }
 
 SqlzZrc buildInto(int fd) noexcept {
-  const int error = ossAllocateFile(fd, plannedBytes());
+  int error = ossAllocateFile(fd, offsetOf(RegionSectionId::kThreadPages));
+  if (error == 0) error = ossTruncate(fd, plannedBytes());
   if (error == ENOSPC || error == EFBIG || error == EDQUOT) return SQLO_REGION_NO_SPACE;
   if (error != 0) return SQLO_REGION_DENIED;
   char* base = mapRegion(fd);
@@ -279,12 +280,27 @@ SqlzZrc openAndMap() noexcept {
 
 // ---- slots ------------------------------------------------------------------------------------------------------
 
+// Thread slots of a dead process; those with pins stay, for whoever takes over what they stand for.
 void freeThreadsOf(std::uint32_t slot) noexcept {
   auto* threads = sectionOf<RegionThread>(RegionSectionId::kThreads);
   for (std::uint32_t i = 0; i < REGION_THREAD_SLOTS; ++i) {
     std::uint64_t owner = threads[i].owner.load(std::memory_order_relaxed);
-    if (owner != 0 && regionOwnerSlot(owner) == slot) threads[i].owner.compare_exchange_strong(owner, 0);
+    if (owner == 0 || regionOwnerSlot(owner) != slot || threads[i].pins.load(std::memory_order_relaxed) != 0) continue;
+    threads[i].owner.compare_exchange_strong(owner, 0);
   }
+}
+
+// Nobody else lives here: what dead processes left pinned stands for nothing any more.
+void beginRun() noexcept {
+  auto* threads = sectionOf<RegionThread>(RegionSectionId::kThreads);
+  for (std::uint32_t i = 0; i < REGION_THREAD_SLOTS; ++i) {
+    threads[i].pins.store(0, std::memory_order_relaxed);
+    threads[i].keeps.store(0, std::memory_order_relaxed);
+    threads[i].owner.store(0, std::memory_order_relaxed);
+  }
+  RegionHeader* header = headerAt(g_region.base.load(std::memory_order_relaxed));
+  header->untracked.store(0, std::memory_order_relaxed);
+  header->run.fetch_add(1, std::memory_order_release);
 }
 
 void occupy(RegionProcess& process, std::uint32_t slot) noexcept {
@@ -340,6 +356,7 @@ SqlzZrc attachFirst() noexcept {
   hostKeepInstanceName();
   SqlzZrc result = openAndMap();
   if (result != 0) return result;
+  if (!anybodyLivesIn(g_region.fd)) beginRun();
   result = takeSlotOrGoPrivate();
   ossUnlockByte(g_region.fd, REGION_LOCK_BYTE);
   return result;
@@ -428,10 +445,18 @@ std::uint32_t takeThreadSlot(RegionThread* threads, std::uint32_t threadId) noex
     const std::uint32_t slot = (threadId + probe) % REGION_THREAD_SLOTS;
     std::uint64_t expected = 0;
     if (threads[slot].owner.load(std::memory_order_relaxed) == 0 &&
-        threads[slot].owner.compare_exchange_strong(expected, mine, std::memory_order_acq_rel))
+        threads[slot].owner.compare_exchange_strong(expected, mine, std::memory_order_acq_rel)) {
+      threads[slot].hasEnded.store(0, std::memory_order_relaxed);
+      threads[slot].keeps.store(0, std::memory_order_relaxed);
+      threads[slot].paged.store(0, std::memory_order_relaxed);
       return slot;
+    }
   }
   return REGION_NO_SLOT;
+}
+
+char* threadPageAt(std::uint32_t slot) noexcept {
+  return sectionOf<char>(RegionSectionId::kThreadPages) + std::uint64_t{slot} * REGION_THREAD_PAGE_BYTES;
 }
 
 }  // namespace
@@ -450,13 +475,60 @@ std::uint32_t regionThreadEnter(std::uint32_t threadId, const char* name) noexce
 void regionThreadLeave(std::uint32_t slot) noexcept {
   auto* threads = sectionOf<RegionThread>(RegionSectionId::kThreads);
   if (threads == nullptr || slot >= REGION_THREAD_SLOTS) return;
+  if ((threads[slot].pins.load(std::memory_order_relaxed) | threads[slot].keeps.load(std::memory_order_relaxed)) != 0) {
+    threads[slot].hasEnded.store(1, std::memory_order_release);
+    return;
+  }
   std::uint64_t mine = regionProcessOwner();
   threads[slot].owner.compare_exchange_strong(mine, 0, std::memory_order_acq_rel);
+}
+
+void regionThreadUnpin(std::uint32_t slot, std::uint64_t bits) noexcept {
+  RegionThread& thread = sectionOf<RegionThread>(RegionSectionId::kThreads)[slot];
+  const std::uint64_t pins = thread.pins.fetch_and(~bits, std::memory_order_acq_rel) & ~bits;
+  const std::uint64_t keeps = thread.keeps.fetch_and(~bits, std::memory_order_acq_rel) & ~bits;
+  std::uint64_t owner = thread.owner.load(std::memory_order_acquire);
+  if ((pins | keeps) != 0 || owner == 0) return;
+  if (thread.hasEnded.load(std::memory_order_acquire) != 0 || !regionOwnerLives(owner))
+    thread.owner.compare_exchange_strong(owner, 0, std::memory_order_acq_rel);
+}
+
+void* regionThreadPage(std::uint32_t slot) noexcept {
+  auto* threads = sectionOf<RegionThread>(RegionSectionId::kThreads);
+  if (threads == nullptr || slot >= REGION_THREAD_SLOTS) return nullptr;
+  char* page = threadPageAt(slot);
+  if (threads[slot].paged.load(std::memory_order_relaxed) != 0) return page;
+  const std::uint64_t offset = offsetOf(RegionSectionId::kThreadPages) + std::uint64_t{slot} * REGION_THREAD_PAGE_BYTES;
+  if (ossAllocateRange(g_region.fd, offset, REGION_THREAD_PAGE_BYTES) != 0) return nullptr;
+  std::memset(page, 0, REGION_THREAD_PAGE_BYTES);
+  threads[slot].paged.store(1, std::memory_order_release);
+  return page;
+}
+
+const void* regionThreadPageOf(std::uint32_t slot) noexcept {
+  const auto* threads = sectionOf<RegionThread>(RegionSectionId::kThreads);
+  if (threads == nullptr || slot >= REGION_THREAD_SLOTS) return nullptr;
+  return threads[slot].paged.load(std::memory_order_acquire) == 0 ? nullptr : threadPageAt(slot);
 }
 
 std::uint64_t regionNextThreadSerial() noexcept {
   char* base = g_region.base.load(std::memory_order_acquire);
   return base == nullptr ? 0 : headerAt(base)->nextThreadSerial.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+void regionNoteUntracked() noexcept {
+  char* base = g_region.base.load(std::memory_order_acquire);
+  if (base != nullptr) headerAt(base)->untracked.store(1, std::memory_order_relaxed);
+}
+
+bool regionHasUntracked() noexcept {
+  char* base = g_region.base.load(std::memory_order_acquire);
+  return base == nullptr || headerAt(base)->untracked.load(std::memory_order_relaxed) != 0;
+}
+
+std::uint32_t regionRun() noexcept {
+  char* base = g_region.base.load(std::memory_order_acquire);
+  return base == nullptr ? 0 : headerAt(base)->run.load(std::memory_order_acquire);
 }
 
 bool regionSweep() noexcept {
@@ -494,20 +566,6 @@ void regionAfterFork() noexcept {
 
 // ---- interned names ---------------------------------------------------------------------------------------------
 
-const char* regionFindName(const RegionNames& names, std::uint32_t key) noexcept {
-  if (key == 0) return nullptr;  // the key of an entry that is not complete
-  std::uint32_t count = names.entryCount.load(std::memory_order_acquire);
-  if (count > REGION_NAME_SLOTS) count = REGION_NAME_SLOTS;
-  for (std::uint32_t i = 0; i < count; ++i) {
-    if (names.entries[i].key.load(std::memory_order_acquire) != key) continue;
-    const std::uint32_t offset = names.entries[i].offset;
-    if (offset >= REGION_NAME_BYTES) continue;
-    if (::memchr(names.text + offset, '\0', REGION_NAME_BYTES - offset) == nullptr) continue;
-    return names.text + offset;
-  }
-  return nullptr;
-}
-
 namespace {
 
 // Reserves `count` of `limit`; answers where they start, or the limit when so many are not left.
@@ -519,23 +577,75 @@ std::uint32_t reserve(std::atomic<std::uint32_t>& used, std::uint32_t count, std
   return at;
 }
 
-}  // namespace
-
-void regionInternName(std::uint32_t key, const char* name) noexcept {
-  auto* names = sectionOf<RegionNames>(RegionSectionId::kNames);
-  if (names == nullptr || key == 0 || regionFindName(*names, key) != nullptr) return;
-  const auto bytes = static_cast<std::uint32_t>(::strnlen(name, 255)) + 1;
+// Adds an entry; answers its index, REGION_NAME_SLOTS when there is no room.
+std::uint32_t addName(RegionNames* names, std::uint32_t key, const char* name) noexcept {
+  const auto bytes = static_cast<std::uint32_t>(::strnlen(name, kNameMost)) + 1;
   // The text first: a name that does not fit must not use up an entry each time it is tried.
   const std::uint32_t offset = reserve(names->textBytes, bytes, REGION_NAME_BYTES);
   const std::uint32_t entry =
       offset == REGION_NAME_BYTES ? REGION_NAME_SLOTS : reserve(names->entryCount, 1, REGION_NAME_SLOTS);
   if (entry == REGION_NAME_SLOTS) {
     names->dropped.fetch_add(1, std::memory_order_relaxed);
-    return;
+    return REGION_NAME_SLOTS;
   }
   ossCopyText(names->text + offset, bytes, name);
   names->entries[entry].offset = offset;
   names->entries[entry].key.store(key, std::memory_order_release);
+  return entry;
+}
+
+// The text of an entry, or null: everything is checked, since the table may be damaged or a copy from a dump.
+const char* textAt(const RegionNames& names, std::uint32_t entry) noexcept {
+  const std::uint32_t offset = names.entries[entry].offset;
+  if (offset >= REGION_NAME_BYTES) return nullptr;
+  return std::memchr(names.text + offset, '\0', REGION_NAME_BYTES - offset) == nullptr ? nullptr : names.text + offset;
+}
+
+std::uint32_t entriesOf(const RegionNames& names) noexcept {
+  const std::uint32_t count = names.entryCount.load(std::memory_order_acquire);
+  return count > REGION_NAME_SLOTS ? REGION_NAME_SLOTS : count;
+}
+
+// The key of a text without an identifier: a hash (FNV-1a) in a range that holds no function identifier.
+std::uint32_t textKey(const char* text) noexcept {
+  std::uint32_t hash = 2166136261U;
+  for (; *text != '\0'; ++text) hash = (hash ^ static_cast<unsigned char>(*text)) * 16777619U;
+  return 0xF0000000U | hash;
+}
+
+}  // namespace
+
+const char* regionFindName(const RegionNames& names, std::uint32_t key) noexcept {
+  if (key == 0) return nullptr;  // the key of an entry that is not complete
+  for (std::uint32_t i = 0, count = entriesOf(names); i < count; ++i)
+    if (names.entries[i].key.load(std::memory_order_acquire) == key)
+      if (const char* text = textAt(names, i); text != nullptr) return text;
+  return nullptr;
+}
+
+void regionInternName(std::uint32_t key, const char* name) noexcept {
+  auto* names = sectionOf<RegionNames>(RegionSectionId::kNames);
+  if (names == nullptr || key == 0 || regionFindName(*names, key) != nullptr) return;
+  addName(names, key, name);
+}
+
+std::uint32_t regionInternText(const char* text) noexcept {
+  auto* names = sectionOf<RegionNames>(RegionSectionId::kNames);
+  if (names == nullptr) return 0;
+  const std::size_t length = std::strlen(text);
+  if (length > kNameMost) text += length - kNameMost;
+  const std::uint32_t key = textKey(text);
+  for (std::uint32_t i = 0, count = entriesOf(*names); i < count; ++i) {
+    if (names->entries[i].key.load(std::memory_order_acquire) != key) continue;
+    if (const char* known = textAt(*names, i); known != nullptr && std::strcmp(known, text) == 0) return i + 1;
+  }
+  const std::uint32_t entry = addName(names, key, text);
+  return entry == REGION_NAME_SLOTS ? 0 : entry + 1;
+}
+
+const char* regionTextOf(const RegionNames& names, std::uint32_t number) noexcept {
+  if (number == 0 || number > entriesOf(names)) return nullptr;
+  return names.entries[number - 1].key.load(std::memory_order_acquire) == 0 ? nullptr : textAt(names, number - 1);
 }
 
 // ---- the region lock --------------------------------------------------------------------------------------------

@@ -29,11 +29,13 @@
 
 namespace vek {
 
-inline constexpr std::uint32_t REGION_LAYOUT_VERSION = 1;
+inline constexpr std::uint32_t REGION_LAYOUT_VERSION = 2;
 inline constexpr std::uint32_t REGION_PROCESS_SLOTS = 1024;
 inline constexpr std::uint32_t REGION_THREAD_SLOTS = 8192;
 inline constexpr std::uint32_t REGION_NAME_SLOTS = 8192;
 inline constexpr std::uint32_t REGION_NAME_BYTES = 512 * 1024;
+inline constexpr std::uint32_t REGION_THREAD_PAGE_BYTES = 4096;
+inline constexpr std::uint32_t REGION_SEMAPHORE_BYTES = 1024 * 1024;
 inline constexpr std::uint32_t REGION_NO_SLOT = 0xFFFFFFFFU;
 
 // Bytes of the object that carry locks, far past its end: the region lock, then one byte per process slot.
@@ -46,6 +48,8 @@ enum class RegionSectionId : std::uint32_t {
   kProcesses = 3,
   kThreads = 4,
   kNames = 5,
+  kSemaphores = 6,   // semaphore elements of latches between processes
+  kThreadPages = 7,  // one page per thread slot, allocated when its thread first needs it
 };
 
 struct RegionSection {
@@ -68,6 +72,8 @@ struct RegionHeader {
   RegionSection sections[16];
   std::atomic<std::uint32_t> ready;             // 1 once everything above and every section stands
   std::atomic<std::uint32_t> nextThreadSerial;  // serials of threads that ever entered
+  std::atomic<std::uint32_t> run;               // counts the times that a process found nobody else alive in here
+  std::atomic<std::uint32_t> untracked;         // set when something was taken in this run that no thread page tells of
 };
 
 // A process that uses the region. The lock on its byte, not the state, tells whether it lives.
@@ -82,13 +88,18 @@ struct RegionProcess {
 };
 static_assert(sizeof(RegionProcess) == 128);
 
-// A thread that uses the region. Later floors publish what it is about to take before they take it.
+// A thread that uses the region. Later floors publish in its page what it is about to take before they take it. What
+// must outlive a thread that dies with it is pinned: the slot is not used again while a bit of `pins` is set, or until
+// the instance has no process left.
 struct RegionThread {
   std::atomic<std::uint64_t> owner;  // 0 free, else regionOwner() of its process
   std::uint32_t threadId;
-  std::uint32_t reserved;
+  std::atomic<std::uint32_t> hasEnded;  // 1: the thread ended with pins set
   char name[16];
-  std::uint8_t reservedForTracking[96];
+  std::atomic<std::uint64_t> pins;   // outlive the process; cleared by whoever takes over what they stand for
+  std::atomic<std::uint64_t> keeps;  // outlive the thread, not the process
+  std::atomic<std::uint32_t> paged;  // 1: its page was allocated for this owner
+  std::uint8_t reserved[72];
 };
 static_assert(sizeof(RegionThread) == 128);
 
@@ -137,6 +148,24 @@ bool regionOwnerLives(std::uint64_t owner) noexcept;
 // Takes or gives back a thread slot. REGION_NO_SLOT when all are taken.
 std::uint32_t regionThreadEnter(std::uint32_t threadId, const char* name) noexcept;
 void regionThreadLeave(std::uint32_t slot) noexcept;
+
+// Notes that something shared was taken without being published in a thread page: from then on, in this run, nobody can
+// tell what a dead process held. And whether that has happened.
+void regionNoteUntracked() noexcept;
+bool regionHasUntracked() noexcept;
+
+// The run of the instance: as long as at least one process lives in the region. 0 when not attached.
+std::uint32_t regionRun() noexcept;
+
+// Clears a pin or keep of any slot, and frees the slot when it was the last of a thread that has ended or died.
+void regionThreadUnpin(std::uint32_t slot, std::uint64_t bits) noexcept;
+
+// The page of a thread slot of this process, zeroed on the first call of its owner; null when no block can be had for
+// it.
+void* regionThreadPage(std::uint32_t slot) noexcept;
+
+// The page of any slot as its thread publishes it, null when it has none. It may change at any time.
+const void* regionThreadPageOf(std::uint32_t slot) noexcept;
 std::uint64_t regionNextThreadSerial() noexcept;
 
 // Frees what dead processes left: their thread slots, then their process slots. At most one sweeper works in the
@@ -166,6 +195,13 @@ struct RegionNames {
 // Copies the name of a function identifier into the region. Already there: nothing happens. Lock-free; a process
 // killed in the middle leaves an entry that readers skip.
 void regionInternName(std::uint32_t key, const char* name) noexcept;
+
+// Interns a text that has no identifier of its own, its last 255 characters when it is longer. Answers its number,
+// 1 to REGION_NAME_SLOTS; 0 when there is no room or no region.
+std::uint32_t regionInternText(const char* text) noexcept;
+
+// The text of such a number, or null.
+const char* regionTextOf(const RegionNames& names, std::uint32_t number) noexcept;
 
 // The interned name, or null. `names` may be a copy from a dump: everything is checked against its bounds.
 const char* regionFindName(const RegionNames& names, std::uint32_t key) noexcept;

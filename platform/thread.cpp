@@ -16,6 +16,7 @@
 namespace vek {
 
 thread_local constinit ThreadState* t_self __attribute__((tls_model("initial-exec"))) = nullptr;
+thread_local constinit SqloLatchTable* t_latchTable __attribute__((tls_model("initial-exec"))) = nullptr;
 thread_local constinit unsigned t_lockDepth __attribute__((tls_model("initial-exec"))) = 0;
 
 namespace {
@@ -81,6 +82,8 @@ void afterForkInChild() {
   regionUnlockAfterFork();
   regionAfterFork();
   trcAfterFork();
+  if (t_latchTable != nullptr) ossUnmapPages(t_latchTable, LATCH_TABLE_BYTES);  // it notes the parent's holds
+  t_latchTable = nullptr;
   if (t_self != nullptr && t_self != busyState()) {
     (void)watchEnd(nullptr);
     g_states.giveBack(t_self);  // the child's copy; the segment and the slot stay the parent's

@@ -1,0 +1,14 @@
+// Set-up and tear-down of latching.
+#include "platform/region.h"
+#include "sync/sqloLatchTuning.h"
+#include "sync/sqloSemPool.h"
+#include "veksys/sync/latch_control.h"
+
+SqlzZrc sqlolatchinginit() noexcept {
+  vek::sqloi_prepareTuning();
+  const SqlzZrc attached = vek::regionAttach();
+  vek::regionReportOnce();
+  return attached != 0 ? attached : vek::regionSharedStatus();
+}
+
+void sqlolatchingterm() noexcept { vek::sqloi_closeSemaphores(); }

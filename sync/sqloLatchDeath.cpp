@@ -1,0 +1,231 @@
+#include "sync/sqloLatchDeath.h"
+
+#include <array>
+
+#include "platform/osse.h"
+#include "sync/sqloLatchAccess.h"
+#include "sync/sqloLatchMarks.h"
+#include "sync/sqloSemPool.h"
+#include "veksys/codes.h"
+#include "veksys/sync/latch_control.h"
+
+namespace vek {
+namespace {
+
+// ---- policies ---------------------------------------------------------------------------------------------------
+
+struct DeathPolicy {
+  std::atomic<SqloLatchRepair> repair{nullptr};
+  std::atomic<void*> context{nullptr};
+  std::atomic<std::uint32_t> policy{SQLO_LATCH_DEATH_PANIC};  // stored last
+};
+
+constinit std::array<DeathPolicy, SQLO_LATCH_TYPE_COUNT> g_policies = {};
+
+DeathPolicy& policyOf(std::uint32_t typeId) noexcept { return g_policies[typeId < SQLO_LATCH_TYPE_COUNT ? typeId : 0]; }
+
+// Runs the repair of the type, which the caller needs before it may use what it took over.
+void repairData(const LatchSubject& subject) noexcept {
+  DeathPolicy& policy = policyOf(subject.typeId);
+  const SqloLatchRepair repair = policy.repair.load(std::memory_order_acquire);
+  const SqlzZrc result = repair(policy.context.load(std::memory_order_acquire), const_cast<void*>(subject.latch),
+                                subject.typeId);
+  if (result != 0) sqloPanic(result, "The data under a latch whose holder died cannot be repaired", subject.latch);
+}
+
+// ---- who holds it -----------------------------------------------------------------------------------------------
+
+// What the marks say of one latch. An ACTIVE mark of a living thread counts whatever its mode, since it may be on its
+// way from one to the other.
+struct Census {
+  std::uint32_t living = 0;
+  std::uint32_t livingWaiters[2] = {0, 0};  // by WaiterKind
+  std::uint32_t gone = 0;
+  std::uint32_t goneExclusive = 0;
+};
+
+bool concerns(const LatchSubject& subject, const LatchMarkSeen& mark) noexcept {
+  if (mark.latch != reinterpret_cast<std::uint64_t>(subject.latch)) return false;
+  return subject.isBetweenProcesses ? (mark.word & MARK_SHARED_MEMORY) != 0 : mark.owner == regionProcessOwner();
+}
+
+void count(Census* census, const LatchMarkSeen& mark) noexcept {
+  const bool exclusive = (mark.word & MARK_EXCLUSIVE) != 0;
+  const bool waits = (mark.word & MARK_STATE) == MARK_WAITING;
+  if (mark.isGone()) {
+    ++census->gone;  // waiting or not: it may have got the latch and died before it said so
+    if (exclusive) ++census->goneExclusive;
+  } else if (waits) {
+    ++census->livingWaiters[exclusive ? 1 : 0];
+  } else {
+    ++census->living;
+  }
+}
+
+Census takeCensus(const LatchSubject& subject) noexcept {
+  Census census;
+  LivingProcesses processes;
+  visitMarks(processes, [&](const LatchMarkSeen& mark) {
+    if (concerns(subject, mark)) count(&census, mark);
+  });
+  return census;
+}
+
+// Where somebody took such a latch without a mark, nobody can tell any more.
+bool canTell(const LatchSubject& subject) noexcept { return !subject.isBetweenProcesses || !regionHasUntracked(); }
+
+// ---- taking over ------------------------------------------------------------------------------------------------
+
+void clearMark(const LatchMarkSeen& mark) noexcept {
+  auto* page = static_cast<LatchPage*>(const_cast<void*>(regionThreadPageOf(mark.slot)));
+  page->marks[mark.index].word.store(mark.word & ~MARK_STATE, std::memory_order_release);
+  regionThreadUnpin(mark.slot, 1ULL << mark.index);
+}
+
+void clearGone(const LatchSubject& subject) noexcept {
+  LivingProcesses processes;
+  visitMarks(processes, [&](const LatchMarkSeen& mark) {
+    if (mark.isGone() && concerns(subject, mark)) clearMark(mark);
+  });
+}
+
+// The exclusive hold of the dead becomes the caller's, whose mark says so before theirs say nothing any more.
+Rescue takeOverExclusive(const LatchSubject& subject, LatchHold& hold) noexcept {
+  switch (policyOf(subject.typeId).policy.load(std::memory_order_acquire)) {
+    case SQLO_LATCH_DEATH_REFUSE:
+      return Rescue::kRefused;
+    case SQLO_LATCH_DEATH_REPAIR:
+      break;
+    default:
+      sqloPanic(SQLO_LATCH_HOLDER_DIED, "The exclusive holder of a latch died", subject.latch);
+  }
+  hold.tries();
+  clearGone(subject);
+  return Rescue::kOwned;
+}
+
+constexpr unsigned kRegionWaitMs = 20;
+
+// ---- shared latches, under cs -----------------------------------------------------------------------------------
+
+// Every waiter is woken to look again, since nobody knows how far a dead one came; waiters that are gone are forgotten.
+void restoreQueue(SQLO_SLATCH_CAS32& latch, const Census& census) noexcept {
+  const SemElementRef reference = SqloSharedLatchAccess::element(latch);
+  if (SemElement* element = sqloi_elementOf(reference); element != nullptr) {
+    for (std::uint32_t kind = 0; kind < 2; ++kind) {
+      element->waiters[kind] = 0;
+      sqloi_postElement(reference, static_cast<WaiterKind>(kind), census.livingWaiters[kind]);
+    }
+    if (census.livingWaiters[1] == 0) element->upgrading = 0;
+  }
+  SqloSharedLatchAccess::postsPending(latch) = 0;
+  SqloSharedLatchAccess::state(latch).fetch_and(~(SQLO_SLATCH_RESERVED_X | SQLO_SLATCH_WAITER_X | SQLO_SLATCH_WAITER_S),
+                                                std::memory_order_acq_rel);
+}
+
+// The word with a waiter bit set, so that holders stay as they are.
+std::uint32_t freezeHolders(SQLO_SLATCH_CAS32& latch) noexcept {
+  return SqloSharedLatchAccess::state(latch).fetch_or(SQLO_SLATCH_WAITER_X, std::memory_order_acq_rel);
+}
+
+Rescue judgeShared(SQLO_SLATCH_CAS32& latch, const LatchSubject& subject, LatchHold& hold) noexcept {
+  if (!canTell(subject)) return Rescue::kNothing;
+  const RegionLock lock(kRegionWaitMs);
+  if (!lock.held()) return Rescue::kNothing;
+  const std::uint32_t word = freezeHolders(latch);
+  const Census census = takeCensus(subject);
+  const std::uint32_t sharers = word & SQLO_SLATCH_HOLDERS;
+  if (census.gone == 0) {
+    if ((word & SQLO_SLATCH_WAITER_X) == 0) SqloSharedLatchAccess::state(latch).fetch_and(~SQLO_SLATCH_WAITER_X);
+    return Rescue::kNothing;
+  }
+  Rescue rescue = Rescue::kRetry;
+  if ((word & SQLO_SLATCH_HELD_X) != 0 && census.living == 0) {
+    rescue = takeOverExclusive(subject, hold);
+  } else {
+    // Sharers that died leave the data as they were: their part of the count goes. Other marks were those of waiters, or
+    // of threads that had given the latch back.
+    if (sharers > census.living) SqloSharedLatchAccess::state(latch).fetch_sub(sharers - census.living);
+    clearGone(subject);
+  }
+  restoreQueue(latch, census);
+  return rescue;
+}
+
+// ---- spin latches -----------------------------------------------------------------------------------------------
+
+constexpr std::uint8_t kHeld = 1;
+constexpr std::uint8_t kHeldAndWatched = 2;
+
+bool watch(SqloSpinLatch& latch) noexcept {
+  std::uint8_t held = kHeld;
+  return SqloSpinLatchAccess::held(latch).compare_exchange_strong(held, kHeldAndWatched, std::memory_order_acq_rel) ||
+         held == kHeldAndWatched;
+}
+
+bool isStillWatched(SqloSpinLatch& latch) noexcept {
+  return SqloSpinLatchAccess::held(latch).load(std::memory_order_acquire) == kHeldAndWatched;
+}
+
+bool guardsSharedLatch(const SqloSpinLatch& latch) noexcept {
+  return (SqloSpinLatchAccess::flags(latch) & SqloSpinLatchAccess::kGuardsSharedLatch) != 0;
+}
+
+Rescue judgeSpin(SqloSpinLatch& latch, const LatchSubject& subject, LatchHold& hold) noexcept {
+  if (!canTell(subject)) return Rescue::kNothing;
+  const RegionLock lock(kRegionWaitMs);
+  if (!lock.held() || !watch(latch)) return Rescue::kNothing;
+  const Census census = takeCensus(subject);
+  if (!isStillWatched(latch) || census.gone == 0) return Rescue::kNothing;
+  if (census.living != 0) {
+    clearGone(subject);  // waiters, or threads that had given it back
+    return Rescue::kRetry;
+  }
+  if (!guardsSharedLatch(latch)) return takeOverExclusive(subject, hold);
+  hold.tries();
+  clearGone(subject);
+  return Rescue::kOwned;
+}
+
+// A dead thread held the cs of a shared latch; the caller has it now.
+void restoreSharedLatch(SqloSpinLatch& cs) noexcept {
+  SQLO_SLATCH_CAS32& latch = SqloSharedLatchAccess::ofCs(cs);
+  restoreQueue(latch, takeCensus(SqloSharedLatchAccess::subject(latch, true)));
+}
+
+}  // namespace
+
+Rescue sqloi_rescueSpin(SqloSpinLatch& latch, LatchHold& hold) noexcept {
+  const LatchSubject subject = SqloSpinLatchAccess::subject(latch);
+  const Rescue rescue = judgeSpin(latch, subject, hold);
+  if (rescue != Rescue::kOwned) return rescue;
+  if (guardsSharedLatch(latch))
+    restoreSharedLatch(latch);
+  else
+    repairData(subject);
+  return rescue;
+}
+
+Rescue sqloi_rescueShared(SQLO_SLATCH_CAS32& latch, LatchHold& hold) noexcept {
+  const LatchSubject subject = SqloSharedLatchAccess::subject(latch, true);
+  Rescue rescue = Rescue::kNothing;
+  {
+    const CsGuard guard(latch);
+    rescue = judgeShared(latch, subject, hold);
+  }
+  if (rescue == Rescue::kOwned) repairData(subject);
+  return rescue;
+}
+
+}  // namespace vek
+
+SqlzZrc sqloSetLatchDeathPolicy(std::uint32_t typeId, SqloLatchDeathPolicy policy, SqloLatchRepair repair,
+                                void* context) noexcept {
+  if (typeId >= SQLO_LATCH_TYPE_COUNT || policy > SQLO_LATCH_DEATH_REPAIR) return SQLO_INV_PARM;
+  if (policy == SQLO_LATCH_DEATH_REPAIR && repair == nullptr) return SQLO_INV_PARM;
+  vek::DeathPolicy& entry = vek::policyOf(typeId);
+  entry.repair.store(repair, std::memory_order_relaxed);
+  entry.context.store(context, std::memory_order_relaxed);
+  entry.policy.store(policy, std::memory_order_release);
+  return 0;
+}

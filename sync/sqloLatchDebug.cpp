@@ -1,0 +1,216 @@
+#include "sync/sqloLatchDebug.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+#include "platform/osse.h"
+#include "platform/ports.h"
+#include "veksys/codes.h"
+#include "veksys/diag/log.h"
+#include "veksys_functions.h"
+
+namespace vek {
+namespace {
+
+constexpr std::uint32_t kTypes = SQLO_LATCH_TYPE_COUNT;
+constexpr std::uint32_t kRowWords = (kTypes + 63) / 64;
+constexpr std::uint32_t kPlaces = 8192;
+constexpr std::uint32_t kReports = 16;
+
+// Where two latch types were first taken one inside the other.
+struct Place {
+  std::atomic<std::uint32_t> key;  // 0 free; placeKey
+  std::uint32_t heldFile;          // regionTextOf
+  std::uint32_t heldLine;
+  std::uint32_t line;
+  const char* file;
+};
+
+struct Report {
+  std::atomic<const SqloLatchTable*> owner;  // null: free
+  char text[1024];
+};
+
+// Which types were taken while which was held, in this process; from the system when the checks are switched on.
+struct LockOrder {
+  std::atomic<std::uint64_t> taken[kTypes][kRowWords];  // [held][taken]
+  Place places[kPlaces];
+  Report reports[kReports];
+};
+
+constinit std::atomic<LockOrder*> g_order{nullptr};
+
+std::uint32_t placeKey(std::uint32_t held, std::uint32_t taken) noexcept { return (held + 1) << 16 | (taken + 1); }
+
+Place* findPlace(LockOrder& order, std::uint32_t key, bool reserve) noexcept {
+  for (std::uint32_t i = 0, at = key * 2654435761U % kPlaces; i < kPlaces; ++i, at = (at + 1) % kPlaces) {
+    std::uint32_t found = order.places[at].key.load(std::memory_order_acquire);
+    if (found == key) return &order.places[at];
+    if (found != 0) continue;
+    if (!reserve) return nullptr;
+    if (order.places[at].key.compare_exchange_strong(found, key) || found == key) return &order.places[at];
+  }
+  return nullptr;
+}
+
+// True when the edge is new.
+bool addEdge(LockOrder& order, std::uint32_t held, std::uint32_t taken) noexcept {
+  const std::uint64_t bit = 1ULL << (taken % 64);
+  std::atomic<std::uint64_t>& word = order.taken[held][taken / 64];
+  return (word.load(std::memory_order_relaxed) & bit) == 0 && (word.fetch_or(bit) & bit) == 0;
+}
+
+// A shortest way of types taken one inside the other from `from` to `to`: breadth first. Returns its length, 0: none.
+std::uint32_t findWay(LockOrder& order, std::uint32_t from, std::uint32_t to, std::uint16_t* way,
+                      std::uint32_t room) noexcept {
+  std::uint16_t cameFrom[kTypes];
+  std::uint16_t queue[kTypes];
+  std::memset(cameFrom, 0xFF, sizeof cameFrom);
+  std::uint32_t head = 0;
+  std::uint32_t tail = 0;
+  queue[tail++] = static_cast<std::uint16_t>(from);
+  cameFrom[from] = static_cast<std::uint16_t>(from);
+  while (head < tail && cameFrom[to] == 0xFFFF) {
+    const std::uint16_t type = queue[head++];
+    for (std::uint32_t word = 0; word < kRowWords; ++word)
+      for (std::uint64_t left = order.taken[type][word].load(std::memory_order_relaxed); left != 0; left &= left - 1) {
+        const auto next = static_cast<std::uint16_t>(word * 64 + static_cast<std::uint32_t>(std::countr_zero(left)));
+        if (cameFrom[next] != 0xFFFF) continue;
+        cameFrom[next] = type;
+        queue[tail++] = next;
+      }
+  }
+  if (cameFrom[to] == 0xFFFF) return 0;
+  std::uint32_t length = 0;
+  for (std::uint16_t type = static_cast<std::uint16_t>(to);; type = cameFrom[type]) {
+    if (length < room) way[length++] = type;
+    if (type == from) break;
+  }
+  std::reverse(way, way + length);
+  return length;
+}
+
+const char* fileName(std::uint32_t number) noexcept {
+  const auto* names = static_cast<const RegionNames*>(regionSection(RegionSectionId::kNames));
+  const char* name = names == nullptr ? nullptr : regionTextOf(*names, number);
+  return name == nullptr ? "?" : name;
+}
+
+std::size_t appendPlace(LockOrder& order, std::uint32_t held, std::uint32_t taken, char* text,
+                        std::size_t room) noexcept {
+  const Place* place = findPlace(order, placeKey(held, taken), false);
+  const std::size_t length = ossSnprintf(text, room, "\n%s inside %s", sqloLatchTypeName(taken), sqloLatchTypeName(held));
+  if (place == nullptr) return length;
+  return length + ossSnprintf(text + length, room - length, ": %s line %u, inside what %s line %u captured",
+                              place->file == nullptr ? "?" : place->file, place->line, fileName(place->heldFile),
+                              place->heldLine);
+}
+
+Report* reserveReport(LockOrder& order, const SqloLatchTable* table) noexcept {
+  for (Report& report : order.reports) {
+    const SqloLatchTable* free = nullptr;
+    if (report.owner.compare_exchange_strong(free, table)) return &report;
+  }
+  return nullptr;  // what is not written now is met again in the next process
+}
+
+void noteInversion(LockOrder& order, SqloLatchTable* table, const std::uint16_t* way, std::uint32_t length) noexcept {
+  Report* report = reserveReport(order, table);
+  if (report == nullptr) return;
+  const std::uint32_t from = way[0];
+  const std::uint32_t to = way[length - 1];
+  constexpr std::size_t kRoom = sizeof report->text;
+  std::size_t at = ossSnprintf(report->text, kRoom, "Latches are captured in orders that can block each other for good:");
+  at += appendPlace(order, to, from, report->text + at, kRoom - at);
+  for (std::uint32_t i = 0; i + 1 < length; ++i)
+    at += appendPlace(order, way[i], way[i + 1], report->text + at, kRoom - at);
+  table->hasReports = true;
+}
+
+void checkEdge(LockOrder& order, SqloLatchTable* table, std::uint64_t heldWord, std::uint32_t taken, const char* file,
+               std::uint32_t line) noexcept {
+  const std::uint32_t held = markType(heldWord);
+  if (held == taken || held >= kTypes || !addEdge(order, held, taken)) return;
+  if (Place* place = findPlace(order, placeKey(held, taken), true); place != nullptr) {
+    place->heldFile = markFile(heldWord);
+    place->heldLine = markLine(heldWord);
+    place->line = line;
+    place->file = file;
+  }
+  std::uint16_t way[32];
+  const std::uint32_t length = findWay(order, taken, held, way, 32);
+  if (length != 0) noteInversion(order, table, way, length);
+}
+
+// ---- what blocks the thread at once -----------------------------------------------------------------------------
+
+bool exclusiveWaits(const LatchSubject& subject) noexcept {
+  if (!subject.isShareable) return false;
+  const auto* latch = static_cast<const SQLO_SLATCH_CAS32*>(subject.latch);
+  return (latch->flags() & SQLO_LATCH_NO_X_STARVATION) != 0 &&
+         (latch->state() & (SQLO_SLATCH_WAITER_X | SQLO_SLATCH_RESERVED_X)) != 0;
+}
+
+// What is wrong with asking for a latch that the thread holds already, or null.
+const char* selfConflict(const LatchSubject& subject, std::uint64_t heldWord) noexcept {
+  if (subject.way != LatchWay::kWaits) return nullptr;
+  if (subject.isExclusive || (heldWord & MARK_EXCLUSIVE) != 0) return "A thread waits for a latch that it holds itself";
+  if (exclusiveWaits(subject))
+    return "A thread that shares a latch asks to share it again, behind a waiting exclusive requester";
+  return nullptr;
+}
+
+void reportSelfConflict(const char* what, const LatchSubject& subject, std::uint64_t heldWord, const char* file,
+                        std::uint32_t line) noexcept {
+  (void)pdLogPrintf(PD_LOG_RC_ZRC | PD_LOG_CALL_STACK, FID_sqloDebugLatches, SQLO_LATCH_ORDER_VIOLATED, 20,
+                    PD_LEVEL_ERROR, "%s: %s at %p, captured in %s line %u, asked for in %s line %u", what,
+                    sqloLatchTypeName(subject.typeId), subject.latch, fileName(markFile(heldWord)), markLine(heldWord),
+                    file == nullptr ? "?" : file, line);
+}
+
+}  // namespace
+
+void sqloi_readLatchDebug() noexcept {
+  char value[16];
+  if (!g_ports.readSetting("VEK_LATCH_DEBUG", value, sizeof value)) return;
+  bool on = false;
+  for (const char* yes : {"YES", "ON", "TRUE", "Y", "1"}) on = on || ::strcasecmp(value, yes) == 0;
+  if (!on || g_order.load(std::memory_order_acquire) != nullptr) return;
+  void* pages = ossMapPages(sizeof(LockOrder));
+  if (pages == nullptr) return;
+  g_order.store(new (pages) LockOrder{}, std::memory_order_release);
+  g_latchDebug.store(true, std::memory_order_release);
+}
+
+void sqloi_debugCapture(SqloLatchTable* table, const LatchSubject& subject, const char* file,
+                        std::uint32_t line) noexcept {
+  LockOrder* order = g_order.load(std::memory_order_acquire);
+  const std::uint32_t taken = subject.typeId < kTypes ? subject.typeId : 0;
+  const char* reported = nullptr;
+  for (std::uint64_t left = table->used; left != 0; left &= left - 1) {
+    const LatchMark& mark = table->page->marks[std::countr_zero(left)];
+    const std::uint64_t word = mark.word.load(std::memory_order_relaxed);
+    if ((word & MARK_STATE) != MARK_ACTIVE) continue;
+    if (mark.latch.load(std::memory_order_relaxed) != reinterpret_cast<std::uint64_t>(subject.latch)) {
+      if (subject.way == LatchWay::kWaits) checkEdge(*order, table, word, taken, file, line);
+    } else if (const char* what = selfConflict(subject, word); what != nullptr && reported == nullptr) {
+      reported = what;
+      reportSelfConflict(what, subject, word, file, line);
+    }
+  }
+}
+
+void sqloi_debugReport(SqloLatchTable* table) noexcept {
+  LockOrder* order = g_order.load(std::memory_order_acquire);
+  if (table->used != 0 || order == nullptr) return;
+  table->hasReports = false;
+  for (Report& report : order->reports) {
+    if (report.owner.load(std::memory_order_relaxed) != table) continue;
+    (void)pdLogPrintf(PD_LOG_RC_ZRC, FID_sqloDebugLatches, SQLO_LATCH_ORDER_INVERTED, 10, PD_LEVEL_WARNING, "%s",
+                      report.text);
+    report.owner.store(nullptr, std::memory_order_release);
+  }
+}
+
+}  // namespace vek

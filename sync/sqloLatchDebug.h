@@ -1,0 +1,25 @@
+// Debug checks of latching, switched on by the setting VEK_LATCH_DEBUG: the first time that two latch types are taken in
+// both orders, that a thread asks for a latch it holds and can never get, and that it asks to share once more a latch
+// that lets waiting exclusive requesters go first while one waits. Each is logged with both places.
+//
+// An inversion is noted when it is met and written when the thread holds no latch any more; what would block the thread
+// for good is written at once.
+#pragma once
+
+#include <cstdint>
+
+#include "sync/sqloLatchTable.h"
+
+namespace vek {
+
+// Reads the setting.
+void sqloi_readLatchDebug() noexcept;
+
+// A capture is about to be made.
+void sqloi_debugCapture(SqloLatchTable* table, const LatchSubject& subject, const char* file,
+                        std::uint32_t line) noexcept;
+
+// A latch has been given back; writes what was noted when it was the last.
+void sqloi_debugReport(SqloLatchTable* table) noexcept;
+
+}  // namespace vek

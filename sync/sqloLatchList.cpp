@@ -1,0 +1,49 @@
+// The list of holds and waits of an instance.
+#include "platform/osse.h"
+#include "sync/sqloLatchMarks.h"
+#include "veksys/sync/latch_list.h"
+
+namespace vek {
+namespace {
+
+void describe(const LatchMarkSeen& mark, SqloLatchEntry* out) noexcept {
+  const auto& process = static_cast<const RegionProcess*>(
+      regionSection(RegionSectionId::kProcesses))[regionOwnerSlot(mark.owner) % REGION_PROCESS_SLOTS];
+  const auto& thread = static_cast<const RegionThread*>(regionSection(RegionSectionId::kThreads))[mark.slot];
+  const auto* page = static_cast<const LatchPage*>(regionThreadPageOf(mark.slot));
+  const char* file = regionTextOf(*static_cast<const RegionNames*>(regionSection(RegionSectionId::kNames)),
+                                  markFile(mark.word));
+  *out = {};
+  out->latch = mark.latch;
+  out->processId = process.processId;
+  out->threadId = thread.threadId;
+  ossCopyText(out->processName, sizeof out->processName, process.name);
+  ossCopyText(out->threadName, sizeof out->threadName, thread.name);
+  out->state = (mark.word & MARK_STATE) == MARK_WAITING ? SQLO_LATCH_ENTRY_WAITING : SQLO_LATCH_ENTRY_HELD;
+  out->request = (mark.word & MARK_EXCLUSIVE) != 0 ? SQLO_LATCH_EXCLUSIVE : SQLO_LATCH_SHARED;
+  out->typeId = markType(mark.word);
+  out->line = markLine(mark.word);
+  if (file != nullptr) ossCopyText(out->file, sizeof out->file, file);
+  out->isBetweenProcesses = (mark.word & MARK_SHARED_MEMORY) != 0;
+  out->processIsDead = mark.processIsDead;
+  out->threadHasEnded = mark.threadHasEnded;
+  out->hasSince = (mark.word & MARK_TIMED) != 0;
+  if (out->hasSince != 0) out->sinceNs = page->since[mark.index].load(std::memory_order_relaxed);
+  out->sequence = mark.word >> MARK_SEQUENCE_SHIFT;
+  out->owner = mark.owner;
+}
+
+}  // namespace
+}  // namespace vek
+
+SqlzZrc sqloListLatches(SqloLatchEntry* entries, std::size_t room, std::size_t* count) noexcept {
+  *count = 0;
+  const SqlzZrc attached = vek::regionAttach();
+  if (attached != 0) return attached;
+  vek::LivingProcesses processes;
+  vek::visitMarks(processes, [&](const vek::LatchMarkSeen& mark) {
+    if (*count < room) vek::describe(mark, &entries[*count]);
+    ++*count;
+  });
+  return vek::regionSharedStatus();
+}

@@ -1,0 +1,160 @@
+#include "sync/sqloLatchTable.h"
+
+#include "platform/library_mutex.h"
+#include "platform/osse.h"
+#include "sync/sqloLatchDebug.h"
+#include "sync/sqloLatchTuning.h"
+#include "veksys/diag/log.h"
+#include "veksys_functions.h"
+
+namespace vek {
+
+constinit std::atomic<bool> g_latchDebug{false};
+
+namespace {
+
+void usePages(SqloLatchTable* table) noexcept {
+  ThreadState* self = threadSelf();
+  table->slotIndex = self == nullptr ? REGION_NO_SLOT : self->threadSlot;
+  void* page = table->slotIndex == REGION_NO_SLOT ? nullptr : regionThreadPage(table->slotIndex);
+  if (page == nullptr) {
+    table->page = &table->ownPage;
+    return;
+  }
+  table->page = static_cast<LatchPage*>(page);
+  table->slot = static_cast<RegionThread*>(regionSection(RegionSectionId::kThreads)) + table->slotIndex;
+}
+
+}  // namespace
+
+SqloLatchTable* sqloi_makeLatchTable() noexcept {
+  const ErrnoKept kept;
+  if (threadSelf() == nullptr) return nullptr;
+  static_assert(alignof(SqloLatchTable) <= 4096);
+  auto* table = static_cast<SqloLatchTable*>(ossMapPages(LATCH_TABLE_BYTES));
+  if (table == nullptr) return nullptr;
+  usePages(table);
+  t_latchTable = table;
+  if (!threadIsInsideLock()) sqloi_prepareTuning();  // the thread holds no latch yet
+  return table;
+}
+
+std::uint64_t sqloi_fileNumber(SqloLatchTable* table, const char* file) noexcept {
+  if (file == nullptr) return 0;
+  const std::uint32_t number = regionInternText(file);
+  table->fileNames[(reinterpret_cast<std::uintptr_t>(file) >> 3) % 64] = {file, number};
+  return number;
+}
+
+void sqloi_noteUnlisted(SqloLatchTable* table, bool isBetweenProcesses) noexcept {
+  if (table != nullptr) ++table->unlisted;
+  if (isBetweenProcesses) regionNoteUntracked();
+}
+
+void sqloi_latchThreadEnds() noexcept {
+  SqloLatchTable* table = t_latchTable;
+  if (table == nullptr) return;
+  sqloCheckLatchTable(table);
+  // What it leaves held is found by those who wait for it.
+  if (table->slot != nullptr) table->slot->keeps.store(table->used, std::memory_order_release);
+  t_latchTable = nullptr;
+  ossUnmapPages(table, LATCH_TABLE_BYTES);
+}
+
+void LatchHold::setState(std::uint64_t state) const noexcept {
+  if (index_ == LATCH_NO_MARK) return;
+  std::atomic<std::uint64_t>& word = table_->page->marks[index_].word;
+  word.store((word.load(std::memory_order_relaxed) & ~MARK_STATE) | state, std::memory_order_release);
+}
+
+void LatchHold::setSince(std::int64_t monotonicNs) noexcept {
+  if (index_ == LATCH_NO_MARK) return;
+  table_->page->since[index_].store(monotonicNs, std::memory_order_relaxed);
+  std::atomic<std::uint64_t>& word = table_->page->marks[index_].word;
+  word.store(word.load(std::memory_order_relaxed) | MARK_TIMED, std::memory_order_release);
+}
+
+void LatchHold::beginWaiting(const void* latch, const char* file, std::uint32_t line) const noexcept {
+  if (table_ == nullptr) return;
+  if (table_->isWaiting) {
+    table_->savedWaiting = table_->waiting;
+    table_->hasSavedWaiting = true;
+  }
+  table_->waiting = {typeId_, line, file, latch};
+  table_->isWaiting = true;
+}
+
+void LatchHold::endWaiting() const noexcept {
+  if (table_ == nullptr) return;
+  table_->isWaiting = table_->hasSavedWaiting;
+  if (table_->hasSavedWaiting) table_->waiting = table_->savedWaiting;
+  table_->hasSavedWaiting = false;
+}
+
+void LatchHold::changeMode(const void* latch, bool toExclusive) noexcept {
+  SqloLatchTable* table = t_latchTable;
+  const std::uint32_t index = table == nullptr ? LATCH_NO_MARK : find(*table, latch);
+  if (index == LATCH_NO_MARK) return;
+  std::atomic<std::uint64_t>& word = table->page->marks[index].word;
+  const std::uint64_t now = word.load(std::memory_order_relaxed);
+  word.store(toExclusive ? now | MARK_EXCLUSIVE : now & ~MARK_EXCLUSIVE, std::memory_order_release);
+}
+
+void LatchHold::releasedUnlisted(SqloLatchTable* table) noexcept {
+  if (table->unlisted != 0) --table->unlisted;
+}
+
+void LatchHold::checkOrder(const LatchSubject& subject, const char* file, std::uint32_t line) noexcept {
+  sqloi_debugCapture(t_latchTable, subject, file, line);
+}
+
+void LatchHold::writeReports(SqloLatchTable* table) noexcept { sqloi_debugReport(table); }
+
+namespace {
+
+const char* textOr(const char* text, const char* otherwise) noexcept { return text == nullptr ? otherwise : text; }
+
+void reportLeakedType(const SqloLatchTable::Entry& entry, std::uint32_t typeId) noexcept {
+  (void)pdLogPrintf(0, FID_sqloCheckLatchTable, 0, 10, PD_LEVEL_WARNING,
+                    "Latch leaked on EDU termination: File %s : Line %d (Identity: %d) HoldCount: %hu",
+                    textOr(entry.file, ""), entry.line, static_cast<int>(typeId), entry.holdCount);
+}
+
+void reportLeakedLatch(const LatchPage& page, std::uint32_t index) noexcept {
+  const std::uint64_t word = page.marks[index].word.load(std::memory_order_relaxed);
+  const auto* names = static_cast<const RegionNames*>(regionSection(RegionSectionId::kNames));
+  const char* file = names == nullptr ? nullptr : regionTextOf(*names, markFile(word));
+  (void)pdLogPrintf(0, FID_sqloCheckLatchTable, 0, 20, PD_LEVEL_WARNING,
+                    "Latch still held: %s at 0x%016llX, %s, captured in %s line %u", sqloLatchTypeName(markType(word)),
+                    static_cast<unsigned long long>(page.marks[index].latch.load(std::memory_order_relaxed)),
+                    (word & MARK_EXCLUSIVE) != 0 ? "exclusive" : "shared", textOr(file, "?"), markLine(word));
+}
+
+}  // namespace
+}  // namespace vek
+
+void sqloCheckLatchTable(const SqloLatchTable* table) noexcept {
+  if (table == nullptr) return;
+  for (std::uint32_t type = 0; type < SQLO_LATCH_TYPE_COUNT; ++type)
+    if (table->entries[type].holdCount != 0) vek::reportLeakedType(table->entries[type], type);
+  if (table->page == nullptr) return;
+  for (std::uint32_t i = 0; i < vek::LATCH_MARKS; ++i)
+    if ((table->used & (1ULL << i)) != 0) vek::reportLeakedLatch(*table->page, i);
+}
+
+SqloLatchTable* sqloCurrentLatchTable() noexcept { return vek::t_latchTable; }
+
+void sqloxult_new_track_helper(const void* latch, std::uint32_t typeId) noexcept {
+  vek::LatchHold::released(latch, typeId);
+}
+
+std::uint32_t sqloLatchHoldCount(std::uint32_t typeId, const char** file, std::uint32_t* line,
+                                 const void** latch) noexcept {
+  const SqloLatchTable* table = vek::t_latchTable;
+  SqloLatchTable::Entry entry = {};
+  if (table != nullptr && typeId < SQLO_LATCH_TYPE_COUNT) entry = table->entries[typeId];
+  if (file != nullptr) *file = entry.file;
+  if (line != nullptr) *line = entry.line;
+  if (latch != nullptr) *latch = entry.latch;
+  return entry.holdCount;
+}
