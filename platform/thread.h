@@ -34,8 +34,8 @@ struct ThreadState {
 // Null until threadSelf() has made it.
 extern thread_local constinit ThreadState* t_self __attribute__((tls_model("initial-exec")));
 
-// The calling thread's latch tracking table: made by sync/ in pages of its own on the thread's first capture, taken down
-// by it when the thread ends. Beside the state and not in it, since it is on the way of every capture.
+// The calling thread's latch tracking table: made by sync/ in pages of its own on the thread's first capture, taken
+// down by it when the thread ends. Beside the state and not in it, since it is on the way of every capture.
 extern thread_local constinit SqloLatchTable* t_latchTable __attribute__((tls_model("initial-exec")));
 inline constexpr std::size_t LATCH_TABLE_BYTES = 9 * 4096;
 

@@ -5,7 +5,8 @@
 //
 //   a waiter    sets its bit by a compare-and-swap that fails when the conflict is over, so that a release that did not
 //               see the bit has happened before and the waiter sees that
-//   a releaser  that sees a bit takes cs first; the word with the hold given back, the bits of those it wakes cleared and
+//   a releaser  that sees a bit takes cs first; the word with the hold given back, the bits of those it wakes cleared
+//   and
 //               the reservation set is stored at once, so that no state in between exists for others to meet
 //
 // verify/latch_cas32.pml is the model of the two.
@@ -257,8 +258,8 @@ class Wait {
 
 // What a release does besides giving the hold back.
 struct Handover {
-  std::uint32_t next;                // the word
-  std::uint32_t wake[2] = {0, 0};    // how many waiters of each kind
+  std::uint32_t next;              // the word
+  std::uint32_t wake[2] = {0, 0};  // how many waiters of each kind
 };
 
 // Who waits at an element, and how the latch lets them in; read under cs.
@@ -496,16 +497,14 @@ SqlzZrc SQLO_SLATCH_CAS32::getConflict(SqloLatchRequest request) noexcept {
 }
 
 void SQLO_SLATCH_CAS32::releaseConflict() noexcept {
-  vek::giveBackUnderCs(*this, [this](std::uint32_t word) noexcept {
-    return vek::afterRelease(*this, vek::takeHold(*this, word));
-  });
+  vek::giveBackUnderCs(
+      *this, [this](std::uint32_t word) noexcept { return vek::afterRelease(*this, vek::takeHold(*this, word)); });
 }
 
 SqlzZrc SQLO_SLATCH_CAS32::convert(SqloLatchRequest request, const char* file, std::uint32_t line) noexcept {
   const bool isExclusive = (state() & SQLO_SLATCH_HELD_X) != 0;
   const bool toExclusive = (request & SQLO_LATCH_EXCLUSIVE) != 0;
-  if (toExclusive && !isExclusive)
-    return vek::upgrade(*this, (request & SQLO_LATCH_CONDITIONAL) != 0, file, line);
+  if (toExclusive && !isExclusive) return vek::upgrade(*this, (request & SQLO_LATCH_CONDITIONAL) != 0, file, line);
   if (!toExclusive && isExclusive) vek::sqloi_downgrade(*this);
   return 0;
 }

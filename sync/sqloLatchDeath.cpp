@@ -28,8 +28,8 @@ DeathPolicy& policyOf(std::uint32_t typeId) noexcept { return g_policies[typeId 
 void repairData(const LatchSubject& subject) noexcept {
   DeathPolicy& policy = policyOf(subject.typeId);
   const SqloLatchRepair repair = policy.repair.load(std::memory_order_acquire);
-  const SqlzZrc result = repair(policy.context.load(std::memory_order_acquire), const_cast<void*>(subject.latch),
-                                subject.typeId);
+  const SqlzZrc result =
+      repair(policy.context.load(std::memory_order_acquire), const_cast<void*>(subject.latch), subject.typeId);
   if (result != 0) sqloPanic(result, "The data under a latch whose holder died cannot be repaired", subject.latch);
 }
 
@@ -143,8 +143,8 @@ Rescue judgeShared(SQLO_SLATCH_CAS32& latch, const LatchSubject& subject, LatchH
   if ((word & SQLO_SLATCH_HELD_X) != 0 && census.living == 0) {
     rescue = takeOverExclusive(subject, hold);
   } else {
-    // Sharers that died leave the data as they were: their part of the count goes. Other marks were those of waiters, or
-    // of threads that had given the latch back.
+    // Sharers that died leave the data as they were: their part of the count goes. Other marks were those of waiters,
+    // or of threads that had given the latch back.
     if (sharers > census.living) SqloSharedLatchAccess::state(latch).fetch_sub(sharers - census.living);
     clearGone(subject);
   }

@@ -1,7 +1,7 @@
 // Latches of holders that are gone.
 //
-// A thread that has waited for a while looks for who holds the latch: it reads the marks of all threads of the instance.
-// The reading proves something only when no holder can leave meanwhile:
+// A thread that has waited for a while looks for who holds the latch: it reads the marks of all threads of the
+// instance. The reading proves something only when no holder can leave meanwhile:
 //
 //   shared latch  the reader has its cs, and a waiter bit is set: without cs nobody gives the latch back then
 //   spin latch    the reader changes the byte from 1 to 2; whoever gives the latch back or takes it changes that again
@@ -11,8 +11,8 @@
 //   exclusive, and no living mark ACTIVE            a dead one holds it
 //   shared holders > living marks that are ACTIVE   the rest are dead
 //
-// The marks of the dead are taken over under the region lock, one rescuer at a time; if it dies itself in the middle, it
-// leaves its own mark beside theirs.
+// The marks of the dead are taken over under the region lock, one rescuer at a time; if it dies itself in the middle,
+// it leaves its own mark beside theirs.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,8 @@ enum class Rescue {
   kRefused,  // the holder died and the type refuses
 };
 
-// For a thread that waits for a spin latch, or for a shared one, and is marked so in `hold`. Takes cs and the region lock.
+// For a thread that waits for a spin latch, or for a shared one, and is marked so in `hold`. Takes cs and the region
+// lock.
 Rescue sqloi_rescueSpin(SqloSpinLatch& latch, LatchHold& hold) noexcept;
 Rescue sqloi_rescueShared(SQLO_SLATCH_CAS32& latch, LatchHold& hold) noexcept;
 

@@ -100,7 +100,8 @@ const char* fileName(std::uint32_t number) noexcept {
 std::size_t appendPlace(LockOrder& order, std::uint32_t held, std::uint32_t taken, char* text,
                         std::size_t room) noexcept {
   const Place* place = findPlace(order, placeKey(held, taken), false);
-  const std::size_t length = ossSnprintf(text, room, "\n%s inside %s", sqloLatchTypeName(taken), sqloLatchTypeName(held));
+  const std::size_t length =
+      ossSnprintf(text, room, "\n%s inside %s", sqloLatchTypeName(taken), sqloLatchTypeName(held));
   if (place == nullptr) return length;
   return length + ossSnprintf(text + length, room - length, ": %s line %u, inside what %s line %u captured",
                               place->file == nullptr ? "?" : place->file, place->line, fileName(place->heldFile),
@@ -121,7 +122,8 @@ void noteInversion(LockOrder& order, SqloLatchTable* table, const std::uint16_t*
   const std::uint32_t from = way[0];
   const std::uint32_t to = way[length - 1];
   constexpr std::size_t kRoom = sizeof report->text;
-  std::size_t at = ossSnprintf(report->text, kRoom, "Latches are captured in orders that can block each other for good:");
+  std::size_t at =
+      ossSnprintf(report->text, kRoom, "Latches are captured in orders that can block each other for good:");
   at += appendPlace(order, to, from, report->text + at, kRoom - at);
   for (std::uint32_t i = 0; i + 1 < length; ++i)
     at += appendPlace(order, way[i], way[i + 1], report->text + at, kRoom - at);

@@ -1,6 +1,6 @@
-// Debug checks of latching, switched on by the setting VEK_LATCH_DEBUG: the first time that two latch types are taken in
-// both orders, that a thread asks for a latch it holds and can never get, and that it asks to share once more a latch
-// that lets waiting exclusive requesters go first while one waits. Each is logged with both places.
+// Debug checks of latching, switched on by the setting VEK_LATCH_DEBUG: the first time that two latch types are taken
+// in both orders, that a thread asks for a latch it holds and can never get, and that it asks to share once more a
+// latch that lets waiting exclusive requesters go first while one waits. Each is logged with both places.
 //
 // An inversion is noted when it is met and written when the thread holds no latch any more; what would block the thread
 // for good is written at once.

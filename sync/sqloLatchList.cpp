@@ -11,8 +11,8 @@ void describe(const LatchMarkSeen& mark, SqloLatchEntry* out) noexcept {
       regionSection(RegionSectionId::kProcesses))[regionOwnerSlot(mark.owner) % REGION_PROCESS_SLOTS];
   const auto& thread = static_cast<const RegionThread*>(regionSection(RegionSectionId::kThreads))[mark.slot];
   const auto* page = static_cast<const LatchPage*>(regionThreadPageOf(mark.slot));
-  const char* file = regionTextOf(*static_cast<const RegionNames*>(regionSection(RegionSectionId::kNames)),
-                                  markFile(mark.word));
+  const char* file =
+      regionTextOf(*static_cast<const RegionNames*>(regionSection(RegionSectionId::kNames)), markFile(mark.word));
   *out = {};
   out->latch = mark.latch;
   out->processId = process.processId;

@@ -12,9 +12,9 @@ namespace vek {
 struct LatchMarkSeen {
   std::uint64_t latch;
   std::uint64_t word;
-  std::uint64_t owner;       // of the thread's process
-  std::uint32_t slot;        // of the thread
-  std::uint32_t index;       // of the mark
+  std::uint64_t owner;  // of the thread's process
+  std::uint32_t slot;   // of the thread
+  std::uint32_t index;  // of the mark
   bool processIsDead;
   bool threadHasEnded;
 

@@ -4,9 +4,9 @@
 //
 //     mark ACTIVE -> take the word -> count the hold        give the word back -> mark FREE
 //
-// so that a thread killed at any instruction in between leaves a mark: the ACTIVE marks of living threads are never fewer
-// than the holds of living threads. A thread that goes to sleep on a latch turns its mark to WAITING, and back to ACTIVE
-// before each attempt to take the word.
+// so that a thread killed at any instruction in between leaves a mark: the ACTIVE marks of living threads are never
+// fewer than the holds of living threads. A thread that goes to sleep on a latch turns its mark to WAITING, and back to
+// ACTIVE before each attempt to take the word.
 //
 // The marks lie in the page of the thread's slot in the instance region. A thread without a slot keeps them in its own
 // memory, where nobody else sees them; of latches between processes that is noted in the region, because whoever judges
@@ -149,9 +149,10 @@ class LatchHold {
       : table_(t_latchTable), typeId_(subject.typeId < SQLO_LATCH_TYPE_COUNT ? subject.typeId : 0) {
     if (table_ == nullptr) [[unlikely]]
       table_ = sqloi_makeLatchTable();
-    if (table_ == nullptr) [[unlikely]]
-      return sqloi_noteUnlisted(nullptr, subject.isBetweenProcesses);
-    publish(subject, file, line);
+    if (table_ != nullptr) [[likely]]
+      publish(subject, file, line);
+    else
+      sqloi_noteUnlisted(nullptr, subject.isBetweenProcesses);
   }
 
   // The latch is held: counts it.
@@ -229,8 +230,8 @@ class LatchHold {
     const std::uint64_t word = MARK_ACTIVE | (subject.isExclusive ? MARK_EXCLUSIVE : 0) |
                                (subject.isBetweenProcesses ? MARK_SHARED_MEMORY : 0) |
                                (std::uint64_t{typeId_} << MARK_TYPE_SHIFT) |
-                               (std::uint64_t{line & 0xFFFF} << MARK_LINE_SHIFT) | (fileNumber(file) << MARK_FILE_SHIFT) |
-                               (table_->sequence++ << MARK_SEQUENCE_SHIFT);
+                               (std::uint64_t{line & 0xFFFF} << MARK_LINE_SHIFT) |
+                               (fileNumber(file) << MARK_FILE_SHIFT) | (table_->sequence++ << MARK_SEQUENCE_SHIFT);
     if (subject.isBetweenProcesses) pin(table_, index_);
     LatchMark& mark = table_->page->marks[index_];
     mark.latch.store(reinterpret_cast<std::uint64_t>(subject.latch), std::memory_order_relaxed);

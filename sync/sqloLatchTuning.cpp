@@ -39,8 +39,8 @@ constexpr LatchTuning kOneProcessor = {.outer = 0,
                                        .fighterCount = 1};
 
 // With more: the loop count 2 feeds OUTER, the waste value 10 WASTE, SWASTE and XWASTE (the larger of the two, which is
-// what a thread spins for between two attempts), the pair of 50 SLOOP and XLOOP. The sum stays below the price of putting
-// a thread to sleep and waking it.
+// what a thread spins for between two attempts), the pair of 50 SLOOP and XLOOP. The sum stays below the price of
+// putting a thread to sleep and waking it.
 constexpr std::uint32_t kLoopCount = 2;
 constexpr std::uint32_t kWasteValue = 10;
 constexpr std::uint32_t kAttempts = 50;
@@ -122,17 +122,19 @@ bool applyWord(std::string_view word, LatchTuning* slots) noexcept {
   const Keyword* keyword = findKeyword(word.substr(0, equals));
   std::uint32_t number = 1;
   if (keyword == nullptr) return false;
-  if (equals == std::string_view::npos ? !keyword->isSwitch : !readNumber(word.substr(equals + 1), &number)) return false;
+  if (equals == std::string_view::npos ? !keyword->isSwitch : !readNumber(word.substr(equals + 1), &number))
+    return false;
   for (std::uint32_t slot = first; slot <= last; ++slot) slots[slot].*keyword->field = number;
   return true;
 }
 
 void reportWord(std::string_view word, const char* setting) noexcept {
-  (void)pdLogPrintf(PD_LOG_RC_ZRC, FID_sqloInitializeLatchTuningInfo, SQLO_INV_PARM, 10, PD_LEVEL_WARNING,
-                    "%s: \"%.*s\" is not understood. Accepted: KEYWORD=number or <latch type>.KEYWORD=number, numbers up "
-                    "to %u, with OUTER, INNER, WASTE, SLEEPINC, FIGHTER_COUNT, SLEEP_MIN, SLEEP_MID, SLEEP_MAX, SLOOP, "
-                    "XLOOP, XWASTE, SWASTE; DISABLE_SMT_PRIORITIES, ENABLE_ADAPTIVE_SLEEP, ENABLE_CONSTRAINED_SPIN alone",
-                    setting, static_cast<int>(word.size()), word.data(), kNumberMost);
+  (void)pdLogPrintf(
+      PD_LOG_RC_ZRC, FID_sqloInitializeLatchTuningInfo, SQLO_INV_PARM, 10, PD_LEVEL_WARNING,
+      "%s: \"%.*s\" is not understood. Accepted: KEYWORD=number or <latch type>.KEYWORD=number, numbers up "
+      "to %u, with OUTER, INNER, WASTE, SLEEPINC, FIGHTER_COUNT, SLEEP_MIN, SLEEP_MID, SLEEP_MAX, SLOOP, "
+      "XLOOP, XWASTE, SWASTE; DISABLE_SMT_PRIORITIES, ENABLE_ADAPTIVE_SLEEP, ENABLE_CONSTRAINED_SPIN alone",
+      setting, static_cast<int>(word.size()), word.data(), kNumberMost);
 }
 
 SqlzZrc applyTuneSetting(LatchTuning* slots) noexcept {

@@ -7,11 +7,11 @@ namespace vek {
 
 // What VEK_LATCH_TUNE can set, for all latch types or, written as <type>.KEYWORD, for one slot.
 struct LatchTuning {
-  std::uint32_t outer;     // spin latch: rounds of spinning, each ended by yielding the processor, before the thread rests
-  std::uint32_t inner;     // spin latch: looks at the byte per round
-  std::uint32_t waste;     // spin latch: pauses between two looks
-  std::uint32_t sloop;     // shared latch: attempts before a shared request sleeps
-  std::uint32_t xloop;     // the same for an exclusive request
+  std::uint32_t outer;  // spin latch: rounds of spinning, each ended by yielding the processor, before the thread rests
+  std::uint32_t inner;  // spin latch: looks at the byte per round
+  std::uint32_t waste;  // spin latch: pauses between two looks
+  std::uint32_t sloop;  // shared latch: attempts before a shared request sleeps
+  std::uint32_t xloop;  // the same for an exclusive request
   std::uint32_t swaste;    // pauses before each attempt of a shared request
   std::uint32_t xwaste;    // of an exclusive one
   std::uint32_t sleepMin;  // spin latch: microseconds of the first rest

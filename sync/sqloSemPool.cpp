@@ -180,8 +180,7 @@ void sqloi_closeSemaphores() noexcept {
 std::size_t sqloConstructResourceNameForAddress(char* buffer, std::size_t bytes, const char* prefix,
                                                 const char* instance, int number, const void* address) noexcept {
   char whole[512];
-  const std::size_t length =
-      ossSnprintf(whole, sizeof whole, "%sVEKSEM%s_%d%p", prefix, instance, number, address);
+  const std::size_t length = ossSnprintf(whole, sizeof whole, "%sVEKSEM%s_%d%p", prefix, instance, number, address);
   if (length >= bytes) return 0;
   ossCopyText(buffer, bytes, whole);
   return length;

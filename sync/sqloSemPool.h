@@ -1,7 +1,7 @@
 // The semaphore elements that waiters of shared latches sleep on.
 //
-// An element has two counting semaphores, one for shared and one for exclusive waiters, and the bookkeeping of who sleeps
-// on them, which the latch's cs guards.
+// An element has two counting semaphores, one for shared and one for exclusive waiters, and the bookkeeping of who
+// sleeps on them, which the latch's cs guards.
 //
 //   private latch            draws an element of its process when its first waiter comes, gives it back with the last;
 //                            its semaphores lie in the element
@@ -40,7 +40,8 @@ struct LocalSemElement {
   OssSemaphore semaphores[2] = {};
 };
 
-// A latch's reference to its element: 0 none; the number of one in the region plus one; else the address of a local one.
+// A latch's reference to its element: 0 none; the number of one in the region plus one; else the address of a local
+// one.
 using SemElementRef = std::uint64_t;
 
 // Draws an element of the region. SQLO_NOMEM_LATCH_POOL: none is left; SQLO_REGION_...: this process shares no region.

@@ -15,7 +15,8 @@
 //     of the caller (__FILE__ and __LINE__, or any text that lives as long as the process). `veksys latch` shows them,
 //     and a thread that ends with latches held is reported. See latch_control.h.
 //   - A word that no sequence of operations can have produced is corruption: the process stops (sqloPanic).
-//   - A latch whose holder has died is not waited for in silence. A shared hold of a dead thread is taken back: a reader
+//   - A latch whose holder has died is not waited for in silence. A shared hold of a dead thread is taken back: a
+//   reader
 //     leaves the data as they were. What becomes of an exclusive one is told by the type of the latch
 //     (sqloSetLatchDeathPolicy); without a policy the process stops, since the data may be half changed.
 //
@@ -35,8 +36,8 @@
 inline constexpr std::uint32_t SQLO_LATCH_TYPE_COUNT = 1184;
 
 // Flags of a latch. The lower bits of the field `flags` hold the latch type.
-inline constexpr std::uint16_t SQLO_LATCH_X_STARVATION = 0;        // shared requests pass a waiting exclusive one
-inline constexpr std::uint16_t SQLO_LATCH_NO_X_STARVATION = 0x8000;  // they do not
+inline constexpr std::uint16_t SQLO_LATCH_X_STARVATION = 0;            // shared requests pass a waiting exclusive one
+inline constexpr std::uint16_t SQLO_LATCH_NO_X_STARVATION = 0x8000;    // they do not
 inline constexpr std::uint16_t SQLO_LATCH_BETWEEN_PROCESSES = 0x4000;  // in memory shared by processes
 inline constexpr std::uint16_t SQLO_LATCH_PRINTED_FLAGS = 0xE000;
 inline constexpr std::uint16_t SQLO_LATCH_TYPE_MASK = 0x07FF;
@@ -46,8 +47,8 @@ class SqloSpinLatch;
 
 extern "C" {
 // The way of a thread that found a spin latch taken: tries again with spinning, then yields the processor between
-// attempts, then rests between them, until it has the latch. The tuning of the latch's type holds; types above 127 share
-// the last slot. Called by captureLatch.
+// attempts, then rests between them, until it has the latch. The tuning of the latch's type holds; types above 127
+// share the last slot. Called by captureLatch.
 VEK_EXPORT SqlzZrc sqloSpinLockConflict(SqloSpinLatch* latch) noexcept;
 }
 
@@ -105,8 +106,8 @@ inline constexpr std::uint32_t SQLO_SLATCH_FREED = 0xDDDDDDDD;  // what freed me
 // The shared latch. An all-zero one is free, private, of type 0 and lets readers pass writers.
 //
 // Under SQLO_LATCH_X_STARVATION a shared request conflicts with an exclusive holder only. Under
-// SQLO_LATCH_NO_X_STARVATION it also conflicts with a waiting exclusive requester and with the reservation made for one:
-// a thread that holds such a latch shared must not ask for it shared again.
+// SQLO_LATCH_NO_X_STARVATION it also conflicts with a waiting exclusive requester and with the reservation made for
+// one: a thread that holds such a latch shared must not ask for it shared again.
 class VEK_EXPORT SQLO_SLATCH_CAS32 {
  public:
   constexpr SQLO_SLATCH_CAS32() noexcept = default;
@@ -119,8 +120,8 @@ class VEK_EXPORT SQLO_SLATCH_CAS32 {
   //
   //   Result   0
   //            SQLO_INV_PARM            typeId or flags out of range; nothing is changed
-  //            SQLO_REGION_...          between processes, and this process shares no instance region (vekInstanceStatus)
-  //            SQLO_NOMEM_LATCH_POOL    no semaphore element is left
+  //            SQLO_REGION_...          between processes, and this process shares no instance region
+  //            (vekInstanceStatus) SQLO_NOMEM_LATCH_POOL    no semaphore element is left
   SqlzZrc init(std::uint16_t typeId, std::uint16_t flags) noexcept;
 
   // Gives the semaphore element back. The latch must be free; nobody may use it any more. Harmless on a private one.

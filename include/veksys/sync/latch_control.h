@@ -57,9 +57,9 @@ VEK_EXPORT SqlzZrc sqloSetLatchDeathPolicy(std::uint32_t typeId, SqloLatchDeathP
 // The calling thread's tracking table, null when it has none (it has never captured a latch, or there is no memory).
 VEK_EXPORT SqloLatchTable* sqloCurrentLatchTable() noexcept;
 
-// Looks for latches that a thread still holds; run when an engine thread ends. One log record per latch type with a hold
-// count above zero: "Latch leaked on EDU termination: File %s : Line %d (Identity: %d) HoldCount: %hu". Then the list of
-// the single latches, where it is present. Nothing for null.
+// Looks for latches that a thread still holds; run when an engine thread ends. One log record per latch type with a
+// hold count above zero: "Latch leaked on EDU termination: File %s : Line %d (Identity: %d) HoldCount: %hu". Then the
+// list of the single latches, where it is present. Nothing for null.
 VEK_EXPORT void sqloCheckLatchTable(const SqloLatchTable* table) noexcept;
 
 // Takes one hold of a latch out of the calling thread's table; releasing does that by itself.

@@ -1,8 +1,8 @@
 // Who holds and who awaits which latch, in all processes of an instance.
 //
 // The list is read from shared memory, without the help of the processes it tells of: one that is stopped or hangs is
-// shown like any other, and what a dead one left is marked. Nothing is locked, so that threads go on meanwhile: the list
-// is true entry by entry, each for the moment it was read.
+// shown like any other, and what a dead one left is marked. Nothing is locked, so that threads go on meanwhile: the
+// list is true entry by entry, each for the moment it was read.
 #pragma once
 
 #include <cstddef>
@@ -18,23 +18,23 @@ enum SqloLatchEntryState : std::uint32_t {
 
 // One latch of one thread.
 struct SqloLatchEntry {
-  std::uint64_t latch;        // its address; in memory of one process it means something there only
+  std::uint64_t latch;  // its address; in memory of one process it means something there only
   std::uint32_t processId;
   std::uint32_t threadId;
-  char processName[32];       // terminated, like all texts here
+  char processName[32];  // terminated, like all texts here
   char threadName[16];
-  std::uint32_t state;        // SqloLatchEntryState
-  std::uint32_t request;      // SQLO_LATCH_SHARED or SQLO_LATCH_EXCLUSIVE
+  std::uint32_t state;    // SqloLatchEntryState
+  std::uint32_t request;  // SQLO_LATCH_SHARED or SQLO_LATCH_EXCLUSIVE
   std::uint32_t typeId;
   std::uint32_t line;
-  char file[256];             // empty: not known
+  char file[256];  // empty: not known
   std::uint8_t isBetweenProcesses;
   std::uint8_t processIsDead;
   std::uint8_t threadHasEnded;  // it ended with the latch held
   std::uint8_t hasSince;
-  std::int64_t sinceNs;       // when hasSince: the time, in the clock of CLOCK_MONOTONIC, since when it holds or waits
-  std::uint64_t sequence;     // the same number at a later look: it is still the same hold or wait
-  std::uint64_t owner;        // tells processes apart, also those whose number was used again
+  std::int64_t sinceNs;    // when hasSince: the time, in the clock of CLOCK_MONOTONIC, since when it holds or waits
+  std::uint64_t sequence;  // the same number at a later look: it is still the same hold or wait
+  std::uint64_t owner;     // tells processes apart, also those whose number was used again
 };
 
 extern "C" {
