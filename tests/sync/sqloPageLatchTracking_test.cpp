@@ -45,8 +45,8 @@ TEST(PageLatches, AreNotedConvertedAndForgotten) {
   const Instance instance;
   inProcess([] {
     ::setenv("VEK_USE_PAGELATCH_TRACKING", "Yes", 1);
-    sqlo_page_latch_latch_track_conv_helper(&g_pages[0], 2);
-    sqlo_page_latch_unlatch_track_helper(&g_pages[0]);
+    sqlo_page_latch_latch_track_conv_helper(g_pages.data(), 2);
+    sqlo_page_latch_unlatch_track_helper(g_pages.data());
     EXPECT_EQ(arrayText(), "");
     std::map<std::uint64_t, int> model;
     std::minstd_rand random(20'260'314);
@@ -61,7 +61,7 @@ TEST(PageLatches, AreNotedConvertedAndForgotten) {
           break;
         case 1:
           sqlo_page_latch_latch_track_conv_helper(page, state);
-          if (model.count(key) != 0) model[key] = state;
+          if (model.contains(key)) model[key] = state;
           break;
         default:
           sqlo_page_latch_unlatch_track_helper(page);
@@ -93,7 +93,7 @@ TEST(PageLatches, AreNotTrackedUnlessTheSettingSaysSo) {
     const Instance instance;
     inProcess([value] {
       ::setenv("VEK_USE_PAGELATCH_TRACKING", value, 1);
-      sqlo_page_latch_latch_track_helper(&g_pages[0], 1);
+      sqlo_page_latch_latch_track_helper(g_pages.data(), 1);
       EXPECT_EQ(arrayText(), "") << value;
     });
   }
