@@ -1,50 +1,61 @@
 // Day numbers to dates.
 //
-// Years here begin with January and are counted from year 1. So the year that is longer, the leap year, is the last of
-// four, and the longer century the last of four as well: position and remainder of a day come from two divisions of
-// numbers of the form 4n + 3, without looking at the longer ones apart. The second division is a multiplication.
-// After Cassio Neri and Lorenz Schneider, "Euclidean affine functions and their application to calendar algorithms",
-// Software: Practice and Experience 53 (2023).
+// A year begins with March here, so that the leap day is its last day: then not only the longer year is the last of
+// four years, but the longer century the last of four as well, and both quotient and remainder of a day come from
+// numbers of the form 4n + 3 without looking at the longer ones apart. The division by the days of a year is a
+// multiplication. After Cassio Neri and Lorenz Schneider, "Euclidean affine functions and their application to calendar
+// algorithms", Software: Practice and Experience 53 (2023); the year that begins with March after Howard Hinnant,
+// "chrono-Compatible Low-Level Date Algorithms".
 #include "values/sqlv_date.h"
 
 namespace vek {
 namespace {
 
-constexpr std::uint32_t kDaysOfEra = 146097;        // 400 years
-constexpr std::uint32_t kQuarterOfYears = 2939745;  // 2^32 / 1461, rounded up: 1461 days are four years
-constexpr std::uint32_t kDaysBeforeMarch = 59;      // of a common year
+constexpr std::uint32_t kDaysOfEra = 146097;    // 400 years
+constexpr std::uint32_t kDaysOfYear = 2939745;  // 2^32 / 1461, rounded up: 1461 days are four years
+constexpr std::uint32_t kMarchToJanuary = 306;  // days
 constexpr std::size_t kDaysOfLeapYear = 366;
 
-// Month and day, packed, of the days of a leap year.
-constexpr auto kMonthAndDay = [] {
-  std::array<std::array<std::uint8_t, 2>, kDaysOfLeapYear> days = {};
+// The bytes of a date at their places in a little-endian word; one object, so that one address serves all.
+struct DateWords {
+  std::array<std::uint32_t, kDaysOfLeapYear> monthAndDay;  // of the days of a year from March on
+  std::array<std::uint32_t, 101> yearOfCentury;            // the first year of the next one included
+  std::array<std::uint8_t, 101> century;
+};
+
+constexpr DateWords kWords = [] {
+  DateWords words = {};
   std::size_t index = 0;
-  for (std::size_t month = 1; month < kSqlvMonthDays.size(); ++month)
+  for (std::size_t i = 0; i < 12; ++i) {
+    const std::size_t month = (i + 2) % 12 + 1;
     for (std::size_t day = 1; day <= kSqlvMonthDays[month]; ++day)
-      days[index++] = {kSqlvPackedByte[month], kSqlvPackedByte[day]};
-  return days;
+      words.monthAndDay[index++] = std::uint32_t{kSqlvPackedByte[month]} << 16U | std::uint32_t{kSqlvPackedByte[day]}
+                                                                                      << 24U;
+  }
+  for (std::size_t i = 0; i < 101; ++i) {
+    words.century[i] = kSqlvPackedByte[i % 100];
+    words.yearOfCentury[i] = std::uint32_t{words.century[i]} << 8U;
+  }
+  return words;
 }();
 
-// The lower two digits, packed, of a year that is the n-th of its century, and 00 of the hundredth.
-constexpr auto kNextPackedByte = [] {
-  std::array<std::uint8_t, 100> bytes = {};
-  for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = kSqlvPackedByte[(i + 1) % bytes.size()];
-  return bytes;
-}();
+// 1 for a number of Bits bits that is Least or more, else 0: never a branch, which would be mispredicted for every
+// sixth day.
+template <std::uint32_t Least, unsigned Bits>
+constexpr std::uint32_t reaches(std::uint32_t number) noexcept {
+  return (number + (1U << Bits) - Least) >> Bits;
+}
 
-// The date of a day that counts from 0.
+// The date of a day that counts from 0, 0001-01-01.
 inline void dateOf(std::uint32_t day, std::uint8_t* date) noexcept {
-  const std::uint32_t quarterDays = 4 * day + 3;
+  const std::uint32_t quarterDays = 4 * (day + kMarchToJanuary) + 3;  // from 0000-03-01
   const std::uint32_t century = quarterDays / kDaysOfEra;
-  const std::uint64_t years = std::uint64_t{kQuarterOfYears} * (quarterDays % kDaysOfEra | 3U);
-  const auto yearOfCentury = static_cast<std::uint32_t>(years >> 32U);
-  const std::uint32_t dayOfYear = static_cast<std::uint32_t>(years) / kQuarterOfYears / 4;
-  const bool hundredth = yearOfCentury == 99;
-  const bool leap = (hundredth ? century : yearOfCentury) % 4 == 3;
-  const std::uint32_t leapDay = dayOfYear + (!leap && dayOfYear >= kDaysBeforeMarch ? 1 : 0);
-  date[0] = kSqlvPackedByte[century + (hundredth ? 1 : 0)];
-  date[1] = kNextPackedByte[yearOfCentury];
-  std::memcpy(date + 2, kMonthAndDay[leapDay].data(), 2);
+  const std::uint64_t years = std::uint64_t{kDaysOfYear} * (quarterDays % kDaysOfEra | 3U);
+  const std::uint32_t dayOfYear = static_cast<std::uint32_t>(years) / kDaysOfYear / 4;
+  const std::uint32_t year = static_cast<std::uint32_t>(years >> 32U) + reaches<kMarchToJanuary, 9>(dayOfYear);
+  const std::uint32_t word =
+      kWords.century[century + reaches<100, 7>(year)] | kWords.yearOfCentury[year] | kWords.monthAndDay[dayOfYear];
+  std::memcpy(date, &word, sizeof word);
 }
 
 }  // namespace

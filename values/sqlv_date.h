@@ -22,10 +22,16 @@ inline constexpr auto kSqlvPackedByte = [] {
 // 0..99 of a packed byte, and at most 165 of a malformed one.
 constexpr unsigned sqlvi_ofPacked(std::uint8_t packed) noexcept { return packed - (packed >> 4U) * 6U; }
 
-// Writes a packed byte as two characters.
+// The two characters of a byte; of a half byte that is no digit, some character.
+inline constexpr auto kSqlvTwoDigits = [] {
+  std::array<std::array<char, 2>, 256> pairs = {};
+  for (unsigned i = 0; i < pairs.size(); ++i)
+    pairs[i] = {static_cast<char>('0' + (i >> 4U)), static_cast<char>('0' + (i & 0xFU))};
+  return pairs;
+}();
+
 inline void sqlvi_putTwo(char* text, std::uint8_t packed) noexcept {
-  const auto digits = static_cast<std::uint16_t>((((packed >> 4U) | (packed << 8U)) & 0x0F0FU) | 0x3030U);
-  std::memcpy(text, &digits, sizeof digits);
+  std::memcpy(text, kSqlvTwoDigits[packed].data(), 2);
 }
 
 // ---- the calendar -----------------------------------------------------------------------------------------------
