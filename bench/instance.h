@@ -26,7 +26,8 @@ class Instance {
     if (sqltTrcSharedIPCInfo(&info) != 0) return;
     sqltTraceFacilityDelete();
     std::error_code ignored;
-    std::filesystem::remove(std::filesystem::path(info.path).replace_extension(), ignored);  // the region
+    const std::string trace = info.path;
+    std::filesystem::remove(trace.substr(0, trace.rfind(':')), ignored);  // the region
   }
   Instance(const Instance&) = delete;
   Instance& operator=(const Instance&) = delete;

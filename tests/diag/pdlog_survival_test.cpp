@@ -1,5 +1,6 @@
 // The log under fire: every record in it is whole, its identifier is that of its bytes, and what was answered 0 is
 // there exactly once.
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/statvfs.h>
 
@@ -120,22 +121,14 @@ TEST(PdLogSurvival, AForkWhileAnotherThreadLogs) {
 
 // ---- places that cannot be written ------------------------------------------------------------------------------
 
-int g_diskError = 0;
+bool g_isDiskFull = false;
 ssize_t (*g_realWrite)(int, const void*, std::size_t) = nullptr;
-int (*g_realOpen)(const char*, int, mode_t) = nullptr;
 
 // Writes to files take half of what they are given and then fail, as on a disk that fills up.
 ssize_t writeToFullDisk(int fd, const void* bytes, std::size_t count) {
-  if (g_diskError == 0 || fd <= 2) return g_realWrite(fd, bytes, count);
+  if (!g_isDiskFull || fd <= 2) return g_realWrite(fd, bytes, count);
   if (count > 200) return g_realWrite(fd, bytes, count / 2);
-  errno = g_diskError;
-  return -1;
-}
-
-int openFailing(const char* path, int flags, mode_t mode) {
-  if (g_diskError == 0 || std::string(path).find("/instance/diag") == std::string::npos)
-    return g_realOpen(path, flags, mode);
-  errno = g_diskError;
+  errno = ENOSPC;
   return -1;
 }
 
@@ -144,58 +137,94 @@ void catchStandardError(const Log& log) {
   ::dup2(fd, 2);
 }
 
-// A full disk and its refill; permission taken and given back; a read-only file system.
 TEST(PdLogSurvival, LossesAreCountedAndTold) {
-  const struct {
-    const char* what;
-    int error;
-    bool atOpen;
-  } cases[] = {{"a full disk", ENOSPC, false}, {"permission denied", EACCES, true}, {"read-only", EROFS, true}};
-  for (const auto& each : cases)
-    inProcess([&each] {
-      const Log log;
-      catchStandardError(log);
-      g_realWrite = ossCalls().write;
-      g_realOpen = ossCalls().open;
-      if (each.atOpen) ossCalls().open = openFailing;
-      if (!each.atOpen) ossCalls().write = writeToFullDisk;
-      EXPECT_EQ(logText("first"), 0);
-      g_diskError = each.error;
-      for (int i = 0; i < 3; ++i) EXPECT_EQ(logText("lost"), SQLT_DIAGERR_LOGERR) << each.what;
-      g_diskError = 0;
-      EXPECT_EQ(logText("resumed"), 0) << each.what;
-      EXPECT_EQ(logText("second"), 0);
-      const auto records = log.records();
-      EXPECT_EQ(countOf(records, "\r\nlost\r\n"), 0U) << each.what;
-      EXPECT_EQ(countOf(records, "Before this record"), 1U);
-      for (const std::string& record : records)
-        EXPECT_EQ(holds(record, "Before this record 3 records were lost, the first at "), holds(record, "resumed"));
-      char line[512];
-      std::snprintf(line, sizeof line, "Open of log file \"%s\" failed with rc 0x%X\n", log.path().c_str(),
-                    static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(each.error)));
-      EXPECT_EQ(readFile(log.instance.directory() + "/stderr"), line) << "once for one reason";
-    });
+  inProcess([] {
+    const Log log;
+    catchStandardError(log);
+    g_realWrite = ossCalls().write;
+    ossCalls().write = writeToFullDisk;
+    EXPECT_EQ(logText("first"), 0);
+    g_isDiskFull = true;
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(logText("lost"), SQLT_DIAGERR_LOGERR);
+    g_isDiskFull = false;
+    EXPECT_EQ(logText("resumed"), 0);
+    EXPECT_EQ(logText("second"), 0);
+    const auto records = log.records();
+    EXPECT_EQ(countOf(records, "\r\nlost\r\n"), 0U);
+    EXPECT_EQ(countOf(records, "Before this record"), 1U);
+    for (const std::string& record : records)
+      EXPECT_EQ(holds(record, "Before this record 3 records were lost, the first at "), holds(record, "resumed"));
+    char line[512];
+    std::snprintf(line, sizeof line, "Open of log file \"%s\" failed with rc 0x%X\n", log.path().c_str(),
+                  static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(ENOSPC)));
+    EXPECT_EQ(readFile(log.instance.directory() + "/stderr"), line) << "once for one reason";
+  });
 }
 
-// The real thing: a small file system, where one may be mounted.
-TEST(PdLogSurvival, AFullFileSystemAndItsRefill) {
-  const int end = runInProcess([] {
-    const Log log;
-    std::filesystem::create_directories(log.directory());
-    if (::mount("none", log.directory().c_str(), "tmpfs", 0, "size=128k,mode=0700") != 0) ::_exit(platformtest::kSkip);
-    catchStandardError(log);
-    int written = 0;
-    const std::string text(2000, 'x');
-    while (logText("fills " + text) == 0) ++written;
-    EXPECT_GT(written, 10);
-    EXPECT_EQ(recordsOf(readFile(log.path())).size(), static_cast<std::size_t>(written) + 1);
-    EXPECT_EQ(::mount("none", log.directory().c_str(), "tmpfs", MS_REMOUNT, "size=1m,mode=0700"), 0);
-    EXPECT_EQ(logText("refilled"), 0);
-    EXPECT_EQ(countOf(log.records(), "Before this record 1 record was lost"), 1U);
-    ::umount2(log.directory().c_str(), MNT_DETACH);
-  });
-  if (end == platformtest::kSkip) GTEST_SKIP() << "no file system may be mounted here";
-  EXPECT_EQ(end, 0);
+// The real things. Mounts are made in a name space of the process's own and go with it.
+bool mayMount(const std::string& directory, const char* options) {
+  std::filesystem::create_directories(directory);
+  return ::unshare(CLONE_NEWNS) == 0 && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         ::mount("none", directory.c_str(), "tmpfs", 0, options) == 0;
+}
+
+bool becomeOwner(const std::string& directory) {
+  constexpr uid_t kNobody = 65'534;
+  std::filesystem::create_directories(directory);
+  ::chmod(directory.c_str(), 0700);
+  if (::geteuid() != 0) return true;
+  for (std::string path = directory; path.starts_with("/dev/shm/"); path.resize(path.rfind('/')))
+    if (::chown(path.c_str(), kNobody, kNobody) != 0) return false;
+  return ::setresuid(kNobody, kNobody, kNobody) == 0;
+}
+
+struct Place {
+  const char* name;
+  bool (*begin)(const std::string& directory);  // false: this cannot be done here
+  void (*spoil)(const std::string& directory);
+  void (*repair)(const std::string& directory);
+};
+
+const Place kPlaces[] = {
+    {"a full file system", [](const std::string& directory) { return mayMount(directory, "size=128k,mode=0700"); },
+     [](const std::string& directory) { std::ofstream(directory + "/filler") << std::string(1 << 20, 'x'); },
+     [](const std::string& directory) { std::filesystem::remove(directory + "/filler"); }},
+    {"a read-only file system", [](const std::string& directory) { return mayMount(directory, "size=1m,mode=0700"); },
+     [](const std::string& directory) { ::mount("none", directory.c_str(), "", MS_REMOUNT | MS_RDONLY, nullptr); },
+     [](const std::string& directory) { ::mount("none", directory.c_str(), "", MS_REMOUNT, nullptr); }},
+    {"a directory without permission", becomeOwner, [](const std::string& directory) { ::chmod(directory.c_str(), 0); },
+     [](const std::string& directory) { ::chmod(directory.c_str(), 0700); }},
+};
+
+// A record is lost where there is no alternate directory, and told of; none where there is one.
+TEST(PdLogSurvival, PlacesThatReallyCannotBeWritten) {
+  std::string skipped;
+  for (const Place& place : kPlaces)
+    for (const bool moves : {false, true}) {
+      SCOPED_TRACE(std::string(place.name) + (moves ? ", with an alternate" : ""));
+      const Log log;
+      const int end = runInProcess([&] {
+        const std::string alternate = log.instance.directory() + "/alternate/";
+        const std::string directory = log.directory().substr(0, log.directory().size() - 1);
+        if (!place.begin(directory)) ::_exit(platformtest::kSkip);
+        catchStandardError(log);
+        if (moves) ossCopyText(installHost().ALT_DIAGPATH, sizeof VekInstanceControl::ALT_DIAGPATH, alternate.c_str());
+        inProcess([] { EXPECT_EQ(logText("first"), 0); });  // whoever keeps a lock file open keeps a mount writable
+        place.spoil(directory);
+        EXPECT_EQ(logText("spoilt" + std::string(6000, 'x')), moves ? 0 : SQLT_DIAGERR_LOGERR);
+        place.repair(directory);
+        EXPECT_EQ(logText("repaired"), 0);
+        EXPECT_EQ(countOf(log.records(), "first"), 1U);
+        const auto records = moves ? recordsOf(readFile(alternate + "vekdiag.log")) : log.records();
+        EXPECT_EQ(countOf(records, "spoilt"), moves ? 1U : 0U);
+        EXPECT_EQ(countOf(records, "repaired"), 1U);
+        EXPECT_EQ(countOf(records, "Before this record 1 record was lost"), moves ? 0U : 1U);
+        platformtest::endAtOnce();
+      });
+      if (end == platformtest::kSkip) skipped = place.name;
+      EXPECT_TRUE(end == 0 || end == platformtest::kSkip);
+    }
+  if (!skipped.empty()) GTEST_SKIP() << skipped << " cannot be had here";
 }
 
 TEST(PdLogSurvival, ARemovedDirectoryIsMadeAnewAndALinkIsRefused) {
@@ -212,24 +241,6 @@ TEST(PdLogSurvival, ARemovedDirectoryIsMadeAnewAndALinkIsRefused) {
     ASSERT_EQ(::symlink(elsewhere.c_str(), log.path().c_str()), 0);
     EXPECT_EQ(logText("third"), SQLT_DIAGERR_LOGERR);
     EXPECT_EQ(readFile(elsewhere), "mine");
-  });
-}
-
-TEST(PdLogSurvival, MovesToTheAlternateDirectoryForGood) {
-  inProcess([] {
-    const Log log;
-    const std::string alternate = log.instance.directory() + "/alternate/";
-    ossCopyText(installHost().ALT_DIAGPATH, sizeof VekInstanceControl::ALT_DIAGPATH, alternate.c_str());
-    EXPECT_EQ(logText("first"), 0);
-    g_realOpen = ossCalls().open;
-    ossCalls().open = openFailing;
-    g_diskError = EIO;
-    EXPECT_EQ(logText("second"), 0);
-    g_diskError = 0;
-    EXPECT_EQ(logText("third"), 0);
-    const auto records = recordsOf(readFile(alternate + "vekdiag.log"));
-    EXPECT_EQ(countOf(records, "second") + countOf(records, "third"), 2U);
-    EXPECT_EQ(countOf(log.records(), "first"), 1U);
   });
 }
 

@@ -237,28 +237,6 @@ TEST(PdLog, ALevelSetForTheInstanceReachesRunningProcesses) {
 
 constexpr std::uint32_t kStructure = PD_TYPE_STRUCTURES + 4;
 
-TEST(PdLog, AFormatterThatFaultsCostsItsOwnRecordOnly) {
-  inProcess([] {
-    const Log log;
-    g_ports.formatItem = [](std::uint32_t, const void*, std::uint32_t, char*, std::size_t) -> std::size_t {
-      void* page = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-      *static_cast<volatile int*>(page) = 1;  // not a null pointer, which a sanitizer would look at first
-      return 0;
-    };
-    EXPECT_EQ(pdLog(1, kFunction, 0, 5, 2, 1, kStructure, 4U, &kSeven), 0);
-    EXPECT_EQ(logText("goes on"), 0);
-    const auto records = log.records();
-    ASSERT_EQ(records.size(), 3U);
-    char line[128];
-    std::snprintf(line, sizeof line, "Trap 0000000b detected in vekdiag call from [%ld,5] trapfile created",
-                  static_cast<long>(kFunction));
-    EXPECT_TRUE(holds(records[1], line)) << records[1];
-    char name[64];
-    std::snprintf(name, sizeof name, "%u.%u.000.trap.txt", ossProcessId(), ossThreadId());
-    EXPECT_TRUE(holds(readFile(log.directory() + name), "SIGSEGV"));
-  });
-}
-
 TEST(PdLog, CallsFromInsideALogCallAreDroppedAndTold) {
   inProcess([] {
     const Log log;
@@ -363,14 +341,18 @@ TEST(PdLog, TextsCannotForgeSections) {
   });
 }
 
-// Pointers of the caller that lead nowhere, in every place where one is followed.
-TEST(PdLog, BadPointersCostTheirOwnRecordOnly) {
+// A formatter that faults, and pointers of the caller that lead nowhere, in every place where one is followed.
+TEST(PdLog, FaultsCostTheirOwnRecordOnly) {
   inProcess([] {
     const Log log;
     static void* const bad = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     static const char* const text = static_cast<const char*>(bad);
     static const PdLogEvent event = {text, text, text};
     static int recorded = 0;
+    g_ports.formatItem = [](std::uint32_t, const void*, std::uint32_t, char*, std::size_t) -> std::size_t {
+      *static_cast<volatile int*>(bad) = 1;
+      return 0;
+    };
     g_ports.recordEvent = [](const PortRecorderEvent& told) { recorded += told.itemCount == 0 ? 1 : 100; };
     SqltTraceSettings settings = {};
     std::memset(&settings.components, 0xFF, sizeof settings - offsetof(SqltTraceSettings, components));
@@ -387,15 +369,22 @@ TEST(PdLog, BadPointersCostTheirOwnRecordOnly) {
         [] { return pdLog(1 | PD_LOG_TRACE | pdLogNotify(1), kFunction, 0, 5, 2, 1, PD_TYPE_STRING, 9U, text); },
         [] { return pdLogEvRecEx(1, kFunction, 0, 5, 2, &kRecorded, 1, PD_TYPE_STRING, 9U, text); },
         [] { return sqlt_logerr(kFunction, 5, 2, 0, text, 4, "data"); },
+        [] { return pdLog(1, kFunction, 0, 5, 2, 1, kStructure, 4U, &kSeven); },
     };
     for (const auto& call : calls) EXPECT_EQ(call(), 0);
-    EXPECT_EQ(countOf(log.records(), "Trap 0000000b detected"), std::size(calls));
+    char line[128];
+    std::snprintf(line, sizeof line, "Trap 0000000b detected in vekdiag call from [%ld,5] trapfile created",
+                  static_cast<long>(kFunction));
+    EXPECT_EQ(countOf(log.records(), line), std::size(calls));
+    std::snprintf(line, sizeof line, "%u.%u.000.trap.txt", ossProcessId(), ossThreadId());
+    EXPECT_EQ(countOf(recordsOf(readFile(log.directory() + line)), "SIGSEGV"), std::size(calls));
     EXPECT_EQ(pdLogEvRecEx(1, kFunction, 0, 5, 2, static_cast<const PdRecorderEvent*>(bad), 0), 0);
     EXPECT_EQ(recorded, 1);
     const char* const tokens[] = {"T", text};
     EXPECT_EQ(sqlt_logadmin(kFunction, 5, 1, -107, 2, tokens), 0);
     EXPECT_EQ(sqlt_logadmin(kFunction, 5, 1, -107, 2, static_cast<const char* const*>(bad)), 0);
     const std::string entries = readFile(log.directory() + vekInstanceName() + ".nfy");
+    EXPECT_TRUE(holds(entries, "    What this event holds could not be read; the diagnostic log tells more.\r\n"));
     const std::size_t first = entries.find("The tokens could not be read.");
     EXPECT_NE(entries.find("The tokens could not be read.", first + 1), std::string::npos) << entries;
   });
