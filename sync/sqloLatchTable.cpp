@@ -4,6 +4,7 @@
 #include "platform/osse.h"
 #include "sync/sqloLatchDebug.h"
 #include "sync/sqloLatchTuning.h"
+#include "sync/sqloPageLatchTracking.h"
 #include "veksys/diag/log.h"
 #include "veksys_functions.h"
 
@@ -52,6 +53,7 @@ void sqloi_noteUnlisted(SqloLatchTable* table, bool isBetweenProcesses) noexcept
 }
 
 void sqloi_latchThreadEnds() noexcept {
+  sqloi_pageLatchThreadEnds();
   SqloLatchTable* table = t_latchTable;
   if (table == nullptr) return;
   sqloCheckLatchTable(table);
