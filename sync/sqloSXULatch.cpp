@@ -69,6 +69,28 @@ SqlzZrc tryGetU(SQLO_SLATCH_CAS32& sxLatch, SQLO_SLATCH_CAS32& uLatch, const cha
   return zrc;
 }
 
+SqlzZrc convertFromU(SQLO_SLATCH_CAS32& sxLatch, SQLO_SLATCH_CAS32& uLatch, sqloSXULatch::Mode to, const char* file,
+                     std::uint32_t line) noexcept {
+  if (to == sqloSXULatch::U)
+    return misuse(FID_sqloSXULatch_convert, kProbeFromUToU, SQLO_LATCH_UPGRADE_CONFLICT,
+                  "Attempt to convert from U to U !", &sxLatch);
+  if (!isHeldInU(uLatch)) return notHeldInU(FID_sqloSXULatch_convert, &sxLatch);
+  const SqlzZrc zrc = to == sqloSXULatch::X ? sxLatch.convert(SQLO_LATCH_EXCLUSIVE, file, line) : 0;
+  if (zrc == 0) uLatch.release();
+  return zrc;
+}
+
+SqlzZrc convertFromX(SQLO_SLATCH_CAS32& sxLatch, SQLO_SLATCH_CAS32& uLatch, sqloSXULatch::Mode to, const char* file,
+                     std::uint32_t line) noexcept {
+  if (to == sqloSXULatch::X) return SQLO_INV_PARM;
+  if (to == sqloSXULatch::S) return sxLatch.convert(SQLO_LATCH_SHARED, file, line);
+  SqlzZrc zrc = uLatch.getExclusive(file, line);
+  if (zrc != 0) return zrc;
+  zrc = sxLatch.convert(SQLO_LATCH_SHARED, file, line);
+  if (zrc != 0) uLatch.release();
+  return zrc;
+}
+
 }  // namespace
 }  // namespace vek
 
@@ -127,33 +149,12 @@ SqlzZrc sqloSXULatch::convert(Mode from, Mode to, const char* file, std::uint32_
   if (to != S && to != X && to != U) return SQLO_INV_PARM;
   switch (from) {
     case U:
-      return convertFromU(to, file, line);
+      return vek::convertFromU(m_SXLatch, m_ULatch, to, file, line);
     case X:
-      return convertFromX(to, file, line);
+      return vek::convertFromX(m_SXLatch, m_ULatch, to, file, line);
     default:
       return SQLO_INV_PARM;
   }
-}
-
-SqlzZrc sqloSXULatch::convertFromU(Mode to, const char* file, std::uint32_t line) noexcept {
-  constexpr EcfFunctionId kFunction = vek::FID_sqloSXULatch_convert;
-  if (to == U)
-    return vek::misuse(kFunction, vek::kProbeFromUToU, SQLO_LATCH_UPGRADE_CONFLICT, "Attempt to convert from U to U !",
-                       this);
-  if (!vek::isHeldInU(m_ULatch)) return vek::notHeldInU(kFunction, this);
-  const SqlzZrc zrc = to == X ? m_SXLatch.convert(SQLO_LATCH_EXCLUSIVE, file, line) : 0;
-  if (zrc == 0) m_ULatch.release();
-  return zrc;
-}
-
-SqlzZrc sqloSXULatch::convertFromX(Mode to, const char* file, std::uint32_t line) noexcept {
-  if (to == X) return SQLO_INV_PARM;
-  if (to == S) return m_SXLatch.convert(SQLO_LATCH_SHARED, file, line);
-  SqlzZrc zrc = m_ULatch.getExclusive(file, line);
-  if (zrc != 0) return zrc;
-  zrc = m_SXLatch.convert(SQLO_LATCH_SHARED, file, line);
-  if (zrc != 0) m_ULatch.release();
-  return zrc;
 }
 
 std::size_t sqloSXULatch::toString(char* buffer, std::size_t size) const noexcept {

@@ -51,9 +51,6 @@ class VEK_EXPORT sqloSXULatch {
   std::size_t toString(char* buffer, std::size_t size) const noexcept;
 
  private:
-  SqlzZrc convertFromU(Mode to, const char* file, std::uint32_t line) noexcept;
-  SqlzZrc convertFromX(Mode to, const char* file, std::uint32_t line) noexcept;
-
   SQLO_SLATCH_CAS32 m_SXLatch;
   SQLO_SLATCH_CAS32 m_ULatch;
 };
