@@ -1,12 +1,53 @@
+// The country-code table as the writers of dates and times look into it: the entry found last stands in the object that
+// asks and, for objects that are new, in a pointer of the process.
+//
+// The latch of that pointer is never waited for. A thread that does not get it at once searches the table, which is
+// constant and small; so neither a crowd of threads, nor a fork while another thread holds the latch, stops anybody.
 #include "values/sqlv_country.h"
 
 #include <atomic>
 
+#include "veksys/latch_types.h"
+#include "veksys/sync/latch.h"
+
 namespace vek {
 namespace {
 
-bool isOf(const G11nTerritory* entry, std::uint16_t territory) noexcept {
-  return entry != nullptr && entry->code == territory;
+class CountryCodeTable {
+ public:
+  CountryCodeTable() noexcept {
+    (void)tableLatch_.init(SQLO_LT_SqloCountryCodeTable__tableLatch__latch, SQLO_LATCH_X_STARVATION);
+  }
+
+  const G11nTerritory* find(std::uint16_t territory) noexcept {
+    const G11nTerritory* entry = last();
+    if (entry != nullptr && entry->code == territory) return entry;
+    entry = g11nFindTerritory(territory);
+    if (entry != nullptr) keep(entry);
+    return entry;
+  }
+
+ private:
+  const G11nTerritory* last() noexcept {
+    if (tableLatch_.tryGetShared(__FILE__, __LINE__) != 0) return nullptr;
+    const G11nTerritory* entry = last_;
+    tableLatch_.release();
+    return entry;
+  }
+
+  void keep(const G11nTerritory* entry) noexcept {
+    if (tableLatch_.tryGetExclusive(__FILE__, __LINE__) != 0) return;
+    last_ = entry;
+    tableLatch_.release();
+  }
+
+  SQLO_SLATCH_CAS32 tableLatch_;
+  const G11nTerritory* last_ = nullptr;
+};
+
+CountryCodeTable& countryCodes() noexcept {
+  static CountryCodeTable table;
+  return table;
 }
 
 }  // namespace
@@ -16,8 +57,8 @@ bool isOf(const G11nTerritory* entry, std::uint16_t territory) noexcept {
 const G11nTerritory* sqlvi_countryOf(SqlvNationalLanguage* language) noexcept {
   const std::atomic_ref<const void*> kept(language->countryEntry);
   const auto* entry = static_cast<const G11nTerritory*>(kept.load(std::memory_order_relaxed));
-  if (isOf(entry, language->territory)) return entry;
-  entry = g11nFindTerritory(language->territory);
+  if (entry != nullptr && entry->code == language->territory) return entry;
+  entry = countryCodes().find(language->territory);
   if (entry != nullptr) kept.store(entry, std::memory_order_relaxed);
   return entry;
 }

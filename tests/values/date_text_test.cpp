@@ -1,9 +1,12 @@
 // What is written for a territory, and what is refused when text is read.
 #include <cstring>
+#include <thread>
+#include <vector>
 
 #include "platform/g11n.h"
 #include "values/date_support.h"
 #include "values/packed_support.h"
+#include "values/sqlv_country.h"
 
 namespace vek::valuestest {
 namespace {
@@ -53,6 +56,21 @@ TEST(DateText, WhatATerritoryWritesItReads) {
     EXPECT_EQ(std::memcmp(date, kDate, sizeof date), 0) << text;
     EXPECT_EQ(written(sqlvputt, &language, 0, kTime).size(), SQLV_TIME_TEXT);
   }
+}
+
+TEST(DateText, ThreadsAskForTerritoriesOfTheirOwn) {
+  const auto ask = [](std::size_t begin) {
+    SqlvNationalLanguage shared;
+    for (std::size_t i = 0; i < 20000; ++i) {
+      SqlvNationalLanguage language = {.territory = g11nTerritoryAt((begin + i / 7) % G11N_TERRITORIES).code};
+      const G11nTerritory* entry = g11nFindTerritory(language.territory);
+      ASSERT_EQ(sqlvi_countryOf(&language), entry);
+      shared.territory = language.territory;
+      ASSERT_EQ(sqlvi_countryOf(&shared), entry);
+    }
+  };
+  std::vector<std::jthread> threads;
+  for (std::size_t i = 0; i < 4; ++i) threads.emplace_back(ask, i * 40);
 }
 
 TEST(DateText, MalformedDigitsStayInsideTheText) {
