@@ -36,7 +36,11 @@ struct Request {
   std::uint32_t line;
 
   bool isExclusive() const noexcept { return increment == SQLO_LATCH_EXCLUSIVE; }
-  WaiterKind kind() const noexcept { return isExclusive() ? WaiterKind::kExclusive : WaiterKind::kShared; }
+  bool isUpgrade() const noexcept { return own != 0; }
+  WaiterKind kind() const noexcept {
+    if (isUpgrade()) return WaiterKind::kUpgrade;
+    return isExclusive() ? WaiterKind::kExclusive : WaiterKind::kShared;
+  }
   std::uint32_t waiterBit() const noexcept { return isExclusive() ? SQLO_SLATCH_WAITER_X : SQLO_SLATCH_WAITER_S; }
 };
 
@@ -61,7 +65,7 @@ Attempt attempt(const Request& request) noexcept {
   auto word = Access::state(request.latch);
   std::uint32_t state = word.load(std::memory_order_relaxed);
   for (;;) {
-    check(request.latch, state, request.own != 0 ? LatchUse::kExpectsShared : LatchUse::kOther);
+    check(request.latch, state, request.isUpgrade() ? LatchUse::kExpectsShared : LatchUse::kOther);
     if (conflicts(request, state)) return Attempt::kConflict;
     const std::uint32_t next = (state - request.own + request.increment) & ~SQLO_SLATCH_RESERVED_X;
     if (word.compare_exchange_weak(state, next, std::memory_order_acq_rel, std::memory_order_relaxed))
@@ -97,7 +101,7 @@ SemElementRef attach(const Request& request) noexcept {
   SemElement* element = sqloi_elementOf(reference);
   if (element == nullptr) return 0;
   ++element->attached;
-  if (request.own != 0) element->upgrading = 1;
+  if (request.isUpgrade()) element->upgrading = 1;
   return reference;
 }
 
@@ -108,7 +112,7 @@ void detach(const Request& request, SemElementRef attached) noexcept {
     sqloPanic(SQLO_SLATCH_ERROR_SEMPOOL_POINTER_CHANGED, "The semaphore element of a latch is not the one waited on",
               &request.latch);
   SemElement* element = sqloi_elementOf(attached);
-  if (request.own != 0) element->upgrading = 0;
+  if (request.isUpgrade()) element->upgrading = 0;
   if (--element->attached != 0 || Access::isBetweenProcesses(request.latch)) return;
   reference = 0;
   sqloi_freeElement(attached);
@@ -137,8 +141,10 @@ std::uint32_t& waitersOf(const Request& request, SemElementRef reference) noexce
 // A waiter leaves that nobody has posted: with the last one its bit goes.
 void dequeue(const Request& request, SemElementRef reference) noexcept {
   std::uint32_t& waiters = waitersOf(request, reference);
-  if (waiters != 0 && --waiters == 0)
-    Access::state(request.latch).fetch_and(~request.waiterBit(), std::memory_order_acq_rel);
+  if (waiters != 0) --waiters;
+  const SemElement& element = *sqloi_elementOf(reference);
+  const std::uint32_t alike = request.isExclusive() ? element.waiters[1] + element.waiters[2] : element.waiters[0];
+  if (alike == 0) Access::state(request.latch).fetch_and(~request.waiterBit(), std::memory_order_acq_rel);
 }
 
 // -----------------------------------------------------------------------------------------------------------------
@@ -201,7 +207,7 @@ class Wait {
   // Of two shared holders that wait to become the exclusive one each would wait for the other.
   bool anotherUpgrades() const noexcept {
     const SemElement* element = sqloi_elementOf(Access::element(request_.latch));
-    return request_.own != 0 && element != nullptr && element->upgrading != 0;
+    return request_.isUpgrade() && element != nullptr && element->upgrading != 0;
   }
 
   // A post that came while the thread was on its way here counts as well.
@@ -212,7 +218,7 @@ class Wait {
     isQueued_ = false;
     posted_ = false;
     std::uint16_t& pending = Access::postsPending(request_.latch);
-    if (request_.isExclusive() && pending != 0) --pending;
+    if (request_.kind() == WaiterKind::kExclusive && pending != 0) --pending;
   }
 
   void lineUp() noexcept {
@@ -259,14 +265,14 @@ class Wait {
 // What a release does besides giving the hold back.
 struct Handover {
   std::uint32_t next;              // the word
-  std::uint32_t wake[2] = {0, 0};  // how many waiters of each kind
+  std::uint32_t wake[WAITER_KINDS] = {0, 0, 0};  // how many waiters of each kind
 };
 
 // Who waits at an element, and how the latch lets them in; read under cs.
 struct Queue {
   std::uint32_t shared = 0;
   std::uint32_t exclusive = 0;
-  bool upgrading = false;
+  bool upgrading = false;  // and has not been woken
   bool noStarvation = false;
   bool xIsOnItsWay = false;  // an exclusive waiter has been posted and has not looked yet
 };
@@ -278,7 +284,7 @@ Queue queueOf(SQLO_SLATCH_CAS32& latch) noexcept {
   if (const SemElement* element = sqloi_elementOf(Access::element(latch)); element != nullptr) {
     queue.shared = element->waiters[0];
     queue.exclusive = element->waiters[1];
-    queue.upgrading = element->upgrading != 0;
+    queue.upgrading = element->waiters[2] != 0;
   }
   return queue;
 }
@@ -294,16 +300,16 @@ Handover wakeExclusive(std::uint32_t word, const Queue& queue) noexcept {
 }
 
 Handover wakeShared(std::uint32_t word, const Queue& queue) noexcept {
-  return {word & ~SQLO_SLATCH_WAITER_S, {queue.shared, 0}};
+  return {word & ~SQLO_SLATCH_WAITER_S, {queue.shared, 0, 0}};
 }
 
 // `after` is the word with one hold given back.
 Handover afterRelease(SQLO_SLATCH_CAS32& latch, std::uint32_t after) noexcept {
   const Queue queue = queueOf(latch);
   const std::uint32_t holders = after & SQLO_SLATCH_HOLDERS;
-  // The last holder waits to become the exclusive one, among the exclusive waiters: all of them look again. Their bit
-  // stays, which others still wait under, until a release finds nobody there.
-  if (holders == 1 && queue.upgrading) return {after, {0, queue.exclusive}};
+  // The last holder waits to become the exclusive one. The bit it waited under stays, since shared requesters may wait
+  // behind it, until a release finds nobody there.
+  if (holders == 1 && queue.upgrading) return {after, {0, 0, 1}};
   if (holders != 0) return {after};
   if (queue.exclusive == 0) after &= ~SQLO_SLATCH_WAITER_X;
   const bool exclusiveFirst = queue.noStarvation || queue.shared == 0;
@@ -323,7 +329,7 @@ void wake(SQLO_SLATCH_CAS32& latch, const Handover& handover) noexcept {
   const SemElementRef reference = Access::element(latch);
   SemElement* element = sqloi_elementOf(reference);
   if (element == nullptr) return;
-  for (std::uint32_t kind = 0; kind < 2; ++kind) {
+  for (std::uint32_t kind = 0; kind < WAITER_KINDS; ++kind) {
     element->waiters[kind] -= handover.wake[kind];
     sqloi_postElement(reference, static_cast<WaiterKind>(kind), handover.wake[kind]);
   }
@@ -445,7 +451,7 @@ SqlzZrc SqloSharedLatchAccess::getExclusiveLong(SQLO_SLATCH_CAS32& latch, const 
 
 void SqloSharedLatchAccess::post(SQLO_SLATCH_CAS32& latch) noexcept {
   const vek::CsGuard guard(latch);
-  if (vek::queueOf(latch).exclusive != 0) vek::wake(latch, {latch.state(), {0, 1}});
+  if (vek::queueOf(latch).exclusive != 0) vek::wake(latch, {latch.state(), {0, 1, 0}});
 }
 
 SqlzZrc SQLO_SLATCH_CAS32::init(std::uint16_t typeId, std::uint16_t flags) noexcept {

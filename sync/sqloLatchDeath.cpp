@@ -112,11 +112,13 @@ constexpr unsigned kRegionWaitMs = 20;
 void restoreQueue(SQLO_SLATCH_CAS32& latch, const Census& census) noexcept {
   const SemElementRef reference = SqloSharedLatchAccess::element(latch);
   if (SemElement* element = sqloi_elementOf(reference); element != nullptr) {
-    for (std::uint32_t kind = 0; kind < 2; ++kind) {
+    const std::uint32_t upgrading = census.livingWaiters[1] != 0 ? element->upgrading : 0;
+    const std::uint32_t wake[WAITER_KINDS] = {census.livingWaiters[0], census.livingWaiters[1], upgrading};
+    for (std::uint32_t kind = 0; kind < WAITER_KINDS; ++kind) {
       element->waiters[kind] = 0;
-      sqloi_postElement(reference, static_cast<WaiterKind>(kind), census.livingWaiters[kind]);
+      sqloi_postElement(reference, static_cast<WaiterKind>(kind), wake[kind]);
     }
-    if (census.livingWaiters[1] == 0) element->upgrading = 0;
+    element->upgrading = upgrading;
   }
   SqloSharedLatchAccess::postsPending(latch) = 0;
   SqloSharedLatchAccess::state(latch).fetch_and(~(SQLO_SLATCH_RESERVED_X | SQLO_SLATCH_WAITER_X | SQLO_SLATCH_WAITER_S),

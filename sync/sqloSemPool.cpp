@@ -23,7 +23,7 @@ struct Opened {
 
 constinit LocalSemElement g_local[kLocalElements] = {};
 constinit std::atomic<std::uint64_t> g_localUsed[kLocalElements / 64] = {};
-constinit Opened g_opened[kElements][2] = {};
+constinit Opened g_opened[kElements][WAITER_KINDS] = {};
 constinit std::atomic<std::uint32_t> g_nextElement{0};
 
 SemElement* elements() noexcept { return static_cast<SemElement*>(regionSection(RegionSectionId::kSemaphores)); }
@@ -47,14 +47,14 @@ Name nameOf(std::uint32_t index, std::uint32_t generation, std::uint32_t kind) n
               static_cast<unsigned long long>(header->createdRealtimeNs));
   Name name;
   const void* address = reinterpret_cast<const void*>((std::uintptr_t{index} + 1) * sizeof(SemElement));
-  const int number = static_cast<int>((generation % 0x20000000U) * 2 + kind);
+  const int number = static_cast<int>((generation % 0x20000000U) * WAITER_KINDS + kind);
   if (sqloConstructResourceNameForAddress(name.text, sizeof name.text, "/", instance, number, address) == 0)
     sqloPanic(SQLO_SEM_HANDLE_INVALID, "sqloConstructResourceNameForAddress failed", nullptr);
   return name;
 }
 
 void removeSemaphores(std::uint32_t index, std::uint32_t generation) noexcept {
-  for (std::uint32_t kind = 0; kind < 2; ++kind) ossRemoveSemaphore(nameOf(index, generation, kind).text);
+  for (std::uint32_t kind = 0; kind < WAITER_KINDS; ++kind) ossRemoveSemaphore(nameOf(index, generation, kind).text);
 }
 
 OssSemaphore* openNamed(std::uint32_t index, std::uint32_t generation, std::uint32_t kind) noexcept {
@@ -92,12 +92,17 @@ OssSemaphore* semaphoreOf(SemElementRef reference, WaiterKind kind) noexcept {
   return isShared(reference) ? opened(indexOf(reference), at) : &localOf(reference)->semaphores[at];
 }
 
+void clear(SemElement& element) noexcept {
+  for (std::uint32_t& waiters : element.waiters) waiters = 0;
+  element.attached = element.upgrading = 0;
+}
+
 bool draw(SemElement& element, std::uint32_t index, std::uint32_t run) noexcept {
   std::uint32_t drawnIn = element.run.load(std::memory_order_relaxed);
   if (drawnIn == run || !element.run.compare_exchange_strong(drawnIn, run, std::memory_order_acq_rel)) return false;
   if (drawnIn != 0) removeSemaphores(index, element.generation);  // left over from an earlier run
   ++element.generation;
-  element.waiters[0] = element.waiters[1] = element.attached = element.upgrading = 0;
+  clear(element);
   return true;
 }
 
@@ -125,8 +130,7 @@ SemElementRef sqloi_drawLocalElement() noexcept {
       const auto bit = static_cast<std::uint32_t>(std::countr_one(used));
       if (!g_localUsed[word].compare_exchange_weak(used, used | (1ULL << bit), std::memory_order_acq_rel)) continue;
       LocalSemElement& local = g_local[word * 64 + bit];
-      local.element.waiters[0] = local.element.waiters[1] = 0;
-      local.element.attached = local.element.upgrading = 0;
+      clear(local.element);
       for (OssSemaphore& semaphore : local.semaphores) ossInitSemaphore(&semaphore);
       return reinterpret_cast<std::uintptr_t>(&local);
     }

@@ -22,22 +22,27 @@
 
 namespace vek {
 
-enum class WaiterKind : std::uint32_t { kShared = 0, kExclusive = 1 };
+enum class WaiterKind : std::uint32_t {
+  kShared = 0,
+  kExclusive = 1,
+  kUpgrade = 2,  // the one shared holder that waits to become the exclusive one
+};
+inline constexpr std::uint32_t WAITER_KINDS = 3;
 
 struct SemElement {
-  std::atomic<std::uint32_t> run;  // of the instance in which it was drawn; 0 free
-  std::uint32_t generation;        // counts how often it was drawn
-  std::uint32_t waiters[2];        // asleep or on the way there, and not yet posted, by kind
-  std::uint32_t attached;          // threads that will look at the element again
-  std::uint32_t upgrading;         // 1: one of the exclusive waiters holds the latch shared
-  std::uint32_t reserved[2];
+  std::atomic<std::uint32_t> run;       // of the instance in which it was drawn; 0 free
+  std::uint32_t generation;             // counts how often it was drawn
+  std::uint32_t waiters[WAITER_KINDS];  // asleep or on the way there, and not yet posted, by kind
+  std::uint32_t attached;               // threads that will look at the element again
+  std::uint32_t upgrading;              // 1: a shared holder has begun to wait to become the exclusive one
+  std::uint32_t reserved;
 };
 static_assert(sizeof(SemElement) == 32);
 
 // One of a private latch.
 struct LocalSemElement {
   SemElement element = {};
-  OssSemaphore semaphores[2] = {};
+  OssSemaphore semaphores[WAITER_KINDS] = {};
 };
 
 // A latch's reference to its element: 0 none; the number of one in the region plus one; else the address of a local

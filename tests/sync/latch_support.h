@@ -1,0 +1,54 @@
+// What tests of latches share: latches in memory that processes share, and threads that stress them.
+#pragma once
+
+#include <functional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/support.h"
+#include "veksys/codes.h"
+#include "veksys/host.h"
+#include "veksys/sync.h"
+
+namespace vek::synctest {
+
+inline constexpr std::uint16_t kType = 77;
+
+// Runs `body(number)` in as many threads and waits for them.
+inline void inThreads(unsigned count, const std::function<void(unsigned)>& body) {
+  std::vector<std::thread> threads;
+  for (unsigned i = 0; i < count; ++i) threads.emplace_back(body, i);
+  for (std::thread& thread : threads) thread.join();
+}
+
+// A small generator of numbers, for decisions that a seed repeats (xorshift32).
+class Dice {
+ public:
+  explicit Dice(std::uint32_t seed) : state_(seed * 2654435761U | 1U) {}
+  std::uint32_t operator()(std::uint32_t sides) {
+    state_ ^= state_ << 13;
+    state_ ^= state_ >> 17;
+    state_ ^= state_ << 5;
+    return state_ % sides;
+  }
+
+ private:
+  std::uint32_t state_;
+};
+
+// Has a panic end the process with a code of its own after it has told `zrc` through a place that others share.
+inline SqlzZrc* g_panicPlace = nullptr;
+inline void reportPanics(SqlzZrc* place) {
+  g_panicPlace = place;
+  VekHost host = {};
+  host.size = sizeof host;
+  host.panic = [](void*, SqlzZrc zrc, const char*) {
+    *g_panicPlace = zrc;
+    ::_exit(0);
+  };
+  EXPECT_EQ(vekHostInstall(&host), 0);
+}
+
+}  // namespace vek::synctest

@@ -1,0 +1,218 @@
+// The latches of one process: words, texts, modes, and many threads at once.
+#include <atomic>
+#include <cstring>
+
+#include "sync/latch_support.h"
+#include "sync/sqloLatchWord.h"
+
+namespace vek::synctest {
+namespace {
+
+void setState(SQLO_SLATCH_CAS32& latch, std::uint32_t state) { std::memcpy(static_cast<void*>(&latch), &state, 4); }
+
+constexpr std::uint16_t kFair = SQLO_LATCH_NO_X_STARVATION;
+
+TEST(LatchWord, EveryBrokenInvariantStopsTheProcessWithItsCode) {
+  enum Operation { kGetShared, kRelease, kConvert };
+  const struct {
+    std::uint32_t state;
+    std::uint16_t flags;
+    Operation operation;
+    SqlzZrc code;
+  } rows[] = {
+      {0xDDDDDDDD, 0, kGetShared, SQLO_LATCH_ERROR_USED_WHILE_FREED},
+      {0x00020000, 0, kGetShared, SQLO_LATCH_ERROR_UNUSED_BITS_ARE_SET},
+      {0x80000001, 0, kRelease, SQLO_LATCH_ERROR_UNUSED_BITS_ARE_SET},
+      {0x00010003, 0, kGetShared, SQLO_SLATCH_ERROR_HELDX_WITH_SHARED_HOLDERS},
+      {0x00010003, 0, kRelease, SQLO_SLATCH_ERROR_HELDX_WITH_SHARED_HOLDERS},
+      {0x10000002, 0, kConvert, 0},
+      {0x01000002, 0, kGetShared, SQLO_SLATCH_ERROR_HELDS_WITH_SHARED_WAITER},
+      {0x01000002, kFair, kGetShared, SQLO_SLATCH_ERROR_HELDS_WITH_SHARED_WAITER_NO_XWAITER},
+      {0x00110000, kFair, kRelease, SQLO_SLATCH_ERROR_HELD_WITH_X_RESERVATION},
+      {0x00100000, 0, kGetShared, SQLO_SLATCH_ERROR_STARVEX_AND_X_RESERVATION},
+      {0x00000000, 0, kRelease, SQLO_LATCH_NOT_HELD},
+      {0x00000000, 0, kConvert, SQLO_LATCH_NOT_HELD},
+  };
+  const platformtest::Instance instance;
+  for (const auto& row : rows) {
+    const platformtest::Shared<SqlzZrc> code;
+    platformtest::inProcess([&] {
+      reportPanics(&*code);
+      SQLO_SLATCH_CAS32 latch;
+      EXPECT_EQ(latch.init(kType, row.flags), 0);
+      setState(latch, row.state);
+      if (row.operation == kGetShared) (void)latch.getShared(__FILE__, __LINE__);
+      if (row.operation == kRelease) latch.release();
+      if (row.operation == kConvert) (void)latch.convert(SQLO_LATCH_EXCLUSIVE | SQLO_LATCH_CONDITIONAL, __FILE__, 1);
+    });
+    EXPECT_EQ(*code, row.code) << std::hex << row.state << " flags " << row.flags << " operation " << row.operation;
+  }
+  EXPECT_EQ(latchWordFault(0x00010003, 0, LatchUse::kExpectsShared), SQLO_SLATCH_ERROR_HELDS_WITH_X_HOLDER);
+  const platformtest::Shared<SqlzZrc> code;
+  platformtest::inProcess([&] {
+    reportPanics(&*code);
+    SqloSpinLatch latch;
+    latch.releaseLatch();
+  });
+  EXPECT_EQ(*code, SQLO_LATCH_NOT_HELD);
+}
+
+TEST(LatchText, IsTheDocumentedOne) {
+  char text[1024];
+  SQLO_SLATCH_CAS32::stateToString(0x11010002, text, sizeof text);
+  EXPECT_STREQ(text,
+               "0x11010002: {\n   held X: 1\n   reserved for X: 0\n   shared holders: 2\n   shared waiter: 1\n"
+               "   exclusive waiter: 1\n}\n");
+  SQLO_SLATCH_CAS32 latch;
+  EXPECT_EQ(latch.init(1, kFair), 0);
+  EXPECT_EQ(latch.getShared(__FILE__, __LINE__), 0);
+  latch.toString(text, sizeof text);
+  const std::string whole = text;
+  EXPECT_EQ(whole.find("{\n   state            = 0x00000001\n                    = {\n                          held X: 0\n"
+                       "                          reserved for X: 0\n                          shared holders: 1\n"
+                       "                          shared waiter: 0\n                          exclusive waiter: 0\n"
+                       "                      }\n   flags            = 32768 (No X Starvation)\n   numXPostsPending = 0\n"
+                       "   m_pSemPoolElement  = 0x00000000\n   cs               = { held: 0,"),
+            0U)
+      << whole;
+  EXPECT_NE(SQLO_SLATCH_CAS32{}.toString(text, 20), 0U);
+  EXPECT_EQ(std::strlen(text), 19U);
+  latch.release();
+}
+
+TEST(Latch, ModesGoTogetherAsTheyShould) {
+  SQLO_SLATCH_CAS32 latch;
+  EXPECT_EQ(latch.init(SQLO_LATCH_TYPE_COUNT, 0), SQLO_INV_PARM);
+  EXPECT_EQ(latch.init(1, 0x2000), SQLO_INV_PARM);
+  for (const std::uint16_t flags : {SQLO_LATCH_X_STARVATION, kFair}) {
+    ASSERT_EQ(latch.init(1, flags), 0);
+    EXPECT_EQ(latch.tryGetShared(__FILE__, __LINE__), 0);
+    EXPECT_EQ(latch.getShared(__FILE__, __LINE__), 0);
+    EXPECT_EQ(latch.tryGetExclusive(__FILE__, __LINE__), SQLO_NOTAVAIL);
+    EXPECT_EQ(latch.convert(SQLO_LATCH_EXCLUSIVE | SQLO_LATCH_CONDITIONAL, __FILE__, __LINE__), SQLO_NOTAVAIL);
+    latch.release();
+    EXPECT_EQ(latch.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__), 0);
+    EXPECT_EQ(latch.state(), SQLO_SLATCH_HELD_X);
+    EXPECT_EQ(latch.getConflict(SQLO_LATCH_SHARED | SQLO_LATCH_CONDITIONAL), SQLO_NOTAVAIL);
+    EXPECT_EQ(latch.convert(SQLO_LATCH_SHARED, __FILE__, __LINE__), 0);
+    EXPECT_EQ(latch.getConflict(SQLO_LATCH_SHARED), 0);
+    EXPECT_EQ(latch.state(), 2U);
+    latch.release();
+    latch.release();
+    EXPECT_EQ(latch.state(), 0U);
+    latch.term();
+  }
+  SqloSpinLatch spin;
+  spin.init(2);
+  EXPECT_EQ(spin.captureLatch(__FILE__, __LINE__), 0);
+  EXPECT_EQ(spin.tryCaptureLatch(__FILE__, __LINE__), SQLO_NOTAVAIL);
+  spin.releaseLatch();
+  EXPECT_EQ(sqloSpinLockConflict(&spin), 0);
+  EXPECT_TRUE(spin.isHeld());
+  spin.releaseLatch();
+}
+
+// Two upgraders would wait for each other: the second one is told so, and the first gets through when it has let go.
+TEST(Latch, OnlyOneSharerWaitsToBecomeExclusive) {
+  SQLO_SLATCH_CAS32 latch;
+  ASSERT_EQ(latch.init(1, kFair), 0);
+  std::atomic<unsigned> refused{0};
+  std::atomic<unsigned> granted{0};
+  std::atomic<unsigned> shared{0};
+  inThreads(4, [&](unsigned) {
+    ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
+    shared.fetch_add(1);
+    while (shared.load() < 4) std::this_thread::yield();
+    const SqlzZrc result = latch.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__);
+    if (result == 0) granted.fetch_add(1);
+    if (result == SQLO_LATCH_UPGRADE_CONFLICT) refused.fetch_add(1);
+    latch.release();
+  });
+  EXPECT_GE(granted.load(), 1U);
+  EXPECT_EQ(granted.load() + refused.load(), 4U);
+  EXPECT_EQ(latch.state(), 0U);
+}
+
+// What the latches guard: a sharer must never see it change, an exclusive holder is alone.
+struct Guarded {
+  SQLO_SLATCH_CAS32 latch;
+  SqloSpinLatch spin;
+  std::atomic<std::uint32_t> sharers{0};
+  std::atomic<std::uint32_t> owners{0};
+  std::uint64_t value = 0;
+  std::uint64_t copy = 0;
+  std::uint64_t spun = 0;
+};
+
+void exclusively(Guarded& guarded, Dice& dice) {
+  EXPECT_EQ(guarded.owners.fetch_add(1), 0U);
+  EXPECT_EQ(guarded.sharers.load(), 0U);
+  ++guarded.value;
+  if (dice(64) == 0) std::this_thread::yield();
+  ++guarded.copy;
+  guarded.owners.fetch_sub(1);
+}
+
+void sharing(Guarded& guarded, Dice& dice) {
+  guarded.sharers.fetch_add(1);
+  EXPECT_EQ(guarded.owners.load(), 0U);
+  const std::uint64_t value = guarded.value;
+  if (dice(64) == 0) std::this_thread::yield();
+  EXPECT_EQ(value, guarded.copy);
+  guarded.sharers.fetch_sub(1);
+}
+
+// One random step; counts what it wrote.
+void step(Guarded& guarded, Dice& dice, std::uint64_t* written) {
+  const std::uint32_t choice = dice(10);
+  if (choice == 9) {
+    ASSERT_EQ(guarded.spin.captureLatch(__FILE__, __LINE__), 0);
+    ++guarded.spun;
+    guarded.spin.releaseLatch();
+    return;
+  }
+  const bool conditional = dice(4) == 0;
+  const bool exclusive = choice < 3;
+  const SqlzZrc result = exclusive ? (conditional ? guarded.latch.tryGetExclusive(__FILE__, __LINE__)
+                                                  : guarded.latch.getExclusive(__FILE__, __LINE__))
+                                   : (conditional ? guarded.latch.tryGetShared(__FILE__, __LINE__)
+                                                  : guarded.latch.getShared(__FILE__, __LINE__));
+  if (result != 0) return;
+  if (exclusive) {
+    exclusively(guarded, dice);
+    ++*written;
+    if (dice(4) == 0) {
+      EXPECT_EQ(guarded.latch.convert(SQLO_LATCH_SHARED, __FILE__, __LINE__), 0);
+      sharing(guarded, dice);
+    }
+  } else {
+    sharing(guarded, dice);
+    if (choice == 8 && guarded.latch.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__) == 0) {
+      exclusively(guarded, dice);
+      ++*written;
+    }
+  }
+  guarded.latch.release();
+}
+
+TEST(LatchStress, ThreadsExcludeEachOther) {
+  const std::uint32_t seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  for (const std::uint16_t flags : {SQLO_LATCH_X_STARVATION, kFair}) {
+    Guarded guarded;
+    ASSERT_EQ(guarded.latch.init(kType, flags), 0);
+    std::atomic<std::uint64_t> written{0};
+    inThreads(6, [&](unsigned number) {
+      Dice dice(seed + number);
+      std::uint64_t mine = 0;
+      for (int i = 0; i < 20'000; ++i) step(guarded, dice, &mine);
+      written.fetch_add(mine);
+    });
+    EXPECT_EQ(guarded.value, written.load());
+    EXPECT_EQ(guarded.latch.state(), 0U);
+    guarded.latch.term();
+  }
+}
+
+}  // namespace
+}  // namespace vek::synctest
