@@ -7,7 +7,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -39,7 +38,7 @@ constexpr Lock kOurs[] = {
      [] { g_fair.getShared(__FILE__, __LINE__); }, [] { g_fair.release(); }},
 };
 enum Ours : std::size_t { kSpin, kShared, kFair, kOursCount };
-enum Peers : std::size_t { kStdMutex = kOursCount, kStdSharedMutex, kFirstOther };
+enum Peers : std::size_t { kStdMutex = kOursCount, kStdSharedMutex };
 constexpr std::size_t kMost = 9;
 enum Bare : std::size_t { kBareByte = kMost, kBareWord, kRoom };
 
