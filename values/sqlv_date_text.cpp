@@ -1,4 +1,6 @@
 // Dates, times and timestamps to text.
+#include <string_view>
+
 #include "values/sqlv_country.h"
 #include "values/sqlv_date.h"
 
@@ -55,7 +57,9 @@ void putMeridianTime(const std::uint8_t* time, char* text) noexcept {
   sqlvi_putTwo(text, kSqlvPackedByte[midnight ? 0 : (hour + 11) % 12 + 1]);
   text[2] = ':';
   sqlvi_putTwo(text + 3, time[1]);
-  std::memcpy(text + 5, afternoon ? " PM" : " AM", 3);
+  text[5] = ' ';
+  text[6] = afternoon ? 'P' : 'A';
+  text[7] = 'M';
 }
 
 void putTime(const std::uint8_t* time, char separator, char* text) noexcept {
@@ -74,7 +78,8 @@ void putFraction(const std::uint8_t* fraction, unsigned scale, char* text) noexc
 }
 
 inline void putDateAndTime(const std::uint8_t* timestamp, char* text) noexcept {
-  std::memcpy(text, "YYYY-MM-DD-HH.MM.SS", 19);
+  constexpr std::string_view kPattern = "YYYY-MM-DD-HH.MM.SS";
+  std::memcpy(text, kPattern.data(), kPattern.size());
   sqlvi_putTwo(text, timestamp[0]);
   sqlvi_putTwo(text + 2, timestamp[1]);
   sqlvi_putTwo(text + 5, timestamp[2]);

@@ -101,7 +101,7 @@ TEST(Timestamp, OfEveryScaleIsReadBackAndPassesThroughTheStandardLibrary) {
   std::mt19937_64 random(seed);
   __extension__ using Picos = std::chrono::duration<__int128, std::pico>;
   for (int round = 0; round < 200000; ++round) {
-    const unsigned scale = static_cast<unsigned>(random() % (SQLV_TIMESTAMP_SCALE_MAX + 1));
+    const auto scale = static_cast<unsigned>(random() % (SQLV_TIMESTAMP_SCALE_MAX + 1));
     const std::size_t bytes = sqlvTimestampBytes(scale);
     std::uint8_t value[SQLV_TIMESTAMP_BYTES_MAX] = {};
     ASSERT_EQ(sqlv2dte(static_cast<std::int32_t>(random() % SQLV_DAY_MAX) + 1, value), 0);

@@ -97,7 +97,7 @@ VEK_EXPORT std::size_t sqlvGetTsScaleFromString(const char* text, std::size_t le
 //   SQLRX_DATE_SEPARATOR          the separators differ, or are none of / . -
 //   SQLRX_DATE_CENTURY_AMBIGUOUS  the year has two digits
 //   SQLRX_DATE_TRAILING_TEXT      a whole date with something behind it
-//   SQLRX_DATE_YEAR_RANGE         year 0000
+//   SQLRX_DATE_YEAR_RANGE         year 0000, or 0543 of the Buddhist era
 //   SQLRX_DATE_MONTH_RANGE        no month 1..12
 //   SQLRX_DATE_DAY_RANGE          a day that the month never has
 //   SQLRX_DATE_NOT_LEAP           29 February of a year that has none

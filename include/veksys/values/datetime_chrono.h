@@ -13,8 +13,10 @@
 
 #include "veksys/values/datetime.h"
 
+// What the conversions below share.
 namespace sqlvChrono {
 
+// Holds the picoseconds of all years.
 __extension__ using Wide = __int128;
 
 inline constexpr std::int64_t kSecondsOfDay = 86400;
@@ -24,9 +26,12 @@ inline constexpr std::int64_t kPicosOfSecond = 1000000000000;
 inline constexpr std::int32_t kFirstDay =
     std::chrono::local_days(std::chrono::year(1) / 1 / 1).time_since_epoch().count();
 
+// Two packed digits to 0..99.
 constexpr unsigned ofPacked(std::uint8_t packed) noexcept { return packed - (packed >> 4U) * 6U; }
+// 0..99 to two packed digits.
 constexpr std::uint8_t packed(unsigned number) noexcept { return static_cast<std::uint8_t>(number + number / 10 * 6); }
 
+// Ten to a power, 0..18.
 constexpr std::int64_t tenTo(unsigned power) noexcept { return power == 0 ? 1 : 10 * tenTo(power - 1); }
 
 // The fraction of a second of a timestamp, in picoseconds.
@@ -36,6 +41,7 @@ constexpr std::int64_t picosOf(const std::uint8_t* fraction, unsigned scale) noe
   return picos * tenTo(SQLV_TIMESTAMP_SCALE_MAX - (scale + 1) / 2 * 2);
 }
 
+// The other way; digits finer than the scale are cut.
 constexpr void putPicos(std::int64_t picos, unsigned scale, std::uint8_t* fraction) noexcept {
   picos -= picos % tenTo(SQLV_TIMESTAMP_SCALE_MAX - scale);
   std::int64_t unit = kPicosOfSecond;
