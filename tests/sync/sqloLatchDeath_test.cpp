@@ -1,0 +1,290 @@
+// Latches of holders and waiters that are killed: at any instruction of a capture or a release, asleep, and just woken.
+#include <sys/ptrace.h>
+
+#include <atomic>
+#include <functional>
+
+#include "sync/latch_support.h"
+
+namespace vek::synctest {
+namespace {
+
+constexpr std::uint16_t kFair = SQLO_LATCH_NO_X_STARVATION;
+constexpr std::uint16_t kShared = SQLO_LATCH_BETWEEN_PROCESSES;
+
+struct Latches {
+  SQLO_SLATCH_CAS32 word;
+  SqloSpinLatch spin;
+  std::atomic<std::uint32_t> repaired{0};
+  std::atomic<std::uint32_t> owners{0};
+  std::atomic<std::uint32_t> inside{0};
+};
+
+SqlzZrc countRepair(void* context, void*, std::uint32_t) {
+  static_cast<Latches*>(context)->repaired.fetch_add(1);
+  static_cast<Latches*>(context)->owners.store(0);
+  return 0;
+}
+
+void initialise(Latches& latches, std::uint16_t policy) {
+  ASSERT_EQ(latches.word.init(kType, policy | kShared), 0);
+  latches.spin.init(kType, kShared);
+  ASSERT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REPAIR, countRepair, &latches), 0);
+}
+
+// A process that stops before it runs `body`, and can be led through it instruction by instruction.
+class Victim {
+ public:
+  explicit Victim(const std::function<void()>& body) : process_(::fork()) {
+    if (process_ == 0) {
+      SqloSpinLatch own;  // the first capture of a process attaches it; that is not what is looked at here
+      (void)own.captureLatch("warm", 1);
+      own.releaseLatch();
+      if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) ::_exit(kSkip);
+      ::raise(SIGSTOP);
+      body();
+      ::_exit(0);
+    }
+    int status = 0;
+    ::waitpid(process_, &status, 0);
+    canRun_ = WIFSTOPPED(status);
+  }
+  ~Victim() {
+    if (!gone_) platformtest::finishKilled(process_);
+  }
+  Victim(const Victim&) = delete;
+  Victim& operator=(const Victim&) = delete;
+
+  bool canRun() const { return canRun_; }
+
+  // Leads it on; returns how many instructions it did before it ended.
+  unsigned step(unsigned instructions) {
+    for (unsigned done = 0; done < instructions; ++done) {
+      if (!resume(PTRACE_SINGLESTEP)) return done;
+    }
+    return instructions;
+  }
+
+  // Lets it run until it has waited for a while, and stops it there.
+  void runUntilAsleep() {
+    ::ptrace(PTRACE_CONT, process_, nullptr, nullptr);
+    ::usleep(3000);
+    ::kill(process_, SIGSTOP);
+    int status = 0;
+    ::waitpid(process_, &status, 0);
+  }
+
+ private:
+  static constexpr int kSkip = 77;
+
+  bool resume(__ptrace_request how) {
+    int status = 0;
+    if (::ptrace(how, process_, nullptr, nullptr) != 0 || ::waitpid(process_, &status, 0) < 0) return false;
+    gone_ = WIFEXITED(status) || WIFSIGNALED(status);
+    return !gone_;
+  }
+
+  pid_t process_;
+  bool canRun_ = false;
+  bool gone_ = false;
+};
+
+// Whoever is left gets the latch, in both modes, and finds it free afterwards.
+void expectUsable(Latches& latches, const std::string& what) {
+  ASSERT_EQ(latches.word.getShared(__FILE__, __LINE__), 0) << what;
+  latches.word.release();
+  ASSERT_EQ(latches.word.getExclusive(__FILE__, __LINE__), 0) << what;
+  latches.word.release();
+  EXPECT_EQ(latches.word.state() & (SQLO_SLATCH_HELD_X | SQLO_SLATCH_HOLDERS), 0U) << what;
+  ASSERT_EQ(latches.spin.captureLatch(__FILE__, __LINE__), 0) << what;
+  latches.spin.releaseLatch();
+}
+
+struct Scenario {
+  const char* name;
+  void (*before)(Latches&);  // in the survivor
+  void (*victim)(Latches&);
+  void (*after)(Latches&);   // in the survivor, before it uses the latch
+};
+
+void nothing(Latches&) {}
+void hold(Latches& latches) { ASSERT_EQ(latches.word.getExclusive(__FILE__, __LINE__), 0); }
+void holdSpin(Latches& latches) { ASSERT_EQ(latches.spin.captureLatch(__FILE__, __LINE__), 0); }
+void release(Latches& latches) { latches.word.release(); }
+void releaseSpin(Latches& latches) { latches.spin.releaseLatch(); }
+
+const Scenario kScenarios[] = {
+    {"spin", nothing, [](Latches& l) { (void)l.spin.captureLatch("v", 1), l.spin.releaseLatch(); }, nothing},
+    {"shared", nothing, [](Latches& l) { (void)l.word.getShared("v", 2), l.word.release(); }, nothing},
+    {"exclusive", nothing, [](Latches& l) { (void)l.word.getExclusive("v", 3), l.word.release(); }, nothing},
+    {"convert", nothing,
+     [](Latches& l) {
+       (void)l.word.getShared("v", 4), (void)l.word.convert(SQLO_LATCH_EXCLUSIVE, "v", 5);
+       (void)l.word.convert(SQLO_LATCH_SHARED, "v", 6), l.word.release();
+     },
+     nothing},
+    {"waits exclusive", hold, [](Latches& l) { (void)l.word.getExclusive("v", 7), l.word.release(); }, release},
+    {"waits shared", hold, [](Latches& l) { (void)l.word.getShared("v", 8), l.word.release(); }, release},
+    {"waits spin", holdSpin, [](Latches& l) { (void)l.spin.captureLatch("v", 9), l.spin.releaseLatch(); }, releaseSpin},
+};
+
+constexpr unsigned kStepsMost = 30'000;
+
+void killAt(Latches& latches, const Scenario& scenario, unsigned instruction) {
+  scenario.before(latches);
+  {
+    Victim victim([&] { scenario.victim(latches); });
+    if (!victim.canRun()) ::exit(platformtest::kSkip);
+    victim.step(instruction);
+  }
+  scenario.after(latches);
+  expectUsable(latches, std::string(scenario.name) + " killed at instruction " + std::to_string(instruction));
+}
+
+unsigned lengthOf(Latches& latches, const Scenario& scenario) {
+  scenario.before(latches);
+  unsigned length = 0;
+  {
+    Victim victim([&] { scenario.victim(latches); });
+    if (!victim.canRun()) ::exit(platformtest::kSkip);
+    length = victim.step(scenario.before == nothing ? kStepsMost : 3000);  // a waiter would wait for ever
+  }
+  scenario.after(latches);
+  expectUsable(latches, "length");
+  return length;
+}
+
+class LatchDeath : public ::testing::TestWithParam<std::uint16_t> {};
+
+TEST_P(LatchDeath, AtAnyInstruction) {
+  const std::uint32_t seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  const platformtest::Instance instance;
+  const platformtest::Shared<Latches> latches;
+  const int result = platformtest::runInProcess([&] {
+    initialise(*latches, GetParam());
+    Dice dice(seed);
+    for (const Scenario& scenario : kScenarios) {
+      const unsigned length = lengthOf(*latches, scenario);
+      const unsigned points = length < 300 ? length : 20;
+      for (unsigned i = 0; i < points; ++i) killAt(*latches, scenario, points == length ? i : dice(length));
+    }
+    EXPECT_GT(latches->repaired.load(), 0U);
+  });
+  if (result == platformtest::kSkip) GTEST_SKIP() << "a process may not be traced here";
+  EXPECT_EQ(result, 0);
+}
+
+// A waiter that is posted and killed before it has looked: its wake-up is lost, the others must get in all the same.
+TEST_P(LatchDeath, JustWoken) {
+  const platformtest::Instance instance;
+  const platformtest::Shared<Latches> latches;
+  const int result = platformtest::runInProcess([&] {
+    initialise(*latches, GetParam());
+    for (unsigned i = 0; i < 40; ++i) {
+      hold(*latches);
+      {
+        Victim victim([&] { (void)latches->word.getExclusive("v", 1), latches->word.release(); });
+        if (!victim.canRun()) ::exit(platformtest::kSkip);
+        victim.runUntilAsleep();
+        latches->word.release();
+        victim.step(i * 25);
+      }
+      expectUsable(*latches, "woken, killed after " + std::to_string(i * 25));
+    }
+  });
+  if (result == platformtest::kSkip) GTEST_SKIP() << "a process may not be traced here";
+  EXPECT_EQ(result, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Policies, LatchDeath, ::testing::Values(SQLO_LATCH_X_STARVATION, kFair),
+                         [](const auto& policy) { return policy.param == kFair ? "NoXStarvation" : "XStarvation"; });
+
+// Without a policy the process that finds the dead holder stops; with refusal it is told.
+TEST(LatchDeathPolicy, DecidesWhatBecomesOfIt) {
+  for (const bool spin : {false, true}) {
+    const platformtest::Instance instance;
+    const platformtest::Shared<Latches> latches;
+    const platformtest::Shared<SqlzZrc> code;
+    platformtest::inProcess([&] {
+      initialise(*latches, kFair);
+      EXPECT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REPAIR, nullptr, nullptr), SQLO_INV_PARM);
+      EXPECT_EQ(sqloSetLatchDeathPolicy(SQLO_LATCH_TYPE_COUNT, SQLO_LATCH_DEATH_PANIC, nullptr, nullptr), SQLO_INV_PARM);
+      const pid_t holder = ::fork();
+      if (holder == 0) {
+        (void)(spin ? latches->spin.captureLatch("h", 1) : latches->word.getExclusive("h", 1));
+        ::_exit(0);
+      }
+      platformtest::finish(holder);
+      const auto request = [&] { return spin ? latches->spin.captureLatch("w", 2) : latches->word.getShared("w", 2); };
+      EXPECT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REFUSE, nullptr, nullptr), 0);
+      EXPECT_EQ(request(), SQLO_LATCH_HOLDER_DIED);
+      EXPECT_EQ(request(), SQLO_LATCH_HOLDER_DIED);
+      EXPECT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_PANIC, nullptr, nullptr), 0);
+      reportPanics(&*code);
+      (void)request();
+    });
+    EXPECT_EQ(*code, SQLO_LATCH_HOLDER_DIED);
+  }
+}
+
+// A thread that ends with a private latch held is as gone as a process, for the threads of its own.
+TEST(LatchDeathPolicy, HoldsForThreadsToo) {
+  const platformtest::Instance instance;
+  const platformtest::Shared<Latches> latches;
+  platformtest::inProcess([&] {
+    Latches own;
+    ASSERT_EQ(own.word.init(kType, kFair), 0);
+    ASSERT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REPAIR, countRepair, &own), 0);
+    inThreads(1, [&](unsigned) { (void)own.word.getExclusive("ended", 1); });
+    ASSERT_EQ(own.word.getShared(__FILE__, __LINE__), 0);
+    EXPECT_EQ(own.repaired.load(), 1U);
+    own.word.release();
+  });
+}
+
+// Several processes of several threads, killed at random: an exclusive holder is always alone, and work goes on.
+void workUntilKilled(Latches& latches, std::uint32_t seed) {
+  inThreads(2, [&](unsigned number) {
+    for (Dice dice(seed * 2 + number);;) {
+      if (dice(3) == 0) {
+        if (latches.word.getExclusive(__FILE__, __LINE__) != 0) ::_exit(3);
+        if (latches.owners.exchange(1) != 0) ::_exit(4);
+        if (dice(16) == 0) ::usleep(dice(300));
+        latches.owners.store(0);
+      } else {
+        if (latches.word.getShared(__FILE__, __LINE__) != 0) ::_exit(3);
+        if (latches.owners.load() != 0) ::_exit(5);
+        if (dice(16) == 0) ::usleep(dice(100));
+      }
+      latches.inside.fetch_add(1);
+      latches.word.release();
+    }
+  });
+}
+
+TEST(LatchStress, ProcessesAreKilledAtRandom) {
+  const std::uint32_t seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  const platformtest::Instance instance;
+  const platformtest::Shared<Latches> latches;
+  platformtest::inProcess([&] {
+    initialise(*latches, kFair);
+    Dice dice(seed);
+    pid_t workers[4] = {};
+    for (unsigned i = 0; i < 4; ++i)
+      workers[i] = platformtest::start([&] { workUntilKilled(*latches, seed + i); });
+    for (unsigned round = 0; round < 60; ++round) {
+      ::usleep(5000 + dice(20'000));
+      pid_t& worker = workers[dice(4)];
+      EXPECT_EQ(platformtest::finishKilled(worker), -SIGKILL);
+      worker = platformtest::start([&] { workUntilKilled(*latches, seed + 100 + round); });
+    }
+    for (const pid_t worker : workers) EXPECT_EQ(platformtest::finishKilled(worker), -SIGKILL);
+    expectUsable(*latches, "at the end");
+    EXPECT_GT(latches->inside.load(), 1000U);
+  });
+}
+
+}  // namespace
+}  // namespace vek::synctest
