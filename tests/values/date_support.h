@@ -1,10 +1,10 @@
-// What tests of dates and times share: texts made from a pattern and the calendar of the standard library.
+// What tests of dates and times share: texts made from a pattern, and texts that are written.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <array>
-#include <chrono>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 
@@ -13,34 +13,20 @@
 
 namespace vek::valuestest {
 
-// A date of the standard library as a pattern of territory_formats.tsv tells: Y and B year, M month, D day.
-inline std::string textOf(const std::chrono::year_month_day& date, std::string_view pattern) {
-  unsigned year = static_cast<unsigned>(static_cast<int>(date.year()));
-  unsigned month = static_cast<unsigned>(date.month());
-  unsigned day = static_cast<unsigned>(date.day());
-  unsigned era = (year + 543) % 10000;
+// A number whose digits stand in a pattern under a letter.
+struct PatternPart {
+  char letter;
+  unsigned number;
+};
+
+inline std::string textOf(std::string_view pattern, std::initializer_list<PatternPart> parts) {
   std::string text(pattern);
-  const auto lastDigit = [](unsigned& number) {
-    const char digit = static_cast<char>('0' + number % 10);
-    number /= 10;
-    return digit;
-  };
-  for (std::size_t i = text.size(); i-- > 0;) switch (text[i]) {
-      case 'Y':
-        text[i] = lastDigit(year);
-        break;
-      case 'B':
-        text[i] = lastDigit(era);
-        break;
-      case 'M':
-        text[i] = lastDigit(month);
-        break;
-      case 'D':
-        text[i] = lastDigit(day);
-        break;
-      default:
-        break;
-    }
+  for (PatternPart part : parts)
+    for (std::size_t i = text.size(); i-- > 0;)
+      if (text[i] == part.letter) {
+        text[i] = static_cast<char>('0' + part.number % 10);
+        part.number /= 10;
+      }
   return text;
 }
 
