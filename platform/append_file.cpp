@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/file.h>
 #include <sys/mman.h>
@@ -180,6 +181,7 @@ int allocatePage(const AppendFile& file, const struct stat& status) noexcept {
   constexpr char kZeros[kPageBytes] = {};
   const int error = ossWriteAt(file.lockFd, kZeros + bytes, kPageBytes - bytes, bytes);
   if (error == 0) return 0;
+  if (error == EFBIG) ossTakeSignal(SIGXFSZ);
   LockPath path;
   lockPath(file, path);
   ossCalls().unlink(path);
@@ -316,9 +318,10 @@ int lockUntil(pthread_mutex_t* mutex, const timespec& until) noexcept {
 #endif
 }
 
-// 0, EOWNERDEAD (it is held then, too), or ETIMEDOUT.
-int takeMutex(AppendFile& file) noexcept {
+// 0, EOWNERDEAD (it is held then, too), or ETIMEDOUT. `hasWaited`: long enough for files to come and go.
+int takeMutex(AppendFile& file, bool* hasWaited) noexcept {
   int error = spin(&file.page->mutex);
+  *hasWaited = error == EBUSY;
   if (error == EBUSY) {
     timespec until;
     ::clock_gettime(CLOCK_MONOTONIC, &until);
@@ -356,6 +359,7 @@ int writeWhole(Log& log, const AppendText& text) noexcept {
     log.bytes += text.length;
     return 0;
   }
+  if (error == EFBIG) ossTakeSignal(SIGXFSZ);
   log.hasPart = ossTruncate(log.fd, log.bytes) != 0;
   return error;
 }
@@ -471,6 +475,17 @@ int appendTexts(const AppendFile& file, Log& log, const AppendPlan& plan, Append
   return error == 0 ? 0 : failWith(outcome, "write", error);
 }
 
+// Whether the file ends where the last record did. One that does is taken for the one that the page knows: it was
+// opened by its name a moment ago, and what its size is says the one thing about it that a record tells. Asking for no
+// more is half as dear, and the most of what a record costs besides the write.
+bool endsAsKnown(const AppendLockPage& page, Log& log) noexcept {
+  if (page.intentLength != 0 || page.end == 0) return false;
+  const off_t end = ossCalls().lseek(log.fd, 0, SEEK_END);
+  if (end < 0 || static_cast<std::uint64_t>(end) != page.end) return false;
+  log.bytes = page.end;
+  return true;
+}
+
 // Whether the file is the one that the last record went to, and ends where that ended.
 bool isKnown(const AppendLockPage& page, const struct stat& status) noexcept {
   return page.device == status.st_dev && page.inode == status.st_ino &&
@@ -495,15 +510,21 @@ Step adopt(AppendFile& file, const struct stat& status, AppendOutcome* outcome, 
   return Step::kDone;
 }
 
-Step appendLocked(AppendFile& file, Log& log, std::uint64_t moves, const AppendPlan& plan, AppendOutcome* outcome,
-                  int* error) noexcept {
-  if (file.page->moves.load(std::memory_order_relaxed) != moves) return Step::kAgain;
+// Makes sure of the file, and puts it in order where a dead owner left it half-written.
+Step meet(AppendFile& file, Log& log, AppendOutcome* outcome, int* error) noexcept {
   struct stat status = {};
-  if (inspect(log, &status, outcome, error) == Step::kAgain) return Step::kAgain;
+  Step step = inspect(log, &status, outcome, error);
+  if (step == Step::kDone && *error == 0) step = adopt(file, status, outcome, error);
+  if (step == Step::kDone && *error == 0 && file.page->intentLength != 0) repairFrom(*file.page, log, outcome);
+  return step;
+}
+
+Step appendLocked(AppendFile& file, Log& log, std::uint64_t moves, bool hasWaited, const AppendPlan& plan,
+                  AppendOutcome* outcome, int* error) noexcept {
+  if (file.page->moves.load(std::memory_order_relaxed) != moves) return Step::kAgain;
+  if ((hasWaited || !endsAsKnown(*file.page, log)) && meet(file, log, outcome, error) == Step::kAgain)
+    return Step::kAgain;
   if (*error != 0) return Step::kDone;
-  if (adopt(file, status, outcome, error) == Step::kAgain) return Step::kAgain;
-  if (*error != 0) return Step::kDone;
-  if (file.page->intentLength != 0) repairFrom(*file.page, log, outcome);
   if (file.isSeries && !outcome->switchedFile && log.bytes != 0 && log.bytes + plan.text.length > plan.fileBytes) {
     *error = switchFile(file, plan, outcome);
     if (*error == 0) return Step::kAgain;
@@ -542,14 +563,15 @@ Step attempt(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome, i
     appendForget(file);
     return Step::kAgain;
   }
-  const int taken = takeMutex(file);
+  bool hasWaited = false;
+  const int taken = takeMutex(file, &hasWaited);
   if (taken != 0 && taken != EOWNERDEAD) {
     *error = failWith(outcome, "lock", taken);
     return Step::kDone;
   }
   if (taken == EOWNERDEAD) ::pthread_mutex_consistent(&file.page->mutex);  // the intent says what is to be repaired
   Log log = {.fd = file.openFd};
-  step = appendLocked(file, log, moves, plan, outcome, error);
+  step = appendLocked(file, log, moves, hasWaited, plan, outcome, error);
   if (!isCurrent(file)) return leaveOldPage(file, step, *error);
   const bool stale = step == Step::kAgain && !(isLinked(file) && isNamed(file));
   ::pthread_mutex_unlock(&file.page->mutex);

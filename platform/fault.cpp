@@ -16,6 +16,7 @@ constexpr std::size_t kCount = sizeof kSignals / sizeof kSignals[0];
 constexpr std::uint32_t kMostNested = 2;      // a fault inside the capture still reaches the previous handler
 constexpr std::uint32_t kMostPrevious = 8;    // handlers that a program may install over ours, one after the other
 constexpr std::uint32_t kGuardsPerLook = 64;  // between two looks whether it has: a look costs a system call a signal
+constexpr std::uint32_t kGuardsPerMask = 16;  // of a thread, between two looks at its signal mask
 
 // A guard in force, on the stack of its thread.
 struct Guard {
@@ -25,6 +26,9 @@ struct Guard {
 };
 
 constinit thread_local Guard* t_guard __attribute__((tls_model("initial-exec"))) = nullptr;
+
+// Guards that this thread may still have without a look at its signal mask.
+constinit thread_local std::uint32_t t_spared __attribute__((tls_model("initial-exec"))) = 0;
 
 // Faults of this thread that are being handled: one inside the capture or a previous handler ends the process.
 constinit thread_local std::uint32_t t_handling __attribute__((tls_model("initial-exec"))) = 0;
@@ -159,11 +163,16 @@ void lookAfterHandlers() noexcept {
 }
 
 // The system ends a process at a fault whose signal is blocked, and many a thread of an engine blocks them all.
-// Unblocks those of faults; answers whether one was blocked.
+// Unblocks those of faults; answers whether one was blocked. A thread in which none was is believed for some guards.
 bool unblock(sigset_t* before) noexcept {
+  if (t_spared != 0) {
+    --t_spared;
+    return false;
+  }
   ::pthread_sigmask(SIG_UNBLOCK, &g_handlers.signals, before);
   for (const int signal : kSignals)
     if (::sigismember(before, signal) == 1) return true;
+  t_spared = kGuardsPerMask - 1;
   return false;
 }
 

@@ -10,9 +10,12 @@
 // 64 guards of the process: then ours is put before it, and it becomes the one that was there before; up to seven of
 // them. Until then a fault in a guarded body goes to the program's handler, and to ours only if that hands it on.
 //
-// A guard costs one system call, which unblocks the signals: a fault whose signal is blocked would end the process.
+// A fault whose signal is blocked ends the process, so a guard unblocks the signals. That is a system call: a thread in
+// which none was blocked is looked at again by its 16th guard. One that blocks them in between, and meets a fault
+// before that guard, is ended by the system.
 //
-// SIGXFSZ belongs to the signals: a guarded write past the limit on file sizes fails with EFBIG and does nothing else.
+// SIGXFSZ belongs to the signals: a guarded write past the limit on file sizes fails with EFBIG. Whoever writes takes
+// the signal away (ossTakeSignal), which waits where it is blocked.
 #pragma once
 
 #include <csetjmp>

@@ -49,6 +49,7 @@ constinit OssCalls g_calls = {
     .open = callOpen,
     .close = ::close,
     .fstat = ::fstat,
+    .lseek = ::lseek,
     .stat = ::stat,
     .lstat = ::lstat,
     .faccessat = ::faccessat,
@@ -302,19 +303,26 @@ int ossWriteAt(int fd, const void* bytes, std::size_t count, std::uint64_t offse
   });
 }
 
+void ossTakeSignal(int signal) noexcept {
+  sigset_t one;
+  ::sigemptyset(&one);
+  ::sigaddset(&one, signal);
+  const timespec now = {0, 0};
+  (void)::sigtimedwait(&one, nullptr, &now);
+}
+
 void ossSayOnStandardError(const char* text, std::size_t length) noexcept {
-  sigset_t pipe;
+  constexpr int kRaised[] = {SIGPIPE, SIGXFSZ};  // by a pipe that nobody reads, a file that may not grow
+  sigset_t raised;
   sigset_t before;
   sigset_t pending;
-  ::sigemptyset(&pipe);
-  ::sigaddset(&pipe, SIGPIPE);
+  ::sigemptyset(&raised);
+  for (const int signal : kRaised) ::sigaddset(&raised, signal);
   ::sigpending(&pending);
-  ::pthread_sigmask(SIG_BLOCK, &pipe, &before);
+  ::pthread_sigmask(SIG_BLOCK, &raised, &before);
   const int error = ossWriteAll(STDERR_FILENO, text, length);
-  if (error == EPIPE && ::sigismember(&pending, SIGPIPE) == 0) {  // the one that this write raised is taken away
-    const timespec now = {0, 0};
-    (void)::sigtimedwait(&pipe, nullptr, &now);
-  }
+  for (const int signal : kRaised)
+    if ((error == EPIPE || error == EFBIG) && ::sigismember(&pending, signal) == 0) ossTakeSignal(signal);
   ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 

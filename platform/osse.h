@@ -29,6 +29,7 @@ struct OssCalls {
   int (*open)(const char* path, int flags, mode_t mode);
   int (*close)(int fd);
   int (*fstat)(int fd, struct stat* out);
+  off_t (*lseek)(int fd, off_t offset, int whence);
   int (*stat)(const char* path, struct stat* out);
   int (*lstat)(const char* path, struct stat* out);
   int (*faccessat)(int directory, const char* path, int mode, int flags);
@@ -171,6 +172,9 @@ void ossClose(int fd) noexcept;
 // Writes all bytes, across short writes: at the file's position, or at an offset.
 int ossWriteAll(int fd, const void* bytes, std::size_t count) noexcept;
 int ossWriteAt(int fd, const void* bytes, std::size_t count, std::uint64_t offset) noexcept;
+
+// Takes a signal away that waits in the calling thread or its process because it is blocked; nothing when none does.
+void ossTakeSignal(int signal) noexcept;
 
 // The size that a file may have at most when this process writes to it (RLIMIT_FSIZE); ~0 without a limit. A write past
 // it would be answered by a signal, so writers look first.

@@ -292,13 +292,18 @@ PdRecordText formatTrap(const PdLogCall& call) noexcept {
   return pdFormatRecord(g_log.header, body, g_log.record, sizeof g_log.record);
 }
 
+void appendTrap(void* context) noexcept {
+  auto& job = *static_cast<Job*>(context);
+  pdi_writeTrapFile(job.target.directory, g_log.header, g_log.fault);
+  job.text = formatTrap(job.call);
+  appendRecord(context);
+}
+
 // 0 or an errno value; EFAULT: a fault while the file was in use.
 int writeGuarded(Job& job) noexcept {
   if (faultGuard(formatAndAppend, &job, &g_log.fault)) return job.error;
   if (job.isFormatted) return abandonFiles();
-  pdi_writeTrapFile(job.target.directory, g_log.header, g_log.fault);
-  job.text = formatTrap(job.call);
-  return faultGuard(appendRecord, &job, nullptr) ? job.error : abandonFiles();
+  return faultGuard(appendTrap, &job, nullptr) ? job.error : abandonFiles();
 }
 
 // What the record has to say besides its own matter.

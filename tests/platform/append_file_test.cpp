@@ -208,16 +208,16 @@ TEST(AppendFile, TakesOverLockFilesThatOthersKeep) {
       inTheMiddle = middle;
       const pid_t keeper = start([&] {
         static Baton* baton;
-        static int (*realFstat)(int, struct stat*) = ossCalls().fstat;
+        static off_t (*realSeek)(int, off_t, int) = ossCalls().lseek;
         baton = &ready;
         Writer writer(log);
         EXPECT_EQ(writer.write("keeper.1"), 0);
         if (inTheMiddle)
-          ossCalls().fstat = [](int fd, struct stat* out) {
-            ossCalls().fstat = realFstat;
+          ossCalls().lseek = [](int fd, off_t offset, int whence) {
+            ossCalls().lseek = realSeek;
             baton->give();
             ::raise(SIGSTOP);
-            return realFstat(fd, out);
+            return realSeek(fd, offset, whence);
           };
         if (!inTheMiddle) ready.give();
         if (!inTheMiddle) ::raise(SIGSTOP);
@@ -252,8 +252,8 @@ TEST(AppendFile, AnyServiceMayFail) {
       ::mkdir(log.directory().c_str(), 0700);
       failed += runInProcess([&] {
         Writer writer(log);
-        makeFail<&OssCalls::open, &OssCalls::fstat, &OssCalls::stat, &OssCalls::ftruncate, &OssCalls::pwrite,
-                 &OssCalls::write, &OssCalls::mmap, &OssCalls::flock>(call, error);
+        makeFail<&OssCalls::open, &OssCalls::fstat, &OssCalls::lseek, &OssCalls::stat, &OssCalls::ftruncate,
+                 &OssCalls::pwrite, &OssCalls::write, &OssCalls::mmap, &OssCalls::flock>(call, error);
         const int first = writer.write("first");
         Failure::callsLeft = -1;
         EXPECT_EQ(writer.write("second"), 0) << call;
@@ -359,6 +359,7 @@ struct Killer {
   static inline ssize_t (*realWrite)(int, const void*, std::size_t) = nullptr;
   static inline int (*realOpen)(const char*, int, mode_t) = nullptr;
   static inline int (*realFstat)(int, struct stat*) = nullptr;
+  static inline off_t (*realSeek)(int, off_t, int) = nullptr;
   static inline int (*realClose)(int) = nullptr;
 
   static bool isDue() { return callsLeft-- == 0; }
@@ -370,6 +371,7 @@ struct Killer {
     realWrite = ossCalls().write;
     realOpen = ossCalls().open;
     realFstat = ossCalls().fstat;
+    realSeek = ossCalls().lseek;
     realClose = ossCalls().close;
     ossCalls().write = [](int fd, const void* bytes, std::size_t count) {
       const bool due = isDue();
@@ -385,6 +387,10 @@ struct Killer {
     ossCalls().fstat = [](int fd, struct stat* out) {
       if (isDue()) die();
       return realFstat(fd, out);
+    };
+    ossCalls().lseek = [](int fd, off_t offset, int whence) {
+      if (isDue()) die();
+      return realSeek(fd, offset, whence);
     };
     ossCalls().close = [](int fd) {
       if (isDue()) die();
