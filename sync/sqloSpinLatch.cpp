@@ -105,7 +105,7 @@ SqlzZrc SqloSpinLatch::tryCaptureLatch(const char* file, std::uint32_t line) noe
 
 void SqloSpinLatch::releaseLatch() noexcept {
   const std::uint16_t typeId = m_typeId;  // once the byte is 0 the memory may be somebody else's
-  if (m_held == 0) [[unlikely]]
+  if (!isHeld()) [[unlikely]]
     sqloPanic(SQLO_LATCH_NOT_HELD, "A spin latch that nobody holds is released", this);
   vek::Access::held(*this).store(0, std::memory_order_release);
   vek::LatchHold::released(this, typeId);
