@@ -1,7 +1,7 @@
 /* Appending to a file under a robust mutex that dies with its owner.
  *
- * Stands for, in platform/append_file.cpp: takeMutex, inspect, repairFrom, writeNoted with writeWhole, and the unlock at
- * the end of attempt.
+ * Stands for, in platform/append_file.cpp: takeMutex, endsAsKnown or meet with repairFrom, writeNoted with writeWhole, and
+ * the unlock at the end of attempt.
  *
  * Two writers with two lives each append one record a life. A record is written in two halves: a kill, or a full disk,
  * may come between them. Every writer may be killed at every step, or stand still for as long as it likes; cutting half

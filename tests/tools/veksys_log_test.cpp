@@ -134,6 +134,23 @@ TEST_F(Log, TellsEveryFieldInJson) {
   EXPECT_STREQ(record["sections"][3]["text"].GetString(), "String, 3 bytes\nabc");
 }
 
+// What a line shows of a record is what tells most of it.
+TEST_F(Log, OneLineHoldsTheGist) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"MESSAGE : the message\r\nOSERR   : ENOENT (2)\r\n", "the message"},
+      {"RETCODE : ZRC=0x1=1\r\nOSERR   : ENOENT (2)\r\nDATA #1 : String, 3 bytes\r\nabc\r\n", "ENOENT (2)"},
+      {"CALLED  : VEK, c, f\r\nDATA #1 : String, 3 bytes\r\nabc\r\n", "abc"},
+      {"IMPACT  : Potential\r\nCHANGE  : DBM CFG\r\nDATA #1 : <Empty variable list>\r\n", "DBM CFG"},
+      {"IMPACT  : Potential\r\nDATA #1 : <Empty variable list>\r\nCALLSTCK: \r\n [0] 0x1 main + 0x2\r\n", "Potential"},
+      {"DATA #1 : <preformatted>\r\nabc\r\n", "abc"},
+  };
+  for (const auto& [body, gist] : cases) {
+    std::vector<Told> one = numbered(1, 1, body);
+    const std::string line = log({write("a", logOf(one)), "--oneline"}).out;
+    EXPECT_TRUE(line.ends_with(std::string(" ") + gist + "\n")) << line;
+  }
+}
+
 TEST_F(Log, MergesDirectoriesByTimeAndRotatedFilesInOrder) {
   write("diag/rotate/vekdiag.10.log", logOf({{30, "Info", "2025-11-21-10.00.05.000000"}}));
   write("diag/rotate/vekdiag.9.log", logOf({{10, "Info", "2025-11-21-10.00.01.000000"}}));

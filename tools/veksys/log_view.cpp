@@ -330,7 +330,9 @@ std::string_view logStateName(const LogPiece& piece) {
 namespace {
 
 // "DATA #1 : String, 12 bytes": what it is stands on the next line.
-bool isValueBelow(std::string_view line) noexcept { return line.starts_with("DATA #") && line.ends_with(" bytes"); }
+bool isValueBelow(std::string_view line) noexcept {
+  return line.starts_with("DATA #") && (line.ends_with(" bytes") || line.ends_with(": <preformatted>"));
+}
 
 }  // namespace
 
