@@ -17,8 +17,12 @@ struct SqloSpinLatchAccess {
   }
   static std::uint8_t flags(const SqloSpinLatch& latch) noexcept { return latch.m_flags; }
   static void setFlags(SqloSpinLatch& latch, std::uint8_t flags) noexcept { latch.m_flags = flags; }
+  // As SQLO_SLATCH_CAS32 has them.
+  static std::uint32_t latchFlags(const SqloSpinLatch& latch) noexcept {
+    return ((std::uint32_t{latch.m_flags} & kBetweenProcesses) << 8) | (latch.m_typeId & SQLO_LATCH_TYPE_MASK);
+  }
   static vek::LatchSubject subject(const SqloSpinLatch& latch, vek::LatchWay way = vek::LatchWay::kWaits) noexcept {
-    return {&latch, latch.m_typeId, (latch.m_flags & kBetweenProcesses) != 0, true, false, way};
+    return {&latch, latchFlags(latch), true, false, way};
   }
 };
 
@@ -34,7 +38,7 @@ struct SqloSharedLatchAccess {
   }
   static vek::LatchSubject subject(const SQLO_SLATCH_CAS32& latch, bool exclusive,
                                    vek::LatchWay way = vek::LatchWay::kWaits) noexcept {
-    return {&latch, latch.typeId(), isBetweenProcesses(latch), exclusive, true, way};
+    return {&latch, latch.m_flags, exclusive, true, way};
   }
   static SQLO_SLATCH_CAS32& ofCs(SqloSpinLatch& cs) noexcept {
     return *reinterpret_cast<SQLO_SLATCH_CAS32*>(reinterpret_cast<char*>(&cs) - offsetof(SQLO_SLATCH_CAS32, m_cs));

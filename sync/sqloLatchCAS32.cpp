@@ -10,6 +10,8 @@
 //               the reservation set is stored at once, so that no state in between exists for others to meet
 //
 // verify/latch_cas32.pml is the model of the two.
+#include <algorithm>
+
 #include "platform/osse.h"
 #include "sync/sqloLatchAccess.h"
 #include "sync/sqloLatchDeath.h"
@@ -80,7 +82,7 @@ bool spin(const Request& request) noexcept {
   const std::uint32_t loops = request.isExclusive() ? tuning.xloop : tuning.sloop;
   const std::uint32_t waste = request.isExclusive() ? tuning.xwaste : tuning.swaste;
   for (std::uint32_t i = 0; i < loops; ++i) {
-    sqloi_wasteTime(tuning, waste);
+    sqloi_wasteTime(tuning, std::min(i, waste));
     if (attempt(request) == Attempt::kGranted) return true;
   }
   return false;
@@ -166,7 +168,7 @@ class Wait {
   SqlzZrc run() noexcept {
     const ErrnoKept kept;
     const int cancelState = ossDisableCancellation();
-    request_.hold.beginWaiting(&request_.latch, request_.file, request_.line);
+    request_.hold.beginWaiting(request_.file, request_.line);
     request_.hold.setSince(ossMonotonicNs());
     const SqlzZrc result = wait();
     request_.hold.endWaiting();
@@ -264,7 +266,7 @@ class Wait {
 
 // What a release does besides giving the hold back.
 struct Handover {
-  std::uint32_t next;              // the word
+  std::uint32_t next;                            // the word
   std::uint32_t wake[WAITER_KINDS] = {0, 0, 0};  // how many waiters of each kind
 };
 
@@ -351,7 +353,7 @@ void giveBackUnderCs(SQLO_SLATCH_CAS32& latch, Give give) noexcept {
   }
 }
 
-[[gnu::noinline, gnu::cold]] SqlzZrc getSlow(SQLO_SLATCH_CAS32& latch, SqloLatchRequest wanted, LatchHold& hold,
+[[gnu::noinline, gnu::cold]] SqlzZrc getSlow(SQLO_SLATCH_CAS32& latch, SqloLatchRequest wanted, LatchHold hold,
                                              const char* file, std::uint32_t line, bool spins) noexcept {
   const Request request = {latch, wanted & ~SQLO_LATCH_CONDITIONAL, 0, spins, hold, file, line};
   SqlzZrc result = 0;
@@ -362,7 +364,7 @@ void giveBackUnderCs(SQLO_SLATCH_CAS32& latch, Give give) noexcept {
       result = Wait(request).run();
   }
   if (result == 0)
-    hold.granted(&latch, file, line);
+    hold.granted(file, line);
   else
     hold.cancelled();
   return result;
@@ -391,14 +393,29 @@ bool fastRelease(SQLO_SLATCH_CAS32& latch) noexcept {
   return false;
 }
 
+// A thread's first capture, one from a file it has not captured in before, or with debug checks on.
+template <class Fast>
+[[gnu::noinline, gnu::cold]] SqlzZrc getLong(SQLO_SLATCH_CAS32& latch, SqloLatchRequest request, const char* file,
+                                             std::uint32_t line, Fast fast) noexcept {
+  const LatchWay way = (request & SQLO_LATCH_CONDITIONAL) != 0 ? LatchWay::kConditional : LatchWay::kWaits;
+  const LatchHold hold(Access::subject(latch, (request & SQLO_LATCH_EXCLUSIVE) != 0, way), file, line);
+  if (!fast(latch)) return getSlow(latch, request, hold, file, line, true);
+  hold.granted(file, line);
+  return 0;
+}
+
 template <class Fast>
 SqlzZrc get(SQLO_SLATCH_CAS32& latch, SqloLatchRequest request, const char* file, std::uint32_t line,
             Fast fast) noexcept {
-  const LatchWay way = (request & SQLO_LATCH_CONDITIONAL) != 0 ? LatchWay::kConditional : LatchWay::kWaits;
-  LatchHold hold(Access::subject(latch, (request & SQLO_LATCH_EXCLUSIVE) != 0, way), file, line);
+  const bool exclusive = (request & SQLO_LATCH_EXCLUSIVE) != 0;
+  SqloLatchTable* table = t_latchTable;
+  const std::uint32_t index =
+      latchPublishShortly(table, &latch, latch.flags(), exclusive ? MARK_EXCLUSIVE : 0, file, line);
+  if (index == LATCH_NO_MARK) [[unlikely]]
+    return getLong(latch, request, file, line, fast);
   if (!fast(latch)) [[unlikely]]
-    return getSlow(latch, request, hold, file, line, true);
-  hold.granted(&latch, file, line);
+    return getSlow(latch, request, LatchHold(table, index, Access::subject(latch, exclusive)), file, line, true);
+  latchCount(*table, &latch, latch.flags(), file, line);
   return 0;
 }
 
@@ -408,6 +425,12 @@ std::uint32_t takeHold(SQLO_SLATCH_CAS32& latch, std::uint32_t state) noexcept {
   if ((state & SQLO_SLATCH_HOLDERS) == 0)
     sqloPanic(SQLO_LATCH_NOT_HELD, "A shared latch that nobody holds is released", &latch);
   return state - 1;
+}
+
+[[gnu::noinline, gnu::cold]] void releaseLong(SQLO_SLATCH_CAS32& latch) noexcept {
+  const std::uint16_t type = latch.typeId();
+  latch.releaseConflict();
+  latchReleased(&latch, type);
 }
 
 SqlzZrc upgrade(SQLO_SLATCH_CAS32& latch, bool conditional, const char* file, std::uint32_t line) noexcept {
@@ -445,7 +468,7 @@ SqlzZrc SqloSharedLatchAccess::getExclusiveLong(SQLO_SLATCH_CAS32& latch, const 
                                                 std::uint32_t line) noexcept {
   vek::LatchHold hold(subject(latch, true), file, line);
   if (!vek::fastExclusive(latch)) return vek::getSlow(latch, SQLO_LATCH_EXCLUSIVE, hold, file, line, false);
-  hold.granted(&latch, file, line);
+  hold.granted(file, line);
   return 0;
 }
 
@@ -493,8 +516,8 @@ SqlzZrc SQLO_SLATCH_CAS32::tryGetExclusive(const char* file, std::uint32_t line)
 void SQLO_SLATCH_CAS32::release() noexcept {
   const std::uint16_t type = typeId();  // once the word is given back the memory may be somebody else's
   if (!vek::fastRelease(*this)) [[unlikely]]
-    releaseConflict();
-  vek::LatchHold::released(this, type);
+    return vek::releaseLong(*this);
+  vek::latchReleased(this, type);
 }
 
 SqlzZrc SQLO_SLATCH_CAS32::getConflict(SqloLatchRequest request) noexcept {

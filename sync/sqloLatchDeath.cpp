@@ -26,10 +26,10 @@ DeathPolicy& policyOf(std::uint32_t typeId) noexcept { return g_policies[typeId 
 
 // Runs the repair of the type, which the caller needs before it may use what it took over.
 void repairData(const LatchSubject& subject) noexcept {
-  DeathPolicy& policy = policyOf(subject.typeId);
+  DeathPolicy& policy = policyOf(subject.typeId());
   const SqloLatchRepair repair = policy.repair.load(std::memory_order_acquire);
   const SqlzZrc result =
-      repair(policy.context.load(std::memory_order_acquire), const_cast<void*>(subject.latch), subject.typeId);
+      repair(policy.context.load(std::memory_order_acquire), const_cast<void*>(subject.latch), subject.typeId());
   if (result != 0) sqloPanic(result, "The data under a latch whose holder died cannot be repaired", subject.latch);
 }
 
@@ -46,7 +46,7 @@ struct Census {
 
 bool concerns(const LatchSubject& subject, const LatchMarkSeen& mark) noexcept {
   if (mark.latch != reinterpret_cast<std::uint64_t>(subject.latch)) return false;
-  return subject.isBetweenProcesses ? (mark.word & MARK_SHARED_MEMORY) != 0 : mark.owner == regionProcessOwner();
+  return subject.isBetweenProcesses() ? (mark.word & MARK_SHARED_MEMORY) != 0 : mark.owner == regionProcessOwner();
 }
 
 void count(Census* census, const LatchMarkSeen& mark) noexcept {
@@ -72,7 +72,7 @@ Census takeCensus(const LatchSubject& subject) noexcept {
 }
 
 // Where somebody took such a latch without a mark, nobody can tell any more.
-bool canTell(const LatchSubject& subject) noexcept { return !subject.isBetweenProcesses || !regionHasUntracked(); }
+bool canTell(const LatchSubject& subject) noexcept { return !subject.isBetweenProcesses() || !regionHasUntracked(); }
 
 // ---- taking over ------------------------------------------------------------------------------------------------
 
@@ -91,7 +91,7 @@ void clearGone(const LatchSubject& subject) noexcept {
 
 // The exclusive hold of the dead becomes the caller's, whose mark says so before theirs say nothing any more.
 Rescue takeOverExclusive(const LatchSubject& subject, LatchHold& hold) noexcept {
-  switch (policyOf(subject.typeId).policy.load(std::memory_order_acquire)) {
+  switch (policyOf(subject.typeId()).policy.load(std::memory_order_acquire)) {
     case SQLO_LATCH_DEATH_REFUSE:
       return Rescue::kRefused;
     case SQLO_LATCH_DEATH_REPAIR:

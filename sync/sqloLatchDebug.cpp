@@ -167,8 +167,8 @@ void reportSelfConflict(const char* what, const LatchSubject& subject, std::uint
                         std::uint32_t line) noexcept {
   (void)pdLogPrintf(PD_LOG_RC_ZRC | PD_LOG_CALL_STACK, FID_sqloDebugLatches, SQLO_LATCH_ORDER_VIOLATED, 20,
                     PD_LEVEL_ERROR, "%s: %s at %p, captured in %s line %u, asked for in %s line %u", what,
-                    sqloLatchTypeName(subject.typeId), subject.latch, fileName(markFile(heldWord)), markLine(heldWord),
-                    file == nullptr ? "?" : file, line);
+                    sqloLatchTypeName(subject.typeId()), subject.latch, fileName(markFile(heldWord)),
+                    markLine(heldWord), file == nullptr ? "?" : file, line);
 }
 
 }  // namespace
@@ -182,13 +182,14 @@ void sqloi_readLatchDebug() noexcept {
   void* pages = ossMapPages(sizeof(LockOrder));
   if (pages == nullptr) return;
   g_order.store(new (pages) LockOrder{}, std::memory_order_release);
-  g_latchDebug.store(true, std::memory_order_release);
 }
+
+bool sqloi_latchDebugIsOn() noexcept { return g_order.load(std::memory_order_acquire) != nullptr; }
 
 void sqloi_debugCapture(SqloLatchTable* table, const LatchSubject& subject, const char* file,
                         std::uint32_t line) noexcept {
   LockOrder* order = g_order.load(std::memory_order_acquire);
-  const std::uint32_t taken = subject.typeId < kTypes ? subject.typeId : 0;
+  const std::uint32_t taken = subject.typeId() < kTypes ? subject.typeId() : 0;
   const char* reported = nullptr;
   for (std::uint64_t left = table->used; left != 0; left &= left - 1) {
     const LatchMark& mark = table->page->marks[std::countr_zero(left)];

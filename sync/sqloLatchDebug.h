@@ -12,8 +12,9 @@
 
 namespace vek {
 
-// Reads the setting.
+// Reads the setting; tells whether the checks are on. A thread is checked from its first capture on or never.
 void sqloi_readLatchDebug() noexcept;
+bool sqloi_latchDebugIsOn() noexcept;
 
 // A capture is about to be made.
 void sqloi_debugCapture(SqloLatchTable* table, const LatchSubject& subject, const char* file,

@@ -29,7 +29,7 @@ void describe(const LatchMarkSeen& mark, SqloLatchEntry* out) noexcept {
   out->threadHasEnded = mark.threadHasEnded;
   out->hasSince = (mark.word & MARK_TIMED) != 0;
   if (out->hasSince != 0) out->sinceNs = page->since[mark.index].load(std::memory_order_relaxed);
-  out->sequence = mark.word >> MARK_SEQUENCE_SHIFT;
+  out->sequence = markSequence(mark.word);
   out->owner = mark.owner;
 }
 

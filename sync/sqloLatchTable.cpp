@@ -10,8 +10,6 @@
 
 namespace vek {
 
-constinit std::atomic<bool> g_latchDebug{false};
-
 namespace {
 
 void usePages(SqloLatchTable* table) noexcept {
@@ -37,19 +35,50 @@ SqloLatchTable* sqloi_makeLatchTable() noexcept {
   usePages(table);
   t_latchTable = table;
   if (!threadIsInsideLock()) sqloi_prepareTuning();  // the thread holds no latch yet
+  table->closed = sqloi_latchDebugIsOn() ? ~0ULL : 0;
   return table;
 }
 
-std::uint64_t sqloi_fileNumber(SqloLatchTable* table, const char* file) noexcept {
-  if (file == nullptr) return 0;
-  const std::uint32_t number = regionInternText(file);
-  table->fileNames[(reinterpret_cast<std::uintptr_t>(file) >> 3) % 64] = {file, number};
-  return number;
+namespace {
+
+std::uint64_t fileBits(SqloLatchTable& table, const char* file) noexcept {
+  SqloLatchTable::FileName& name = latchFileName(table, file);
+  if (name.file != file) name = {file, std::uint64_t{regionInternText(file)} << MARK_FILE_SHIFT};
+  return name.bits;
 }
 
-void sqloi_noteUnlisted(SqloLatchTable* table, bool isBetweenProcesses) noexcept {
-  if (table != nullptr) ++table->unlisted;
-  if (isBetweenProcesses) regionNoteUntracked();
+}  // namespace
+
+LatchHold::LatchHold(const LatchSubject& subject, const char* file, std::uint32_t line) noexcept
+    : table_(t_latchTable != nullptr ? t_latchTable : sqloi_makeLatchTable()), subject_(subject) {
+  if (table_ != nullptr && table_->closed != 0) sqloi_debugCapture(table_, subject, file, line);
+  if (table_ != nullptr && ~table_->used != 0) {
+    index_ = static_cast<std::uint32_t>(std::countr_one(table_->used));
+    const std::uint64_t mode = subject.isExclusive ? MARK_EXCLUSIVE : 0;
+    latchPublish(*table_, index_, subject.latch, subject.flags, mode, fileBits(*table_, file), line);
+    return;
+  }
+  if (table_ != nullptr) ++table_->unlisted;
+  if (subject.isBetweenProcesses()) regionNoteUntracked();
+}
+
+std::uint32_t sqloi_findHold(const SqloLatchTable& table, const void* latch) noexcept {
+  for (std::uint64_t left = table.used; left != 0;) {
+    const auto index = static_cast<std::uint32_t>(63 - std::countl_zero(left));
+    if (isHoldOf(table.page->marks[index], latch)) return index;
+    left &= ~(1ULL << index);
+  }
+  return LATCH_NO_MARK;
+}
+
+void sqloi_latchReleased(SqloLatchTable* table, const void* latch, std::uint32_t typeId) noexcept {
+  const std::uint32_t index = sqloi_findHold(*table, latch);
+  if (index != LATCH_NO_MARK)
+    latchWithdraw(*table, index);
+  else if (table->unlisted != 0)
+    --table->unlisted;
+  latchUncount(*table, typeId);
+  if (table->hasReports) sqloi_debugReport(table);
 }
 
 void sqloi_latchThreadEnds() noexcept {
@@ -69,20 +98,20 @@ void LatchHold::setState(std::uint64_t state) const noexcept {
   word.store((word.load(std::memory_order_relaxed) & ~MARK_STATE) | state, std::memory_order_release);
 }
 
-void LatchHold::setSince(std::int64_t monotonicNs) noexcept {
+void LatchHold::setSince(std::int64_t monotonicNs) const noexcept {
   if (index_ == LATCH_NO_MARK) return;
   table_->page->since[index_].store(monotonicNs, std::memory_order_relaxed);
   std::atomic<std::uint64_t>& word = table_->page->marks[index_].word;
   word.store(word.load(std::memory_order_relaxed) | MARK_TIMED, std::memory_order_release);
 }
 
-void LatchHold::beginWaiting(const void* latch, const char* file, std::uint32_t line) const noexcept {
+void LatchHold::beginWaiting(const char* file, std::uint32_t line) const noexcept {
   if (table_ == nullptr) return;
   if (table_->isWaiting) {
     table_->savedWaiting = table_->waiting;
     table_->hasSavedWaiting = true;
   }
-  table_->waiting = {typeId_, line, file, latch};
+  table_->waiting = {subject_.typeId(), line, file, subject_.latch};
   table_->isWaiting = true;
 }
 
@@ -95,22 +124,12 @@ void LatchHold::endWaiting() const noexcept {
 
 void LatchHold::changeMode(const void* latch, bool toExclusive) noexcept {
   SqloLatchTable* table = t_latchTable;
-  const std::uint32_t index = table == nullptr ? LATCH_NO_MARK : find(*table, latch);
+  const std::uint32_t index = table == nullptr ? LATCH_NO_MARK : sqloi_findHold(*table, latch);
   if (index == LATCH_NO_MARK) return;
   std::atomic<std::uint64_t>& word = table->page->marks[index].word;
   const std::uint64_t now = word.load(std::memory_order_relaxed);
   word.store(toExclusive ? now | MARK_EXCLUSIVE : now & ~MARK_EXCLUSIVE, std::memory_order_release);
 }
-
-void LatchHold::releasedUnlisted(SqloLatchTable* table) noexcept {
-  if (table->unlisted != 0) --table->unlisted;
-}
-
-void LatchHold::checkOrder(const LatchSubject& subject, const char* file, std::uint32_t line) noexcept {
-  sqloi_debugCapture(t_latchTable, subject, file, line);
-}
-
-void LatchHold::writeReports(SqloLatchTable* table) noexcept { sqloi_debugReport(table); }
 
 namespace {
 
@@ -146,9 +165,7 @@ void sqloCheckLatchTable(const SqloLatchTable* table) noexcept {
 
 SqloLatchTable* sqloCurrentLatchTable() noexcept { return vek::t_latchTable; }
 
-void sqloxult_new_track_helper(const void* latch, std::uint32_t typeId) noexcept {
-  vek::LatchHold::released(latch, typeId);
-}
+void sqloxult_new_track_helper(const void* latch, std::uint32_t typeId) noexcept { vek::latchReleased(latch, typeId); }
 
 std::uint32_t sqloLatchHoldCount(std::uint32_t typeId, const char** file, std::uint32_t* line,
                                  const void** latch) noexcept {

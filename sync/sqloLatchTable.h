@@ -29,29 +29,33 @@ namespace vek {
 //
 //   1..0    state: 0 free, 1 active, 2 waiting
 //   2       exclusive
-//   3       the latch is between processes
-//   4       `since` of the mark tells when
-//   15..5   latch type
-//   31..16  line
-//   45..32  number of the file's name (regionTextOf)
-//   63..46  sequence of the thread's captures, to tell one from the next
+//   3       `since` of the mark tells when
+//   15..4   sequence of the mark's captures, to tell one from the next
+//   31..16  the latch's flags as SQLO_SLATCH_CAS32 has them: type, between processes
+//   47..32  line
+//   63..48  number of the file's name (regionTextOf)
 inline constexpr std::uint64_t MARK_ACTIVE = 1;
 inline constexpr std::uint64_t MARK_WAITING = 2;
 inline constexpr std::uint64_t MARK_STATE = 3;
 inline constexpr std::uint64_t MARK_EXCLUSIVE = 4;
-inline constexpr std::uint64_t MARK_SHARED_MEMORY = 8;
-inline constexpr std::uint64_t MARK_TIMED = 16;
-inline constexpr unsigned MARK_TYPE_SHIFT = 5;
-inline constexpr unsigned MARK_LINE_SHIFT = 16;
-inline constexpr unsigned MARK_FILE_SHIFT = 32;
-inline constexpr unsigned MARK_SEQUENCE_SHIFT = 46;
-inline constexpr std::uint64_t MARK_FILE_MASK = 0x3FFF;
-static_assert(REGION_NAME_SLOTS <= MARK_FILE_MASK && SQLO_LATCH_TYPE_COUNT <= 2048);
+inline constexpr std::uint64_t MARK_TIMED = 8;
+inline constexpr std::uint64_t MARK_SEQUENCE = 0xFFF0;
+inline constexpr std::uint64_t MARK_SEQUENCE_STEP = 0x10;
+inline constexpr unsigned MARK_FLAGS_SHIFT = 16;
+inline constexpr unsigned MARK_LINE_SHIFT = 32;
+inline constexpr unsigned MARK_FILE_SHIFT = 48;
+inline constexpr std::uint64_t MARK_SHARED_MEMORY = std::uint64_t{SQLO_LATCH_BETWEEN_PROCESSES} << MARK_FLAGS_SHIFT;
+static_assert(REGION_NAME_SLOTS <= 0xFFFF && SQLO_LATCH_TYPE_COUNT <= SQLO_LATCH_TYPE_MASK + 1);
 
-constexpr std::uint32_t markType(std::uint64_t word) noexcept { return (word >> MARK_TYPE_SHIFT) & 0x7FF; }
+constexpr std::uint32_t markType(std::uint64_t word) noexcept {
+  return static_cast<std::uint32_t>(word >> MARK_FLAGS_SHIFT) & SQLO_LATCH_TYPE_MASK;
+}
 constexpr std::uint32_t markLine(std::uint64_t word) noexcept { return (word >> MARK_LINE_SHIFT) & 0xFFFF; }
 constexpr std::uint32_t markFile(std::uint64_t word) noexcept {
-  return static_cast<std::uint32_t>((word >> MARK_FILE_SHIFT) & MARK_FILE_MASK);
+  return static_cast<std::uint32_t>(word >> MARK_FILE_SHIFT);
+}
+constexpr std::uint32_t markSequence(std::uint64_t word) noexcept {
+  return static_cast<std::uint32_t>((word & MARK_SEQUENCE) / MARK_SEQUENCE_STEP);
 }
 
 struct LatchMark {
@@ -92,7 +96,7 @@ struct SqloLatchTable {
 
   struct FileName {
     const char* file;
-    std::uint64_t number;
+    std::uint64_t bits;  // its number, where a mark's word has it
   };
 
   Entry entries[SQLO_LATCH_TYPE_COUNT];
@@ -102,175 +106,165 @@ struct SqloLatchTable {
   bool hasSavedWaiting;
 
   vek::LatchPage* page;  // the second list, one mark per latch held; null when it is not present
+  std::uint64_t used;    // which marks
+  std::uint64_t closed;  // all ones while every capture takes the long way: debug checks are on
   vek::RegionThread* slot;
   std::uint32_t slotIndex;
   std::uint32_t unlisted;  // captures that found no mark free
-  std::uint64_t used;      // which marks
-  std::uint64_t sequence;
   bool hasReports;         // of the debug checks, to be written when no latch is held
-  FileName fileNames[64];  // numbers of names seen before, by the address of the text
+  FileName fileNames[64];  // of names seen before, by the address of the text
   vek::LatchPage ownPage;  // of a thread without a slot
 };
 static_assert(sizeof(SqloLatchTable) <= vek::LATCH_TABLE_BYTES);
 
 namespace vek {
 
-// Debug checks are on (sqloLatchDebug.h).
-extern std::atomic<bool> g_latchDebug;
-
 // Makes the calling thread's table. Null: there is no memory, or the thread is ending.
 SqloLatchTable* sqloi_makeLatchTable() noexcept;
-
-// The number of a file's name that is not among the last ones seen.
-std::uint64_t sqloi_fileNumber(SqloLatchTable* table, const char* file) noexcept;
-
-// A capture without a mark: the list has no room, or the thread has no table (null).
-void sqloi_noteUnlisted(SqloLatchTable* table, bool isBetweenProcesses) noexcept;
 
 // What the port of a thread's end calls.
 void sqloi_latchThreadEnds() noexcept;
 
 enum class LatchWay { kWaits, kConditional, kConverts };
 
-// What a capture is about: the latch, and how its mark looks.
+// What a capture is about.
 struct LatchSubject {
   const void* latch;
-  std::uint32_t typeId;
-  bool isBetweenProcesses;
+  std::uint32_t flags;  // as SQLO_SLATCH_CAS32 has them
   bool isExclusive;
   bool isShareable = false;  // a SQLO_SLATCH_CAS32
   LatchWay way = LatchWay::kWaits;
+
+  std::uint32_t typeId() const noexcept { return flags & SQLO_LATCH_TYPE_MASK; }
+  bool isBetweenProcesses() const noexcept { return (flags & SQLO_LATCH_BETWEEN_PROCESSES) != 0; }
 };
+
+// ---- the short way: a table that is there, a mark that is free, a file name seen before --------------------------
+
+inline SqloLatchTable::FileName& latchFileName(SqloLatchTable& table, const char* file) noexcept {
+  return table.fileNames[(reinterpret_cast<std::uintptr_t>(file) >> 3) % 64];
+}
+
+inline void latchPublish(SqloLatchTable& table, std::uint32_t index, const void* latch, std::uint32_t flags,
+                         std::uint64_t mode, std::uint64_t fileBits, std::uint32_t line) noexcept {
+  table.used |= 1ULL << index;
+  if ((flags & SQLO_LATCH_BETWEEN_PROCESSES) != 0 && table.slot != nullptr)
+    table.slot->pins.store(table.slot->pins.load(std::memory_order_relaxed) | (1ULL << index),
+                           std::memory_order_relaxed);
+  LatchMark& mark = table.page->marks[index];
+  const std::uint64_t sequence = (mark.word.load(std::memory_order_relaxed) + MARK_SEQUENCE_STEP) & MARK_SEQUENCE;
+  mark.latch.store(reinterpret_cast<std::uint64_t>(latch), std::memory_order_relaxed);
+  mark.word.store(fileBits | (std::uint64_t{line & 0xFFFF} << MARK_LINE_SHIFT) |
+                      (std::uint64_t{flags & 0xFFFF} << MARK_FLAGS_SHIFT) | sequence | mode | MARK_ACTIVE,
+                  std::memory_order_release);
+}
+
+// The index of the mark, LATCH_NO_MARK: take the long way (LatchHold).
+inline std::uint32_t latchPublishShortly(SqloLatchTable* table, const void* latch, std::uint32_t flags,
+                                         std::uint64_t mode, const char* file, std::uint32_t line) noexcept {
+  if (table == nullptr) [[unlikely]]
+    return LATCH_NO_MARK;
+  const std::uint64_t taken = table->used | table->closed;
+  const SqloLatchTable::FileName& name = latchFileName(*table, file);
+  if (~taken == 0 || name.file != file) [[unlikely]]
+    return LATCH_NO_MARK;
+  const auto index = static_cast<std::uint32_t>(std::countr_one(taken));
+  latchPublish(*table, index, latch, flags, mode, name.bits, line);
+  return index;
+}
+
+// The latch is held: counts it.
+inline void latchCount(SqloLatchTable& table, const void* latch, std::uint32_t flags, const char* file,
+                       std::uint32_t line) noexcept {
+  const std::uint32_t typeId = flags & SQLO_LATCH_TYPE_MASK;
+  SqloLatchTable::Entry& entry = table.entries[typeId < SQLO_LATCH_TYPE_COUNT ? typeId : 0];
+  entry.line = static_cast<std::uint16_t>(line);
+  entry.file = file;
+  entry.latch = latch;
+  ++entry.holdCount;
+}
+
+inline void latchUncount(SqloLatchTable& table, std::uint32_t typeId) noexcept {
+  std::uint16_t& count = table.entries[typeId < SQLO_LATCH_TYPE_COUNT ? typeId : 0].holdCount;
+  count = static_cast<std::uint16_t>(count - (count != 0 ? 1 : 0));
+}
+
+// Nobody but the thread itself takes its marks away while it lives.
+inline void latchWithdraw(SqloLatchTable& table, std::uint32_t index) noexcept {
+  LatchMark& mark = table.page->marks[index];
+  const std::uint64_t word = mark.word.load(std::memory_order_relaxed);
+  mark.word.store(word & ~MARK_STATE, std::memory_order_release);
+  if ((word & MARK_SHARED_MEMORY) != 0 && table.slot != nullptr)
+    table.slot->pins.store(table.slot->pins.load(std::memory_order_relaxed) & ~(1ULL << index),
+                           std::memory_order_release);
+  table.used &= ~(1ULL << index);
+}
+
+inline bool isHoldOf(const LatchMark& mark, const void* latch) noexcept {
+  return mark.latch.load(std::memory_order_relaxed) == reinterpret_cast<std::uint64_t>(latch) &&
+         (mark.word.load(std::memory_order_relaxed) & MARK_STATE) == MARK_ACTIVE;
+}
+
+// The thread's newest hold of a latch, or LATCH_NO_MARK.
+std::uint32_t sqloi_findHold(const SqloLatchTable& table, const void* latch) noexcept;
+
+// A latch of the calling thread's has been given back: what latchReleased leaves to do.
+void sqloi_latchReleased(SqloLatchTable* table, const void* latch, std::uint32_t typeId) noexcept;
+
+// A latch of the calling thread's has been given back. The one captured last is the one most often released first.
+inline void latchReleased(const void* latch, std::uint32_t typeId) noexcept {
+  SqloLatchTable* table = t_latchTable;
+  if (table == nullptr) [[unlikely]]
+    return;
+  const auto newest = static_cast<std::uint32_t>(63 - std::countl_zero(table->used | 1));
+  if (table->closed != 0 || !isHoldOf(table->page->marks[newest], latch)) [[unlikely]]
+    return sqloi_latchReleased(table, latch, typeId);
+  latchWithdraw(*table, newest);
+  latchUncount(*table, typeId);
+}
+
+// ---- the long way -----------------------------------------------------------------------------------------------
 
 // One capture on its way, from the mark to the hold. Lives on the stack of the capturing function.
 class LatchHold {
  public:
-  LatchHold(const LatchSubject& subject, const char* file, std::uint32_t line) noexcept
-      : table_(t_latchTable), typeId_(subject.typeId < SQLO_LATCH_TYPE_COUNT ? subject.typeId : 0) {
-    if (table_ == nullptr) [[unlikely]]
-      table_ = sqloi_makeLatchTable();
-    if (table_ != nullptr) [[likely]]
-      publish(subject, file, line);
-    else
-      sqloi_noteUnlisted(nullptr, subject.isBetweenProcesses);
-  }
+  // Publishes the mark, making the table or interning the file's name before if need be.
+  LatchHold(const LatchSubject& subject, const char* file, std::uint32_t line) noexcept;
+
+  // Goes on with a mark that the short way has published.
+  LatchHold(SqloLatchTable* table, std::uint32_t index, const LatchSubject& subject) noexcept
+      : table_(table), index_(index), subject_(subject) {}
 
   // The latch is held: counts it.
-  void granted(const void* latch, const char* file, std::uint32_t line) const noexcept {
-    if (table_ == nullptr) [[unlikely]]
-      return;
-    SqloLatchTable::Entry& entry = table_->entries[typeId_];
-    entry.line = static_cast<std::uint16_t>(line);
-    entry.file = file;
-    entry.latch = latch;
-    ++entry.holdCount;
+  void granted(const char* file, std::uint32_t line) const noexcept {
+    if (table_ != nullptr) latchCount(*table_, subject_.latch, subject_.flags, file, line);
   }
 
   // The capture is given up.
   void cancelled() const noexcept {
-    if (table_ != nullptr) withdraw(table_, index_);
+    if (index_ != LATCH_NO_MARK) latchWithdraw(*table_, index_);
   }
 
   // The thread goes to sleep on the latch; it is about to try again.
-  void sleeps() noexcept { setState(MARK_WAITING); }
-  void tries() noexcept { setState(MARK_ACTIVE); }
+  void sleeps() const noexcept { setState(MARK_WAITING); }
+  void tries() const noexcept { setState(MARK_ACTIVE); }
 
   // From now on the mark tells since when.
-  void setSince(std::int64_t monotonicNs) noexcept;
+  void setSince(std::int64_t monotonicNs) const noexcept;
 
   // Notes what the thread waits for, keeping what it already waits for; takes the note away.
-  void beginWaiting(const void* latch, const char* file, std::uint32_t line) const noexcept;
+  void beginWaiting(const char* file, std::uint32_t line) const noexcept;
   void endWaiting() const noexcept;
 
   // The thread's hold changed its mode.
   static void changeMode(const void* latch, bool toExclusive) noexcept;
 
-  // A latch of the thread's has been given back.
-  static void released(const void* latch, std::uint32_t typeId) noexcept {
-    SqloLatchTable* table = t_latchTable;
-    if (table == nullptr) [[unlikely]]
-      return;
-    const std::uint32_t index = find(*table, latch);
-    if (index == LATCH_NO_MARK) [[unlikely]]
-      releasedUnlisted(table);
-    else
-      withdraw(table, index);
-    std::uint16_t& count = table->entries[typeId < SQLO_LATCH_TYPE_COUNT ? typeId : 0].holdCount;
-    count = static_cast<std::uint16_t>(count - (count != 0 ? 1 : 0));
-    if (table->hasReports) [[unlikely]]
-      writeReports(table);
-  }
-
-  // The thread's newest mark of a latch that says ACTIVE, or LATCH_NO_MARK.
-  static std::uint32_t find(const SqloLatchTable& table, const void* latch) noexcept {
-    const auto address = reinterpret_cast<std::uint64_t>(latch);
-    for (std::uint64_t used = table.used; used != 0;) {
-      const auto index = static_cast<std::uint32_t>(63 - std::countl_zero(used));
-      const LatchMark& mark = table.page->marks[index];
-      if (mark.latch.load(std::memory_order_relaxed) == address &&
-          (mark.word.load(std::memory_order_relaxed) & MARK_STATE) == MARK_ACTIVE)
-        return index;
-      used &= ~(1ULL << index);
-    }
-    return LATCH_NO_MARK;
-  }
-
-  SqloLatchTable* table() const noexcept { return table_; }
-  std::uint32_t index() const noexcept { return index_; }
-
  private:
-  void publish(const LatchSubject& subject, const char* file, std::uint32_t line) noexcept {
-    if (g_latchDebug.load(std::memory_order_relaxed)) [[unlikely]]
-      checkOrder(subject, file, line);
-    const std::uint64_t used = table_->used;
-    if (~used == 0) [[unlikely]]
-      return sqloi_noteUnlisted(table_, subject.isBetweenProcesses);
-    index_ = static_cast<std::uint32_t>(std::countr_one(used));
-    table_->used = used | (1ULL << index_);
-    const std::uint64_t word = MARK_ACTIVE | (subject.isExclusive ? MARK_EXCLUSIVE : 0) |
-                               (subject.isBetweenProcesses ? MARK_SHARED_MEMORY : 0) |
-                               (std::uint64_t{typeId_} << MARK_TYPE_SHIFT) |
-                               (std::uint64_t{line & 0xFFFF} << MARK_LINE_SHIFT) |
-                               (fileNumber(file) << MARK_FILE_SHIFT) | (table_->sequence++ << MARK_SEQUENCE_SHIFT);
-    if (subject.isBetweenProcesses) pin(table_, index_);
-    LatchMark& mark = table_->page->marks[index_];
-    mark.latch.store(reinterpret_cast<std::uint64_t>(subject.latch), std::memory_order_relaxed);
-    mark.word.store(word, std::memory_order_release);
-  }
-
-  std::uint64_t fileNumber(const char* file) const noexcept {
-    const SqloLatchTable::FileName& name = table_->fileNames[(reinterpret_cast<std::uintptr_t>(file) >> 3) % 64];
-    return name.file == file ? name.number : sqloi_fileNumber(table_, file);
-  }
-
   void setState(std::uint64_t state) const noexcept;
 
-  static void pin(SqloLatchTable* table, std::uint32_t index) noexcept {
-    if (table->slot == nullptr) return;
-    const std::uint64_t pins = table->slot->pins.load(std::memory_order_relaxed);
-    table->slot->pins.store(pins | (1ULL << index), std::memory_order_relaxed);
-  }
-
-  // Nobody but the thread itself takes its marks away while it lives.
-  static void withdraw(SqloLatchTable* table, std::uint32_t index) noexcept {
-    if (index == LATCH_NO_MARK) return;
-    LatchMark& mark = table->page->marks[index];
-    const std::uint64_t word = mark.word.load(std::memory_order_relaxed);
-    mark.word.store(word & ~MARK_STATE, std::memory_order_release);
-    if ((word & MARK_SHARED_MEMORY) != 0 && table->slot != nullptr) {
-      const std::uint64_t pins = table->slot->pins.load(std::memory_order_relaxed);
-      table->slot->pins.store(pins & ~(1ULL << index), std::memory_order_release);
-    }
-    table->used &= ~(1ULL << index);
-  }
-
-  static void releasedUnlisted(SqloLatchTable* table) noexcept;
-  static void checkOrder(const LatchSubject& subject, const char* file, std::uint32_t line) noexcept;
-  static void writeReports(SqloLatchTable* table) noexcept;
-
   SqloLatchTable* table_;
-  std::uint32_t typeId_;
   std::uint32_t index_ = LATCH_NO_MARK;
+  LatchSubject subject_;
 };
 
 }  // namespace vek

@@ -1,4 +1,6 @@
 // The spin latch.
+#include <algorithm>
+
 #include "platform/osse.h"
 #include "sync/sqloLatchAccess.h"
 #include "sync/sqloLatchDeath.h"
@@ -21,7 +23,7 @@ bool spin(SqloSpinLatch& latch, const LatchTuning& tuning) noexcept {
   for (std::uint32_t round = 0; round < tuning.outer; ++round) {
     for (std::uint32_t look = 0; look < tuning.inner; ++look) {
       if (takeIfFree(latch)) return true;
-      sqloi_wasteTime(tuning, tuning.waste);
+      sqloi_wasteTime(tuning, std::min(look, tuning.waste));
     }
     ossYield();
   }
@@ -55,25 +57,33 @@ SqlzZrc rest(SqloSpinLatch& latch, const LatchTuning& tuning, LatchHold& hold) n
   }
 }
 
-SqlzZrc conflict(SqloSpinLatch& latch, LatchHold& hold, const char* file, std::uint32_t line) noexcept {
+SqlzZrc wait(SqloSpinLatch& latch, LatchHold& hold, const char* file, std::uint32_t line) noexcept {
   const ErrnoKept kept;
   const int cancelState = ossDisableCancellation();
   const LatchTuning& tuning = sqloi_tuning(latch.typeId());
-  hold.beginWaiting(&latch, file, line);
+  hold.beginWaiting(file, line);
   const SqlzZrc result = spin(latch, tuning) ? 0 : rest(latch, tuning, hold);
   hold.endWaiting();
   ossRestoreCancellation(cancelState);
   return result;
 }
 
-[[gnu::noinline, gnu::cold]] SqlzZrc captureConflict(SqloSpinLatch& latch, LatchHold& hold, const char* file,
-                                                     std::uint32_t line) noexcept {
-  const SqlzZrc result = conflict(latch, hold, file, line);
+[[gnu::noinline, gnu::cold]] SqlzZrc conflict(SqloSpinLatch& latch, LatchHold hold, const char* file,
+                                              std::uint32_t line) noexcept {
+  const SqlzZrc result = wait(latch, hold, file, line);
   if (result == 0)
-    hold.granted(&latch, file, line);
+    hold.granted(file, line);
   else
     hold.cancelled();
   return result;
+}
+
+// A thread's first capture, one from a file it has not captured in before, or with debug checks on.
+[[gnu::noinline, gnu::cold]] SqlzZrc captureLong(SqloSpinLatch& latch, const char* file, std::uint32_t line) noexcept {
+  const LatchHold hold(Access::subject(latch), file, line);
+  if (!take(latch)) return conflict(latch, hold, file, line);
+  hold.granted(file, line);
+  return 0;
 }
 
 }  // namespace
@@ -86,10 +96,14 @@ void SqloSpinLatch::init(std::uint16_t typeId, std::uint16_t flags) noexcept {
 }
 
 SqlzZrc SqloSpinLatch::captureLatch(const char* file, std::uint32_t line) noexcept {
-  vek::LatchHold hold(vek::Access::subject(*this), file, line);
+  SqloLatchTable* table = vek::t_latchTable;
+  const std::uint32_t flags = vek::Access::latchFlags(*this);
+  const std::uint32_t index = vek::latchPublishShortly(table, this, flags, vek::MARK_EXCLUSIVE, file, line);
+  if (index == vek::LATCH_NO_MARK) [[unlikely]]
+    return vek::captureLong(*this, file, line);
   if (!vek::take(*this)) [[unlikely]]
-    return vek::captureConflict(*this, hold, file, line);
-  hold.granted(this, file, line);
+    return vek::conflict(*this, vek::LatchHold(table, index, vek::Access::subject(*this)), file, line);
+  vek::latchCount(*table, this, flags, file, line);
   return 0;
 }
 
@@ -99,7 +113,7 @@ SqlzZrc SqloSpinLatch::tryCaptureLatch(const char* file, std::uint32_t line) noe
     hold.cancelled();
     return SQLO_NOTAVAIL;
   }
-  hold.granted(this, file, line);
+  hold.granted(file, line);
   return 0;
 }
 
@@ -108,10 +122,9 @@ void SqloSpinLatch::releaseLatch() noexcept {
   if (!isHeld()) [[unlikely]]
     sqloPanic(SQLO_LATCH_NOT_HELD, "A spin latch that nobody holds is released", this);
   vek::Access::held(*this).store(0, std::memory_order_release);
-  vek::LatchHold::released(this, typeId);
+  vek::latchReleased(this, typeId);
 }
 
 SqlzZrc sqloSpinLockConflict(SqloSpinLatch* latch) noexcept {
-  vek::LatchHold hold(vek::Access::subject(*latch), nullptr, 0);
-  return vek::captureConflict(*latch, hold, nullptr, 0);
+  return vek::conflict(*latch, vek::LatchHold(vek::Access::subject(*latch), nullptr, 0), nullptr, 0);
 }
