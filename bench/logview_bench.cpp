@@ -83,8 +83,8 @@ bool makeLog(const std::string& path, std::string records, std::uint64_t bytes) 
     for (std::size_t i = 0; i < places.size(); ++i) {
       const std::size_t end = i + 1 < places.size() ? places[i + 1] - 2 : records.size();
       char identifier[kIdentifierColumns + 1];
-      const int length = std::snprintf(identifier, sizeof identifier, "I%lluH%zu",
-                                       static_cast<unsigned long long>(written + places[i]), end - places[i]);
+      const unsigned long long offset = written + places[i];
+      const int length = std::snprintf(identifier, sizeof identifier, "I%lluH%zu", offset, end - places[i]);
       std::memset(records.data() + places[i] + kStampColumns, ' ', kIdentifierColumns);
       std::memcpy(records.data() + places[i] + kStampColumns, identifier, static_cast<std::size_t>(length));
     }

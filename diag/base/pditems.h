@@ -24,14 +24,14 @@ void pdPenHexDump(PdPen& pen, const void* data, std::size_t size, bool withChara
 
 // Whether a line begins like a section of a record: a label of eight capitals, digits, blanks and '#', a colon, a
 // blank.
-bool pdOpensSection(std::string_view line) noexcept;
+bool pdOpensSection(std::string_view text) noexcept;
 
 // How many lines of a text do.
 std::size_t pdCountSections(std::string_view text) noexcept;
 
 // To be called before a line of a foreign text is written: at the beginning of a line of the record, one that looks
 // like the beginning of a section gets a blank in front, so that no reader takes it for one.
-void pdPenShield(PdPen& pen, std::string_view line) noexcept;
+void pdPenShield(PdPen& pen, std::string_view text) noexcept;
 
 // Writes text of any bytes so that it stays text, and text of its section: line ends become CR LF, control characters
 // other than the tabulator '.', and lines that look like the beginning of a section are shielded.

@@ -22,6 +22,8 @@ constexpr std::uint32_t kHighestLevel = 0x7FFFFFFEU;
 constinit std::uint32_t g_unattachedWord = kUnattached;
 constinit std::uint32_t g_ownWord = 0;  // of a process that has no region, not even one of its own
 
+std::int32_t configuredLevel() noexcept { return __atomic_load_n(&vekInstanceControl()->DIAGLEVEL, __ATOMIC_RELAXED); }
+
 SqlzZrc writeFormatted(PdLogCall& call, const char* format, std::va_list* arguments) noexcept {
   call.format = format;
   call.arguments = arguments;
@@ -40,6 +42,11 @@ void writeToStandardError(const PortEvent& event) noexcept {
 }  // namespace
 
 constinit std::atomic<std::uint32_t*> g_logLevelWord{&g_unattachedWord};
+
+bool pdi_isFiltered(std::uint32_t level) noexcept {
+  const std::uint32_t word = pdi_levelWord();
+  return std::int64_t{level} > (word == 0 ? std::int64_t{configuredLevel()} : static_cast<std::int64_t>(word) - 1);
+}
 
 void pdi_attachLog() noexcept {
   if (g_logLevelWord.load(std::memory_order_acquire) != &g_unattachedWord) return;
@@ -100,5 +107,5 @@ SqlzZrc pdSetDiagLevel(std::int32_t level) noexcept {
 std::int32_t pdGetDiagLevel() noexcept {
   vek::pdi_attachLog();
   const std::uint32_t word = vek::pdi_levelWord();
-  return word == 0 ? vek::pdi_configuredLevel() : static_cast<std::int32_t>(word - 1);
+  return word == 0 ? vek::configuredLevel() : static_cast<std::int32_t>(word - 1);
 }

@@ -18,27 +18,21 @@ inline std::uint32_t pdi_levelWord() noexcept {
   return __atomic_load_n(g_logLevelWord.load(std::memory_order_relaxed), __ATOMIC_RELAXED);
 }
 
-inline std::int32_t pdi_configuredLevel() noexcept {
-  const VekInstanceControl* control = g_hostControl.load(std::memory_order_acquire);
-  if (control == nullptr) [[unlikely]]
-    control = vekInstanceControl();
-  return __atomic_load_n(&control->DIAGLEVEL, __ATOMIC_RELAXED);
-}
-
 // True when the level of the log keeps records of this level out. Numbers as they stand: a level above the threshold is
 // kept out. A threshold below 0 keeps everything out.
-inline bool pdi_isFiltered(std::uint32_t level) noexcept {
-  const std::uint32_t word = pdi_levelWord();
-  if (word == 0) [[likely]]
-    return std::int64_t{level} > pdi_configuredLevel();
-  return std::int64_t{level} > static_cast<std::int64_t>(word) - 1;
-}
+bool pdi_isFiltered(std::uint32_t level) noexcept;
 
 // True when a call is over before it has begun: its level is filtered, and its flags name neither the notification log
-// nor the trace nor a facility.
+// nor the trace nor a facility. False where finding out takes a call-back of the host: the call goes on, and is
+// filtered by pdi_isFiltered then. So nothing is called here, and callers need not keep anything for it.
 inline bool pdi_isOver(std::uint64_t flags, std::uint32_t level) noexcept {
   constexpr std::uint64_t kElsewhere = PD_LOG_NOTIFY_MASK | PD_LOG_FACILITY_MASK | PD_LOG_TRACE;
-  return (flags & kElsewhere) == 0 && pdi_isFiltered(level);
+  if ((flags & kElsewhere) != 0) [[unlikely]]
+    return false;
+  if (const std::uint32_t word = pdi_levelWord(); word != 0) [[unlikely]]
+    return std::int64_t{level} > static_cast<std::int64_t>(word) - 1;
+  const VekInstanceControl* control = g_hostControl.load(std::memory_order_acquire);
+  return control != nullptr && std::int64_t{level} > __atomic_load_n(&control->DIAGLEVEL, __ATOMIC_RELAXED);
 }
 
 }  // namespace vek
