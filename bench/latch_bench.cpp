@@ -325,8 +325,9 @@ void comparePrivateWork(bench::Table& table, std::uint32_t steps, unsigned runs)
   for (std::size_t peer = kOursCount; peer < g_lockCount; ++peer)
     if (bench::spreadOf(cost[peer]).median < bench::spreadOf(cost[best]).median) best = peer;
   char title[120];
-  std::snprintf(title, sizeof title, "Two threads, %.0f ns of work of their own between turns: the time beyond it",
-                bench::spreadOf(alone).median);
+  (void)std::snprintf(title, sizeof title,
+                      "Two threads, %.0f ns of work of their own between turns: the time beyond it",
+                      bench::spreadOf(alone).median);
   table.title(title);
   for (std::size_t peer = kOursCount; peer < g_lockCount; ++peer)
     table.row({.what = g_locks[peer].name, .unit = "ns", .ours = {}, .peer = cost[peer]});

@@ -19,11 +19,12 @@
 //   X      exclusive   -
 class VEK_EXPORT sqloSXULatch {
  public:
+  // The modes of a hold.
   enum Mode : std::uint32_t { S = 1, X = 2, U = 3 };
 
   constexpr sqloSXULatch() noexcept = default;
 
-  // As SQLO_SLATCH_CAS32::init and ::term, for both inner latches. When init fails neither is left behind.
+  // As init and term of SQLO_SLATCH_CAS32, for both inner latches. When init fails neither is left behind.
   SqlzZrc init(std::uint16_t typeId, std::uint16_t flags) noexcept;
   void term() noexcept;
 
@@ -66,10 +67,12 @@ class VEK_EXPORT SQLO_XLONG_LATCH {
   // Gives the semaphore back. The latch must be free.
   void termLatch() noexcept;
 
+  // Waits for the latch; answers at once; gives it back.
   SqlzZrc get(const char* file, std::uint32_t line) noexcept;
   SqlzZrc tryGet(const char* file, std::uint32_t line) noexcept;
   void release() noexcept;
 
+  // The inner latch as text, as that of SQLO_SLATCH_CAS32.
   std::size_t toString(char* buffer, std::size_t size) const noexcept;
 
  private:

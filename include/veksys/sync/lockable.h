@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <system_error>
 
 #include "veksys/codes.h"
@@ -20,86 +21,63 @@
 #include "veksys/sync/composite_latch.h"
 #include "veksys/sync/latch.h"
 
-// How a kind of latch is locked: for each kind the members that the adaptor is made of. A kind without shared ones is
-// Lockable only.
+// How a kind of latch is locked: what the adaptor calls, with the latch as the first argument. A kind without shared
+// calls is Lockable only.
 template <class Latch>
 struct SqloLatchModes;
 
 // One byte, exclusive.
 template <>
 struct SqloLatchModes<SqloSpinLatch> {
-  using Latch = SqloSpinLatch;
-  static SqlzZrc get(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.captureLatch(file, line);
-  }
-  static SqlzZrc tryGet(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.tryCaptureLatch(file, line);
-  }
-  static void release(Latch& latch) noexcept { latch.releaseLatch(); }
+  static constexpr auto get = &SqloSpinLatch::captureLatch;
+  static constexpr auto tryGet = &SqloSpinLatch::tryCaptureLatch;
+  static constexpr auto release = &SqloSpinLatch::releaseLatch;
 };
 
 // Shared and exclusive.
 template <>
 struct SqloLatchModes<SQLO_SLATCH_CAS32> {
-  using Latch = SQLO_SLATCH_CAS32;
-  static SqlzZrc get(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.getExclusive(file, line);
-  }
-  static SqlzZrc tryGet(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.tryGetExclusive(file, line);
-  }
-  static void release(Latch& latch) noexcept { latch.release(); }
-  static SqlzZrc getShared(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.getShared(file, line);
-  }
-  static SqlzZrc tryGetShared(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.tryGetShared(file, line);
-  }
-  static void releaseShared(Latch& latch) noexcept { latch.release(); }
+  static constexpr auto get = &SQLO_SLATCH_CAS32::getExclusive;
+  static constexpr auto tryGet = &SQLO_SLATCH_CAS32::tryGetExclusive;
+  static constexpr auto release = &SQLO_SLATCH_CAS32::release;
+  static constexpr auto getShared = &SQLO_SLATCH_CAS32::getShared;
+  static constexpr auto tryGetShared = &SQLO_SLATCH_CAS32::tryGetShared;
+  static constexpr auto releaseShared = &SQLO_SLATCH_CAS32::release;
 };
 
 // For long, exclusive.
 template <>
 struct SqloLatchModes<SQLO_XLONG_LATCH> {
-  using Latch = SQLO_XLONG_LATCH;
-  static SqlzZrc get(Latch& latch, const char* file, std::uint32_t line) noexcept { return latch.get(file, line); }
-  static SqlzZrc tryGet(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.tryGet(file, line);
-  }
-  static void release(Latch& latch) noexcept { latch.release(); }
+  static constexpr auto get = &SQLO_XLONG_LATCH::get;
+  static constexpr auto tryGet = &SQLO_XLONG_LATCH::tryGet;
+  static constexpr auto release = &SQLO_XLONG_LATCH::release;
+};
+
+// One mode of the S/X/U latch.
+template <sqloSXULatch::Mode mode>
+struct SqloSXUMode {
+  static constexpr auto get = [](sqloSXULatch& latch, const char* file, std::uint32_t line) noexcept {
+    return latch.get(mode, file, line);
+  };
+  static constexpr auto tryGet = [](sqloSXULatch& latch, const char* file, std::uint32_t line) noexcept {
+    return latch.tryGet(mode, file, line);
+  };
+  static constexpr auto release = [](sqloSXULatch& latch) noexcept { latch.release(mode); };
 };
 
 // X is the exclusive mode and S the shared one. A hold that is converted meanwhile must be converted back before its
 // guard ends.
 template <>
-struct SqloLatchModes<sqloSXULatch> {
-  using Latch = sqloSXULatch;
-  static SqlzZrc get(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.get(Latch::X, file, line);
-  }
-  static SqlzZrc tryGet(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.tryGet(Latch::X, file, line);
-  }
-  static void release(Latch& latch) noexcept { latch.release(Latch::X); }
-  static SqlzZrc getShared(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.get(Latch::S, file, line);
-  }
-  static SqlzZrc tryGetShared(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.tryGet(Latch::S, file, line);
-  }
-  static void releaseShared(Latch& latch) noexcept { latch.release(Latch::S); }
+struct SqloLatchModes<sqloSXULatch> : SqloSXUMode<sqloSXULatch::X> {
+  static constexpr auto getShared = SqloSXUMode<sqloSXULatch::S>::get;
+  static constexpr auto tryGetShared = SqloSXUMode<sqloSXULatch::S>::tryGet;
+  static constexpr auto releaseShared = SqloSXUMode<sqloSXULatch::S>::release;
 };
 
-// The mode U of the S/X/U latch, as a Lockable.
-struct SqloUMode {
-  using Latch = sqloSXULatch;
-  static SqlzZrc get(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.get(Latch::U, file, line);
-  }
-  static SqlzZrc tryGet(Latch& latch, const char* file, std::uint32_t line) noexcept {
-    return latch.tryGet(Latch::U, file, line);
-  }
-  static void release(Latch& latch) noexcept { latch.release(Latch::U); }
+// Modes with shared calls.
+template <class Modes>
+concept SqloSharedModes = requires {
+  Modes::getShared;
 };
 
 // The adaptor: Lockable, and SharedLockable where the latch has a shared mode.
@@ -112,17 +90,18 @@ class SqloLockable {
       : latch_(&latch), file_(file), line_(line) {}
 
   // Exclusively: waits, tries, gives back.
-  void lock() { mustBeHeld(Modes::get(*latch_, file_, line_)); }
-  bool try_lock() { return isHeld(Modes::tryGet(*latch_, file_, line_)); }
-  void unlock() noexcept { Modes::release(*latch_); }
+  void lock() { mustBeHeld(std::invoke(Modes::get, *latch_, file_, line_)); }
+  bool try_lock() { return isHeld(std::invoke(Modes::tryGet, *latch_, file_, line_)); }
+  void unlock() noexcept { std::invoke(Modes::release, *latch_); }
 
   // Shared: waits, tries, gives back.
-  void lock_shared() requires requires { &Modes::getShared; }
-  { mustBeHeld(Modes::getShared(*latch_, file_, line_)); }
-  bool try_lock_shared() requires requires { &Modes::getShared; }
-  { return isHeld(Modes::tryGetShared(*latch_, file_, line_)); }
-  void unlock_shared() noexcept requires requires { &Modes::getShared; }
-  { Modes::releaseShared(*latch_); }
+  void lock_shared() requires SqloSharedModes<Modes> {
+    mustBeHeld(std::invoke(Modes::getShared, *latch_, file_, line_));
+  }
+  bool try_lock_shared() requires SqloSharedModes<Modes> {
+    return isHeld(std::invoke(Modes::tryGetShared, *latch_, file_, line_));
+  }
+  void unlock_shared() noexcept requires SqloSharedModes<Modes> { std::invoke(Modes::releaseShared, *latch_); }
 
  private:
   static void mustBeHeld(SqlzZrc zrc) {
@@ -139,4 +118,4 @@ class SqloLockable {
 };
 
 // The adaptor for the mode U.
-using SqloULockable = SqloLockable<sqloSXULatch, SqloUMode>;
+using SqloULockable = SqloLockable<sqloSXULatch, SqloSXUMode<sqloSXULatch::U>>;
