@@ -8,6 +8,8 @@
 // "chrono-Compatible Low-Level Date Algorithms".
 #include "values/sqlv_date.h"
 
+#include <bit>
+
 namespace vek {
 namespace {
 
@@ -16,11 +18,16 @@ constexpr std::uint32_t kDaysOfYear = 2939745;  // 2^32 / 1461, rounded up: 1461
 constexpr std::uint32_t kMarchToJanuary = 306;  // days
 constexpr std::size_t kDaysOfLeapYear = 366;
 
-// The bytes of a date at their places in a little-endian word; one object, so that one address serves all.
+// A byte of a date at its place in a word of the memory's order.
+constexpr std::uint32_t at(unsigned place, std::uint8_t byte) noexcept {
+  return std::uint32_t{byte} << 8U * (std::endian::native == std::endian::little ? place : 3 - place);
+}
+
+// The bytes of a date at their places; one object, so that one address serves all.
 struct DateWords {
   std::array<std::uint32_t, kDaysOfLeapYear> monthAndDay;  // of the days of a year from March on
   std::array<std::uint32_t, 101> yearOfCentury;            // the first year of the next one included
-  std::array<std::uint8_t, 101> century;
+  std::array<std::uint32_t, 101> century;
 };
 
 constexpr DateWords kWords = [] {
@@ -29,12 +36,11 @@ constexpr DateWords kWords = [] {
   for (std::size_t i = 0; i < 12; ++i) {
     const std::size_t month = (i + 2) % 12 + 1;
     for (std::size_t day = 1; day <= kSqlvMonthDays[month]; ++day)
-      words.monthAndDay[index++] = std::uint32_t{kSqlvPackedByte[month]} << 16U | std::uint32_t{kSqlvPackedByte[day]}
-                                                                                      << 24U;
+      words.monthAndDay[index++] = at(2, kSqlvPackedByte[month]) | at(3, kSqlvPackedByte[day]);
   }
-  for (std::size_t i = 0; i < 101; ++i) {
-    words.century[i] = kSqlvPackedByte[i % 100];
-    words.yearOfCentury[i] = std::uint32_t{words.century[i]} << 8U;
+  for (std::size_t i = 0; i < words.century.size(); ++i) {
+    words.century[i] = at(0, kSqlvPackedByte[i % 100]);
+    words.yearOfCentury[i] = at(1, kSqlvPackedByte[i % 100]);
   }
   return words;
 }();

@@ -28,7 +28,7 @@ void putBuddhistYear(char* text, const std::uint8_t* date) noexcept {
 
 // ---- times ------------------------------------------------------------------------------------------------------
 
-// What stands between the parts of a time, and the two that have no separator alone.
+// The separator of a time's parts, or one of two marks.
 using TimeForm = char;
 constexpr TimeForm kNoTime = 0;
 constexpr TimeForm kMeridian = 'M';

@@ -156,8 +156,11 @@ TEST(Timestamp, ChronoTakesWhatItCanCountAndNothingElse) {
   EXPECT_EQ(sqlvTimestampFromChrono(std::chrono::sys_time<nanoseconds>(nanoseconds(-1)), 7, value), 0);
   EXPECT_EQ(writtenTimestamp(value, 7), "1969-12-31-23.59.59.9999999");
   for (const std::int64_t count : {INT64_MIN, INT64_MAX}) {
-    const std::chrono::local_time<std::chrono::seconds> moment{std::chrono::seconds(count)};
-    EXPECT_EQ(sqlvTimestampFromChrono(moment, 6, value), SQLRX_DATE_RANGE);
+    const std::chrono::local_time<std::chrono::seconds> second{std::chrono::seconds(count)};
+    __extension__ using WideDays = std::chrono::duration<__int128, std::ratio<86400>>;
+    const std::chrono::local_time<WideDays> farDay{WideDays(WideDays::rep{count} << 63U)};
+    EXPECT_EQ(sqlvTimestampFromChrono(second, 6, value), SQLRX_DATE_RANGE);
+    EXPECT_EQ(sqlvTimestampFromChrono(farDay, 6, value), SQLRX_DATE_RANGE);
   }
   EXPECT_EQ(sqlvDateFromChrono(year(2015) / 2 / 29, value), SQLRX_DATE_RANGE);
   EXPECT_EQ(sqlvTimeFromChrono(std::chrono::seconds(86401), value), SQLRX_TIME_VALUE);

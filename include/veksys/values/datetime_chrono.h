@@ -142,7 +142,10 @@ constexpr SqlzZrc sqlvTimestampFromChrono(const std::chrono::time_point<Clock, D
   using Unit = std::ratio_divide<typename Duration::period, std::pico>;
   static_assert(Unit::den == 1, "nothing finer than picoseconds");
   constexpr Wide kPicosOfDay = Wide{kSecondsOfDay} * kPicosOfSecond;
-  const Wide picos = Wide{from.time_since_epoch().count()} * Unit::num - Wide{kFirstDay} * kPicosOfDay;
+  constexpr Wide kFarthest = SQLV_DAY_MAX * kPicosOfDay / Unit::num + 1;  // more than any of the years from 1970
+  const Wide count = from.time_since_epoch().count();
+  if (count > kFarthest || count < -kFarthest) return SQLRX_DATE_RANGE;
+  const Wide picos = count * Unit::num - kFirstDay * kPicosOfDay;
   if (picos < 0 || picos >= SQLV_DAY_MAX * kPicosOfDay) return SQLRX_DATE_RANGE;
   const auto day = static_cast<std::int32_t>(picos / kPicosOfDay);
   const auto ofDay = static_cast<std::int64_t>(picos % kPicosOfDay);
