@@ -1,4 +1,5 @@
 // What is written for a territory, and what is refused when text is read.
+#include <algorithm>
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -101,7 +102,8 @@ template <class Read>
 void check(const Case& wanted, std::size_t bytes, Read read) {
   const GuardedPage page;
   for (std::size_t length = std::strlen(wanted.text) + 1; length-- > 0;) {
-    std::uint8_t* text = page.place({wanted.text, wanted.text + length}, true);
+    std::uint8_t* text = page.place(length, true);
+    std::copy_n(wanted.text, length, text);
     std::uint8_t target[SQLV_TIMESTAMP_BYTES_MAX + 1];
     std::memset(target, 0xEE, sizeof target);
     const SqlzZrc zrc = read(reinterpret_cast<const char*>(text), length, target);
