@@ -71,6 +71,20 @@ void loop(std::uint64_t count) {
 }
 [[gnu::noinline]] void chronoDayToDate(const Probe& probe) { bench::keep(chronoDate(probe.chronoDay)); }
 
+[[gnu::noinline]] void readTimestamp(const Probe& probe) {
+  std::uint8_t timestamp[SQLV_TIMESTAMP_BYTES_MAX];
+  sqlvstmp(probe.text.data(), sqlvTimestampText(SQLV_TIMESTAMP_SCALE), SQLV_TIMESTAMP_SCALE, timestamp);
+  bench::keep(timestamp);
+}
+[[gnu::noinline]] void scanTimestamp(const Probe& probe) {
+  unsigned parts[7];
+  // NOLINTNEXTLINE(cert-err34-c): the text is known to be right
+  std::sscanf(probe.text.data(), "%4u-%2u-%2u-%2u.%2u.%2u.%6u", &parts[0], &parts[1], &parts[2], &parts[3], &parts[4],
+              &parts[5], &parts[6]);
+  bench::keep(parts);
+}
+
+#if defined(VEKSYS_BENCH_FMT)
 [[gnu::noinline]] void timestampText(const Probe& probe) {
   char text[SQLV_TIMESTAMP_TEXT_MAX];
   sqlvputs(probe.timestamp.data(), SQLV_TIMESTAMP_SCALE, text);
@@ -86,20 +100,6 @@ void loop(std::uint64_t count) {
   sqlvputt(nullptr, SQLV_FORMAT_ISO, probe.timestamp.data() + SQLV_DATE_BYTES, text);
   bench::keep(text);
 }
-[[gnu::noinline]] void readTimestamp(const Probe& probe) {
-  std::uint8_t timestamp[SQLV_TIMESTAMP_BYTES_MAX];
-  sqlvstmp(probe.text.data(), sqlvTimestampText(SQLV_TIMESTAMP_SCALE), SQLV_TIMESTAMP_SCALE, timestamp);
-  bench::keep(timestamp);
-}
-[[gnu::noinline]] void scanTimestamp(const Probe& probe) {
-  unsigned parts[7];
-  // NOLINTNEXTLINE(cert-err34-c): the text is known to be right
-  std::sscanf(probe.text.data(), "%4u-%2u-%2u-%2u.%2u.%2u.%6u", &parts[0], &parts[1], &parts[2], &parts[3], &parts[4],
-              &parts[5], &parts[6]);
-  bench::keep(parts);
-}
-
-#if defined(VEKSYS_BENCH_FMT)
 [[gnu::noinline]] void fmtTimestampText(const Probe& probe) {
   char text[SQLV_TIMESTAMP_TEXT_MAX];
   const auto& [year, month, day, hour, minute, second, micros] = probe.parts;
