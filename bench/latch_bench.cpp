@@ -218,7 +218,8 @@ void takeTurn(const Lock& lock, bool isWriter) {
     lock.unlock();
   } else {
     lock.lockShared();
-    bench::keep(g_guarded);
+    const std::uint64_t seen = g_guarded;
+    bench::keep(seen);
     lock.unlockShared();
   }
 }
