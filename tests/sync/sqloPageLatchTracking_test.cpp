@@ -88,6 +88,28 @@ TEST(PageLatches, BeyondTheArrayAreCounted) {
   });
 }
 
+TEST(PageLatches, GoWithTheirThread) {
+  const Instance instance;
+  inProcess([] {
+    ::setenv("VEK_USE_PAGELATCH_TRACKING", "on", 1);
+    static int mappings = 0;
+    static const vek::OssCalls real = vek::ossCalls();
+    vek::ossCalls().mmap = [](void* address, std::size_t bytes, int protection, int flags, int fd, off_t offset) {
+      ++mappings;
+      return real.mmap(address, bytes, protection, flags, fd, offset);
+    };
+    vek::ossCalls().munmap = [](void* address, std::size_t bytes) {
+      --mappings;
+      return real.munmap(address, bytes);
+    };
+    const auto note = [] { sqlo_page_latch_latch_track_helper(g_pages.data(), 1); };
+    std::thread(note).join();
+    const int before = mappings;
+    for (int thread = 0; thread < 10; ++thread) std::thread(note).join();
+    EXPECT_EQ(mappings, before);
+  });
+}
+
 TEST(PageLatches, AreNotTrackedUnlessTheSettingSaysSo) {
   for (const char* value : {"", "NO", "OFF", "0", "yess"}) {
     const Instance instance;

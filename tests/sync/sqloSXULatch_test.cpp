@@ -1,10 +1,10 @@
-#include <array>
 #include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "diag/pdlog_support.h"
+#include "sync/latch_support.h"
 #include "veksys/latch_types.h"
 #include "veksys/sync.h"
 
@@ -153,6 +153,7 @@ TEST_P(SXULatches, KeepThreadsApart) {
         auto mode = kModes[seed / 65536 % 3];
         if (latch.get(mode, __FILE__, __LINE__) != 0) ++faults;
         enter(mode);
+        if (seed / 262144 % 4 == 0) std::this_thread::yield();
         if (mode != S && seed / 1048576 % 2 == 0) {
           const auto to = mode == U ? X : U;
           --holders[mode];
@@ -163,9 +164,7 @@ TEST_P(SXULatches, KeepThreadsApart) {
         latch.release(mode);
       }
     };
-    std::array<std::thread, 4> threads;
-    for (unsigned i = 0; i < threads.size(); ++i) threads[i] = std::thread(work, i + 1);
-    for (std::thread& thread : threads) thread.join();
+    vek::synctest::inThreads(4, work);
     EXPECT_EQ(faults, 0);
     EXPECT_EQ(tried(latch, X), 0);
   });
@@ -181,7 +180,7 @@ TEST(LongLatch, AdmitsOneAndWakesTheNext) {
     ASSERT_EQ(sqloxlatchinit_app(&latch, SQLO_LT_SQLO_XLONG_LATCH__m_applicationLatch__latch), 0);
     sqloxult_Post(&latch);
     long counter = 0;
-    const auto work = [&] {
+    const auto work = [&](unsigned) {
       for (int turn = 0; turn < 2000; ++turn) {
         ASSERT_EQ(latch.get(__FILE__, __LINE__), 0);
         ++counter;
@@ -189,9 +188,7 @@ TEST(LongLatch, AdmitsOneAndWakesTheNext) {
         latch.release();
       }
     };
-    std::array<std::thread, 3> threads;
-    for (std::thread& thread : threads) thread = std::thread(work);
-    for (std::thread& thread : threads) thread.join();
+    vek::synctest::inThreads(3, work);
     EXPECT_EQ(counter, 6000);
     ASSERT_EQ(latch.tryGet(__FILE__, __LINE__), 0);
     onAnotherThread([&] { EXPECT_EQ(latch.tryGet(__FILE__, __LINE__), SQLO_NOTAVAIL); });
