@@ -199,4 +199,29 @@ TEST(LongLatch, AdmitsOneAndWakesTheNext) {
   });
 }
 
+struct Together {
+  SQLO_XLONG_LATCH latch;
+  long counter = 0;
+};
+
+TEST(LongLatch, KeepsProcessesApart) {
+  const Instance instance;
+  const vek::platformtest::Shared<Together> together;
+  inProcess([&] {
+    constexpr auto kFlags = static_cast<std::uint16_t>(SQLO_LATCH_BETWEEN_PROCESSES | kType);
+    ASSERT_EQ(sqloxlatchinit_app(&together->latch, kFlags), 0);
+  });
+  const auto work = [&] {
+    for (int turn = 0; turn < 2000; ++turn) {
+      ASSERT_EQ(together->latch.get(__FILE__, __LINE__), 0);
+      ++together->counter;
+      together->latch.release();
+    }
+  };
+  pid_t processes[3];
+  for (pid_t& process : processes) process = vek::platformtest::start(work);
+  for (const pid_t process : processes) EXPECT_EQ(vek::platformtest::finish(process), 0);
+  EXPECT_EQ(together->counter, 6000);
+}
+
 }  // namespace
