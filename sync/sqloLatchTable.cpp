@@ -56,9 +56,10 @@ LatchHold::LatchHold(const LatchSubject& subject, const char* file, std::uint32_
     index_ = static_cast<std::uint32_t>(std::countr_one(table_->used));
     const std::uint64_t mode = subject.isExclusive ? MARK_EXCLUSIVE : 0;
     latchPublish(*table_, index_, subject.latch, subject.flags, mode, fileBits(*table_, file), line);
-    return;
+    if (table_->slot != nullptr) return;  // others see it
+  } else if (table_ != nullptr) {
+    ++table_->unlisted;
   }
-  if (table_ != nullptr) ++table_->unlisted;
   if (subject.isBetweenProcesses()) regionNoteUntracked();
 }
 

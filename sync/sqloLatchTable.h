@@ -164,6 +164,8 @@ inline std::uint32_t latchPublishShortly(SqloLatchTable* table, const void* latc
                                          std::uint64_t mode, const char* file, std::uint32_t line) noexcept {
   if (table == nullptr) [[unlikely]]
     return LATCH_NO_MARK;
+  if ((flags & SQLO_LATCH_BETWEEN_PROCESSES) != 0 && table->slot == nullptr) [[unlikely]]
+    return LATCH_NO_MARK;
   const std::uint64_t taken = table->used | table->closed;
   const SqloLatchTable::FileName& name = latchFileName(*table, file);
   if (~taken == 0 || name.file != file) [[unlikely]]

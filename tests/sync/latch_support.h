@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/region.h"
 #include "platform/support.h"
 #include "veksys/codes.h"
 #include "veksys/host.h"
@@ -15,6 +16,31 @@
 namespace vek::synctest {
 
 inline constexpr std::uint16_t kType = 77;
+
+// An instance whose latches between processes leave no semaphores behind, whatever became of its processes.
+class Instance : public platformtest::Instance {
+ public:
+  ~Instance() {
+    RegionHeader header = {};
+    if (std::FILE* file = std::fopen(region().c_str(), "rb"); file != nullptr) {
+      const bool whole = std::fread(static_cast<void*>(&header), sizeof header, 1, file) == 1;
+      (void)std::fclose(file);
+      if (whole) removeSemaphores(header);
+    }
+  }
+
+ private:
+  static void removeSemaphores(const RegionHeader& header) {
+    char stamp[32];
+    std::snprintf(stamp, sizeof stamp, ".%llx_", static_cast<unsigned long long>(header.createdRealtimeNs));
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
+      const std::string name = entry.path().filename().string();
+      std::error_code ignored;
+      if (name.starts_with("sem.VEKSEM") && name.find(stamp) != std::string::npos)
+        std::filesystem::remove(entry.path(), ignored);
+    }
+  }
+};
 
 // Runs `body(number)` in as many threads and waits for them.
 inline void inThreads(unsigned count, const std::function<void(unsigned)>& body) {

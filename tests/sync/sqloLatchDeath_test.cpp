@@ -2,6 +2,7 @@
 #include <sys/ptrace.h>
 
 #include <atomic>
+#include <fstream>
 #include <functional>
 
 #include "sync/latch_support.h"
@@ -65,10 +66,11 @@ class Victim {
     return instructions;
   }
 
-  // Lets it run until it has waited for a while, and stops it there.
+  // Lets it run until it sleeps on a semaphore, and stops it there; a stopped thread that held a latch of the library's
+  // own would be waited for like any other.
   void runUntilAsleep() {
     ::ptrace(PTRACE_CONT, process_, nullptr, nullptr);
-    ::usleep(3000);
+    while (!sleepsOnFutex()) ::usleep(200);
     ::kill(process_, SIGSTOP);
     int status = 0;
     ::waitpid(process_, &status, 0);
@@ -76,6 +78,12 @@ class Victim {
 
  private:
   static constexpr int kSkip = 77;
+
+  bool sleepsOnFutex() const {
+    std::ifstream in("/proc/" + std::to_string(process_) + "/syscall");
+    long number = -1;
+    return in >> number && number == SYS_futex;
+  }
 
   bool resume(__ptrace_request how) {
     int status = 0;
@@ -104,7 +112,7 @@ struct Scenario {
   const char* name;
   void (*before)(Latches&);  // in the survivor
   void (*victim)(Latches&);
-  void (*after)(Latches&);   // in the survivor, before it uses the latch
+  void (*after)(Latches&);  // in the survivor, before it uses the latch
 };
 
 void nothing(Latches&) {}
@@ -159,7 +167,7 @@ class LatchDeath : public ::testing::TestWithParam<std::uint16_t> {};
 TEST_P(LatchDeath, AtAnyInstruction) {
   const std::uint32_t seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  const platformtest::Instance instance;
+  const Instance instance;
   const platformtest::Shared<Latches> latches;
   const int result = platformtest::runInProcess([&] {
     initialise(*latches, GetParam());
@@ -177,7 +185,7 @@ TEST_P(LatchDeath, AtAnyInstruction) {
 
 // A waiter that is posted and killed before it has looked: its wake-up is lost, the others must get in all the same.
 TEST_P(LatchDeath, JustWoken) {
-  const platformtest::Instance instance;
+  const Instance instance;
   const platformtest::Shared<Latches> latches;
   const int result = platformtest::runInProcess([&] {
     initialise(*latches, GetParam());
@@ -203,13 +211,14 @@ INSTANTIATE_TEST_SUITE_P(Policies, LatchDeath, ::testing::Values(SQLO_LATCH_X_ST
 // Without a policy the process that finds the dead holder stops; with refusal it is told.
 TEST(LatchDeathPolicy, DecidesWhatBecomesOfIt) {
   for (const bool spin : {false, true}) {
-    const platformtest::Instance instance;
+    const Instance instance;
     const platformtest::Shared<Latches> latches;
     const platformtest::Shared<SqlzZrc> code;
     platformtest::inProcess([&] {
       initialise(*latches, kFair);
       EXPECT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REPAIR, nullptr, nullptr), SQLO_INV_PARM);
-      EXPECT_EQ(sqloSetLatchDeathPolicy(SQLO_LATCH_TYPE_COUNT, SQLO_LATCH_DEATH_PANIC, nullptr, nullptr), SQLO_INV_PARM);
+      EXPECT_EQ(sqloSetLatchDeathPolicy(SQLO_LATCH_TYPE_COUNT, SQLO_LATCH_DEATH_PANIC, nullptr, nullptr),
+                SQLO_INV_PARM);
       const pid_t holder = ::fork();
       if (holder == 0) {
         (void)(spin ? latches->spin.captureLatch("h", 1) : latches->word.getExclusive("h", 1));
@@ -230,7 +239,7 @@ TEST(LatchDeathPolicy, DecidesWhatBecomesOfIt) {
 
 // A thread that ends with a private latch held is as gone as a process, for the threads of its own.
 TEST(LatchDeathPolicy, HoldsForThreadsToo) {
-  const platformtest::Instance instance;
+  const Instance instance;
   const platformtest::Shared<Latches> latches;
   platformtest::inProcess([&] {
     Latches own;
@@ -266,14 +275,13 @@ void workUntilKilled(Latches& latches, std::uint32_t seed) {
 TEST(LatchStress, ProcessesAreKilledAtRandom) {
   const std::uint32_t seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  const platformtest::Instance instance;
+  const Instance instance;
   const platformtest::Shared<Latches> latches;
   platformtest::inProcess([&] {
     initialise(*latches, kFair);
     Dice dice(seed);
     pid_t workers[4] = {};
-    for (unsigned i = 0; i < 4; ++i)
-      workers[i] = platformtest::start([&] { workUntilKilled(*latches, seed + i); });
+    for (unsigned i = 0; i < 4; ++i) workers[i] = platformtest::start([&] { workUntilKilled(*latches, seed + i); });
     for (unsigned round = 0; round < 60; ++round) {
       ::usleep(5000 + dice(20'000));
       pid_t& worker = workers[dice(4)];

@@ -1,0 +1,152 @@
+// What is noted of a thread's latches, what is said of those it leaves held, and the debug checks.
+#include <cstring>
+
+#include "diag/pdlog_support.h"
+#include "sync/latch_support.h"
+
+namespace vek::synctest {
+namespace {
+
+using logtest::countOf;
+using logtest::recordsOf;
+
+std::vector<std::string> records(const logtest::Log& log) { return recordsOf(logtest::readFile(log.path())); }
+
+TEST(LatchTable, CountsHoldsByType) {
+  const logtest::Log log;
+  platformtest::inProcess([] {
+    SqloSpinLatch first;
+    SqloSpinLatch second;
+    first.init(kType);
+    second.init(kType);
+    EXPECT_EQ(sqloCurrentLatchTable(), nullptr);
+    EXPECT_EQ(first.captureLatch("a.cpp", 11), 0);
+    EXPECT_EQ(second.captureLatch("b.cpp", 22), 0);
+    const char* file = nullptr;
+    std::uint32_t line = 0;
+    const void* latch = nullptr;
+    EXPECT_EQ(sqloLatchHoldCount(kType, &file, &line, &latch), 2U);
+    EXPECT_STREQ(file, "b.cpp");
+    EXPECT_EQ(line, 22U);
+    EXPECT_EQ(latch, &second);
+    first.releaseLatch();  // not the newest
+    EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 1U);
+    EXPECT_EQ(second.tryCaptureLatch("c.cpp", 33), SQLO_NOTAVAIL);
+    EXPECT_EQ(sqloLatchHoldCount(kType, &file, nullptr, nullptr), 1U);
+    EXPECT_STREQ(file, "b.cpp") << "a capture that failed is no capture";
+    sqloxult_new_track_helper(&second, kType);
+    EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 0U);
+    EXPECT_EQ(sqloLatchHoldCount(SQLO_LATCH_TYPE_COUNT, nullptr, nullptr, nullptr), 0U);
+  });
+}
+
+// More latches than the list has room for: all are taken and given back, the counts stay right.
+TEST(LatchTable, TakesMoreLatchesThanItLists) {
+  const logtest::Log log;
+  platformtest::inProcess([] {
+    SQLO_SLATCH_CAS32 latches[100];
+    for (auto& latch : latches) {
+      ASSERT_EQ(latch.init(kType, 0), 0);
+      ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
+    }
+    EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 100U);
+    std::size_t listed = 0;
+    EXPECT_EQ(sqloListLatches(nullptr, 0, &listed), 0);
+    EXPECT_EQ(listed, 64U);
+    for (auto& latch : latches) latch.release();
+    EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 0U);
+    EXPECT_EQ(sqloListLatches(nullptr, 0, &listed), 0);
+    EXPECT_EQ(listed, 0U);
+  });
+}
+
+TEST(LatchTable, WhatAThreadLeavesHeldIsReported) {
+  const logtest::Log log;
+  platformtest::inProcess([] {
+    SQLO_SLATCH_CAS32 latch;
+    ASSERT_EQ(latch.init(1, 0), 0);
+    inThreads(1, [&](unsigned) {
+      EXPECT_EQ(latch.getExclusive("leak.cpp", 4711), 0);
+      EXPECT_EQ(latch.convert(SQLO_LATCH_SHARED, "leak.cpp", 4712), 0);
+      EXPECT_EQ(latch.getShared("leak.cpp", 4713), 0);
+    });
+    sqloCheckLatchTable(nullptr);
+  });
+  const auto written = records(log);
+  EXPECT_EQ(countOf(written, "Latch leaked on EDU termination: File leak.cpp : Line 4713 (Identity: 1) HoldCount: 2"),
+            1U);
+  EXPECT_EQ(countOf(written, "Latch still held: "), 2U);
+  EXPECT_EQ(countOf(written, "shared, captured in leak.cpp line 4711"), 1U);
+}
+
+// Everything that hangs on the debug setting, in a process that has it.
+TEST(LatchDebug, FindsWhatCanBlockForGood) {
+  const logtest::Log log;
+  ::setenv("VEK_LATCH_DEBUG", "on", 1);
+  platformtest::inProcess([] {
+    SqloSpinLatch a;
+    SqloSpinLatch b;
+    SqloSpinLatch c;
+    a.init(11);
+    b.init(12);
+    c.init(13);
+    const auto nest = [](SqloSpinLatch& outer, SqloSpinLatch& inner, std::uint32_t line) {
+      EXPECT_EQ(outer.captureLatch("order.cpp", line), 0);
+      EXPECT_EQ(inner.captureLatch("order.cpp", line + 1), 0);
+      inner.releaseLatch();
+      outer.releaseLatch();
+    };
+    for (int i = 0; i < 3; ++i) nest(a, b, 100), nest(b, c, 200), nest(a, c, 300);  // an order
+    nest(c, a, 400);                                                                // is broken, by way of b or not
+    nest(c, a, 500);
+    nest(b, a, 600);
+  });
+  // What blocks the thread for good is written before it does.
+  const pid_t again = platformtest::start([] {
+    SqloSpinLatch latch;
+    EXPECT_EQ(latch.captureLatch("again.cpp", 1), 0);
+    ::alarm(1);
+    (void)latch.captureLatch("again.cpp", 2);
+  });
+  const pid_t behind = platformtest::start([] {
+    SQLO_SLATCH_CAS32 fair;
+    ASSERT_EQ(fair.init(14, SQLO_LATCH_NO_X_STARVATION), 0);
+    EXPECT_EQ(fair.getShared("self.cpp", 1), 0);
+    std::thread writer([&] { (void)fair.getExclusive("self.cpp", 2); });
+    while ((fair.state() & SQLO_SLATCH_WAITER_X) == 0) std::this_thread::yield();
+    EXPECT_EQ(fair.tryGetShared("self.cpp", 3), SQLO_NOTAVAIL);  // that blocks nobody
+    ::alarm(1);
+    (void)fair.getShared("self.cpp", 4);
+  });
+  EXPECT_EQ(platformtest::finish(again), -SIGALRM);
+  EXPECT_EQ(platformtest::finish(behind), -SIGALRM);
+  ::unsetenv("VEK_LATCH_DEBUG");
+  const auto written = records(log);
+  EXPECT_EQ(countOf(written, "Latches are captured in orders that can block each other for good:"), 2U);
+  EXPECT_EQ(countOf(written, "order.cpp line 401, inside what order.cpp line 400 captured"), 1U);
+  EXPECT_EQ(countOf(written, "order.cpp line 301, inside what order.cpp line 300 captured"), 1U);
+  EXPECT_EQ(countOf(written, "order.cpp line 601, inside what order.cpp line 600 captured"), 1U);
+  EXPECT_EQ(countOf(written, "A thread waits for a latch that it holds itself"), 1U);
+  EXPECT_EQ(countOf(written, "captured in again.cpp line 1, asked for in again.cpp line 2"), 1U);
+  EXPECT_EQ(countOf(written, "asks to share it again"), 1U);
+  EXPECT_EQ(countOf(written, "captured in self.cpp line 1, asked for in self.cpp line 4"), 1U);
+}
+
+TEST(LatchTuning, SaysWhatItDoesNotUnderstand) {
+  const logtest::Log log;
+  ::setenv("VEK_LATCH_TUNE", "XLOOP=80, 12.SLOOP=7 ENABLE_ADAPTIVE_SLEEP,OUTER=x,NONSENSE=1,SLEEP_MIN", 1);
+  ::setenv("VEKSPINLATCHES", "sometimes", 1);
+  platformtest::inProcess([] { EXPECT_EQ(sqloInitializeLatchTuningInfo(), SQLO_INV_PARM); });
+  ::setenv("VEK_LATCH_TUNE", "sloop=1,XLOOP=1000000;12.WASTE=0", 1);
+  ::setenv("VEKSPINLATCHES", "no", 1);
+  platformtest::inProcess([] { EXPECT_EQ(sqloInitializeLatchTuningInfo(), 0); });
+  ::unsetenv("VEK_LATCH_TUNE");
+  ::unsetenv("VEKSPINLATCHES");
+  const auto written = records(log);
+  for (const char* word : {"\"OUTER=x\"", "\"NONSENSE=1\"", "\"SLEEP_MIN\"", "VEKSPINLATCHES: \"sometimes\""})
+    EXPECT_EQ(countOf(written, word), 1U) << word;
+  EXPECT_EQ(countOf(written, "is not understood"), 4U);
+}
+
+}  // namespace
+}  // namespace vek::synctest
