@@ -219,8 +219,10 @@ void ossSleepUs(unsigned microseconds) noexcept { sleepFor(microseconds / 1'000'
 void ossYield() noexcept { ::sched_yield(); }
 
 unsigned ossProcessors() noexcept {
+  // Of the process's first thread: the calling one may be bound to a single processor, which says nothing of the
+  // others.
   cpu_set_t usable;
-  if (::sched_getaffinity(0, sizeof usable, &usable) != 0) return 1;
+  if (::sched_getaffinity(::getpid(), sizeof usable, &usable) != 0) return 1;
   return static_cast<unsigned>(std::max(CPU_COUNT(&usable), 1));
 }
 
