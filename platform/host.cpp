@@ -28,6 +28,7 @@ constexpr VekInstanceControl kDefaultControl = {
     .ALT_DIAGPATH = {},
     .CF_DIAGPATH = {},
     .DIAGSIZE = 0,
+    .MEMBERS_ON_HOST = 0,
 };
 
 constinit VekHost g_host = {};

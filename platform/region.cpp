@@ -44,6 +44,7 @@ constexpr SectionPlan kPlan[] = {
     {RegionSectionId::kThreads, 1, sizeof(RegionThread) * REGION_THREAD_SLOTS},
     {RegionSectionId::kNames, 1, sizeof(RegionNames)},
     {RegionSectionId::kSemaphores, 1, REGION_SEMAPHORE_BYTES},
+    {RegionSectionId::kMemoryController, 1, REGION_MEMORY_CONTROLLER_BYTES},
     {RegionSectionId::kThreadPages, 1, std::uint64_t{REGION_THREAD_PAGE_BYTES} * REGION_THREAD_SLOTS},
 };
 
@@ -290,8 +291,10 @@ void freeThreadsOf(std::uint32_t slot) noexcept {
   }
 }
 
-// Nobody else lives here: what dead processes left pinned stands for nothing any more.
+// Nobody else lives here: what dead processes left pinned stands for nothing any more, and no memory is
+// granted to anybody.
 void beginRun() noexcept {
+  std::memset(sectionOf<char>(RegionSectionId::kMemoryController), 0, REGION_MEMORY_CONTROLLER_BYTES);
   auto* threads = sectionOf<RegionThread>(RegionSectionId::kThreads);
   for (std::uint32_t i = 0; i < REGION_THREAD_SLOTS; ++i) {
     threads[i].pins.store(0, std::memory_order_relaxed);

@@ -192,7 +192,7 @@ std::uint64_t leastLimit(const char* root, std::string_view group, const char* f
   }
 }
 
-void readMemoryLimit(SystemFacts* out, Text* text) noexcept {
+std::uint64_t readMemoryLimit(Text* text) noexcept {
   char group[512] = "";
   const std::string_view groups = readText("/proc/self/cgroup", text);
   const std::size_t own = groups.find("0::");
@@ -200,8 +200,8 @@ void readMemoryLimit(SystemFacts* out, Text* text) noexcept {
     const std::string_view rest = groups.substr(own + 3);
     copyView(group, sizeof group, rest.substr(0, rest.find('\n')));
   }
-  out->memoryLimitBytes = std::min(leastLimit("/sys/fs/cgroup", group, "memory.max", text),
-                                   groupLimit("/sys/fs/cgroup/memory", "", "memory.limit_in_bytes", text));
+  return std::min(leastLimit("/sys/fs/cgroup", group, "memory.max", text),
+                  groupLimit("/sys/fs/cgroup/memory", "", "memory.limit_in_bytes", text));
 }
 
 struct LimitRow {
@@ -238,8 +238,17 @@ void ossSystemFacts(SystemFacts* out) noexcept {
   readTopology(out, &text);
   readCaches(out, &text);
   readMemory(out, &text);
-  readMemoryLimit(out, &text);
+  out->memoryLimitBytes = readMemoryLimit(&text);
   readLimits(out);
+}
+
+bool ossMemoryFacts(MemoryFacts* out) noexcept {
+  Text text;
+  const std::string_view info = readText("/proc/meminfo", &text);
+  out->memoryBytes = numberOf(valueOf(info, "MemTotal")) * kKibibyte;
+  out->availableBytes = numberOf(valueOf(info, "MemAvailable")) * kKibibyte;
+  out->limitBytes = readMemoryLimit(&text);
+  return out->memoryBytes != 0;
 }
 
 }  // namespace vek

@@ -26,10 +26,10 @@ inline constexpr std::size_t SYSTEM_FACTS_LIMITS = 8;
 // Texts that are not known are empty, numbers 0.
 struct SystemFacts {
   char host[256];
-  char system[128];  // name, release and version of the kernel
-  char machine[64];  // "x86_64"
+  char system[128];      // name, release and version of the kernel
+  char machine[64];      // "x86_64"
   char libcVersion[64];  // of the C library: "glibc 2.36"
-  char boot[37];     // identifier of this boot
+  char boot[37];         // identifier of this boot
   char processor[128];
   char features[4096];  // of the processor, as the kernel names them
   std::uint32_t processorsOnline;
@@ -50,5 +50,16 @@ struct SystemFacts {
 // Asks the kernel for all of them. Takes no lock and allocates nothing, but reads a dozen small files; what cannot be
 // read stays unknown.
 void ossSystemFacts(SystemFacts* out) noexcept;
+
+// The memory of the machine, and what of it this process may use.
+struct MemoryFacts {
+  std::uint64_t memoryBytes;
+  std::uint64_t availableBytes;  // without swapping
+  std::uint64_t limitBytes;      // of the control group; SYSTEM_FACTS_UNLIMITED: none
+};
+
+// Asks the kernel for them: three small files and those of the control groups. False: the machine's memory is not
+// known.
+bool ossMemoryFacts(MemoryFacts* out) noexcept;
 
 }  // namespace vek

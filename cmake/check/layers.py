@@ -15,13 +15,14 @@ FLOORS = {
     "platform": [],
     "diag/base": ["platform"],
     "sync": ["platform", "diag/base"],
+    "memory": ["platform", "diag/base", "sync"],
     "values": ["platform", "diag/base", "sync"],
-    "compose": ["platform", "diag/base", "sync", "values"],
+    "compose": ["platform", "diag/base", "sync", "memory", "values"],
     "tools": [],
     "examples": [],
     "cmake/gen": [],
-    "tests": ["platform", "diag/base", "sync", "values", "compose", "tools", "examples", "fuzz"],
-    "bench": ["platform", "diag/base", "sync", "values"],
+    "tests": ["platform", "diag/base", "sync", "memory", "values", "compose", "tools", "examples", "fuzz"],
+    "bench": ["platform", "diag/base", "sync", "memory", "values"],
     "fuzz": ["platform", "diag/base", "sync", "values", "tools"],
 }
 
@@ -48,6 +49,8 @@ def complaint(file, floor, bracket, name):
     if bracket == "<" and SYSTEM_HEADERS.fullmatch(name):
         return None if floor.startswith(OUTSIDE) else "system headers stand under platform/ only; platform/osse.h offers their services"
     if name.startswith("veksys/") or name in GENERATED:
+        return None
+    if bracket == "<" and "/" not in name:  # <memory> is the standard library's
         return None
     target = floor_of(name) or (floor if (file.parent / name).exists() else None)
     if target is None or target == floor or target in FLOORS[floor]:

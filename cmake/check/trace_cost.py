@@ -342,7 +342,7 @@ def traced_functions():
     for line in (ROOT / "platform/tables/functions.tsv").read_text().splitlines():
         if line and not line.startswith("#"):
             component, number, name = line.split("\t")[:3]
-            numbers[name] = 3 << 27 | int(component, 16) << 19 | int(number)
+            numbers[name.replace("::", "_")] = 3 << 27 | int(component, 16) << 19 | int(number)
     sources = [f for folder in ROOT.iterdir() if folder.name not in ("build", "tests", "bench", "fuzz", "include")
                if folder.is_dir() for f in folder.rglob("*.cpp")]
     names = {name for f in sources for name in re.findall(r"\bVekTrace<\s*(?:vek::)?FID_(\w+)\s*>", f.read_text())}

@@ -36,14 +36,15 @@ struct VekApplication {
 // The configuration parameters that reach this library through its host. Read-mostly; the host may change a level in
 // place at any time, texts only before other threads run.
 struct VekInstanceControl {
-  char instanceName[33];     // letters, digits, '_', '-', '.'; empty: VEKINSTANCE, else "default"
-  std::int16_t partition;    // number of this partition
-  std::int32_t DIAGLEVEL;    // records above this severity number are dropped; default 6 (none)
-  std::int32_t NOTIFYLEVEL;  // notify level of the administration log, 0..4; default 3
-  char DIAGPATH[512];        // empty: the default directory of the instance
-  char ALT_DIAGPATH[512];    // empty: none
-  char CF_DIAGPATH[512];     // empty: as DIAGPATH
-  std::uint32_t DIAGSIZE;    // megabytes of rotating logs; 0: one file that grows
+  char instanceName[33];          // letters, digits, '_', '-', '.'; empty: VEKINSTANCE, else "default"
+  std::int16_t partition;         // number of this partition
+  std::int32_t DIAGLEVEL;         // records above this severity number are dropped; default 6 (none)
+  std::int32_t NOTIFYLEVEL;       // notify level of the administration log, 0..4; default 3
+  char DIAGPATH[512];             // empty: the default directory of the instance
+  char ALT_DIAGPATH[512];         // empty: none
+  char CF_DIAGPATH[512];          // empty: as DIAGPATH
+  std::uint32_t DIAGSIZE;         // megabytes of rotating logs; 0: one file that grows
+  std::uint32_t MEMBERS_ON_HOST;  // members of the instance that share this machine; 0 or 1: this one alone
 };
 
 // A function name of the host's own, for its function identifiers (ecfFunctionId of its component and number).

@@ -1,0 +1,4 @@
+// Memory: what keeps an instance within its bound.
+#pragma once
+
+#include "veksys/memory/controller.h"
