@@ -4,6 +4,7 @@
 
 #include "diag/base/traced.h"
 #include "memory/sqlo_mem_ctlr.h"
+#include "platform/osse.h"
 #include "platform/system_facts.h"
 #include "veksys/codes.h"
 #include "veksys/host.h"
@@ -48,10 +49,9 @@ SqlzZrc SqloMemController::calculateAutomaticSize(std::uint64_t* physicalMemory,
   double fraction = 0;
   *result = vek::sqloi_automaticBound(stats.totalBytes, configured, vekInstanceControl()->MEMBERS_ON_HOST, wholeChunks,
                                       &fraction);
-  if ((vek::wintTraceWord(ecfComponent(vek::FID_SqloMemController_calculateAutomaticSize)) & SQLT_TRACE_DATA) != 0) {
-    const PdtItem item = {PD_TYPE_FLOAT, sizeof fraction, &fraction};
-    pdtDataItems(vek::FID_SqloMemController_calculateAutomaticSize, 100, 1, &item);
-  }
+  char text[32];
+  vek::ossSnprintf(text, sizeof text, "%.6f", fraction);
+  trace.data(100, text);
   if (physicalMemory != nullptr) *physicalMemory = stats.totalBytes;
   return trace.exit(0);
 }
