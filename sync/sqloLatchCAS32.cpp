@@ -409,12 +409,11 @@ SqlzZrc get(SQLO_SLATCH_CAS32& latch, SqloLatchRequest request, const char* file
             Fast fast) noexcept {
   const bool exclusive = (request & SQLO_LATCH_EXCLUSIVE) != 0;
   SqloLatchTable* table = t_latchTable;
-  const std::uint32_t index =
-      latchPublishShortly(table, &latch, latch.flags(), exclusive ? MARK_EXCLUSIVE : 0, file, line);
-  if (index == LATCH_NO_MARK) [[unlikely]]
+  LatchMark* mark = latchPublishShortly(table, &latch, latch.flags(), exclusive ? MARK_EXCLUSIVE : 0, file, line);
+  if (mark == nullptr) [[unlikely]]
     return getLong(latch, request, file, line, fast);
   if (!fast(latch)) [[unlikely]]
-    return getSlow(latch, request, LatchHold(table, index, Access::subject(latch, exclusive)), file, line, true);
+    return getSlow(latch, request, LatchHold(table, mark, Access::subject(latch, exclusive)), file, line, true);
   latchCount(*table, &latch, latch.flags(), file, line);
   return 0;
 }

@@ -191,8 +191,8 @@ void sqloi_debugCapture(SqloLatchTable* table, const LatchSubject& subject, cons
   LockOrder* order = g_order.load(std::memory_order_acquire);
   const std::uint32_t taken = subject.typeId() < kTypes ? subject.typeId() : 0;
   const char* reported = nullptr;
-  for (std::uint64_t left = table->used; left != 0; left &= left - 1) {
-    const LatchMark& mark = table->page->marks[std::countr_zero(left)];
+  for (const LatchMark* at = table->page->marks; at != table->top; ++at) {
+    const LatchMark& mark = *at;
     const std::uint64_t word = mark.word.load(std::memory_order_relaxed);
     if ((word & MARK_STATE) != MARK_ACTIVE) continue;
     if (mark.latch.load(std::memory_order_relaxed) != reinterpret_cast<std::uint64_t>(subject.latch)) {
@@ -206,7 +206,7 @@ void sqloi_debugCapture(SqloLatchTable* table, const LatchSubject& subject, cons
 
 void sqloi_debugReport(SqloLatchTable* table) noexcept {
   LockOrder* order = g_order.load(std::memory_order_acquire);
-  if (table->used != 0 || order == nullptr) return;
+  if (table->top != table->page->marks || order == nullptr) return;
   table->hasReports = false;
   for (Report& report : order->reports) {
     if (report.owner.load(std::memory_order_relaxed) != table) continue;

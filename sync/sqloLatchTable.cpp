@@ -33,9 +33,12 @@ SqloLatchTable* sqloi_makeLatchTable() noexcept {
   auto* table = static_cast<SqloLatchTable*>(ossMapPages(LATCH_TABLE_BYTES));
   if (table == nullptr) return nullptr;
   usePages(table);
+  table->page->bottom.word.store(MARK_ACTIVE, std::memory_order_relaxed);
+  table->page->full.word.store(MARK_ACTIVE, std::memory_order_relaxed);
+  table->top = table->page->marks;
   t_latchTable = table;
   if (!threadIsInsideLock()) sqloi_prepareTuning();  // the thread holds no latch yet
-  table->closed = sqloi_latchDebugIsOn() ? ~0ULL : 0;
+  table->isChecked = sqloi_latchDebugIsOn();
   return table;
 }
 
@@ -43,44 +46,62 @@ namespace {
 
 std::uint64_t fileBits(SqloLatchTable& table, const char* file) noexcept {
   SqloLatchTable::FileName& name = latchFileName(table, file);
-  if (name.file != file) name = {file, std::uint64_t{regionInternText(file)} << MARK_FILE_SHIFT};
-  return name.bits;
+  if (name.file == file && file != nullptr) return name.bits;
+  const std::uint64_t bits = file == nullptr ? 0 : std::uint64_t{regionInternText(file)} << MARK_FILE_SHIFT;
+  if (!table.isChecked) name = {file, bits};  // else captures would not come this way
+  return bits;
+}
+
+// The first free mark, in a hole when the stack is full. Null: there is none.
+LatchMark* freeMark(SqloLatchTable& table) noexcept {
+  if (isFree(*table.top)) return table.top++;
+  for (LatchMark& mark : table.page->marks)
+    if (isFree(mark)) return &mark;
+  return nullptr;
 }
 
 }  // namespace
 
 LatchHold::LatchHold(const LatchSubject& subject, const char* file, std::uint32_t line) noexcept
     : table_(t_latchTable != nullptr ? t_latchTable : sqloi_makeLatchTable()), subject_(subject) {
-  if (table_ != nullptr && table_->closed != 0) sqloi_debugCapture(table_, subject, file, line);
-  if (table_ != nullptr && ~table_->used != 0) {
-    index_ = static_cast<std::uint32_t>(std::countr_one(table_->used));
-    const std::uint64_t mode = subject.isExclusive ? MARK_EXCLUSIVE : 0;
-    latchPublish(*table_, index_, subject.latch, subject.flags, mode, fileBits(*table_, file), line);
-    if (table_->slot != nullptr) return;  // others see it
-  } else if (table_ != nullptr) {
-    ++table_->unlisted;
+  if (table_ != nullptr) {
+    if (table_->isChecked) sqloi_debugCapture(table_, subject, file, line);
+    mark_ = freeMark(*table_);
+    if (mark_ == nullptr) ++table_->unlisted;
   }
-  if (subject.isBetweenProcesses()) regionNoteUntracked();
+  if (mark_ != nullptr)
+    latchPublish(*table_, *mark_, subject.latch, subject.flags, subject.isExclusive ? MARK_EXCLUSIVE : 0,
+                 fileBits(*table_, file), line);
+  const bool othersSeeIt = mark_ != nullptr && table_->slot != nullptr;
+  if (subject.isBetweenProcesses() && !othersSeeIt) regionNoteUntracked();
 }
 
-std::uint32_t sqloi_findHold(const SqloLatchTable& table, const void* latch) noexcept {
-  for (std::uint64_t left = table.used; left != 0;) {
-    const auto index = static_cast<std::uint32_t>(63 - std::countl_zero(left));
-    if (isHoldOf(table.page->marks[index], latch)) return index;
-    left &= ~(1ULL << index);
-  }
-  return LATCH_NO_MARK;
+LatchMark* sqloi_findHold(const SqloLatchTable& table, const void* latch) noexcept {
+  for (LatchMark* mark = table.top; mark-- != table.page->marks;)
+    if (isHoldOf(*mark, latch)) return mark;
+  return nullptr;
 }
 
 void sqloi_latchReleased(SqloLatchTable* table, const void* latch, std::uint32_t typeId) noexcept {
-  const std::uint32_t index = sqloi_findHold(*table, latch);
-  if (index != LATCH_NO_MARK)
-    latchWithdraw(*table, index);
+  LatchMark* mark = sqloi_findHold(*table, latch);
+  if (mark != nullptr)
+    latchWithdraw(*table, *mark);
   else if (table->unlisted != 0)
     --table->unlisted;
   latchUncount(*table, typeId);
   if (table->hasReports) sqloi_debugReport(table);
 }
+
+namespace {
+
+std::uint64_t marksInUse(const SqloLatchTable& table) noexcept {
+  std::uint64_t bits = 0;
+  for (LatchMark& mark : table.page->marks)
+    if (!isFree(mark)) bits |= latchMarkBit(table, mark);
+  return bits;
+}
+
+}  // namespace
 
 void sqloi_latchThreadEnds() noexcept {
   sqloi_pageLatchThreadEnds();
@@ -88,21 +109,21 @@ void sqloi_latchThreadEnds() noexcept {
   if (table == nullptr) return;
   sqloCheckLatchTable(table);
   // What it leaves held is found by those who wait for it.
-  if (table->slot != nullptr) table->slot->keeps.store(table->used, std::memory_order_release);
+  if (table->slot != nullptr) table->slot->keeps.store(marksInUse(*table), std::memory_order_release);
   t_latchTable = nullptr;
   ossUnmapPages(table, LATCH_TABLE_BYTES);
 }
 
 void LatchHold::setState(std::uint64_t state) const noexcept {
-  if (index_ == LATCH_NO_MARK) return;
-  std::atomic<std::uint64_t>& word = table_->page->marks[index_].word;
+  if (mark_ == nullptr) return;
+  std::atomic<std::uint64_t>& word = mark_->word;
   word.store((word.load(std::memory_order_relaxed) & ~MARK_STATE) | state, std::memory_order_release);
 }
 
 void LatchHold::setSince(std::int64_t monotonicNs) const noexcept {
-  if (index_ == LATCH_NO_MARK) return;
-  table_->page->since[index_].store(monotonicNs, std::memory_order_relaxed);
-  std::atomic<std::uint64_t>& word = table_->page->marks[index_].word;
+  if (mark_ == nullptr) return;
+  table_->page->since[mark_ - table_->page->marks].store(monotonicNs, std::memory_order_relaxed);
+  std::atomic<std::uint64_t>& word = mark_->word;
   word.store(word.load(std::memory_order_relaxed) | MARK_TIMED, std::memory_order_release);
 }
 
@@ -125,9 +146,9 @@ void LatchHold::endWaiting() const noexcept {
 
 void LatchHold::changeMode(const void* latch, bool toExclusive) noexcept {
   SqloLatchTable* table = t_latchTable;
-  const std::uint32_t index = table == nullptr ? LATCH_NO_MARK : sqloi_findHold(*table, latch);
-  if (index == LATCH_NO_MARK) return;
-  std::atomic<std::uint64_t>& word = table->page->marks[index].word;
+  LatchMark* mark = table == nullptr ? nullptr : sqloi_findHold(*table, latch);
+  if (mark == nullptr) return;
+  std::atomic<std::uint64_t>& word = mark->word;
   const std::uint64_t now = word.load(std::memory_order_relaxed);
   word.store(toExclusive ? now | MARK_EXCLUSIVE : now & ~MARK_EXCLUSIVE, std::memory_order_release);
 }
@@ -142,13 +163,13 @@ void reportLeakedType(const SqloLatchTable::Entry& entry, std::uint32_t typeId) 
                     textOr(entry.file, ""), entry.line, static_cast<int>(typeId), entry.holdCount);
 }
 
-void reportLeakedLatch(const LatchPage& page, std::uint32_t index) noexcept {
-  const std::uint64_t word = page.marks[index].word.load(std::memory_order_relaxed);
+void reportLeakedLatch(const LatchMark& mark) noexcept {
+  const std::uint64_t word = mark.word.load(std::memory_order_relaxed);
   const auto* names = static_cast<const RegionNames*>(regionSection(RegionSectionId::kNames));
   const char* file = names == nullptr ? nullptr : regionTextOf(*names, markFile(word));
   (void)pdLogPrintf(0, FID_sqloCheckLatchTable, 0, 20, PD_LEVEL_WARNING,
                     "Latch still held: %s at 0x%016llX, %s, captured in %s line %u", sqloLatchTypeName(markType(word)),
-                    static_cast<unsigned long long>(page.marks[index].latch.load(std::memory_order_relaxed)),
+                    static_cast<unsigned long long>(mark.latch.load(std::memory_order_relaxed)),
                     (word & MARK_EXCLUSIVE) != 0 ? "exclusive" : "shared", textOr(file, "?"), markLine(word));
 }
 
@@ -160,8 +181,8 @@ void sqloCheckLatchTable(const SqloLatchTable* table) noexcept {
   for (std::uint32_t type = 0; type < SQLO_LATCH_TYPE_COUNT; ++type)
     if (table->entries[type].holdCount != 0) vek::reportLeakedType(table->entries[type], type);
   if (table->page == nullptr) return;
-  for (std::uint32_t i = 0; i < vek::LATCH_MARKS; ++i)
-    if ((table->used & (1ULL << i)) != 0) vek::reportLeakedLatch(*table->page, i);
+  for (const vek::LatchMark& mark : table->page->marks)
+    if (!vek::isFree(mark)) vek::reportLeakedLatch(mark);
 }
 
 SqloLatchTable* sqloCurrentLatchTable() noexcept { return vek::t_latchTable; }

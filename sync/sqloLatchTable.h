@@ -64,11 +64,14 @@ struct LatchMark {
 };
 
 inline constexpr std::uint32_t LATCH_MARKS = 64;
-inline constexpr std::uint32_t LATCH_NO_MARK = LATCH_MARKS;
 
-// What a thread shows of its latches; lies in the page of its slot.
+// What a thread shows of its latches; lies in the page of its slot. The marks are a stack, in which a latch that is
+// given back before those captured after it leaves a hole. The two at its ends are never free: below the lowest nothing
+// is popped, and where the other one is met the stack is full.
 struct LatchPage {
+  LatchMark bottom;
   LatchMark marks[LATCH_MARKS];
+  LatchMark full;
   std::atomic<std::int64_t> since[LATCH_MARKS];  // monotonic clock
 };
 static_assert(sizeof(LatchPage) <= REGION_THREAD_PAGE_BYTES);
@@ -106,12 +109,12 @@ struct SqloLatchTable {
   bool hasSavedWaiting;
 
   vek::LatchPage* page;  // the second list, one mark per latch held; null when it is not present
-  std::uint64_t used;    // which marks
-  std::uint64_t closed;  // all ones while every capture takes the long way: debug checks are on
+  vek::LatchMark* top;   // the first mark above those in use
   vek::RegionThread* slot;
   std::uint32_t slotIndex;
   std::uint32_t unlisted;  // captures that found no mark free
-  bool hasReports;         // of the debug checks, to be written when no latch is held
+  bool isChecked;          // debug checks are on: every capture and release takes the long way
+  bool hasReports;         // of those checks, to be written when no latch is held
   FileName fileNames[64];  // of names seen before, by the address of the text
   vek::LatchPage ownPage;  // of a thread without a slot
 };
@@ -145,13 +148,15 @@ inline SqloLatchTable::FileName& latchFileName(SqloLatchTable& table, const char
   return table.fileNames[(reinterpret_cast<std::uintptr_t>(file) >> 3) % 64];
 }
 
-inline void latchPublish(SqloLatchTable& table, std::uint32_t index, const void* latch, std::uint32_t flags,
+inline std::uint64_t latchMarkBit(const SqloLatchTable& table, const LatchMark& mark) noexcept {
+  return 1ULL << (&mark - table.page->marks);
+}
+
+inline void latchPublish(SqloLatchTable& table, LatchMark& mark, const void* latch, std::uint32_t flags,
                          std::uint64_t mode, std::uint64_t fileBits, std::uint32_t line) noexcept {
-  table.used |= 1ULL << index;
   if ((flags & SQLO_LATCH_BETWEEN_PROCESSES) != 0 && table.slot != nullptr)
-    table.slot->pins.store(table.slot->pins.load(std::memory_order_relaxed) | (1ULL << index),
+    table.slot->pins.store(table.slot->pins.load(std::memory_order_relaxed) | latchMarkBit(table, mark),
                            std::memory_order_relaxed);
-  LatchMark& mark = table.page->marks[index];
   const std::uint64_t sequence = (mark.word.load(std::memory_order_relaxed) + MARK_SEQUENCE_STEP) & MARK_SEQUENCE;
   mark.latch.store(reinterpret_cast<std::uint64_t>(latch), std::memory_order_relaxed);
   mark.word.store(fileBits | (std::uint64_t{line & 0xFFFF} << MARK_LINE_SHIFT) |
@@ -159,20 +164,24 @@ inline void latchPublish(SqloLatchTable& table, std::uint32_t index, const void*
                   std::memory_order_release);
 }
 
-// The index of the mark, LATCH_NO_MARK: take the long way (LatchHold).
-inline std::uint32_t latchPublishShortly(SqloLatchTable* table, const void* latch, std::uint32_t flags,
-                                         std::uint64_t mode, const char* file, std::uint32_t line) noexcept {
+inline bool isFree(const LatchMark& mark) noexcept {
+  return (mark.word.load(std::memory_order_relaxed) & MARK_STATE) == 0;
+}
+
+// The published mark. Null: take the long way (LatchHold).
+inline LatchMark* latchPublishShortly(SqloLatchTable* table, const void* latch, std::uint32_t flags, std::uint64_t mode,
+                                      const char* file, std::uint32_t line) noexcept {
   if (table == nullptr) [[unlikely]]
-    return LATCH_NO_MARK;
-  if ((flags & SQLO_LATCH_BETWEEN_PROCESSES) != 0 && table->slot == nullptr) [[unlikely]]
-    return LATCH_NO_MARK;
-  const std::uint64_t taken = table->used | table->closed;
+    return nullptr;
+  LatchMark* mark = table->top;
   const SqloLatchTable::FileName& name = latchFileName(*table, file);
-  if (~taken == 0 || name.file != file) [[unlikely]]
-    return LATCH_NO_MARK;
-  const auto index = static_cast<std::uint32_t>(std::countr_one(taken));
-  latchPublish(*table, index, latch, flags, mode, name.bits, line);
-  return index;
+  if (name.file != file || !isFree(*mark)) [[unlikely]]
+    return nullptr;
+  if ((flags & SQLO_LATCH_BETWEEN_PROCESSES) != 0 && table->slot == nullptr) [[unlikely]]
+    return nullptr;
+  table->top = mark + 1;
+  latchPublish(*table, *mark, latch, flags, mode, name.bits, line);
+  return mark;
 }
 
 // The latch is held: counts it.
@@ -192,14 +201,13 @@ inline void latchUncount(SqloLatchTable& table, std::uint32_t typeId) noexcept {
 }
 
 // Nobody but the thread itself takes its marks away while it lives.
-inline void latchWithdraw(SqloLatchTable& table, std::uint32_t index) noexcept {
-  LatchMark& mark = table.page->marks[index];
+inline void latchWithdraw(SqloLatchTable& table, LatchMark& mark) noexcept {
   const std::uint64_t word = mark.word.load(std::memory_order_relaxed);
   mark.word.store(word & ~MARK_STATE, std::memory_order_release);
   if ((word & MARK_SHARED_MEMORY) != 0 && table.slot != nullptr)
-    table.slot->pins.store(table.slot->pins.load(std::memory_order_relaxed) & ~(1ULL << index),
+    table.slot->pins.store(table.slot->pins.load(std::memory_order_relaxed) & ~latchMarkBit(table, mark),
                            std::memory_order_release);
-  table.used &= ~(1ULL << index);
+  while (isFree(table.top[-1])) --table.top;
 }
 
 inline bool isHoldOf(const LatchMark& mark, const void* latch) noexcept {
@@ -207,8 +215,8 @@ inline bool isHoldOf(const LatchMark& mark, const void* latch) noexcept {
          (mark.word.load(std::memory_order_relaxed) & MARK_STATE) == MARK_ACTIVE;
 }
 
-// The thread's newest hold of a latch, or LATCH_NO_MARK.
-std::uint32_t sqloi_findHold(const SqloLatchTable& table, const void* latch) noexcept;
+// The thread's newest hold of a latch, or null.
+LatchMark* sqloi_findHold(const SqloLatchTable& table, const void* latch) noexcept;
 
 // A latch of the calling thread's has been given back: what latchReleased leaves to do.
 void sqloi_latchReleased(SqloLatchTable* table, const void* latch, std::uint32_t typeId) noexcept;
@@ -218,8 +226,8 @@ inline void latchReleased(const void* latch, std::uint32_t typeId) noexcept {
   SqloLatchTable* table = t_latchTable;
   if (table == nullptr) [[unlikely]]
     return;
-  const auto newest = static_cast<std::uint32_t>(63 - std::countl_zero(table->used | 1));
-  if (table->closed != 0 || !isHoldOf(table->page->marks[newest], latch)) [[unlikely]]
+  LatchMark& newest = table->top[-1];
+  if (table->isChecked || !isHoldOf(newest, latch)) [[unlikely]]
     return sqloi_latchReleased(table, latch, typeId);
   latchWithdraw(*table, newest);
   latchUncount(*table, typeId);
@@ -234,8 +242,8 @@ class LatchHold {
   LatchHold(const LatchSubject& subject, const char* file, std::uint32_t line) noexcept;
 
   // Goes on with a mark that the short way has published.
-  LatchHold(SqloLatchTable* table, std::uint32_t index, const LatchSubject& subject) noexcept
-      : table_(table), index_(index), subject_(subject) {}
+  LatchHold(SqloLatchTable* table, LatchMark* mark, const LatchSubject& subject) noexcept
+      : table_(table), mark_(mark), subject_(subject) {}
 
   // The latch is held: counts it.
   void granted(const char* file, std::uint32_t line) const noexcept {
@@ -244,7 +252,7 @@ class LatchHold {
 
   // The capture is given up.
   void cancelled() const noexcept {
-    if (index_ != LATCH_NO_MARK) latchWithdraw(*table_, index_);
+    if (mark_ != nullptr) latchWithdraw(*table_, *mark_);
   }
 
   // The thread goes to sleep on the latch; it is about to try again.
@@ -265,7 +273,7 @@ class LatchHold {
   void setState(std::uint64_t state) const noexcept;
 
   SqloLatchTable* table_;
-  std::uint32_t index_ = LATCH_NO_MARK;
+  LatchMark* mark_ = nullptr;
   LatchSubject subject_;
 };
 

@@ -28,7 +28,7 @@ constexpr std::uint32_t kProbeFromUToU = 20;
 // What the calling thread's table tells; without one, or when it could not list every latch, whether anybody has U.
 bool isHeldInU(const SQLO_SLATCH_CAS32& uLatch) noexcept {
   const SqloLatchTable* table = t_latchTable;
-  if (table != nullptr && sqloi_findHold(*table, &uLatch) != LATCH_NO_MARK) return true;
+  if (table != nullptr && sqloi_findHold(*table, &uLatch) != nullptr) return true;
   if (table != nullptr && table->unlisted == 0) return false;
   return (uLatch.state() & SQLO_SLATCH_HELD_X) != 0;
 }

@@ -98,11 +98,11 @@ void SqloSpinLatch::init(std::uint16_t typeId, std::uint16_t flags) noexcept {
 SqlzZrc SqloSpinLatch::captureLatch(const char* file, std::uint32_t line) noexcept {
   SqloLatchTable* table = vek::t_latchTable;
   const std::uint32_t flags = vek::Access::latchFlags(*this);
-  const std::uint32_t index = vek::latchPublishShortly(table, this, flags, vek::MARK_EXCLUSIVE, file, line);
-  if (index == vek::LATCH_NO_MARK) [[unlikely]]
+  vek::LatchMark* mark = vek::latchPublishShortly(table, this, flags, vek::MARK_EXCLUSIVE, file, line);
+  if (mark == nullptr) [[unlikely]]
     return vek::captureLong(*this, file, line);
   if (!vek::take(*this)) [[unlikely]]
-    return vek::conflict(*this, vek::LatchHold(table, index, vek::Access::subject(*this)), file, line);
+    return vek::conflict(*this, vek::LatchHold(table, mark, vek::Access::subject(*this)), file, line);
   vek::latchCount(*table, this, flags, file, line);
   return 0;
 }
