@@ -470,6 +470,9 @@ std::uint32_t regionThreadEnter(std::uint32_t threadId, const char* name) noexce
   std::uint32_t slot = takeThreadSlot(threads, threadId);
   if (slot == REGION_NO_SLOT && regionSweep()) slot = takeThreadSlot(threads, threadId);
   if (slot == REGION_NO_SLOT) return REGION_NO_SLOT;
+  const RegionProcess& process = sectionOf<RegionProcess>(RegionSectionId::kProcesses)[regionProcessSlot()];
+  threads[slot].processId = process.processId;
+  ossCopyText(threads[slot].processName, sizeof threads[slot].processName, process.name);
   threads[slot].threadId = threadId;
   ossCopyText(threads[slot].name, sizeof threads[slot].name, name);
   return slot;

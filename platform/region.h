@@ -29,7 +29,7 @@
 
 namespace vek {
 
-inline constexpr std::uint32_t REGION_LAYOUT_VERSION = 3;
+inline constexpr std::uint32_t REGION_LAYOUT_VERSION = 4;
 inline constexpr std::uint32_t REGION_PROCESS_SLOTS = 1024;
 inline constexpr std::uint32_t REGION_THREAD_SLOTS = 8192;
 inline constexpr std::uint32_t REGION_NAME_SLOTS = 8192;
@@ -101,7 +101,9 @@ struct RegionThread {
   std::atomic<std::uint64_t> pins;   // outlive the process; cleared by whoever takes over what they stand for
   std::atomic<std::uint64_t> keeps;  // outlive the thread, not the process
   std::atomic<std::uint32_t> paged;  // 1: its page was allocated for this owner
-  std::uint8_t reserved[72];
+  std::uint32_t processId;           // of the owner, and its name: another process may have its slot by now
+  char processName[32];
+  std::uint8_t reserved[36];
 };
 static_assert(sizeof(RegionThread) == 128);
 

@@ -7,17 +7,15 @@ namespace vek {
 namespace {
 
 void describe(const LatchMarkSeen& mark, SqloLatchEntry* out) noexcept {
-  const auto& process = static_cast<const RegionProcess*>(
-      regionSection(RegionSectionId::kProcesses))[regionOwnerSlot(mark.owner) % REGION_PROCESS_SLOTS];
   const auto& thread = static_cast<const RegionThread*>(regionSection(RegionSectionId::kThreads))[mark.slot];
   const auto* page = static_cast<const LatchPage*>(regionThreadPageOf(mark.slot));
   const char* file =
       regionTextOf(*static_cast<const RegionNames*>(regionSection(RegionSectionId::kNames)), markFile(mark.word));
   *out = {};
   out->latch = mark.latch;
-  out->processId = process.processId;
+  out->processId = thread.processId;
   out->threadId = thread.threadId;
-  ossCopyText(out->processName, sizeof out->processName, process.name);
+  ossCopyText(out->processName, sizeof out->processName, thread.processName);
   ossCopyText(out->threadName, sizeof out->threadName, thread.name);
   out->state = (mark.word & MARK_STATE) == MARK_WAITING ? SQLO_LATCH_ENTRY_WAITING : SQLO_LATCH_ENTRY_HELD;
   out->request = (mark.word & MARK_EXCLUSIVE) != 0 ? SQLO_LATCH_EXCLUSIVE : SQLO_LATCH_SHARED;

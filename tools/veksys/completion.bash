@@ -21,6 +21,7 @@ _veksys_options() {
   local everywhere="--help --instance --json"
   case $1 in
     log) echo "$_veksys_log_tests $_veksys_log_shapes $everywhere" ;;
+    latch) echo "--process --type --waiting --all --interval --watch $everywhere" ;;
     rc) echo "--limit $everywhere" ;;
     on) echo "--size --component --type $everywhere" ;;
     off) echo "--discard $everywhere" ;;
@@ -47,7 +48,7 @@ _veksys_subcommand() {
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
     case $word in
       level) [[ $found != log ]] || found=level ;;
-      log | rc | on | off | mask | dump | clear | status | format | flow | stat | export) found=$word ;;
+      latch | log | rc | on | off | mask | dump | clear | status | format | flow | stat | export) found=$word ;;
       trace) [[ -n $found ]] || found=trace ;;
     esac
   done
@@ -60,7 +61,7 @@ _veksys() {
   COMPREPLY=()
   case $previous in
     --component) _veksys_list "$current" "all $(_veksys_words components)" && return ;;
-    --type) _veksys_list "$current" "$(_veksys_words types)" && return ;;
+    --type) [[ $subcommand == latch ]] || _veksys_list "$current" "$(_veksys_words types)" && return ;;
     --rc) _veksys_list "$current" "failed $(_veksys_words codes)" && return ;;
     --sort) mapfile -t COMPREPLY < <(compgen -W "total self calls p50 p99 max failed errors name" -- "$current") && return ;;
     --code) _veksys_list "$current" "$(_veksys_words codes)" && return ;;
@@ -71,14 +72,14 @@ _veksys() {
     --chrome) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -f -- "$current") && return ;;
     --ctf) compopt -o filenames && mapfile -t COMPREPLY < <(compgen -d -- "$current") && return ;;
     --function | --process | --thread | --since | --until | --limit | --last | --top | --tail | --where) return ;;
-    --pid | --tid | --probe | --database | --member | --text) return ;;
+    --interval | --watch | --pid | --tid | --probe | --database | --member | --text) return ;;
   esac
   if [[ $current == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$(_veksys_options "$subcommand")" -- "$current")
     return
   fi
   case $subcommand in
-    "") mapfile -t COMPREPLY < <(compgen -W "log rc trace" -- "$current") ;;
+    "") mapfile -t COMPREPLY < <(compgen -W "latch log rc trace" -- "$current") ;;
     trace) mapfile -t COMPREPLY < <(compgen -W "on off mask dump clear status format flow stat export" -- "$current") ;;
     rc) [[ -z $current ]] || mapfile -t COMPREPLY < <(compgen -W "$(_veksys_words codes)" -- "${current^^}") ;;
     level) mapfile -t COMPREPLY < <(compgen -W "default severe error warning info critical event" -- "$current") ;;

@@ -17,14 +17,16 @@ namespace veksys {
 namespace {
 
 constexpr const char* kAbout =
-    "Shows the diagnostic log of an instance of the database server, explains return codes, and switches, reads and "
-    "follows its trace.";
+    "Shows the diagnostic log of an instance of the database server and who waits for which latch, explains return "
+    "codes, "
+    "and switches, reads and follows its trace.";
 constexpr const char* kExitStatus =
     "Exit status: 0 done; 1 the answer is no, or a problem was found; 2 the command was not understood.";
 constexpr const char* kEverywhere = "Everywhere: --instance NAME for the instance, --json for JSON.\n";
 constexpr const char* kExamples =
     "\nExamples:\n"
     "  veksys log --level 1-3 --since 1h    what went wrong in the last hour\n"
+    "  veksys latch --waiting               who waits for whom, and what is wrong there\n"
     "  veksys rc 0x8B0F0000                 what a return code means\n"
     "  veksys trace on --component SQLO     trace the operating-system services\n"
     "  veksys trace flow --errors           the call chains that ended in an error\n"
@@ -108,6 +110,7 @@ void describe(CLI::App& app, Command& command, std::string& list) {
       ->check(notEmpty("\"\" is no instance name: " + std::string(INSTANCE_NAME_FORMS)));
   app.add_flag("--json", command.json, "Print JSON: a document, or one object per line for streams of records");
   app.add_option("--list", list)->group("");
+  addLatch(app, command);
   addLog(app, command);
   addRc(app, command);
   addTrace(app, command);
