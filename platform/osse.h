@@ -122,6 +122,15 @@ inline void ossWasteTime(unsigned pauses) noexcept {
   }
 }
 
+// Has the line of an address that is about to be written fetched for that. Harmless for any address.
+inline void ossPrefetchToWrite(const void* address) noexcept {
+#if defined(__x86_64__)
+  __asm__ volatile("prefetchw %0" ::"m"(*static_cast<const char*>(address)));
+#else
+  __builtin_prefetch(address, 1);
+#endif
+}
+
 // Lets another thread have the processor.
 void ossYield() noexcept;
 

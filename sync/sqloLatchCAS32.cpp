@@ -370,26 +370,31 @@ void giveBackUnderCs(SQLO_SLATCH_CAS32& latch, Give give) noexcept {
   return result;
 }
 
+// The fast ways guess the word of a latch that nobody else uses: a load before the compare-and-swap costs as much as a
+// third of it. A wrong guess tells the word, with its line in this processor's cache.
+bool exchangeWord(SQLO_SLATCH_CAS32& latch, std::uint32_t& guess, std::uint32_t next) noexcept {
+  return Access::state(latch).compare_exchange_strong(guess, next, std::memory_order_acq_rel,
+                                                      std::memory_order_relaxed);
+}
+
 bool fastShared(SQLO_SLATCH_CAS32& latch) noexcept {
-  auto word = Access::state(latch);
-  std::uint32_t state = word.load(std::memory_order_relaxed);
-  return state < SQLO_SLATCH_HOLDERS &&
-         word.compare_exchange_strong(state, state + 1, std::memory_order_acq_rel, std::memory_order_relaxed);
+  std::uint32_t state = 0;
+  if (exchangeWord(latch, state, 1)) return true;
+  while (state < SQLO_SLATCH_HOLDERS)
+    if (exchangeWord(latch, state, state + 1)) return true;
+  return false;
 }
 
 bool fastExclusive(SQLO_SLATCH_CAS32& latch) noexcept {
   std::uint32_t free = 0;
-  return Access::state(latch).compare_exchange_strong(free, SQLO_SLATCH_HELD_X, std::memory_order_acq_rel,
-                                                      std::memory_order_relaxed);
+  return exchangeWord(latch, free, SQLO_SLATCH_HELD_X);
 }
 
-bool fastRelease(SQLO_SLATCH_CAS32& latch) noexcept {
-  auto word = Access::state(latch);
-  std::uint32_t state = word.load(std::memory_order_relaxed);
-  while (state - 1 < SQLO_SLATCH_HELD_X) {  // held by sharers only, or exclusively; nobody waits
-    const std::uint32_t next = state == SQLO_SLATCH_HELD_X ? 0 : state - 1;
-    if (word.compare_exchange_weak(state, next, std::memory_order_acq_rel, std::memory_order_relaxed)) return true;
-  }
+bool fastRelease(SQLO_SLATCH_CAS32& latch, bool exclusive) noexcept {
+  std::uint32_t state = exclusive ? SQLO_SLATCH_HELD_X : 1;
+  if (exchangeWord(latch, state, 0)) return true;
+  while (state - 1 < SQLO_SLATCH_HOLDERS)  // held by sharers, and nobody waits
+    if (exchangeWord(latch, state, state - 1)) return true;
   return false;
 }
 
@@ -408,6 +413,7 @@ template <class Fast>
 SqlzZrc get(SQLO_SLATCH_CAS32& latch, SqloLatchRequest request, const char* file, std::uint32_t line,
             Fast fast) noexcept {
   const bool exclusive = (request & SQLO_LATCH_EXCLUSIVE) != 0;
+  ossPrefetchToWrite(&latch);  // else reading the flags would fetch the line to share it first
   SqloLatchTable* table = t_latchTable;
   LatchMark* mark = latchPublishShortly(table, &latch, latch.flags(), exclusive ? MARK_EXCLUSIVE : 0, file, line);
   if (mark == nullptr) [[unlikely]]
@@ -514,7 +520,7 @@ SqlzZrc SQLO_SLATCH_CAS32::tryGetExclusive(const char* file, std::uint32_t line)
 
 void SQLO_SLATCH_CAS32::release() noexcept {
   const std::uint16_t type = typeId();  // once the word is given back the memory may be somebody else's
-  if (!vek::fastRelease(*this)) [[unlikely]]
+  if (!vek::fastRelease(*this, vek::latchNewestIsExclusive())) [[unlikely]]
     return vek::releaseLong(*this);
   vek::latchReleased(this, type);
 }

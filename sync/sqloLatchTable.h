@@ -215,6 +215,12 @@ inline bool isHoldOf(const LatchMark& mark, const void* latch) noexcept {
          (mark.word.load(std::memory_order_relaxed) & MARK_STATE) == MARK_ACTIVE;
 }
 
+// How the latch captured last was: a guess at the one that is given back.
+inline bool latchNewestIsExclusive() noexcept {
+  const SqloLatchTable* table = t_latchTable;
+  return table != nullptr && (table->top[-1].word.load(std::memory_order_relaxed) & MARK_EXCLUSIVE) != 0;
+}
+
 // The thread's newest hold of a latch, or null.
 LatchMark* sqloi_findHold(const SqloLatchTable& table, const void* latch) noexcept;
 

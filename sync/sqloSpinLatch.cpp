@@ -41,7 +41,7 @@ bool tryResting(SqloSpinLatch& latch, LatchHold& hold) noexcept {
 
 constexpr std::int64_t kFirstLookNs = 10'000'000;  // a holder that lives has long given back by then
 
-SqlzZrc rest(SqloSpinLatch& latch, const LatchTuning& tuning, LatchHold& hold) noexcept {
+SqlzZrc restUntilFree(SqloSpinLatch& latch, const LatchTuning& tuning, LatchHold& hold) noexcept {
   const std::int64_t since = ossMonotonicNs();
   std::int64_t wait = kFirstLookNs;
   hold.sleeps();
@@ -57,14 +57,19 @@ SqlzZrc rest(SqloSpinLatch& latch, const LatchTuning& tuning, LatchHold& hold) n
   }
 }
 
-SqlzZrc wait(SqloSpinLatch& latch, LatchHold& hold, const char* file, std::uint32_t line) noexcept {
+SqlzZrc rest(SqloSpinLatch& latch, const LatchTuning& tuning, LatchHold& hold) noexcept {
   const ErrnoKept kept;
   const int cancelState = ossDisableCancellation();
+  const SqlzZrc result = restUntilFree(latch, tuning, hold);
+  ossRestoreCancellation(cancelState);
+  return result;
+}
+
+SqlzZrc wait(SqloSpinLatch& latch, LatchHold& hold, const char* file, std::uint32_t line) noexcept {
   const LatchTuning& tuning = sqloi_tuning(latch.typeId());
   hold.beginWaiting(file, line);
   const SqlzZrc result = spin(latch, tuning) ? 0 : rest(latch, tuning, hold);
   hold.endWaiting();
-  ossRestoreCancellation(cancelState);
   return result;
 }
 
@@ -96,6 +101,7 @@ void SqloSpinLatch::init(std::uint16_t typeId, std::uint16_t flags) noexcept {
 }
 
 SqlzZrc SqloSpinLatch::captureLatch(const char* file, std::uint32_t line) noexcept {
+  vek::ossPrefetchToWrite(this);  // else reading the type would fetch the line to share it first
   SqloLatchTable* table = vek::t_latchTable;
   const std::uint32_t flags = vek::Access::latchFlags(*this);
   vek::LatchMark* mark = vek::latchPublishShortly(table, this, flags, vek::MARK_EXCLUSIVE, file, line);
