@@ -82,7 +82,7 @@ bool spin(const Request& request) noexcept {
   const std::uint32_t loops = request.isExclusive() ? tuning.xloop : tuning.sloop;
   const std::uint32_t waste = request.isExclusive() ? tuning.xwaste : tuning.swaste;
   for (std::uint32_t i = 0; i < loops; ++i) {
-    sqloi_wasteTime(tuning, std::min(i, waste));
+    sqloi_wasteTime(tuning, std::min(1 + i / 8, waste));
     if (attempt(request) == Attempt::kGranted) return true;
   }
   return false;
@@ -433,9 +433,9 @@ std::uint32_t takeHold(SQLO_SLATCH_CAS32& latch, std::uint32_t state) noexcept {
 }
 
 [[gnu::noinline, gnu::cold]] void releaseLong(SQLO_SLATCH_CAS32& latch) noexcept {
-  const std::uint16_t type = latch.typeId();
+  const std::uint16_t type = latch.typeId();  // once the word is given back the memory may be somebody else's
   latch.releaseConflict();
-  latchReleased(&latch, type);
+  sqloi_latchReleased(&latch, type);
 }
 
 SqlzZrc upgrade(SQLO_SLATCH_CAS32& latch, bool conditional, const char* file, std::uint32_t line) noexcept {
@@ -519,10 +519,14 @@ SqlzZrc SQLO_SLATCH_CAS32::tryGetExclusive(const char* file, std::uint32_t line)
 }
 
 void SQLO_SLATCH_CAS32::release() noexcept {
-  const std::uint16_t type = typeId();  // once the word is given back the memory may be somebody else's
-  if (!vek::fastRelease(*this, vek::latchNewestIsExclusive())) [[unlikely]]
+  SqloLatchTable* table = vek::t_latchTable;
+  vek::LatchMark* mark = vek::latchNewest(table, this);
+  if (mark == nullptr) [[unlikely]]
     return vek::releaseLong(*this);
-  vek::latchReleased(this, type);
+  const bool exclusive = (mark->word.load(std::memory_order_relaxed) & vek::MARK_EXCLUSIVE) != 0;
+  if (!vek::fastRelease(*this, exclusive)) [[unlikely]]
+    releaseConflict();
+  vek::latchReleased(*table, *mark);
 }
 
 SqlzZrc SQLO_SLATCH_CAS32::getConflict(SqloLatchRequest request) noexcept {

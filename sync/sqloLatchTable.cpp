@@ -82,7 +82,9 @@ LatchMark* sqloi_findHold(const SqloLatchTable& table, const void* latch) noexce
   return nullptr;
 }
 
-void sqloi_latchReleased(SqloLatchTable* table, const void* latch, std::uint32_t typeId) noexcept {
+void sqloi_latchReleased(const void* latch, std::uint32_t typeId) noexcept {
+  SqloLatchTable* table = t_latchTable;
+  if (table == nullptr) return;
   LatchMark* mark = sqloi_findHold(*table, latch);
   if (mark != nullptr)
     latchWithdraw(*table, *mark);
@@ -187,7 +189,7 @@ void sqloCheckLatchTable(const SqloLatchTable* table) noexcept {
 
 SqloLatchTable* sqloCurrentLatchTable() noexcept { return vek::t_latchTable; }
 
-void sqloxult_new_track_helper(const void* latch, std::uint32_t typeId) noexcept { vek::latchReleased(latch, typeId); }
+void sqloxult_new_track_helper(const void* latch, std::uint32_t typeId) noexcept { vek::sqloi_latchReleased(latch, typeId); }
 
 std::uint32_t sqloLatchHoldCount(std::uint32_t typeId, const char** file, std::uint32_t* line,
                                  const void** latch) noexcept {

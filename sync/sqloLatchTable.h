@@ -215,29 +215,27 @@ inline bool isHoldOf(const LatchMark& mark, const void* latch) noexcept {
          (mark.word.load(std::memory_order_relaxed) & MARK_STATE) == MARK_ACTIVE;
 }
 
-// How the latch captured last was: a guess at the one that is given back.
-inline bool latchNewestIsExclusive() noexcept {
-  const SqloLatchTable* table = t_latchTable;
-  return table != nullptr && (table->top[-1].word.load(std::memory_order_relaxed) & MARK_EXCLUSIVE) != 0;
-}
-
 // The thread's newest hold of a latch, or null.
 LatchMark* sqloi_findHold(const SqloLatchTable& table, const void* latch) noexcept;
 
-// A latch of the calling thread's has been given back: what latchReleased leaves to do.
-void sqloi_latchReleased(SqloLatchTable* table, const void* latch, std::uint32_t typeId) noexcept;
-
-// A latch of the calling thread's has been given back. The one captured last is the one most often released first.
-inline void latchReleased(const void* latch, std::uint32_t typeId) noexcept {
-  SqloLatchTable* table = t_latchTable;
-  if (table == nullptr) [[unlikely]]
-    return;
-  LatchMark& newest = table->top[-1];
-  if (table->isChecked || !isHoldOf(newest, latch)) [[unlikely]]
-    return sqloi_latchReleased(table, latch, typeId);
-  latchWithdraw(*table, newest);
-  latchUncount(*table, typeId);
+// The mark of a latch that is about to be given back when it is the one captured last, as most often. Null: take the
+// long way. The mark tells all that is to be known of the latch: reading the latch itself would fetch its line once
+// more.
+inline LatchMark* latchNewest(SqloLatchTable* table, const void* latch) noexcept {
+  if (table == nullptr || table->isChecked || !isHoldOf(table->top[-1], latch)) [[unlikely]]
+    return nullptr;
+  return &table->top[-1];
 }
+
+// The latch of a mark has been given back.
+inline void latchReleased(SqloLatchTable& table, LatchMark& mark) noexcept {
+  const std::uint32_t typeId = markType(mark.word.load(std::memory_order_relaxed));
+  latchWithdraw(table, mark);
+  latchUncount(table, typeId);
+}
+
+// A latch of the calling thread's has been given back, whichever it is.
+void sqloi_latchReleased(const void* latch, std::uint32_t typeId) noexcept;
 
 // ---- the long way -----------------------------------------------------------------------------------------------
 

@@ -12,7 +12,7 @@ struct LatchTuning {
   std::uint32_t waste;  // spin latch: pauses between two looks
   std::uint32_t sloop;  // shared latch: attempts before a shared request sleeps
   std::uint32_t xloop;  // the same for an exclusive request
-  std::uint32_t swaste;    // pauses before each attempt of a shared request, growing from none to this
+  std::uint32_t swaste;    // pauses before each attempt of a shared request, growing from one to this
   std::uint32_t xwaste;    // of an exclusive one
   std::uint32_t sleepMin;  // spin latch: microseconds of the first rest
   std::uint32_t sleepMid;  // rests double up to here, then grow by sleepInc

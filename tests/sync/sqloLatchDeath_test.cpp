@@ -1,6 +1,7 @@
 // Latches of holders and waiters that are killed: at any instruction of a capture or a release, asleep, and just woken.
 #include <sys/ptrace.h>
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <functional>
@@ -33,13 +34,16 @@ void initialise(Latches& latches, std::uint16_t policy) {
   ASSERT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REPAIR, countRepair, &latches), 0);
 }
 
+constexpr char kVictim[] = "victim";  // the file it captures in, as it says
+
 // A process that stops before it runs `body`, and can be led through it instruction by instruction.
 class Victim {
  public:
   explicit Victim(const std::function<void()>& body) : process_(::fork()) {
     if (process_ == 0) {
-      SqloSpinLatch own;  // the first capture of a process attaches it; that is not what is looked at here
-      (void)own.captureLatch("warm", 1);
+      SqloSpinLatch
+          own;  // a process's first capture attaches it, and in a file interns its name: not what is looked at here
+      (void)own.captureLatch(kVictim, 1);
       own.releaseLatch();
       if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) ::_exit(kSkip);
       ::raise(SIGSTOP);
@@ -122,21 +126,23 @@ void release(Latches& latches) { latches.word.release(); }
 void releaseSpin(Latches& latches) { latches.spin.releaseLatch(); }
 
 const Scenario kScenarios[] = {
-    {"spin", nothing, [](Latches& l) { (void)l.spin.captureLatch("v", 1), l.spin.releaseLatch(); }, nothing},
-    {"shared", nothing, [](Latches& l) { (void)l.word.getShared("v", 2), l.word.release(); }, nothing},
-    {"exclusive", nothing, [](Latches& l) { (void)l.word.getExclusive("v", 3), l.word.release(); }, nothing},
+    {"spin", nothing, [](Latches& l) { (void)l.spin.captureLatch(kVictim, 1), l.spin.releaseLatch(); }, nothing},
+    {"shared", nothing, [](Latches& l) { (void)l.word.getShared(kVictim, 2), l.word.release(); }, nothing},
+    {"exclusive", nothing, [](Latches& l) { (void)l.word.getExclusive(kVictim, 3), l.word.release(); }, nothing},
     {"convert", nothing,
      [](Latches& l) {
-       (void)l.word.getShared("v", 4), (void)l.word.convert(SQLO_LATCH_EXCLUSIVE, "v", 5);
-       (void)l.word.convert(SQLO_LATCH_SHARED, "v", 6), l.word.release();
+       (void)l.word.getShared(kVictim, 4), (void)l.word.convert(SQLO_LATCH_EXCLUSIVE, kVictim, 5);
+       (void)l.word.convert(SQLO_LATCH_SHARED, kVictim, 6), l.word.release();
      },
      nothing},
-    {"waits exclusive", hold, [](Latches& l) { (void)l.word.getExclusive("v", 7), l.word.release(); }, release},
-    {"waits shared", hold, [](Latches& l) { (void)l.word.getShared("v", 8), l.word.release(); }, release},
-    {"waits spin", holdSpin, [](Latches& l) { (void)l.spin.captureLatch("v", 9), l.spin.releaseLatch(); }, releaseSpin},
+    {"waits exclusive", hold, [](Latches& l) { (void)l.word.getExclusive(kVictim, 7), l.word.release(); }, release},
+    {"waits shared", hold, [](Latches& l) { (void)l.word.getShared(kVictim, 8), l.word.release(); }, release},
+    {"waits spin", holdSpin, [](Latches& l) { (void)l.spin.captureLatch(kVictim, 9), l.spin.releaseLatch(); },
+     releaseSpin},
 };
 
 constexpr unsigned kStepsMost = 30'000;
+constexpr unsigned kBody = 360;  // what follows is the end of the process
 
 void killAt(Latches& latches, const Scenario& scenario, unsigned instruction) {
   scenario.before(latches);
@@ -172,12 +178,16 @@ TEST_P(LatchDeath, AtAnyInstruction) {
   const int result = platformtest::runInProcess([&] {
     initialise(*latches, GetParam());
     Dice dice(seed);
+    std::string lengths;
     for (const Scenario& scenario : kScenarios) {
+      const bool waits = scenario.before != nothing;
       const unsigned length = lengthOf(*latches, scenario);
-      const unsigned points = length < 300 ? length : 20;
-      for (unsigned i = 0; i < points; ++i) killAt(*latches, scenario, points == length ? i : dice(length));
+      lengths += std::string(scenario.name) + " " + std::to_string(length) + " instructions, ";
+      // The way of a waiter is long: samples. Of the others every second instruction, one half in this run.
+      for (unsigned i = 0; i < (waits ? 20 : std::min(length, kBody) / 2); ++i)
+        killAt(*latches, scenario, waits ? dice(length) : 2 * i + seed % 2);
     }
-    EXPECT_GT(latches->repaired.load(), 0U);
+    EXPECT_GT(latches->repaired.load(), 0U) << lengths;
   });
   if (result == platformtest::kSkip) GTEST_SKIP() << "a process may not be traced here";
   EXPECT_EQ(result, 0);
@@ -192,7 +202,7 @@ TEST_P(LatchDeath, JustWoken) {
     for (unsigned i = 0; i < 40; ++i) {
       hold(*latches);
       {
-        Victim victim([&] { (void)latches->word.getExclusive("v", 1), latches->word.release(); });
+        Victim victim([&] { (void)latches->word.getExclusive(kVictim, 1), latches->word.release(); });
         if (!victim.canRun()) ::exit(platformtest::kSkip);
         victim.runUntilAsleep();
         latches->word.release();
