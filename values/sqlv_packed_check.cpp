@@ -1,6 +1,10 @@
 // Validation of packed values.
 #include "values/sqlv_packed_check.h"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 namespace vek {
 namespace {
 
@@ -26,37 +30,74 @@ bool isMalformedLong(const std::uint8_t* packed, SqlvDescriptor descriptor) noex
   return wrong != 0 || negativeZero || (rest != kSqlvNegative && sqlvi_isMalformed(rest, SQLV_PRECISION_MAX));
 }
 
-// The precision of most amounts, 15 with any scale up to it, in one comparison of both.
-constexpr bool isAmount(SqlvDescriptor descriptor) noexcept {
-  static_assert(kSqlvShortDigits == 0xF);
-  const unsigned both = descriptor.precision | unsigned{descriptor.scale} << 8U;
-  return ((both ^ kSqlvShortDigits) & 0xF0FFU) == 0;
+// Values of any precision. Apart from the common ones, which so need no stack.
+[[gnu::noinline]] SqlzZrc checkAny(const std::uint8_t* packed, SqlvDescriptor descriptor) noexcept {
+  const unsigned precision = descriptor.precision;
+  const std::size_t count = sqlvPackedBytes(descriptor);
+  if (count <= kSqlvShortBytes) return verdict(sqlvi_isMalformed(sqlvi_loadShort(packed, count), precision));
+  if (count <= SQLV_PACKED_BYTES_MAX) return verdict(sqlvi_isMalformed(sqlvi_loadLong(packed, count), precision));
+  return verdict(isMalformedLong(packed, descriptor));
 }
 
-// A value of 15 digits, whose eight bytes have no pad. The digits are looked at in the machine's order of bytes, since
-// no digit's test looks at another one; the sign stands in the last byte.
-bool isMalformedAmount(const std::uint8_t* packed) noexcept {
+// ---- values that fill one word or two -------------------------------------------------------------------------
+
+// Values of 15 digits, which most amounts are, and of 31: no pad, and a sign in the last of 8 or 16 bytes. The digits
+// are looked at in the machine's order of bytes, since no digit's test looks at another one. Each rule is a branch of
+// its own, never taken for a good value, rather than a term of a sum that would have to be put together.
+
+SqlzZrc check15(const std::uint8_t* packed) noexcept {
   if constexpr (std::endian::native != std::endian::little)
-    return sqlvi_isMalformed(sqlvi_loadBig<std::uint64_t>(packed), kSqlvShortDigits);
+    return verdict(sqlvi_isMalformed(sqlvi_loadBig<std::uint64_t>(packed), kSqlvShortDigits));
   constexpr unsigned kSignShift = 56;
   std::uint64_t raw = 0;
   std::memcpy(&raw, packed, sizeof raw);
-  const std::uint64_t aboveNine = raw & 0x8088888888888888U & (raw << 1U | raw << 2U);
-  const std::uint64_t unknownSign = (raw >> kSignShift & 0xEU) ^ kSqlvPositive;
-  return (aboveNine | unknownSign) != 0 || raw == kSqlvNegative << kSignShift;
+  if ((sqlvi_aboveNine(raw) & ~(std::uint64_t{0xF} << kSignShift)) != 0) [[unlikely]]
+    return SQLRX_DEC_INVALID;
+  if ((packed[7] & 0xEU) != kSqlvPositive) [[unlikely]]
+    return SQLRX_DEC_INVALID;
+  return verdict(raw == kSqlvNegative << kSignShift);
 }
+
+#if defined(__SSE2__)
+
+// Whether all bytes of two vectors are the same.
+bool areSame(__m128i a, __m128i b) noexcept {
+  constexpr int kAllBytes = 0xFFFF;
+  return _mm_movemask_epi8(_mm_cmpeq_epi8(a, b)) == kAllBytes;
+}
+
+// Of the upper halves of bytes, what exceeds 0x9F is wrong; of the lower ones what exceeds 9, and 1 in the last byte,
+// where the sign has been made 0 or 1.
+SqlzZrc check31(const std::uint8_t* packed) noexcept {
+  const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(packed));
+  const __m128i positive = _mm_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, kSqlvPositive);
+  const __m128i negative = _mm_setr_epi8(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, kSqlvNegative);
+  const __m128i most = _mm_setr_epi8(9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 9, 1);
+  const __m128i lower = _mm_xor_si128(_mm_and_si128(bytes, _mm_set1_epi8(0x0F)), positive);
+  const __m128i wrongUpper = _mm_subs_epu8(bytes, _mm_set1_epi8(static_cast<char>(0x9F)));
+  if (!areSame(_mm_or_si128(wrongUpper, _mm_subs_epu8(lower, most)), _mm_setzero_si128())) [[unlikely]]
+    return SQLRX_DEC_INVALID;
+  return verdict(areSame(bytes, negative));
+}
+
+#else
+
+SqlzZrc check31(const std::uint8_t* packed) noexcept {
+  return verdict(sqlvi_isMalformed(sqlvi_loadLong(packed, SQLV_PACKED_BYTES_MAX), SQLV_PRECISION_MAX));
+}
+
+#endif
 
 }  // namespace
 }  // namespace vek
 
 SqlzZrc sqlv_check_packed_Internal(const std::uint8_t* packed, SqlvDescriptor descriptor) noexcept {
   using namespace vek;
-  if (isAmount(descriptor)) [[likely]]
-    return verdict(isMalformedAmount(packed));
-  const unsigned precision = descriptor.precision;
-  if (precision < descriptor.scale) return SQLRX_DEC_INVALID;
-  const std::size_t count = sqlvPackedBytes(descriptor);
-  if (count <= kSqlvShortBytes) return verdict(sqlvi_isMalformed(sqlvi_loadShort(packed, count), precision));
-  if (count <= SQLV_PACKED_BYTES_MAX) return verdict(sqlvi_isMalformed(sqlvi_loadLong(packed, count), precision));
-  return verdict(isMalformedLong(packed, descriptor));
+  if (descriptor.precision < descriptor.scale) [[unlikely]]
+    return SQLRX_DEC_INVALID;
+  if (descriptor.precision == kSqlvShortDigits) [[likely]]
+    return check15(packed);
+  if (descriptor.precision == SQLV_PRECISION_MAX) [[likely]]
+    return check31(packed);
+  return checkAny(packed, descriptor);
 }

@@ -1,7 +1,7 @@
 // Packed decimals against the decimal numbers of Python, whose results a script writes down: random values of random
 // types, near the limits of the targets and near halves. Every value stands at the edge of a page, so that a byte
 // touched before or behind it ends the test.
-#include <cstdlib>
+#include <cstring>
 #include <random>
 
 #include "platform/support.h"

@@ -8,9 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstring>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -63,7 +63,7 @@ class GuardedPage {
   std::uint8_t* place(std::size_t bytes, bool atEnd) const { return atEnd ? front() + kBytes - bytes : front(); }
   std::uint8_t* place(const std::vector<std::uint8_t>& bytes, bool atEnd) const {
     std::uint8_t* target = place(bytes.size(), atEnd);
-    std::memcpy(target, bytes.data(), bytes.size());
+    std::copy(bytes.begin(), bytes.end(), target);
     return target;
   }
 
