@@ -38,10 +38,10 @@ void repairData(const LatchSubject& subject) noexcept {
 // What the marks say of one latch. An ACTIVE mark of a living thread counts whatever its mode, since it may be on its
 // way from one to the other.
 struct Census {
-  std::uint32_t living = 0;
+  std::uint32_t living = 0;                 // that say ACTIVE
   std::uint32_t livingWaiters[2] = {0, 0};  // by WaiterKind
-  std::uint32_t gone = 0;
-  std::uint32_t goneExclusive = 0;
+  std::uint32_t gone = 0;                   // that say ACTIVE
+  std::uint32_t goneWaiters = 0;
 };
 
 bool concerns(const LatchSubject& subject, const LatchMarkSeen& mark) noexcept {
@@ -53,8 +53,7 @@ void count(Census* census, const LatchMarkSeen& mark) noexcept {
   const bool exclusive = (mark.word & MARK_EXCLUSIVE) != 0;
   const bool waits = (mark.word & MARK_STATE) == MARK_WAITING;
   if (mark.isGone()) {
-    ++census->gone;  // waiting or not: it may have got the latch and died before it said so
-    if (exclusive) ++census->goneExclusive;
+    ++(waits ? census->goneWaiters : census->gone);
   } else if (waits) {
     ++census->livingWaiters[exclusive ? 1 : 0];
   } else {
@@ -82,10 +81,18 @@ void clearMark(const LatchMarkSeen& mark) noexcept {
   regionThreadUnpin(mark.slot, 1ULL << mark.index);
 }
 
-void clearGone(const LatchSubject& subject) noexcept {
+constexpr std::uint32_t kAllMarks = ~0U;
+
+// Takes the marks of the dead away: all that say WAITING, since who is about to take a latch says ACTIVE first, and at
+// most `active` of those that say ACTIVE.
+void clearGone(const LatchSubject& subject, std::uint32_t active) noexcept {
   LivingProcesses processes;
   visitMarks(processes, [&](const LatchMarkSeen& mark) {
-    if (mark.isGone() && concerns(subject, mark)) clearMark(mark);
+    if (!mark.isGone() || !concerns(subject, mark)) return;
+    const bool waits = (mark.word & MARK_STATE) == MARK_WAITING;
+    if (!waits && active == 0) return;
+    clearMark(mark);
+    active -= waits || active == kAllMarks ? 0U : 1U;
   });
 }
 
@@ -100,7 +107,7 @@ Rescue takeOverExclusive(const LatchSubject& subject, LatchHold& hold) noexcept 
       sqloPanic(SQLO_LATCH_HOLDER_DIED, "The exclusive holder of a latch died", subject.latch);
   }
   hold.tries();
-  clearGone(subject);
+  clearGone(subject, kAllMarks);
   return Rescue::kOwned;
 }
 
@@ -130,26 +137,36 @@ std::uint32_t freezeHolders(SQLO_SLATCH_CAS32& latch) noexcept {
   return SqloSharedLatchAccess::state(latch).fetch_or(SQLO_SLATCH_WAITER_X, std::memory_order_acq_rel);
 }
 
+// The parts of sharers that died go from the count, since they left the data as they were. A living mark may be that of
+// a thread that is only about to try: the marks of as many dead stay as may hold what is left, for a later look.
+void takeBackShared(SQLO_SLATCH_CAS32& latch, const LatchSubject& subject, std::uint32_t holds,
+                    std::uint32_t living) noexcept {
+  const std::uint32_t lost = holds > living ? holds - living : 0;
+  if (lost != 0) SqloSharedLatchAccess::state(latch).fetch_sub(lost, std::memory_order_acq_rel);
+  clearGone(subject, holds == lost ? kAllMarks : lost);
+}
+
 Rescue judgeShared(SQLO_SLATCH_CAS32& latch, const LatchSubject& subject, LatchHold& hold) noexcept {
   if (!canTell(subject)) return Rescue::kNothing;
   const RegionLock lock(kRegionWaitMs);
   if (!lock.held()) return Rescue::kNothing;
   const std::uint32_t word = freezeHolders(latch);
   const Census census = takeCensus(subject);
-  const std::uint32_t sharers = word & SQLO_SLATCH_HOLDERS;
-  if (census.gone == 0) {
+  const bool isExclusive = (word & SQLO_SLATCH_HELD_X) != 0;
+  // What a dead waiter may have left for others to meet: a reservation, and no living one comes for it.
+  const bool isForNobody = census.livingWaiters[1] == 0 && (word & SQLO_SLATCH_RESERVED_X) != 0;
+  const bool isUndecided = census.gone != 0 && isExclusive && census.living != 0;
+  if ((census.gone == 0 || isUndecided) && census.goneWaiters == 0 && !isForNobody) {
     if ((word & SQLO_SLATCH_WAITER_X) == 0) SqloSharedLatchAccess::state(latch).fetch_and(~SQLO_SLATCH_WAITER_X);
     return Rescue::kNothing;
   }
   Rescue rescue = Rescue::kRetry;
-  if ((word & SQLO_SLATCH_HELD_X) != 0 && census.living == 0) {
+  if (isExclusive && census.gone != 0 && census.living == 0)
     rescue = takeOverExclusive(subject, hold);
-  } else {
-    // Sharers that died leave the data as they were: their part of the count goes. Other marks were those of waiters,
-    // or of threads that had given the latch back.
-    if (sharers > census.living) SqloSharedLatchAccess::state(latch).fetch_sub(sharers - census.living);
-    clearGone(subject);
-  }
+  else if (isExclusive)
+    clearGone(subject, 0);
+  else
+    takeBackShared(latch, subject, word & SQLO_SLATCH_HOLDERS, census.living);
   restoreQueue(latch, census);
   return rescue;
 }
@@ -178,14 +195,15 @@ Rescue judgeSpin(SqloSpinLatch& latch, const LatchSubject& subject, LatchHold& h
   const RegionLock lock(kRegionWaitMs);
   if (!lock.held() || !watch(latch)) return Rescue::kNothing;
   const Census census = takeCensus(subject);
-  if (!isStillWatched(latch) || census.gone == 0) return Rescue::kNothing;
-  if (census.living != 0) {
-    clearGone(subject);  // waiters, or threads that had given it back
-    return Rescue::kRetry;
+  if (!isStillWatched(latch)) return Rescue::kNothing;
+  // A living mark may be that of a thread that is only about to try: then the next look tells.
+  if (census.gone == 0 || census.living != 0) {
+    clearGone(subject, 0);
+    return Rescue::kNothing;
   }
   if (!guardsSharedLatch(latch)) return takeOverExclusive(subject, hold);
   hold.tries();
-  clearGone(subject);
+  clearGone(subject, kAllMarks);
   return Rescue::kOwned;
 }
 

@@ -40,6 +40,7 @@ bool tryResting(SqloSpinLatch& latch, LatchHold& hold) noexcept {
 }
 
 constexpr std::int64_t kFirstLookNs = 10'000'000;  // a holder that lives has long given back by then
+constexpr std::int64_t kLongestBetweenLooksNs = 1'000'000'000;
 
 SqlzZrc restUntilFree(SqloSpinLatch& latch, const LatchTuning& tuning, LatchHold& hold) noexcept {
   const std::int64_t since = ossMonotonicNs();
@@ -50,7 +51,7 @@ SqlzZrc restUntilFree(SqloSpinLatch& latch, const LatchTuning& tuning, LatchHold
     if (tryResting(latch, hold)) return 0;
     rests.rest();
     if (ossMonotonicNs() - since < wait) continue;
-    wait *= 2;
+    wait += wait < kLongestBetweenLooksNs ? wait : kLongestBetweenLooksNs;
     const Rescue rescue = sqloi_rescueSpin(latch, hold);
     if (rescue == Rescue::kOwned) return 0;
     if (rescue == Rescue::kRefused) return SQLO_LATCH_HOLDER_DIED;
