@@ -5,9 +5,8 @@
 //
 //   a waiter    sets its bit by a compare-and-swap that fails when the conflict is over, so that a release that did not
 //               see the bit has happened before and the waiter sees that
-//   a releaser  that sees a bit takes cs first; the word with the hold given back, the bits of those it wakes cleared
-//   and
-//               the reservation set is stored at once, so that no state in between exists for others to meet
+//   a releaser  that sees a bit takes cs first; the word with the hold given back, the bits of those it wakes cleared and
+//               the reservation set are one change of it, so that no state in between exists for others to meet
 //
 // verify/latch_cas32.pml is the model of the two.
 #include <algorithm>
@@ -171,6 +170,7 @@ class Wait {
     request_.hold.beginWaiting(request_.file, request_.line);
     request_.hold.setSince(ossMonotonicNs());
     const SqlzZrc result = wait();
+    if (result == 0) request_.hold.setSince(ossMonotonicNs());
     request_.hold.endWaiting();
     ossRestoreCancellation(cancelState);
     return result;

@@ -62,6 +62,7 @@ SqlzZrc rest(SqloSpinLatch& latch, const LatchTuning& tuning, LatchHold& hold) n
   const ErrnoKept kept;
   const int cancelState = ossDisableCancellation();
   const SqlzZrc result = restUntilFree(latch, tuning, hold);
+  if (result == 0) hold.setSince(ossMonotonicNs());
   ossRestoreCancellation(cancelState);
   return result;
 }

@@ -42,7 +42,6 @@ inline constexpr std::uint16_t SQLO_LATCH_BETWEEN_PROCESSES = 0x4000;  // in mem
 inline constexpr std::uint16_t SQLO_LATCH_PRINTED_FLAGS = 0xE000;
 inline constexpr std::uint16_t SQLO_LATCH_TYPE_MASK = 0x07FF;
 
-// Takes the calling thread out of the way for a little: spinning that a waiting thread does.
 class SqloSpinLatch;
 
 extern "C" {
