@@ -137,13 +137,12 @@ std::uint32_t freezeHolders(SQLO_SLATCH_CAS32& latch) noexcept {
   return SqloSharedLatchAccess::state(latch).fetch_or(SQLO_SLATCH_WAITER_X, std::memory_order_acq_rel);
 }
 
-// The parts of sharers that died go from the count, since they left the data as they were. A living mark may be that of
-// a thread that is only about to try: the marks of as many dead stay as may hold what is left, for a later look.
-void takeBackShared(SQLO_SLATCH_CAS32& latch, const LatchSubject& subject, std::uint32_t holds,
-                    std::uint32_t living) noexcept {
-  const std::uint32_t lost = holds > living ? holds - living : 0;
+// The parts of `lost` sharers that died go from the count, since they left the data as they were, and as many marks of
+// the dead. More of those may be left, of threads that died before they took the latch or behind giving it back; nobody
+// can tell them from that of one who took it since the word was read, so they stay. They do no harm.
+void takeBackShared(SQLO_SLATCH_CAS32& latch, const LatchSubject& subject, std::uint32_t lost) noexcept {
   if (lost != 0) SqloSharedLatchAccess::state(latch).fetch_sub(lost, std::memory_order_acq_rel);
-  clearGone(subject, holds == lost ? kAllMarks : lost);
+  clearGone(subject, lost);
 }
 
 Rescue judgeShared(SQLO_SLATCH_CAS32& latch, const LatchSubject& subject, LatchHold& hold) noexcept {
@@ -152,21 +151,20 @@ Rescue judgeShared(SQLO_SLATCH_CAS32& latch, const LatchSubject& subject, LatchH
   if (!lock.held()) return Rescue::kNothing;
   const std::uint32_t word = freezeHolders(latch);
   const Census census = takeCensus(subject);
-  const bool isExclusive = (word & SQLO_SLATCH_HELD_X) != 0;
+  const bool isLost = (word & SQLO_SLATCH_HELD_X) != 0 && census.living == 0 && census.gone != 0;
+  const std::uint32_t sharers = word & SQLO_SLATCH_HOLDERS;
+  const std::uint32_t lost = census.gone != 0 && sharers > census.living ? sharers - census.living : 0;
   // What a dead waiter may have left for others to meet: a reservation, and no living one comes for it.
   const bool isForNobody = census.livingWaiters[1] == 0 && (word & SQLO_SLATCH_RESERVED_X) != 0;
-  const bool isUndecided = census.gone != 0 && isExclusive && census.living != 0;
-  if ((census.gone == 0 || isUndecided) && census.goneWaiters == 0 && !isForNobody) {
+  if (!isLost && lost == 0 && census.goneWaiters == 0 && !isForNobody) {
     if ((word & SQLO_SLATCH_WAITER_X) == 0) SqloSharedLatchAccess::state(latch).fetch_and(~SQLO_SLATCH_WAITER_X);
     return Rescue::kNothing;
   }
   Rescue rescue = Rescue::kRetry;
-  if (isExclusive && census.gone != 0 && census.living == 0)
+  if (isLost)
     rescue = takeOverExclusive(subject, hold);
-  else if (isExclusive)
-    clearGone(subject, 0);
   else
-    takeBackShared(latch, subject, word & SQLO_SLATCH_HOLDERS, census.living);
+    takeBackShared(latch, subject, lost);
   restoreQueue(latch, census);
   return rescue;
 }
