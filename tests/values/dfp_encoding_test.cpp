@@ -1,5 +1,6 @@
 // Densely packed decimal: the tables, and values whose bits nobody should have written.
 #include <random>
+#include <string_view>
 
 #include "platform/ossx_tables.h"
 #include "values/dfp_support.h"
@@ -7,35 +8,17 @@
 namespace vek::valuestest {
 namespace {
 
-// The digits of a declet by the equations of its bits, one by one.
-unsigned bcdByEquations(unsigned declet) {
-  const auto bit = [declet](unsigned index) { return (declet >> index & 1U) != 0; };
-  const bool p = bit(9);
-  const bool q = bit(8);
-  const bool r = bit(7);
-  const bool s = bit(6);
-  const bool t = bit(5);
-  const bool u = bit(4);
-  const bool v = bit(3);
-  const bool w = bit(2);
-  const bool x = bit(1);
-  const bool y = bit(0);
-  const bool digits[12] = {
-      v && w && (!x || !s || t),
-      p && (!v || !w || (x && s && !t)),
-      q && (!v || !w || (x && s && !t)),
-      r,
-      v && x && (!w || !t || s),
-      (s && (!v || !x)) || (p && v && w && x && !s && t),
-      (t && (!v || !x)) || (q && v && w && x && !s && t),
-      u,
-      v && ((!w && !x) || (w && x && (s || t))),
-      (w && !v) || (s && v && !w && x) || (p && v && w && (!x || (!s && !t))),
-      (x && !v) || (t && v && !w && x) || (q && v && w && (!x || (!s && !t))),
-      y,
-  };
+// The digits of a declet pqrstuvwxy, bit by bit, as the definition of the encoding tells them: by v, then by w and x,
+// then by s and t.
+unsigned bcdByDefinition(unsigned declet) {
+  constexpr std::string_view kDigits[] = {"0pqr0stu0wxy", "0pqr0stu100y", "0pqr100u0sty", "100r0stu0pqy",
+                                          "100r100u0pqy", "100r0pqu100y", "0pqr100u100y", "100r100u100y"};
+  const unsigned v = declet >> 3U & 1U;
+  const unsigned wx = declet >> 1U & 3U;
+  const unsigned st = declet >> 5U & 3U;
   unsigned bcd = 0;
-  for (const bool digit : digits) bcd = bcd << 1U | (digit ? 1U : 0U);
+  for (const char bit : kDigits[v == 0 ? 0 : wx < 3 ? 1 + wx : 4 + st])
+    bcd = bcd << 1U | (bit >= 'p' ? declet >> static_cast<unsigned>('y' - bit) & 1U : bit == '1' ? 1U : 0U);
   return bcd;
 }
 
@@ -43,7 +26,7 @@ TEST(Declets, AllOfThem) {
   unsigned unwritten = 0;
   for (unsigned declet = 0; declet < DECLETS; ++declet) {
     const unsigned bcd = DPD2BCD[declet];
-    EXPECT_EQ(bcd, bcdByEquations(declet)) << declet;
+    EXPECT_EQ(bcd, bcdByDefinition(declet)) << declet;
     const unsigned value = (bcd >> 8U) * 100 + (bcd >> 4U & 0xFU) * 10 + (bcd & 0xFU);
     EXPECT_EQ(DPD2BIN[declet], value);
     EXPECT_EQ(BIN2DPD[value], BCD2DPD[bcd]);

@@ -17,55 +17,34 @@ inline bool operator==(DfpalDecimal128 left, DfpalDecimal128 right) {
 
 namespace vek::valuestest {
 
-struct Width64 {
-  using Value = DfpalDecimal64;
-  static constexpr auto fromString = dfpal_decimal64FromString;
-  static constexpr auto toString = dfpal_decimal64ToString;
-  static constexpr auto add = dfpal_decimal64Add;
-  static constexpr auto subtract = dfpal_decimal64Subtract;
-  static constexpr auto multiply = dfpal_decimal64Multiply;
-  static constexpr auto divide = dfpal_decimal64Divide;
-  static constexpr auto quantize = dfpal_decimal64Quantize;
-  static constexpr auto compare = dfpal_decimal64Compare;
-  static constexpr auto compareSignal = dfpal_decimal64CompareSignal;
-  static constexpr auto integral = dfpal_decimal64RoundToIntegral;
-  static constexpr auto integralExact = dfpal_decimal64RoundToIntegralExact;
-  static constexpr auto fromInt32 = dfpal_decimal64FromInt32;
-  static constexpr auto fromUint32 = dfpal_decimal64FromUint32;
-  static constexpr auto fromInt64 = dfpal_decimal64FromInt64;
-  static constexpr auto fromUint64 = dfpal_decimal64FromUint64;
-  static constexpr auto toInt32 = dfpal_decimal64ToInt32;
-  static constexpr auto toUint32 = dfpal_decimal64ToUint32;
-  static constexpr auto toInt64 = dfpal_decimal64ToInt64;
-  static constexpr auto toUint64 = dfpal_decimal64ToUint64;
-  static constexpr auto fromPacked = dfpal_decimal64FromPacked;
-  static constexpr auto toPacked = dfpal_decimal64ToPacked;
-};
-
-struct Width128 {
-  using Value = DfpalDecimal128;
-  static constexpr auto fromString = dfpal_decimal128FromString;
-  static constexpr auto toString = dfpal_decimal128ToString;
-  static constexpr auto add = dfpal_decimal128Add;
-  static constexpr auto subtract = dfpal_decimal128Subtract;
-  static constexpr auto multiply = dfpal_decimal128Multiply;
-  static constexpr auto divide = dfpal_decimal128Divide;
-  static constexpr auto quantize = dfpal_decimal128Quantize;
-  static constexpr auto compare = dfpal_decimal128Compare;
-  static constexpr auto compareSignal = dfpal_decimal128CompareSignal;
-  static constexpr auto integral = dfpal_decimal128RoundToIntegral;
-  static constexpr auto integralExact = dfpal_decimal128RoundToIntegralExact;
-  static constexpr auto fromInt32 = dfpal_decimal128FromInt32;
-  static constexpr auto fromUint32 = dfpal_decimal128FromUint32;
-  static constexpr auto fromInt64 = dfpal_decimal128FromInt64;
-  static constexpr auto fromUint64 = dfpal_decimal128FromUint64;
-  static constexpr auto toInt32 = dfpal_decimal128ToInt32;
-  static constexpr auto toUint32 = dfpal_decimal128ToUint32;
-  static constexpr auto toInt64 = dfpal_decimal128ToInt64;
-  static constexpr auto toUint64 = dfpal_decimal128ToUint64;
-  static constexpr auto fromPacked = dfpal_decimal128FromPacked;
-  static constexpr auto toPacked = dfpal_decimal128ToPacked;
-};
+#define VEK_DFP_WIDTH(bits)                                                          \
+  struct Width##bits {                                                               \
+    using Value = DfpalDecimal##bits;                                                \
+    static constexpr auto fromString = dfpal_decimal##bits##FromString;              \
+    static constexpr auto toString = dfpal_decimal##bits##ToString;                  \
+    static constexpr auto add = dfpal_decimal##bits##Add;                            \
+    static constexpr auto subtract = dfpal_decimal##bits##Subtract;                  \
+    static constexpr auto multiply = dfpal_decimal##bits##Multiply;                  \
+    static constexpr auto divide = dfpal_decimal##bits##Divide;                      \
+    static constexpr auto quantize = dfpal_decimal##bits##Quantize;                  \
+    static constexpr auto compare = dfpal_decimal##bits##Compare;                    \
+    static constexpr auto compareSignal = dfpal_decimal##bits##CompareSignal;        \
+    static constexpr auto integral = dfpal_decimal##bits##RoundToIntegral;           \
+    static constexpr auto integralExact = dfpal_decimal##bits##RoundToIntegralExact; \
+    static constexpr auto fromInt32 = dfpal_decimal##bits##FromInt32;                \
+    static constexpr auto fromUint32 = dfpal_decimal##bits##FromUint32;              \
+    static constexpr auto fromInt64 = dfpal_decimal##bits##FromInt64;                \
+    static constexpr auto fromUint64 = dfpal_decimal##bits##FromUint64;              \
+    static constexpr auto toInt32 = dfpal_decimal##bits##ToInt32;                    \
+    static constexpr auto toUint32 = dfpal_decimal##bits##ToUint32;                  \
+    static constexpr auto toInt64 = dfpal_decimal##bits##ToInt64;                    \
+    static constexpr auto toUint64 = dfpal_decimal##bits##ToUint64;                  \
+    static constexpr auto fromPacked = dfpal_decimal##bits##FromPacked;              \
+    static constexpr auto toPacked = dfpal_decimal##bits##ToPacked;                  \
+  }
+VEK_DFP_WIDTH(64);
+VEK_DFP_WIDTH(128);
+#undef VEK_DFP_WIDTH
 
 // The value of a text, and the text of a value.
 template <class Width>

@@ -86,7 +86,7 @@ def text(rnd, width):
 
 
 def narrowed(ctx, value):
-#Adding zero would lose the sign of a zero; creating would not quieten a NaN.
+    # Adding zero would lose the sign of a zero; creating would not quieten a NaN.
     return ctx.plus(value) if value.is_nan() else ctx.create_decimal(value)
 
 
@@ -118,12 +118,9 @@ BINARY = {
     "comparesignal": lambda ctx, a, b: ctx.compare_signal(a, b),
 }
 UNARY = {
-  "integral" : lambda ctx,
-               a : ctx.to_integral_value(a),
-               "integralexact" : lambda ctx,
-                                 a : ctx.to_integral_exact(a),
-                                 "widen" : lambda ctx,
-                                           a : narrowed(context(128), a) if not a.is_snan() else ctx.plus(a),
+    "integral": lambda ctx, a: ctx.to_integral_value(a),
+    "integralexact": lambda ctx, a: ctx.to_integral_exact(a),
+    "widen": lambda ctx, a: narrowed(context(128), a) if not a.is_snan() else ctx.plus(a),
 }
 SPECIAL = ["string", "narrow", "tointeger", "topacked", "frompacked"]
 

@@ -48,49 +48,36 @@ TEST(PackedInteger, EndsOfWideIntegers) {
 
 // Signs that only readers know; zero with any of them.
 TEST(PackedInteger, ReadsEverySign) {
-  constexpr bool kNegative[16] = {false, false, false, false, false, false, false, false,
-                                  false, false, false, true,  false, true,  false, false};
   for (unsigned sign = 0; sign < 16; ++sign)
     for (const SqlvDescriptor descriptor : {descriptorOf(4, 1), descriptorOf(31, 1)}) {
-      std::int32_t read = 1;
-      EXPECT_EQ(sqlvpdc2lng(packedOf(125, sign, descriptor).data(), descriptor, &read), 0);
-      EXPECT_EQ(read, kNegative[sign] ? -12 : 12);
-      EXPECT_EQ(sqlvpdc2lng(packedOf(0, sign, descriptor).data(), descriptor, &read), 0);
-      EXPECT_EQ(read, 0);
-      std::uint16_t natural = 9;
-      const SqlzZrc expected = kNegative[sign] ? SQLRX_DEC_OVERFLOW : 0;
-      EXPECT_EQ(sqlvpdc2usht(packedOf(5, sign, descriptor).data(), descriptor, &natural), expected);
-      EXPECT_EQ(natural, kNegative[sign] ? 9 : 0);
+      const bool isNegative = sign == 0xB || sign == 0xD;
+      for (const int digits : {125, 0}) {
+        const Packed value = packedOf(static_cast<unsigned>(digits), sign, descriptor);
+        std::int32_t read = 1;
+        EXPECT_EQ(sqlvpdc2lng(value.data(), descriptor, &read), 0);
+        EXPECT_EQ(read, (isNegative ? -digits : digits) / 10);
+        std::uint16_t natural = 9;
+        EXPECT_EQ(sqlvpdc2usht(value.data(), descriptor, &natural), isNegative ? SQLRX_DEC_OVERFLOW : 0);
+        EXPECT_EQ(natural, isNegative ? 9 : digits / 10);
+      }
     }
 }
 
-// Only the value 1 switches rounding on.
-TEST(PackedInteger, RoundsHalvesAwayFromZeroWhenToldTo) {
+// Only the value 1 switches rounding on, and what no longer fits when rounded leaves the target alone.
+TEST(PackedInteger, RoundsWhenToldTo) {
   const SqlvDescriptor descriptor = descriptorOf(6, 1);
-  const struct {
-    unsigned magnitude;
-    unsigned sign;
-    int cut;
-    int rounded;  // 99999: does not fit
-  } cases[] = {{5, 0xD, 0, -1},
-               {4, 0xC, 0, 0},
-               {14, 0xD, -1, -1},
-               {15, 0xC, 1, 2},
-               {327675, 0xC, 32767, 99999},
-               {327685, 0xD, -32768, 99999},
-               {327674, 0xC, 32767, 32767}};
   for (std::uint16_t setting = 0; setting <= 2; ++setting) {
     sqlvSetDecimalRounding(setting);
     EXPECT_EQ(sqlvGetDecimalRounding(), setting);
-    for (const auto& each : cases) {
-      const Packed value = packedOf(each.magnitude, each.sign, descriptor);
-      const int expected = setting == 1 ? each.rounded : each.cut;
-      std::int16_t read = 0;
-      EXPECT_EQ(sqlvpdc2sht(value.data(), descriptor, &read), expected == 99999 ? SQLRX_DEC_OVERFLOW : 0);
-      EXPECT_EQ(read, expected == 99999 ? 0 : expected) << each.magnitude;
-      EXPECT_EQ(sqlvpdc2sht_trunc(value.data(), descriptor, &read), 0);
-      EXPECT_EQ(read, each.cut);
-    }
+    std::int16_t read = 0;
+    EXPECT_EQ(sqlvpdc2sht(packedOf(5, 0xD, descriptor).data(), descriptor, &read), 0);
+    EXPECT_EQ(read, setting == 1 ? -1 : 0);
+    const Packed largest = packedOf(327675, 0xC, descriptor);
+    EXPECT_EQ(sqlvpdc2sht_trunc(largest.data(), descriptor, &read), 0);
+    EXPECT_EQ(read, 32767);
+    read = 7;
+    EXPECT_EQ(sqlvpdc2sht(largest.data(), descriptor, &read), setting == 1 ? SQLRX_DEC_OVERFLOW : 0);
+    EXPECT_EQ(read, setting == 1 ? 7 : 32767);
   }
   sqlvSetDecimalRounding(0);
 }
