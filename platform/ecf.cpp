@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <array>
 #include <iterator>
 
 #include "platform/host.h"
@@ -31,10 +32,20 @@ const EcfComponentRow& componentOf(EcfFunctionId id) noexcept {
   return ecfIsFunctionId(id) ? kComponents[ecfComponent(id)] : kNoComponent;
 }
 
+// Where the functions of each component begin; most components have none here, and are done with at once.
+constexpr auto kFirstOf = [] {
+  std::array<std::uint16_t, std::size(kComponents) + 1> first = {};
+  for (const EcfFunctionRow& row : kFunctions) ++first[ecfComponent(row.id) + 1];
+  for (std::size_t i = 1; i < first.size(); ++i) first[i] = static_cast<std::uint16_t>(first[i] + first[i - 1]);
+  return first;
+}();
+
 const char* ownFunctionName(EcfFunctionId id) noexcept {
-  const auto* found = std::lower_bound(std::begin(kFunctions), std::end(kFunctions), id,
+  const std::uint32_t component = ecfComponent(id);
+  const EcfFunctionRow* const end = kFunctions + kFirstOf[component + 1];
+  const auto* found = std::lower_bound(kFunctions + kFirstOf[component], end, id,
                                        [](const EcfFunctionRow& row, EcfFunctionId wanted) { return row.id < wanted; });
-  return found != std::end(kFunctions) && found->id == id ? found->name : nullptr;
+  return found != end && found->id == id ? found->name : nullptr;
 }
 
 const char* internedFunctionName(EcfFunctionId id) noexcept {

@@ -95,15 +95,17 @@ std::uint64_t hostEngineUnitNumber() noexcept {
 }
 
 bool hostEngineUnit(VekEngineUnit* out) noexcept {
+  if (g_host.currentEngineUnit == nullptr) return false;
   VekEngineUnit unit = {};
-  if (g_host.currentEngineUnit == nullptr || !g_host.currentEngineUnit(g_host.context, &unit)) return false;
+  if (!g_host.currentEngineUnit(g_host.context, &unit)) return false;
   *out = unit;
   return true;
 }
 
 bool hostApplication(VekApplication* out) noexcept {
+  if (g_host.application == nullptr) return false;
   VekApplication application = {};
-  if (g_host.application == nullptr || !g_host.application(g_host.context, &application)) return false;
+  if (!g_host.application(g_host.context, &application)) return false;
   *out = application;
   return true;
 }

@@ -255,9 +255,9 @@ const char* ossSignalName(int signal) noexcept {
   return "a signal";
 }
 
-void ossProcessName(char* field, std::size_t bytes) noexcept {
-  ossCopyText(field, bytes, ::program_invocation_short_name);
-}
+const char* ossProgramName() noexcept { return ::program_invocation_short_name; }
+
+void ossProcessName(char* field, std::size_t bytes) noexcept { ossCopyText(field, bytes, ossProgramName()); }
 
 void ossThreadName(char* field, std::size_t bytes) noexcept {
   char name[16] = {};

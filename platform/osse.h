@@ -147,6 +147,7 @@ std::uint32_t ossUserId() noexcept;    // effective
 void ossHostName(char* field, std::size_t bytes) noexcept;
 
 // The name of this process or of the calling thread, cut to the field.
+const char* ossProgramName() noexcept;  // the same where it stands
 void ossProcessName(char* field, std::size_t bytes) noexcept;
 void ossThreadName(char* field, std::size_t bytes) noexcept;
 

@@ -61,6 +61,12 @@ void dropUnwanted(VekApplication* out) noexcept {
   if (!isWanted(PD_HEADER_USER)) out->authorizationId[0] = out->hostName[0] = '\0';
 }
 
+bool isAnyRegistered() noexcept {
+  const Registered& all = g_registered;
+  return all.handle.load() != nullptr || all.work.load() != nullptr || all.authorization.load() != nullptr ||
+         all.hostName.load() != nullptr || all.databaseName.load() != nullptr || all.applicationId.load() != nullptr;
+}
+
 bool isAnyKnown(const VekApplication& fields) noexcept {
   return fields.hasHandle || fields.applicationId[0] != '\0' || fields.authorizationId[0] != '\0' ||
          fields.hostName[0] != '\0' || fields.databaseName[0] != '\0' || fields.unitOfWorkId != 0 ||
@@ -70,9 +76,11 @@ bool isAnyKnown(const VekApplication& fields) noexcept {
 }  // namespace
 
 bool pdi_applicationFields(VekApplication* out) noexcept {
-  *out = {};
   if (!isWanted(PD_HEADER_ALL & ~PD_HEADER_ENGINE_UNIT)) return false;
-  (void)hostApplication(out);
+  if (!hostApplication(out)) {
+    if (!isAnyRegistered()) return false;
+    *out = {};
+  }
   if (isWanted(PD_HEADER_APPLICATION)) askApplication(out);
   if (isWanted(PD_HEADER_WORK | PD_HEADER_TENANT)) askWork(out);
   if (isWanted(PD_HEADER_USER)) askUser(out);
@@ -82,10 +90,7 @@ bool pdi_applicationFields(VekApplication* out) noexcept {
   return isAnyKnown(*out);
 }
 
-bool pdi_engineUnit(VekEngineUnit* out) noexcept {
-  *out = {};
-  return isWanted(PD_HEADER_ENGINE_UNIT) && hostEngineUnit(out);
-}
+bool pdi_engineUnit(VekEngineUnit* out) noexcept { return isWanted(PD_HEADER_ENGINE_UNIT) && hostEngineUnit(out); }
 
 }  // namespace vek
 

@@ -4,6 +4,8 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <charconv>
 #include <cstring>
 
@@ -324,27 +326,41 @@ constexpr std::ptrdiff_t kLabelColumns = 10;  // with the colon and the blank be
 bool isCapital(char c) noexcept { return c >= 'A' && c <= 'Z'; }
 bool isOfLabel(char c) noexcept { return isCapital(c) || (c >= '0' && c <= '9') || c == ' ' || c == '#'; }
 
-bool isPlain(char c) noexcept {
-  const auto byte = static_cast<unsigned char>(c);
-  return (byte >= ' ' && byte != 0x7F) || c == '\t';
+bool isControl(char c) noexcept { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; }
+
+// Characters side by side in one register.
+using Eight = unsigned char __attribute__((vector_size(8)));
+using Sixteen = unsigned char __attribute__((vector_size(16)));
+
+// Whether none of so many characters is a control character.
+template <class Characters>
+bool areVisible(const char* text) noexcept {
+  using Words = std::array<std::uint64_t, sizeof(Characters) / sizeof(std::uint64_t)>;
+  const auto characters = load<Characters>(text);
+  const auto words = std::bit_cast<Words>((characters < ' ') | (characters == 0x7F));
+  return (words.front() | words.back()) == 0;
 }
 
-// How many characters at the beginning are plain: most of a text is, so that it is looked at in words of eight. The bit
-// tricks may take a plain one for another (a tabulator among them), never the other way round.
+// How many characters at the beginning are plain.
 std::size_t countPlain(std::string_view text) noexcept {
-  constexpr std::uint64_t kOnes = 0x0101'0101'0101'0101;
-  constexpr std::uint64_t kHighs = 0x80 * kOnes;
-  std::size_t count = 0;
-  for (; count + 8 <= text.size(); count += 8) {
-    const auto word = load<std::uint64_t>(text.data() + count);
-    const std::uint64_t deletes = word ^ (0x7F * kOnes);
-    if (((((word - ' ' * kOnes) & ~word) | ((deletes - kOnes) & ~deletes)) & kHighs) != 0) break;
-  }
-  while (count < text.size() && isPlain(text[count])) ++count;
+  std::size_t count = pdCountVisible(text);
+  while (count < text.size() && text[count] == '\t') count += 1 + pdCountVisible(text.substr(count + 1));
   return count;
 }
 
 }  // namespace
+
+std::size_t pdCountVisible(std::string_view text) noexcept {
+  const char* const at = text.data();
+  const std::size_t size = text.size();
+  std::size_t count = 0;
+  while (count + sizeof(Sixteen) <= size && areVisible<Sixteen>(at + count)) count += sizeof(Sixteen);
+  while (count + sizeof(Eight) <= size && areVisible<Eight>(at + count)) count += sizeof(Eight);
+  const bool isEnd = count + sizeof(Eight) > size && size >= sizeof(Eight);
+  if (isEnd && areVisible<Eight>(at + size - sizeof(Eight))) return size;
+  while (count < size && !isControl(at[count])) ++count;
+  return count;
+}
 
 bool pdOpensSection(std::string_view text) noexcept {
   return text.size() >= std::size_t{kLabelColumns} && isCapital(text[0]) && text[kLabelColumns - 2] == ':' &&

@@ -22,6 +22,9 @@ void pdPenItemValue(PdPen& pen, std::uint32_t type, std::uint32_t size, const vo
 //   0x0000 : 5445 5354 0001 0203 0405 0607 0809 0A0B    TEST............
 void pdPenHexDump(PdPen& pen, const void* data, std::size_t size, bool withCharacters) noexcept;
 
+// How many characters at the beginning of a text are not control characters.
+std::size_t pdCountVisible(std::string_view text) noexcept;
+
 // Whether a line begins like a section of a record: a label of eight capitals, digits, blanks and '#', a colon, a
 // blank.
 bool pdOpensSection(std::string_view text) noexcept;

@@ -60,7 +60,8 @@ SqlzZrc pdi_appendText(const char* path, const char* text, std::size_t bytes) no
 // pddiagpath.h: pdiDiagDirectory, pdiRenewDiagDirectory, pdiIsOnAlternate, pdSwitchToAltDiagPath, pdiReportDiagPath.
 
 // The application fields and the engine unit of the calling thread, as far as they are known and the mask of optional
-// header fields wants them; unknown or unwanted ones are empty. False: none at all. Call-backs of the host run.
+// header fields wants them; unknown or unwanted ones are empty. False: none at all, and what stands in `out` means
+// nothing. Call-backs of the host run.
 bool pdi_applicationFields(VekApplication* out) noexcept;
 bool pdi_engineUnit(VekEngineUnit* out) noexcept;
 

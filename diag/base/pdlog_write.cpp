@@ -28,6 +28,7 @@ namespace {
 
 constexpr std::size_t kMostItems = PD_RECORD_BYTES / 16;  // more cannot stand in a record: each takes a line at least
 constexpr std::size_t kPassedItems = 64;                  // what recorders and the trace are told of
+constexpr std::size_t kProcessNameBytes = 63;             // as many of it are shown
 constexpr std::size_t kFirstBytes = PD_NEW_FILE_TEXT_BYTES + 4096;
 
 // What the mutex guards.
@@ -35,7 +36,9 @@ struct Logger {
   char record[PD_RECORD_BYTES] = {};
   char newFile[PD_NEW_FILE_TEXT_BYTES] = {};
   char first[kFirstBytes] = {};  // the new-file record, with that text
+  std::size_t noteBytes = 0;
   char note[1024] = {};
+  PdRecordMemory memory;
   PdItem items[kMostItems] = {};
   PdDumpedObject dumped;
   AppendOutcome outcome = {};
@@ -53,9 +56,12 @@ thread_local constinit int t_inside __attribute__((tls_model("initial-exec"))) =
 
 struct Facts {
   VekApplication application;
+  bool hasApplication;
   VekEngineUnit unit;
-  char processName[64];
-  char instance[40];
+  bool hasUnit;
+  std::string_view processName;
+  std::string_view instance;
+  std::int32_t partition;
   char facilityDirectory[PATH_BYTES];
   char facilityName[APPEND_NAME_BYTES];
   PdLogTarget target;
@@ -66,8 +72,8 @@ std::string_view view(const char (&field)[Bytes]) noexcept {
   return {field, ::strnlen(field, Bytes)};
 }
 
-std::string_view view(const char* text) noexcept {
-  return text == nullptr ? std::string_view() : std::string_view(text, ::strnlen(text, PD_RECORD_BYTES));
+std::string_view view(const char* text, std::size_t most = PD_RECORD_BYTES) noexcept {
+  return text == nullptr ? std::string_view() : std::string_view(text, ::strnlen(text, most));
 }
 
 void takeApplication(const VekApplication& from, PdRecordHeader* header) noexcept {
@@ -89,26 +95,31 @@ void takeThread(PdRecordHeader* header) noexcept {
   header->threadId = self != nullptr ? self->threadId : ossThreadId();
 }
 
-// The header as far as the call and the host tell it; views lead into `facts` and the call.
-PdRecordHeader collect(const PdLogCall& call, Facts* facts) noexcept {
-  PdRecordHeader header;
-  header.level = call.level;
-  header.functionId = call.functionId;
-  header.probe = call.probe;
-  if (call.hasOsError) header.secondLevel = "OS";
-  takeThread(&header);
-  ossProcessName(facts->processName, sizeof facts->processName);
-  header.processName = view(facts->processName);
-  ossCopyText(facts->instance, sizeof facts->instance, vekInstanceName());
-  header.instance = view(facts->instance);
-  header.partition = vekInstanceControl()->partition;
-  if (pdi_applicationFields(&facts->application)) takeApplication(facts->application, &header);
-  if (pdi_engineUnit(&facts->unit)) {
-    header.hasEngineUnit = true;
-    header.engineUnitId = facts->unit.number;
-    header.engineUnitName = view(facts->unit.name);
-  }
-  return header;
+// What the host is asked for, and what it may change.
+void collect(Facts* facts) noexcept {
+  facts->processName = view(ossProgramName(), kProcessNameBytes);
+  facts->instance = view(vekInstanceName(), sizeof VekInstanceControl::instanceName);
+  facts->partition = vekInstanceControl()->partition;
+  facts->hasApplication = pdi_applicationFields(&facts->application);
+  facts->hasUnit = pdi_engineUnit(&facts->unit);
+}
+
+// The header, but for the time. Its views lead into `facts` and the call.
+void describe(const PdLogCall& call, const Facts& facts, PdRecordHeader* header) noexcept {
+  *header = {};
+  header->level = call.level;
+  header->functionId = call.functionId;
+  header->probe = call.probe;
+  if (call.hasOsError) header->secondLevel = "OS";
+  takeThread(header);
+  header->processName = facts.processName;
+  header->instance = facts.instance;
+  header->partition = facts.partition;
+  if (facts.hasApplication) takeApplication(facts.application, header);
+  header->hasEngineUnit = facts.hasUnit;
+  if (!facts.hasUnit) return;
+  header->engineUnitId = facts.unit.number;
+  header->engineUnitName = view(facts.unit.name);
 }
 
 // Cuts a path into directory, with its separator, and name.
@@ -231,9 +242,9 @@ void formatRecord(Job& job) noexcept {
       body.sections = &section, body.sectionCount = 1;
   }
   takeItems(job, &body);
-  body.note = view(g_log.note);
+  body.note = {g_log.note, g_log.noteBytes};
   if ((call.flags & PD_LOG_CALL_STACK) != 0) body.callStack = &g_log.stack;
-  job.text = pdFormatRecord(g_log.header, body, g_log.record, sizeof g_log.record);
+  job.text = pdFormatRecord(g_log.header, body, g_log.record, sizeof g_log.record, &g_log.memory);
   if (body.messageArguments != nullptr) va_end(arguments);  // NOLINT(clang-analyzer-valist.Uninitialized): as above
 }
 
@@ -288,7 +299,7 @@ PdRecordText formatTrap(const PdLogCall& call) noexcept {
               static_cast<long>(call.probe));
   PdRecordBody body;
   body.message = line;
-  body.note = view(g_log.note);
+  body.note = {g_log.note, g_log.noteBytes};
   return pdFormatRecord(g_log.header, body, g_log.record, sizeof g_log.record);
 }
 
@@ -308,11 +319,12 @@ int writeGuarded(Job& job) noexcept {
 
 // What the record has to say besides its own matter.
 void composeNote(std::uint64_t dropped) noexcept {
-  const std::size_t length = g_log.losses.compose(g_log.note, sizeof g_log.note);
+  g_log.noteBytes = g_log.losses.compose(g_log.note, sizeof g_log.note);
   if (dropped == 0) return;
-  ossSnprintf(g_log.note + length, sizeof g_log.note - length,
-              "Before this record %llu log call%s from inside a log call %s dropped.\r\n",
-              static_cast<unsigned long long>(dropped), dropped == 1 ? "" : "s", dropped == 1 ? "was" : "were");
+  g_log.noteBytes +=
+      ossSnprintf(g_log.note + g_log.noteBytes, sizeof g_log.note - g_log.noteBytes,
+                  "Before this record %llu log call%s from inside a log call %s dropped.\r\n",
+                  static_cast<unsigned long long>(dropped), dropped == 1 ? "" : "s", dropped == 1 ? "was" : "were");
 }
 
 SqlzZrc writeLocked(const PdLogCall& call, const PdLogDumpFact* dump, const Facts& facts) noexcept {
@@ -464,9 +476,9 @@ SqlzZrc write(const PdLogCall& call, const PdLogDumpFact* dump) noexcept {
   const SqlzZrc found = findTarget(call, &facts);
   passOn(call);
   if (found != 0) return found;
-  const PdRecordHeader header = collect(call, &facts);
+  collect(&facts);
   logMutexLock();
-  g_log.header = header;
+  describe(call, facts, &g_log.header);
   if ((call.flags & PD_LOG_CALL_STACK) != 0) captureCallStack(&g_log.stack, 2);
   const SqlzZrc result = writeLocked(call, dump, facts);
   writeRemarks(facts.target);

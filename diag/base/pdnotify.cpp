@@ -43,7 +43,7 @@ void penHead(PdPen& pen, std::uint32_t level, std::int64_t timeNs) noexcept {
   char process[64];
   ossProcessName(process, sizeof process);
   VekApplication application;
-  pdi_applicationFields(&application);
+  const bool hasApplication = pdi_applicationFields(&application);
   pdPenTimeStamp(pen, timeNs);
   pen.textLeft(pdLevelName(level), 9);
   pen.text(vekInstanceName());
@@ -56,11 +56,11 @@ void penHead(PdPen& pen, std::uint32_t level, std::int64_t timeNs) noexcept {
   pen.character('.');
   pen.decimal(ossThreadId());
   pen.character(']');
-  if (application.databaseName[0] != '\0') {
+  if (hasApplication && application.databaseName[0] != '\0') {
     pen.text(" database ");
     penClean(pen, application.databaseName);
   }
-  if (application.applicationId[0] != '\0') {
+  if (hasApplication && application.applicationId[0] != '\0') {
     pen.text(" application ");
     penClean(pen, application.applicationId);
   }

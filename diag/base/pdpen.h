@@ -4,8 +4,12 @@
 // signal handler may not call. A pen never passes its buffer. The first append that does not fit whole is cut there,
 // and everything after it is dropped, so that what stands in the buffer is always the beginning of the whole text;
 // `finish` then puts a mark over its end that says so. A text that fits is never marked.
+//
+// Numbers and blanks are written where they are to stand, a block at once, and may leave traces in the room behind the
+// pen; texts write no byte too many.
 #pragma once
 
+#include <bit>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
@@ -30,6 +34,12 @@ class PdPen {
 
   // `count` times the same character.
   void fill(char c, std::size_t count) noexcept {
+    if (count <= kBlock && room() >= kBlock) {
+      char* const to = next_;
+      next_ = to + count;
+      std::memset(to, c, kBlock);  // of a known size: two instructions, no call
+      return;
+    }
     const std::size_t written = count <= room() ? count : room();
     std::memset(next_, c, written);
     next_ += written;
@@ -48,7 +58,10 @@ class PdPen {
     padTo(from, width);
   }
 
-  void decimal(std::uint64_t value) noexcept { decimalZeros(value, 1); }
+  void decimal(std::uint64_t value) noexcept {
+    if (value < 10) return character(static_cast<char>('0' + value));
+    manyDigits(value);
+  }
   void decimalLeft(std::uint64_t value, std::size_t width) noexcept {
     const std::size_t from = written();
     decimal(value);
@@ -59,12 +72,11 @@ class PdPen {
     decimal(magnitude(value));
   }
 
-  // At least `digits` digits, zeros in front; "%0*u" and, with the sign in front of the zeros, "%.*d".
+  // At least `digits` digits (at most 19), zeros in front; "%0*u" and, with the sign in front of the zeros, "%.*d".
   void decimalZeros(std::uint64_t value, std::size_t digits) noexcept {
-    char text[20] = {};
-    const auto length = static_cast<std::size_t>(std::to_chars(text, text + sizeof text, value).ptr - text);
-    if (length < digits) fill('0', digits - length);
-    append(text, length);
+    for (std::uint64_t least = 10; digits > 1; --digits, least *= 10)
+      if (value < least) character('0');
+    decimal(value);
   }
   void signedDecimalZeros(std::int64_t value, std::size_t digits) noexcept {
     if (value < 0) character('-');
@@ -73,14 +85,13 @@ class PdPen {
 
   // Upper-case hex, at least `digits` digits (at most 16), without "0x".
   void hex(std::uint64_t value, unsigned digits) noexcept {
-    char text[16];
-    unsigned from = sizeof text;
-    while (value != 0 || from > sizeof text - digits) {
-      text[--from] = "0123456789ABCDEF"[value & 0xF];
-      value >>= 4;
-      if (from == 0) break;
-    }
-    append(text + from, sizeof text - from);
+    const auto needed = (static_cast<unsigned>(std::bit_width(value)) + 3) / 4;
+    const unsigned length = needed > digits ? needed : digits;
+    inPlace([value, length](char* to) noexcept {
+      std::uint64_t rest = value;
+      for (unsigned i = length; i > 0; --i, rest >>= 4) to[i - 1] = "0123456789ABCDEF"[rest & 0xF];
+      return to + length;
+    });
   }
 
   // For writers of text that take a buffer: `next` points to where they write, at most room() characters and a
@@ -115,21 +126,38 @@ class PdPen {
   }
 
  private:
+  static constexpr std::size_t kBlock = 32;
+  static constexpr std::size_t kNumberMost = 20;
+
   static std::uint64_t magnitude(std::int64_t value) noexcept {
     const auto bits = static_cast<std::uint64_t>(value);
     return value < 0 ? 0 - bits : bits;
+  }
+  [[gnu::noinline]] void manyDigits(std::uint64_t value) noexcept {  // apart: long, and in use all over
+    inPlace([value](char* to) noexcept { return std::to_chars(to, to + kNumberMost, value).ptr; });
+  }
+  // A number: where it is to stand, or aside where that has not room for the longest.
+  template <class Write>
+  void inPlace(Write write) noexcept {
+    if (room() >= kNumberMost) {
+      next_ = write(next_);
+      return;
+    }
+    char aside[kNumberMost] = {};
+    append(aside, static_cast<std::size_t>(write(aside) - aside));
   }
   void append(const char* bytes, std::size_t count) noexcept {
     if (count > room()) return cutAt(bytes);  // apart, so that a literal is copied without a call
     put(bytes, count);
   }
-  void cutAt(const char* bytes) noexcept {
+  [[gnu::noinline, gnu::cold]] void cutAt(const char* bytes) noexcept {
     put(bytes, room());
     stop();
   }
   void put(const char* bytes, std::size_t count) noexcept {
-    std::memcpy(next_, bytes, count);
-    next_ += count;
+    char* const to = next_;
+    next_ = to + count;
+    std::memcpy(to, bytes, count);
   }
   void putMark(std::string_view mark) noexcept {
     end_ = full_;

@@ -2,6 +2,8 @@
 #include "diag/base/pdrecord.h"
 
 #include <algorithm>
+#include <atomic>
+#include <charconv>
 #include <cstring>
 
 #include "diag/base/pditems.h"
@@ -41,14 +43,12 @@ constexpr MarkerRow kMarkers[] = {
 #undef PD_MARKER
 };
 
-bool isControl(char c) noexcept { return static_cast<unsigned char>(c) < ' ' || c == '\x7F'; }
-
 // A text of the header: one that cannot leave its line.
 void penField(PdPen& pen, std::string_view field) noexcept {
   while (!field.empty()) {
-    const auto clean = static_cast<std::size_t>(std::find_if(field.begin(), field.end(), isControl) - field.begin());
-    pen.text(field.substr(0, clean));
-    field.remove_prefix(clean);
+    const std::size_t visible = pdCountVisible(field);
+    pen.text(field.substr(0, visible));
+    field.remove_prefix(visible);
     if (field.empty()) return;
     pen.character('?');
     field.remove_prefix(1);
@@ -63,10 +63,34 @@ void penFieldLeft(PdPen& pen, std::string_view field, std::size_t width) noexcep
 
 void penName(PdPen& pen, std::string_view name) noexcept { penField(pen, name.substr(0, kNameCharacters)); }
 
+// Writes a part of a record: the kept text if it `isCurrent`, else what `render` writes, which is kept from now on.
+template <class Render>
+void penKept(PdPen& pen, PdKeptText* kept, bool isCurrent, Render render) noexcept {
+  if (isCurrent && kept->length != 0) return pen.text({kept->text, kept->length});
+  kept->length = 0;
+  const std::size_t from = pen.written();
+  render();
+  const std::size_t length = pen.written() - from;
+  if (pen.isCut() || length > sizeof kept->text) return;
+  std::memcpy(kept->text, pen.next() - length, length);
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  kept->length = length;
+}
+
 // ---- header lines -------------------------------------------------------------------------------------------------
 
-void penFirstLine(PdPen& pen, const PdRecordHeader& header, std::size_t identifierColumns) noexcept {
-  pdPenTimeStamp(pen, header.timeNs);
+void penTimeStamp(PdPen& pen, std::int64_t timeNs, PdRecordMemory* memory) noexcept {
+  if (memory == nullptr) return pdPenTimeStamp(pen, timeNs);
+  const bool isCurrent = memory->second == pdSecondOf(timeNs);
+  char* const stamp = pen.next();
+  memory->second = pdSecondOf(timeNs);
+  penKept(pen, &memory->stamp, isCurrent, [&] { pdPenTimeStamp(pen, timeNs); });
+  pdPutMilliseconds(stamp, timeNs);  // every buffer has room for a time stamp
+}
+
+void penFirstLine(PdPen& pen, const PdRecordHeader& header, std::size_t identifierColumns,
+                  PdRecordMemory* memory) noexcept {
+  penTimeStamp(pen, header.timeNs, memory);
   pen.fill(' ', identifierColumns);
   pen.text(" LEVEL: ");
   pen.text(pdLevelName(header.level));
@@ -78,7 +102,8 @@ void penFirstLine(PdPen& pen, const PdRecordHeader& header, std::size_t identifi
   pen.newLine();
 }
 
-void penProcess(PdPen& pen, const PdRecordHeader& header) noexcept {
+// Process, thread, instance, partition: two lines, up to where a database may follow.
+void renderPlace(PdPen& pen, const PdRecordHeader& header) noexcept {
   pen.text("PID     : ");
   pen.decimalLeft(header.processId, kFieldColumns);
   pen.text("TID : ");
@@ -86,13 +111,39 @@ void penProcess(PdPen& pen, const PdRecordHeader& header) noexcept {
   pen.text("PROC : ");
   penField(pen, header.processName);
   pen.newLine();
-}
-
-void penInstance(PdPen& pen, const PdRecordHeader& header) noexcept {
   pen.text("INSTANCE: ");
   penFieldLeft(pen, header.instance, kFieldColumns);
   pen.text("NODE : ");
   pen.signedDecimalZeros(header.partition, kPartitionDigits);
+}
+
+bool isOfPlace(const PdRecordMemory& memory, const PdRecordHeader& header) noexcept {
+  return memory.threadId == header.threadId && memory.processId == header.processId &&
+         memory.partition == header.partition && memory.processName == header.processName &&
+         memory.instance == header.instance;
+}
+
+// False: names that are too long to be kept.
+bool takePlace(PdRecordMemory* memory, const PdRecordHeader& header) noexcept {
+  if (header.processName.size() + header.instance.size() > sizeof memory->names) return false;
+  memory->place.length = 0;  // of another one
+  memory->processId = header.processId;
+  memory->threadId = header.threadId;
+  memory->partition = header.partition;
+  char* const instance = std::copy(header.processName.begin(), header.processName.end(), memory->names);
+  std::copy(header.instance.begin(), header.instance.end(), instance);
+  memory->processName = {memory->names, header.processName.size()};
+  memory->instance = {instance, header.instance.size()};
+  return true;
+}
+
+void penPlace(PdPen& pen, const PdRecordHeader& header, PdRecordMemory* memory) noexcept {
+  const bool isCurrent = memory != nullptr && isOfPlace(*memory, header);
+  if (memory == nullptr || (!isCurrent && !takePlace(memory, header))) return renderPlace(pen, header);
+  penKept(pen, &memory->place, isCurrent, [&] { renderPlace(pen, header); });
+}
+
+void penDatabase(PdPen& pen, const PdRecordHeader& header) noexcept {
   if (!header.database.empty()) {
     pen.text("           DB   : ");
     penField(pen, header.database);
@@ -185,11 +236,12 @@ void penFunctionLine(PdPen& pen, const PdRecordHeader& header) noexcept {
   pen.newLine();
 }
 
-void penHeader(PdPen& pen, const PdRecordHeader& header, std::size_t identifierColumns) noexcept {
+void penHeader(PdPen& pen, const PdRecordHeader& header, std::size_t identifierColumns,
+               PdRecordMemory* memory) noexcept {
   pen.newLine();
-  penFirstLine(pen, header, identifierColumns);
-  penProcess(pen, header);
-  penInstance(pen, header);
+  penFirstLine(pen, header, identifierColumns, memory);
+  penPlace(pen, header, memory);
+  penDatabase(pen, header);
   penApplication(pen, header);
   penWork(pen, header);
   penUser(pen, header);
@@ -199,17 +251,15 @@ void penHeader(PdPen& pen, const PdRecordHeader& header, std::size_t identifierC
 
 // ---- body: message, codes, sections -------------------------------------------------------------------------------
 
-void penLabel(PdPen& pen, std::string_view label) noexcept {
-  const std::size_t from = pen.written();
-  penField(pen, label.substr(0, kLabelColumns));
-  pen.padTo(from, kLabelColumns);
-  pen.text(": ");
-}
-
-void penSection(PdPen& pen, std::string_view label, std::string_view text) noexcept {
-  penLabel(pen, label);
+void penTextLine(PdPen& pen, std::string_view text) noexcept {
   pdPenText(pen, text);
   pdPenEndLine(pen);
+}
+
+void penSection(PdPen& pen, const PdSection& section) noexcept {
+  penFieldLeft(pen, section.label.substr(0, kLabelColumns), kLabelColumns);
+  pen.text(": ");
+  penTextLine(pen, section.text);
 }
 
 void penMessageOfNumber(PdPen& pen, std::uint64_t number) noexcept {
@@ -238,10 +288,11 @@ void penFormatted(PdPen& pen, const char* format, std::va_list& arguments) noexc
 
 void penMessage(PdPen& pen, const PdRecordBody& body) noexcept {
   const bool isFormat = body.messageFormat != nullptr && body.messageArguments != nullptr;
-  if (!body.message.empty()) return penSection(pen, "MESSAGE", body.message);
-  if (!isFormat && !body.hasMessageNumber) return;
-  penLabel(pen, "MESSAGE");
-  if (isFormat)
+  if (body.message.empty() && !isFormat && !body.hasMessageNumber) return;
+  pen.text("MESSAGE : ");
+  if (!body.message.empty())
+    pdPenText(pen, body.message);
+  else if (isFormat)
     penFormatted(pen, body.messageFormat, *body.messageArguments);
   else
     penMessageOfNumber(pen, body.messageNumber);
@@ -250,7 +301,7 @@ void penMessage(PdPen& pen, const PdRecordBody& body) noexcept {
 
 void penCalled(PdPen& pen, const PdRecordBody& body) noexcept {
   const PdCalled& called = *body.called;
-  penLabel(pen, "CALLED");
+  pen.text("CALLED  : ");
   const std::size_t from = pen.written();
   if (called.functionId != 0) {
     penFunction(pen, called.functionId);
@@ -272,7 +323,7 @@ void penCalled(PdPen& pen, const PdRecordBody& body) noexcept {
 void penOsErrorSection(PdPen& pen, const PdRecordBody& body) noexcept {
   using Line = PdOsError::Line;
   if (body.osError.line == Line::kNone || (body.osError.line == Line::kOfCalled && body.called != nullptr)) return;
-  penLabel(pen, "OSERR");
+  pen.text("OSERR   : ");
   pdPenOsError(pen, body.osError.number);
   pdPenOsErrorText(pen, body.osError.number);
   pen.newLine();
@@ -315,17 +366,32 @@ void penCode(PdPen& pen, PdCodeKind kind, std::int64_t code) noexcept {
   pen.newLine();
 }
 
-void penSections(PdPen& pen, const PdRecordBody& body) noexcept {
+void penReturnCode(PdPen& pen, const PdRecordBody& body, PdRecordMemory* memory) noexcept {
+  if (memory == nullptr || body.codeKind != PdCodeKind::kZrc) return penCode(pen, body.codeKind, body.code);
+  const auto zrc = static_cast<SqlzZrc>(body.code);
+  const bool isCurrent = memory->zrc == zrc && memory->isWide == pdWideMessages();
+  memory->zrc = zrc;
+  memory->isWide = pdWideMessages();
+  penKept(pen, &memory->description, isCurrent, [&] { penZrc(pen, zrc); });
+}
+
+void penSections(PdPen& pen, const PdRecordBody& body, PdRecordMemory* memory) noexcept {
   penMessage(pen, body);
   if (body.called != nullptr) penCalled(pen, body);
   if (body.codeKind != PdCodeKind::kNone) {
-    penLabel(pen, "RETCODE");
-    penCode(pen, body.codeKind, body.code);
+    pen.text("RETCODE : ");
+    penReturnCode(pen, body, memory);
   }
   penOsErrorSection(pen, body);
-  if (!body.impact.empty()) penSection(pen, "IMPACT", body.impact);
-  if (!body.object.empty()) penSection(pen, "OBJECT", body.object);
-  for (std::size_t i = 0; i < body.sectionCount; ++i) penSection(pen, body.sections[i].label, body.sections[i].text);
+  if (!body.impact.empty()) {
+    pen.text("IMPACT  : ");
+    penTextLine(pen, body.impact);
+  }
+  if (!body.object.empty()) {
+    pen.text("OBJECT  : ");
+    penTextLine(pen, body.object);
+  }
+  for (std::size_t i = 0; i < body.sectionCount; ++i) penSection(pen, body.sections[i]);
 }
 
 // ---- body: dump files, items, call stack --------------------------------------------------------------------------
@@ -451,8 +517,8 @@ void penCallStack(PdPen& pen, const PdRecordBody& body) noexcept {
   for (std::uint32_t i = 0; i < stack.moduleCount; ++i) penModule(pen, stack.modules[i]);
 }
 
-void penBody(PdPen& pen, const PdRecordBody& body) noexcept {
-  penSections(pen, body);
+void penBody(PdPen& pen, const PdRecordBody& body, PdRecordMemory* memory) noexcept {
+  penSections(pen, body, memory);
   penDumpFile(pen, body);
   pdPenText(pen, body.remark);
   penItems(pen, body);
@@ -461,17 +527,18 @@ void penBody(PdPen& pen, const PdRecordBody& body) noexcept {
 }
 
 PdRecordText formatRecord(const PdRecordHeader& header, const PdRecordBody& body, std::size_t identifierColumns,
-                          char* buffer, std::size_t bytes) noexcept {
+                          char* buffer, std::size_t bytes, PdRecordMemory* memory) noexcept {
   if (buffer == nullptr || bytes < kRecordBytesLeast) return {};
   PdPen pen(buffer, bytes);
-  penHeader(pen, header, identifierColumns);
-  penBody(pen, body);
+  penHeader(pen, header, identifierColumns, memory);
+  penBody(pen, body, memory);
+  if (!pen.isCut()) return {pen.finish({}), false};
   char text[64];
   PdPen mark(text, sizeof text);
   mark.text("\r\n<Record cut after ");
   mark.decimal(bytes - 1);
   mark.text(" bytes>\r\n");
-  return {pen.finish({text, mark.written()}), pen.isCut()};
+  return {pen.finish({text, mark.written()}), true};
 }
 
 }  // namespace
@@ -485,26 +552,27 @@ PdCodeKind pdCodeKindOfFlags(std::uint64_t flags) noexcept {
   return kind <= PD_LOG_RC_CA ? static_cast<PdCodeKind>(kind) : PdCodeKind::kNone;
 }
 
-PdRecordText pdFormatRecord(const PdRecordHeader& header, const PdRecordBody& body, char* buffer,
-                            std::size_t bytes) noexcept {
-  return formatRecord(header, body, PD_IDENTIFIER_COLUMNS, buffer, bytes);
+PdRecordText pdFormatRecord(const PdRecordHeader& header, const PdRecordBody& body, char* buffer, std::size_t bytes,
+                            PdRecordMemory* memory) noexcept {
+  return formatRecord(header, body, PD_IDENTIFIER_COLUMNS, buffer, bytes, memory);
 }
 
 PdRecordText pdFormatDumpRecord(const PdRecordHeader& header, const PdRecordBody& body, char* buffer,
                                 std::size_t bytes) noexcept {
-  return formatRecord(header, body, PD_DUMP_IDENTIFIER_COLUMNS, buffer, bytes);
+  return formatRecord(header, body, PD_DUMP_IDENTIFIER_COLUMNS, buffer, bytes, nullptr);
 }
 
 bool pdStampIdentifier(char* record, std::uint64_t fileOffset, std::size_t length) noexcept {
   if (fileOffset > kOffsetMost - PD_RECORD_LEAD_BYTES || length > PD_RECORD_BYTES) return false;
-  char identifier[PD_IDENTIFIER_COLUMNS + 1];
-  PdPen pen(identifier, sizeof identifier);
-  pen.character(PD_TYPE_LETTER);
-  pen.decimal(fileOffset + PD_RECORD_LEAD_BYTES);
-  pen.character(PD_SEPARATOR_LETTER);
-  pen.decimal(length - PD_RECORD_LEAD_BYTES);
-  pen.fill(' ', PD_DUMP_IDENTIFIER_COLUMNS - pen.written());  // a longer one may have stood there
-  std::copy_n(identifier, pen.written(), record + PD_RECORD_LEAD_BYTES + PD_TIME_STAMP_COLUMNS);
+  char identifier[PD_IDENTIFIER_COLUMNS];
+  char* const end = identifier + PD_DUMP_IDENTIFIER_COLUMNS;
+  std::memset(identifier, ' ', sizeof identifier);
+  identifier[0] = PD_TYPE_LETTER;
+  char* const separator = std::to_chars(identifier + 1, end, fileOffset + PD_RECORD_LEAD_BYTES).ptr;
+  *separator = PD_SEPARATOR_LETTER;
+  std::to_chars(separator + 1, end, length - PD_RECORD_LEAD_BYTES);
+  // With the blanks behind it: a longer one may have stood there.
+  std::memcpy(record + PD_RECORD_LEAD_BYTES + PD_TIME_STAMP_COLUMNS, identifier, PD_DUMP_IDENTIFIER_COLUMNS);
   return true;
 }
 

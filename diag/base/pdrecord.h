@@ -162,6 +162,34 @@ struct PdRecordBody {
   bool callStackLongLabel = false;  // "CALL STACK: " instead of "CALLSTCK: "
 };
 
+// ---- what is kept -----------------------------------------------------------------------------------------------
+
+// A part of a record as text, kept because the next record is likely to have the same.
+struct PdKeptText {
+  std::size_t length = 0;  // 0: nothing is kept
+  char text[248] = {};     // a longer one is not kept
+};
+
+// What a writer of many records keeps from one to the next, each part with what it was made of: it is used while that
+// is the same, so that nothing has to be told when it changes. Of one record at a time: whoever guards the buffer
+// guards this too. A part that was being made when a fault ended the record is not kept.
+struct PdRecordMemory {
+  std::int64_t second = 0;  // of the time stamp; the time zone of a process does not change
+  PdKeptText stamp;
+
+  std::uint32_t processId = 0;  // of the lines that tell process and instance
+  std::uint64_t threadId = 0;
+  std::int32_t partition = 0;
+  std::string_view processName;  // in `names`
+  std::string_view instance;
+  char names[128] = {};
+  PdKeptText place;
+
+  std::int32_t zrc = 0;  // of RETCODE
+  bool isWide = false;
+  PdKeptText description;
+};
+
 // ---- writing ----------------------------------------------------------------------------------------------------
 
 // What stands in the buffer.
@@ -175,8 +203,9 @@ struct PdRecordText {
 //
 //   buffer  `bytes` of it, at least 256; never passed, terminated
 //   cut     a record that does not fit ends in a line that says after how many bytes it was cut
-PdRecordText pdFormatRecord(const PdRecordHeader& header, const PdRecordBody& body, char* buffer,
-                            std::size_t bytes) noexcept;
+//   memory  of the records before, null for one that stands alone; the record is the same with it and without
+PdRecordText pdFormatRecord(const PdRecordHeader& header, const PdRecordBody& body, char* buffer, std::size_t bytes,
+                            PdRecordMemory* memory = nullptr) noexcept;
 
 // The same for the record at the head of an object in a dump file: its identifier has 23 columns.
 PdRecordText pdFormatDumpRecord(const PdRecordHeader& header, const PdRecordBody& body, char* buffer,

@@ -1,5 +1,8 @@
 #include "diag/base/pdtime.h"
 
+#include <array>
+#include <cstring>
+
 #include "platform/osse.h"
 #include "platform/time_zone.h"
 #include "veksys/diag/log.h"
@@ -7,8 +10,8 @@
 namespace vek {
 namespace {
 
+constexpr std::uint64_t kMillisecondNs = 1'000'000;
 constexpr std::int64_t kSecondNs = 1'000'000'000;
-constexpr std::int64_t kMillisecondNs = 1'000'000;
 constexpr std::int64_t kDaySeconds = 86'400;
 constexpr std::int32_t kTwelveHours = 720;
 constexpr std::size_t kZoneDigits = 3;
@@ -18,39 +21,50 @@ std::int64_t floorDivide(std::int64_t value, std::int64_t by) noexcept {
   return quotient * by > value ? quotient - 1 : quotient;
 }
 
-char* putDigits(char* to, std::uint64_t value, unsigned digits) noexcept {
-  for (unsigned i = digits; i > 0; --i, value /= 10) to[i - 1] = static_cast<char>('0' + value % 10);
-  return to + digits;
-}
+// Two digits of each number below 100.
+constexpr auto kPairs = [] {
+  std::array<char, 200> pairs = {};
+  for (std::size_t i = 0; i < pairs.size(); ++i)
+    pairs[i] = static_cast<char>('0' + (i % 2 == 0 ? i / 2 / 10 : i / 2 % 10));
+  return pairs;
+}();
 
-void penLocal(PdPen& pen, std::int64_t localSeconds, std::uint64_t milliseconds) noexcept {
+void putPair(char* to, std::uint64_t value) noexcept { std::memcpy(to, kPairs.data() + value % 100 * 2, 2); }
+
+constexpr std::size_t kMillisecondsAt = 20;
+
+void penLocal(PdPen& pen, std::int64_t localSeconds, std::int64_t timeNs) noexcept {
   const std::int64_t days = floorDivide(localSeconds, kDaySeconds);
   const auto second = static_cast<std::uint64_t>(localSeconds - days * kDaySeconds);
   const CivilDay civil = ossCivilDay(days);
-  char text[PD_TIME_CHARACTERS];
-  char* to = putDigits(text, static_cast<std::uint64_t>(civil.year), 4);
-  const auto put = [&to](char separator, std::uint64_t value, unsigned digits) {
-    *to++ = separator;
-    to = putDigits(to, value, digits);
-  };
-  put('-', civil.month, 2);
-  put('-', civil.day, 2);
-  put('-', second / 3600, 2);
-  put('.', second / 60 % 60, 2);
-  put('.', second % 60, 2);
-  put('.', milliseconds * 1000, 6);
-  pen.text({text, sizeof text});
+  const auto year = static_cast<std::uint64_t>(civil.year);
+  char text[PD_TIME_CHARACTERS + 1] = "YYyy-mm-dd-hh.mm.ss.000000";
+  putPair(text, year / 100);
+  putPair(text + 2, year);
+  putPair(text + 5, civil.month);
+  putPair(text + 8, civil.day);
+  putPair(text + 11, second / 3600);
+  putPair(text + 14, second / 60 % 60);
+  putPair(text + 17, second % 60);
+  pdPutMilliseconds(text, timeNs);
+  pen.text({text, PD_TIME_CHARACTERS});
 }
 
 // Writes the time and answers the offset of local time, in minutes.
 std::int32_t penTime(PdPen& pen, std::int64_t timeNs) noexcept {
-  const std::int64_t seconds = floorDivide(timeNs, kSecondNs);
+  const std::int64_t seconds = pdSecondOf(timeNs);
   const std::int32_t offset = ossUtcOffset(seconds);
-  penLocal(pen, seconds + offset, static_cast<std::uint64_t>(timeNs - seconds * kSecondNs) / kMillisecondNs);
+  penLocal(pen, seconds + offset, timeNs);
   return offset / 60;
 }
 
 }  // namespace
+
+void pdPutMilliseconds(char* stamp, std::int64_t timeNs) noexcept {
+  const auto milliseconds = static_cast<std::uint64_t>(timeNs - pdSecondOf(timeNs) * kSecondNs) / kMillisecondNs;
+  putPair(stamp + kMillisecondsAt, milliseconds / 10);
+  stamp[kMillisecondsAt + 2] = static_cast<char>('0' + milliseconds % 10);
+}
 
 void pdPenTime(PdPen& pen, std::int64_t timeNs) noexcept { (void)penTime(pen, timeNs); }
 

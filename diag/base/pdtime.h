@@ -21,4 +21,13 @@ void pdPenTime(PdPen& pen, std::int64_t timeNs) noexcept;
 // allocates: the zone is read once and published once.
 void pdPenTimeStamp(PdPen& pen, std::int64_t timeNs) noexcept;
 
+// Puts the milliseconds of a time over those of one of the same second, that stands at `stamp`.
+void pdPutMilliseconds(char* stamp, std::int64_t timeNs) noexcept;
+
+// The second of a time, since 1970 UTC.
+constexpr std::int64_t pdSecondOf(std::int64_t timeNs) noexcept {
+  constexpr std::int64_t kSecondNs = 1'000'000'000;
+  return timeNs / kSecondNs - (timeNs % kSecondNs < 0 ? 1 : 0);
+}
+
 }  // namespace vek
