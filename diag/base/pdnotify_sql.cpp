@@ -120,6 +120,20 @@ void tell(void* context) noexcept {
   pen.finish("...(cut)\r\n");
 }
 
+// Takes an area over, so that it is read once and may change meanwhile. False: it cannot be read.
+bool takeArea(const sqlca* area, sqlca* out) noexcept {
+  struct Copy {
+    const sqlca* from;
+    sqlca* to;
+  } copy = {area, out};
+  return faultGuard(
+      [](void* context) {
+        const auto& of = *static_cast<Copy*>(context);
+        std::memcpy(of.to, of.from, sizeof *of.to);
+      },
+      &copy, nullptr);
+}
+
 // The entry of tokens that lead nowhere.
 void tellWithoutTokens(Telling& telling) noexcept {
   PdPen pen(telling.lines, sizeof telling.lines);
@@ -159,6 +173,8 @@ SqlzZrc sqlt_logadmin_api(EcfFunctionId functionId, std::uint32_t probe, std::ui
   if (area == nullptr) return trace.exit(SQLO_INV_PARM);
   const SqlzZrc refusal = vek::checkLevel(notifyLevel);
   if (refusal != 0) return trace.exit(refusal);
-  if (area->sqlcode == 0) return trace.exit(SQLT_NOLOG);
-  return trace.exit(vek::writeSqlcode(functionId, probe, area->sqlcode, 0, nullptr, area));
+  sqlca taken;
+  if (!vek::takeArea(area, &taken)) return trace.exit(SQLO_INV_PARM);
+  if (taken.sqlcode == 0) return trace.exit(SQLT_NOLOG);
+  return trace.exit(vek::writeSqlcode(functionId, probe, taken.sqlcode, 0, nullptr, &taken));
 }

@@ -98,7 +98,8 @@ TEST_F(NotifyLog, ACommunicationsAreaIsWrittenWithTheTokensItHolds) {
     sqlca area;
     sqlzInitSqlca(&area);
     EXPECT_EQ(sqlt_logadmin_api(kFunction, 20, 1, &area), SQLT_NOLOG);
-    EXPECT_EQ(sqlt_logadmin_api(kFunction, 20, 1, nullptr), SQLO_INV_PARM);
+    for (const sqlca* none : {static_cast<const sqlca*>(nullptr), reinterpret_cast<const sqlca*>(8)})
+      EXPECT_EQ(sqlt_logadmin_api(kFunction, 20, 1, none), SQLO_INV_PARM);
     area.sqlcode = -107;
     std::memcpy(area.sqlerrmc,
                 "T\xFF"

@@ -245,7 +245,7 @@ VEK_EXPORT SqlzZrc sqlt_logadmin(EcfFunctionId functionId, std::uint32_t probe, 
                                  std::int32_t sqlcode, std::uint32_t tokenCount, const char* const* tokens) noexcept;
 
 // The same for what a communications area holds: its SQL code and its tokens. An area without an error or a warning
-// (sqlcode 0) answers SQLT_NOLOG, null SQLO_INV_PARM.
+// (sqlcode 0) answers SQLT_NOLOG; null, and one that cannot be read, SQLO_INV_PARM.
 VEK_EXPORT SqlzZrc sqlt_logadmin_api(EcfFunctionId functionId, std::uint32_t probe, std::uint32_t notifyLevel,
                                      const struct sqlca* area) noexcept;
 
