@@ -1,5 +1,6 @@
-// Decimal floating point against Intel's library, which has binary coefficients and also turns them into densely packed
-// ones: every bit of results, and conditions. The compiler's own types are the same code and not compared again.
+// Decimal floating point against two implementations with binary coefficients: Intel's library, which also turns them
+// into densely packed ones, and the compiler's own types. What is compared is every bit of results, and conditions.
+#include <cstring>
 #include <random>
 
 #include "peer_intel_decimal.h"
@@ -132,6 +133,73 @@ TEST(DfpIntel, AgreesInTheOtherWidth) {
     }
   }
 }
+
+// ---- the compiler's types ---------------------------------------------------------------------------------------
+
+#if defined(__GNUC__) && !defined(__clang__)
+using Gcc64 = float __attribute__((mode(DD)));
+using Gcc128 = float __attribute__((mode(TD)));
+__extension__ using Wide = unsigned __int128;
+
+// A finite number of 34 digits as the compiler holds it on this processor: sign, exponent, binary coefficient.
+Gcc128 gccOf(bool isNegative, Wide coefficient, unsigned biased) {
+  const Wide bits = coefficient | static_cast<Wide>(biased) << 113U | static_cast<Wide>(isNegative) << 127U;
+  Gcc128 value;
+  std::memcpy(&value, &bits, sizeof value);
+  return value;
+}
+
+// And its text. A binary coefficient of up to 113 bits has its own field; no result here is an infinity.
+std::string textOfGcc(Gcc128 value) {
+  Wide bits;
+  std::memcpy(&bits, &value, sizeof bits);
+  const auto coefficient = bits & ((static_cast<Wide>(1) << 113U) - 1);
+  const int exponent = static_cast<int>(bits >> 113U & 0x3FFFU) - 6176;
+  std::string reversed;
+  Wide rest = coefficient;
+  do reversed += static_cast<char>('0' + static_cast<int>(rest % 10));
+  while ((rest /= 10) != 0);
+  if (bits >> 127U != 0) reversed += '-';
+  std::string text(reversed.rbegin(), reversed.rend());
+  text += 'E';
+  return text += std::to_string(exponent);
+}
+
+TEST(DfpCompiler, AgreesInResults) {
+  const Gcc128 one = gccOf(false, 1, 6176);
+  if (!(one == static_cast<Gcc128>(1))) GTEST_SKIP() << "the compiler holds decimals in another form here";
+  const std::uint32_t seed = std::random_device{}();
+  SCOPED_TRACE(seed);
+  std::mt19937_64 random(seed);
+  const RoundingMode mode(DFPAL_ROUND_HALF_EVEN);
+  const auto pick = [&] {
+    Wide coefficient = 0;
+    for (auto digits = random() % 35; digits > 0; --digits) coefficient = coefficient * 10 + random() % 10;
+    return gccOf(random() % 2 == 0, coefficient, static_cast<unsigned>(6156 + random() % 40));
+  };
+  for (unsigned i = 0; i < 20000 && !HasFailure(); ++i) {
+    const Gcc128 left = pick();
+    const Gcc128 right = pick();
+    const auto l = valueOf<Width128>(textOfGcc(left));
+    const auto r = valueOf<Width128>(textOfGcc(right));
+    const auto expect = [&](DfpalDecimal128 ours, Gcc128 theirs, const char* what) {
+      EXPECT_EQ(ours, valueOf<Width128>(textOfGcc(theirs))) << textOf(l) << what << textOf(r);
+    };
+    expect(Width128::add(l, r), left + right, " + ");
+    expect(Width128::subtract(l, r), left - right, " - ");
+    expect(Width128::multiply(l, r), left * right, " * ");
+    if (textOf(r).find_first_of("123456789") < textOf(r).find('E')) expect(Width128::divide(l, r), left / right, " / ");
+    const Gcc64 narrowed = static_cast<Gcc64>(left);
+    expect(dfpal_decimal64ToDecimal128(dfpal_decimal128ToDecimal64(l)), static_cast<Gcc128>(narrowed), " narrowed, ");
+    const std::int32_t comparison = left < right ? DFPAL_LESS : left > right ? DFPAL_GREATER : DFPAL_EQUAL;
+    EXPECT_EQ(Width128::compare(l, r), comparison) << textOf(l) << ' ' << textOf(r);
+    const auto integer = static_cast<std::int64_t>(random() >> random() % 64);
+    expect(Width128::fromInt64(integer), static_cast<Gcc128>(integer), " integer, ");
+  }
+}
+#else
+TEST(DfpCompiler, AgreesInResults) { GTEST_SKIP() << "this compiler has no decimal types"; }
+#endif
 
 }  // namespace
 }  // namespace vek::valuestest
