@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -67,6 +68,38 @@ class PdRecord : public ::testing::Test {
 
   static std::string headerOf(const PdRecordHeader& header) { return format(header, {}); }
 };
+
+// Each step changes one thing that kept parts were made of, and the record after it changes nothing.
+TEST_F(PdRecord, IsTheSameWithAMemoryOfTheOnesBefore) {
+  PdRecordMemory memory;
+  PdRecordHeader header = plainHeader();
+  PdRecordBody body;
+  body.codeKind = PdCodeKind::kZrc;
+  body.code = SQLO_FNEX;
+  const std::string longName(200, 'n');
+  const std::function<void()> steps[] = {
+      [] {},
+      [&] { header.timeNs += 5'000'000; },
+      [&] { header.timeNs += kSecond; },
+      [&] { header.processId = 4712; },
+      [&] { header.threadId = 7; },
+      [&] { header.partition = 12; },
+      [&] { header.processName = "veken\x01gine"; },
+      [&] { header.instance = "test"; },
+      [&] { header.instance = longName; },
+      [&] { header.database = "SALES"; },
+      [&] { body.code = SQLO_NOMEM; },
+      [&] { pdSetWideMessages(true); },
+      [&] { pdSetWideMessages(false); },
+      [&] { body.codeKind = PdCodeKind::kEcf; },
+  };
+  for (std::size_t i = 0; i < 2 * std::size(steps); ++i) {
+    if (i % 2 == 0) steps[i / 2]();
+    std::string record(PD_RECORD_BYTES, '#');
+    record.resize(pdFormatRecord(header, body, record.data(), record.size(), &memory).length);
+    EXPECT_EQ(record, format(header, body)) << i / 2;
+  }
+}
 
 TEST_F(PdRecord, WholeRecordWithEverythingBelowTheHeader) {
   PdRecordHeader header = plainHeader();
