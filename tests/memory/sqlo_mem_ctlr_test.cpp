@@ -341,22 +341,26 @@ TEST(MemController, TakesBackWhatDeadProcessesHeld) {
   inProcess([] { EXPECT_FALSE(SqloMemController::instance()->isActive()) << "a new run of the instance"; });
 }
 
-// What processes hold without force, as they see it: entered after a grant, taken out before it is given back, so that
-// the sum is never more than what the controller has granted. What a process that is about to be killed holds may be
-// granted to others before anybody has noticed.
+// What processes hold without force, as they see it: entered in `total` after a grant, taken out before it is given
+// back, so that it is never more than what the controller has granted. A process is stopped, and what it holds taken
+// out, before it is killed; `held` is changed on the far side of `total`, so that a stop in between takes out too much,
+// never too little.
 constexpr unsigned kProcesses = 4;
 constexpr unsigned kThreads = 2;
 struct Ledger {
+  std::atomic<std::int64_t> total;
   std::atomic<std::int64_t> held[kProcesses];
-  std::atomic<bool> isDoomed[kProcesses];
   std::atomic<std::uint64_t> granted;
   std::atomic<std::uint64_t> refused;
 
-  std::int64_t sum() const {
-    std::int64_t total = 0;
-    for (unsigned i = 0; i < kProcesses; ++i)
-      if (!isDoomed[i].load()) total += held[i].load();
-    return total;
+  // The total after a grant.
+  std::int64_t enter(unsigned process, std::uint32_t bytes) {
+    held[process].fetch_add(bytes);
+    return total.fetch_add(bytes) + bytes;
+  }
+  void takeOut(unsigned process, std::uint32_t bytes) {
+    total.fetch_sub(bytes);
+    held[process].fetch_sub(bytes);
   }
 };
 
@@ -367,11 +371,10 @@ void useMemory(SqloMemController* controller, Ledger& ledger, unsigned process, 
                std::uint32_t steps) {
   struct Holder {
     SqloMemController* controller;
-    std::atomic<std::int64_t>* held;
     SqloMemoryConsumer* record = nullptr;
     std::uint32_t size = 0;  // guarded by the controller latch, or changed by the only thread that asks
     bool lies = false;
-  } holder = {controller, &ledger.held[process]};
+  } holder = {controller};
   std::minstd_rand random(seed);
   holder.lies = seed % 3 == 0;
   const SqloMemReleaseCallback release = [](std::uint32_t bytes, void* argument) -> std::uint32_t {
@@ -394,17 +397,16 @@ void useMemory(SqloMemController* controller, Ledger& ledger, unsigned process, 
       }
       holder.size += bytes;
       ledger.granted.fetch_add(1, std::memory_order_relaxed);
-      holder.held->fetch_add(bytes);
-      ASSERT_LE(ledger.sum(), std::int64_t{kBound});
+      ASSERT_LE(ledger.enter(process, bytes), std::int64_t{kBound});
     } else {
       const std::uint32_t given = std::min(bytes, holder.size);
       holder.size -= given;
-      holder.held->fetch_sub(given);
+      ledger.takeOut(process, given);
       controller->freeMemory(holder.record, given, false);
       if (step % 8 == 0) controller->setCachedMemory(holder.record, bytes, false);
     }
   }
-  holder.held->fetch_sub(holder.size);
+  ledger.takeOut(process, holder.size);
   if (seed % 2 == 0) controller->freeMemory(holder.record, holder.size, false);
   EXPECT_EQ(controller->deregisterConsumer(holder.record), 0);
 }
@@ -420,7 +422,8 @@ TEST(MemController, KeepsItsBoundAmongProcessesThatAreKilled) {
   const pid_t keeper = start([&] {
     SqloMemController* controller = controllerOf(kBound);
     ready.give();
-    ASSERT_TRUE(done.take());
+    ::alarm(280);
+    for (int halfMinutes = 0; !done.take(); ++halfMinutes) ASSERT_LT(halfMinutes, 8);
     const SqloMemPartitionStats stats = statsOf(controller);
     EXPECT_EQ(stats.consumers, 0U);
     EXPECT_EQ(stats.currentSize, 0U);
@@ -433,11 +436,12 @@ TEST(MemController, KeepsItsBoundAmongProcessesThatAreKilled) {
   const auto startUser = [&](unsigned process) {
     const auto processSeed = static_cast<std::uint32_t>(random());
     return start([&, process, processSeed] {
+      ::alarm(280);
       becomeEngine();
       SqloMemController* controller = SqloMemController::instance();
       std::vector<std::thread> threads;
       for (unsigned i = 0; i < kThreads; ++i)
-        threads.emplace_back([&, i] { useMemory(controller, *ledger, process, processSeed + i, 300'000 / kSlower); });
+        threads.emplace_back([&, i] { useMemory(controller, *ledger, process, processSeed + i, 200'000 / kSlower); });
       for (std::thread& thread : threads) thread.join();
     });
   };
@@ -446,11 +450,12 @@ TEST(MemController, KeepsItsBoundAmongProcessesThatAreKilled) {
   for (unsigned kill = 0; kill < 20; ++kill) {
     const auto process = static_cast<unsigned>(random() % kProcesses);
     ::usleep(static_cast<useconds_t>(random() % 10'000));
-    ledger->isDoomed[process].store(true);
+    ::kill(users[process], SIGSTOP);
+    siginfo_t stopped = {};
+    ::waitid(P_PID, static_cast<id_t>(users[process]), &stopped, WSTOPPED | WEXITED | WNOWAIT);
+    ledger->total.fetch_sub(ledger->held[process].exchange(0));
     const int end = finishKilled(users[process]);
     EXPECT_TRUE(end == -SIGKILL || end == 0) << end;
-    ledger->held[process].store(0);
-    ledger->isDoomed[process].store(false);
     users[process] = startUser(process);
   }
   for (const pid_t user : users) EXPECT_EQ(finish(user), 0);
