@@ -5,8 +5,8 @@
 #include <bit>
 
 #include "diag/base/traced.h"
+#include "memory/sqlo_mem_section.h"
 #include "memory/sqlo_mem_settings.h"
-#include "platform/address_space.h"
 #include "platform/address_windows.h"
 #include "platform/host.h"
 #include "platform/osse.h"
@@ -31,36 +31,11 @@ constexpr unsigned kRegionWaitMs = 2000;
 
 // ---- the controller of this process ------------------------------------------------------------------------------
 
-// What this process has mapped. Written under the region lock.
-struct Mapping {
-  std::atomic<bool> isThere{false};
-  SqlzZrc sharedStatus = 0;  // of the region it belongs to
-};
-constinit Mapping g_mapping;
-
-// A forked child that had to leave the shared region for a private one maps that in its parent's place.
-SqlzZrc mapController() noexcept {
-  const RegionLock lock(kRegionWaitMs);
-  if (!lock.held()) return SQLO_REGION_BUSY;
-  const bool isThere = g_mapping.isThere.load(std::memory_order_relaxed);
-  if (isThere && g_mapping.sharedStatus == regionSharedStatus()) return 0;
-  const auto map = isThere ? ossRemapSharedAt : ossMapSharedAt;
-  const int error = map(MEMORY_CONTROLLER_ADDRESS, REGION_MEMORY_CONTROLLER_BYTES, regionDescriptor(),
-                        regionSectionOffset(RegionSectionId::kMemoryController));
-  if (error != 0) return error == EEXIST ? SQLO_ADDRESS_TAKEN : SQLO_REGION_NO_MEMORY;
-  g_mapping.sharedStatus = regionSharedStatus();
-  g_mapping.isThere.store(true, std::memory_order_release);
-  return sqloSetLatchDeathPolicy(SQLO_LT_SqloMemController__m_latch__latch, SQLO_LATCH_DEATH_REPAIR, Access::repair,
-                                 nullptr);
-}
-
-SqlzZrc attachController() noexcept {
-  const SqlzZrc attached = regionAttach();
-  if (attached != 0) return attached;
-  if (g_mapping.isThere.load(std::memory_order_acquire) && g_mapping.sharedStatus == regionSharedStatus()) return 0;
-  regionReportOnce();
-  return mapController();
-}
+constinit MappedSection g_section = {RegionSectionId::kMemoryController, MEMORY_CONTROLLER_ADDRESS,
+                                     REGION_MEMORY_CONTROLLER_BYTES, [] {
+                                       (void)sqloSetLatchDeathPolicy(SQLO_LT_SqloMemController__m_latch__latch,
+                                                                     SQLO_LATCH_DEATH_REPAIR, Access::repair, nullptr);
+                                     }};
 
 // ---- reports -----------------------------------------------------------------------------------------------------
 
@@ -137,6 +112,7 @@ void SqloMemControllerAccess::reclaim(Controller& controller, const Consumer& re
 vek::MemAttempt SqloMemControllerAccess::attempt(Controller& controller, const vek::MemRequest& request) noexcept {
   if (numberOf(controller, request.consumer) == 0) return vek::MemAttempt::kNotAConsumer;
   Consumer& consumer = *request.consumer;
+  if (request.owner != 0 && consumer.m_owner != request.owner) return vek::MemAttempt::kNotAConsumer;
   const bool enforced = controller.m_automatic == 0 || controller.m_boundFixed != 0;
   const bool byMachine = !enforced && controller.m_strict != 0;
   if (byMachine && !request.physicalKnown) return vek::MemAttempt::kNeedsPhysicalMemory;
@@ -221,7 +197,7 @@ SqloMemController* SqloMemController::instance() noexcept {
   return instanceStatus() == 0 ? &vek::Access::theController() : nullptr;
 }
 
-SqlzZrc SqloMemController::instanceStatus() noexcept { return vek::attachController(); }
+SqlzZrc SqloMemController::instanceStatus() noexcept { return vek::sqloi_mapSection(vek::g_section); }
 
 // An active controller is cleared under its latch. One that is not has no latch yet; of several processes that make it
 // active at once the region lock lets one through, which is done with when the others come.

@@ -29,6 +29,7 @@ struct MemRequest {
   std::uint32_t bytes;
   bool allowReclaim;
   bool force;
+  std::uint64_t owner = 0;  // when given, the record must still be that process's
   bool physicalKnown = false;
   std::uint64_t physicalBytes = 0;
 };
@@ -61,6 +62,7 @@ struct SqloMemControllerAccess {
     }
   }
 
+  static std::uint64_t ownerOf(const Consumer& consumer) noexcept { return consumer.m_owner; }
   static bool isDatabase(const Consumer& consumer) noexcept { return consumer.m_kind == SQLO_MEM_CONSUMER_DATABASE; }
 
   // ---- the counters

@@ -28,4 +28,9 @@ bool sqloi_readBoolean(const char* name, bool byDefault) noexcept {
   return byDefault ? !isOneOf(value, kNo) : isOneOf(value, kYes);
 }
 
+bool sqloi_isSettingOn(const char* name) noexcept {
+  char value[64];
+  return g_ports.readSetting(name, value, sizeof value) && value[0] != '\0' && !isOneOf(value, kNo);
+}
+
 }  // namespace vek

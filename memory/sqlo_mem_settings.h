@@ -7,4 +7,7 @@ namespace vek {
 // set, or something else: the default. Never called under a latch.
 bool sqloi_readBoolean(const char* name, bool byDefault) noexcept;
 
+// True when a setting has a value that is not a no.
+bool sqloi_isSettingOn(const char* name) noexcept;
+
 }  // namespace vek

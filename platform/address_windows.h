@@ -45,5 +45,11 @@ static_assert(SHARED_WINDOWS.end() <= PRIVATE_WINDOWS.begin);
 // The first shared window holds no set: the parts of the instance region that have latches in them are mapped there,
 // since those are known by their address.
 inline constexpr std::uint64_t MEMORY_CONTROLLER_ADDRESS = SHARED_WINDOWS.begin;
+inline constexpr std::uint64_t MEMORY_SETS_ADDRESS = SHARED_WINDOWS.begin + ADDRESS_WINDOW_BYTES / 2;
+
+// Where a window of a range begins.
+constexpr std::uint64_t addressOfWindow(const AddressRange& range, std::uint32_t window) noexcept {
+  return range.begin + (std::uint64_t{window} << 32);
+}
 
 }  // namespace vek

@@ -48,6 +48,8 @@ struct OssCalls {
   void* (*mmap)(void* address, std::size_t bytes, int protection, int flags, int fd, off_t offset);
   int (*munmap)(void* address, std::size_t bytes);
   int (*madvise)(void* address, std::size_t bytes, int advice);
+  int (*mprotect)(void* address, std::size_t bytes, int protection);
+  int (*mlock)(const void* address, std::size_t bytes);
   int (*memfd)(const char* name, unsigned flags);
   int (*socket)(int domain, int type, int protocol);
   ssize_t (*sendto)(int fd, const void* bytes, std::size_t count, int flags, const sockaddr* to, unsigned toBytes);

@@ -1,4 +1,5 @@
-// Memory: what keeps an instance within its bound.
+// Memory: sets, and what keeps an instance within its bound.
 #pragma once
 
 #include "veksys/memory/controller.h"
+#include "veksys/memory/set.h"

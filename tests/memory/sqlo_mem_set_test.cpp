@@ -1,0 +1,552 @@
+// Memory sets: their texts, thresholds and chunks, what the kernel says of them, failures, several processes.
+#include "memory/sqlo_mem_set.h"
+
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <sstream>
+#include <vector>
+
+#include "memory/memory_support.h"
+#include "platform/address_windows.h"
+
+namespace vek::memorytest {
+namespace {
+
+using platformtest::Baton;
+using platformtest::Failure;
+using platformtest::finish;
+using platformtest::finishKilled;
+using platformtest::makeFail;
+using platformtest::Shared;
+using platformtest::start;
+
+constexpr std::uint32_t kOptions = SQLO_SET_GROWABLE | SQLO_SET_DECOMMITABLE | SQLO_SET_AUTOMATIC_MAX_FREE;
+
+SqloMemSetRequest requestOf(std::uint32_t setType, std::uint32_t chunks, std::uint32_t options = kOptions) {
+  SqloMemSetRequest request = {};
+  request.size = sizeof request;
+  request.setType = setType;
+  request.options = options;
+  request.name = setType == SQLO_SET_PRIVATE ? nullptr : "SAMPLE";
+  request.bytes = chunks << SQLO_CHUNK_SHIFT;
+  request.maxBytes = request.bytes * 4;
+  request.incrementBytes = 16 << SQLO_CHUNK_SHIFT;
+  return request;
+}
+
+SMemSet* create(const SqloMemSetRequest& request) {
+  SMemSet* set = nullptr;
+  EXPECT_EQ(sqlocshr(&request, &set), 0);
+  return set;
+}
+
+std::string setFile(const Instance& instance, const SMemSet& set) {
+  return instance.region() + ":set." + std::to_string(set.m_window);
+}
+
+// Committed bytes as the kernel has them: writable mappings of a private set, blocks of a shared one.
+std::uint64_t kernelBytes(const Instance& instance, const SMemSet& set) {
+  if (!set.isPrivate()) {
+    struct stat status = {};
+    EXPECT_EQ(::stat(setFile(instance, set).c_str(), &status), 0);
+    return static_cast<std::uint64_t>(status.st_blocks) * 512;
+  }
+  std::ifstream maps("/proc/self/maps");
+  const auto base = reinterpret_cast<std::uintptr_t>(&set);
+  std::uint64_t total = 0;
+  for (std::string line; std::getline(maps, line);) {
+    unsigned long begin = 0;
+    unsigned long end = 0;
+    char access[5] = "";
+    if (std::sscanf(line.c_str(), "%lx-%lx %4s", &begin, &end, access) != 3 || access[1] != 'w') continue;
+    if (begin >= base && end <= base + ADDRESS_WINDOW_BYTES) total += end - begin;
+  }
+  return total;
+}
+
+// Every invariant of a set, and what the kernel says.
+void expectSound(const Instance& instance, SMemSet& set) {
+  set.captureLatch(__FILE__, __LINE__);
+  EXPECT_EQ(set.m_used.count(), set.m_usedChunks + set.m_fastCount);
+  EXPECT_EQ(set.m_committed.count(), set.m_committedChunks);
+  EXPECT_EQ(set.m_decommitted.count(), set.m_decommittedChunks);
+  EXPECT_LE(set.m_recommitableChunks, set.m_decommittedChunks);
+  EXPECT_LE(set.m_allocatedChunks, set.m_maxChunksAllowed);
+  std::uint32_t chunks = 0;
+  std::uint32_t subgroups = 0;
+  for (std::uint32_t i = 0; i < set.m_groupCount; ++i) {
+    EXPECT_EQ(set.m_groups[i].firstChunk, chunks);
+    chunks += set.m_groups[i].chunks;
+    subgroups += set.m_groups[i].subgroups;
+  }
+  EXPECT_EQ(chunks, set.m_allocatedChunks);
+  EXPECT_EQ(subgroups, set.m_starts.count());
+  for (std::uint32_t word = 0; word < MEM_SET_WORDS; ++word) {
+    EXPECT_EQ(set.m_used.words[word] & ~set.m_committed.words[word], 0U);
+    EXPECT_EQ(set.m_committed.words[word] & set.m_decommitted.words[word], 0U);
+    EXPECT_EQ((set.m_starts.words[word] | set.m_kept.words[word]) & ~set.m_used.words[word], 0U);
+  }
+  EXPECT_EQ(kernelBytes(instance, set), (std::uint64_t{set.m_committedChunks} + 1) << SQLO_CHUNK_SHIFT);
+  set.releaseLatch();
+}
+
+TEST(MemSet, NamesTypesAndOptions) {
+  const char* names[] = {"DBM_DBMS", "DBM_DB", "FMP_RESOURCES", "", "LOCAL_APL",     "",        "",
+                         "",         "",       "PRIVATE",       "", "FCM_RESOURCES", "APL_CTL", "INVALID SET ID"};
+  for (std::uint32_t type = 0; type < std::size(names); ++type) EXPECT_STREQ(sqloMemSetTypeName(type), names[type]);
+  EXPECT_STREQ(sqloMemSetTypeName(0xFFFFFFFF), "INVALID SET ID");
+  EXPECT_STREQ(sqloMemSetTypeClass(12), "APPLICATION");
+  struct Row {
+    std::uint32_t options;
+    const char* text;
+    std::size_t last;
+  };
+  const Row rows[] = {
+      {0, "\t0", 2},
+      {0x3, "\t0 | PINNED | CRITICAL", 11},
+      {0x80000000, "\t0 | 0x80000000", 13},
+      {0x10001000, "\t0 | OSS | ANY_ADDRESS", 14},
+      {0x40010000, "\t0 | SEMAPHORES | AUTOMATIC_MAX_FREE", 21},
+      {0x10 | 0x200 | 0x800 | 0x20000 | 0x4, "\t0 | CHUNK_KEEP | 0x20A10", 10},
+  };
+  for (const Row& row : rows) {
+    char text[512];
+    EXPECT_EQ(sqloMemSetOptionsToString(text, sizeof text, row.options), row.last);
+    EXPECT_STREQ(text, row.text);
+  }
+  char all[1024];
+  sqloMemSetOptionsToString(all, sizeof all, 0xFFFFFFFF);
+  EXPECT_NE(std::string(all).find("SEMAPHORES | AUTOMATIC_MAX_FREE | KEY_PROTECTED | LAZY_DECOMMIT | 0x80020A10"),
+            std::string::npos);
+  char small[8];
+  sqloMemSetOptionsToString(small, sizeof small, 0x3);
+  EXPECT_STREQ(small, "\t0 | PI");
+}
+
+TEST(MemSet, MovesItsThresholds) {
+  const Instance instance;
+  inProcess([&] {
+    SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, 2000, kOptions | SQLO_SET_LAZY_DECOMMIT));
+    ASSERT_NE(set, nullptr);
+    void* block = nullptr;
+    ASSERT_EQ(sqloi_setGetChunks(*set, 1500, &block), 0);
+    EXPECT_EQ(set->m_keepCommitChunks, 1500U) << "a lazy set keeps what it used";
+    ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1500), 0);
+    EXPECT_EQ(set->m_committedChunks, 1500U);
+    struct Free {
+      std::uint32_t percent;
+      SqlzZrc result;
+      std::uint32_t maxFree;
+    };
+    for (const Free& row : {Free{100, 0, 2000}, {50, 0, 1000}, {1, 0, 257}, {101, SQLO_INV_MEM, 257}, {0, 0, 0}}) {
+      EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(set, row.percent), row.result);
+      EXPECT_EQ(set->m_maxFreeChunks, row.maxFree);
+      EXPECT_EQ(set->m_committedChunks, 1500U) << "what is to be kept is not free";
+    }
+    EXPECT_EQ(set->m_maxFreePercent, 0U);
+    struct Keep {
+      std::uint32_t hundredths;
+      SqlzZrc result;
+      std::uint32_t keep;
+      std::uint32_t committed;
+    };
+    for (const Keep& row : {Keep{10'001, SQLO_INV_MEM, 1500, 1500}, {0, 0, 1243, 1243}, {2'000, 0, 843, 843}}) {
+      EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(set, row.hundredths), row.result);
+      EXPECT_EQ(set->m_keepCommitChunks, row.keep);
+      EXPECT_EQ(set->m_committedChunks, row.committed);
+    }
+    ASSERT_EQ(sqloi_setGetChunks(*set, 700, &block), 0);
+    EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(set, 10'000), 0);
+    EXPECT_EQ(set->m_keepCommitChunks, 700U) << "never below what is used";
+    EXPECT_EQ(set->m_decommittedChunks, 800U);
+    {
+      const SetOperation operation(*set);
+      EXPECT_EQ(set->decreaseUseableMemory(300), 300U);
+      EXPECT_EQ(set->usableChunks(), 1700U);
+      EXPECT_EQ(set->decreaseUseableMemory(1000), 500U);
+      EXPECT_EQ(set->increaseUseableMemory(9000), 800U);
+      EXPECT_EQ(set->usableChunks(), 2000U);
+      set->recommitChunksUntilTargetReached(1000);
+      EXPECT_EQ(set->m_committedChunks, 1000U);
+      EXPECT_EQ(set->m_recommitableChunks, 500U);
+    }
+    expectSound(instance, *set);
+    EXPECT_EQ(sqlofshr(set), 0);
+    SMemSet* plain = create(requestOf(SQLO_SET_PRIVATE, 10, 0));
+    EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(plain, 5), SQLO_INV_MEM);
+    EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(plain, 5), SQLO_INV_MEM);
+    EXPECT_FALSE(sqloMemSetIsResizable(plain));
+  });
+}
+
+// The cache of fast chunks is drained only when the low halves of the two sizes say so.
+TEST(MemSet, DrainsFastChunksByTheLowHalves) {
+  const Instance instance;
+  inProcess([&] {
+    for (const bool drains : {true, false}) {
+      const std::uint32_t options = kOptions | SQLO_SET_LAZY_DECOMMIT | SQLO_SET_CHUNK_KEEP;
+      SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, drains ? 300 : 250, options));
+      void* blocks[5];
+      for (void*& block : blocks) ASSERT_EQ(sqloi_setGetChunks(*set, 1, &block), 0);
+      for (void* block : blocks) ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1), 0);
+      EXPECT_EQ(set->m_fastCount, 5U);
+      EXPECT_EQ(sqloi_setReturnChunks(*set, blocks[0], 1), SQLO_INV_MEM) << "given back twice";
+      EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(set, 0), 0);
+      EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(set, 0), 0);
+      EXPECT_EQ(set->m_fastCount, drains ? 0U : 5U);
+      expectSound(instance, *set);
+      EXPECT_EQ(sqlofshr(set), 0);
+    }
+  });
+}
+
+// Random work on a set; `alive` is asked to go on.
+void useSet(SMemSet& set, std::uint32_t seed, std::uint32_t steps, const std::function<void()>& check) {
+  struct Run {
+    char* address;
+    std::uint32_t chunks;
+  };
+  std::minstd_rand random(seed);
+  std::vector<Run> runs;
+  for (std::uint32_t step = 0; step < steps; ++step) {
+    const auto chunks = static_cast<std::uint32_t>(1 + (random() % 3 == 0 ? random() % 40 : 0));
+    void* block = nullptr;
+    if (random() % 2 == 0 && sqloi_setGetChunks(set, chunks, &block) == 0) {
+      std::memset(block, 1, 1);
+      static_cast<char*>(block)[std::size_t{chunks} * SQLO_CHUNK_BYTES - 1] = 1;
+      runs.push_back({static_cast<char*>(block), chunks});
+    } else if (!runs.empty()) {
+      std::swap(runs[random() % runs.size()], runs.back());
+      Run& run = runs.back();
+      const std::uint32_t part = random() % 4 == 0 ? 1 : run.chunks;  // the end of a run may stay
+      EXPECT_EQ(sqloi_setReturnChunks(set, run.address, part), 0);
+      run.address += std::size_t{part} * SQLO_CHUNK_BYTES;
+      run.chunks -= part;
+      if (run.chunks == 0) runs.pop_back();
+    }
+    if (random() % 50 == 0) sqloUpdateMemorySetFreeThreshold(&set, static_cast<std::uint32_t>(random() % 101));
+    if (step % 100 == 0) check();
+  }
+  for (const Run& run : runs) EXPECT_EQ(sqloi_setReturnChunks(set, run.address, run.chunks), 0);
+}
+
+TEST(MemSet, IsWhatTheKernelShows) {
+  const Instance instance;
+  const std::uint32_t seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  inProcess([&] {
+    for (const std::uint32_t type : {SQLO_SET_PRIVATE, SQLO_SET_DBM_DBMS})
+      for (const std::uint32_t options : {0U, std::uint32_t{SQLO_SET_CHUNK_KEEP}, std::uint32_t{SQLO_SET_REDUCIBLE}}) {
+        SMemSet* set = create(requestOf(type, 100, kOptions | options));
+        ASSERT_NE(set, nullptr);
+        useSet(*set, seed, 4000 / kSlower, [&] { expectSound(instance, *set); });
+        expectSound(instance, *set);
+        EXPECT_EQ(set->m_usedChunks, 0U);
+        EXPECT_EQ(set->m_starts.count(), 0U);
+        const std::string file = setFile(instance, *set);
+        EXPECT_EQ(sqlofshr(set), 0);
+        EXPECT_FALSE(sqloIsSetAlreadyConnected(type, "SAMPLE"));
+        EXPECT_FALSE(std::filesystem::exists(file));
+      }
+  });
+}
+
+// Any call of the system fails in turn, while sets are made, used and freed; what failed is told, nothing stays behind.
+TEST(MemSet, LosesNothingWhenTheSystemRefuses) {
+  const Instance instance;
+  inProcess([&] {
+    SqloMemController* controller = controllerOf(0xFFFFFFFF);
+    makeFail<&OssCalls::mmap, &OssCalls::munmap, &OssCalls::mprotect, &OssCalls::madvise, &OssCalls::fallocate,
+             &OssCalls::ftruncate>(-1, ENOMEM);
+    for (const std::uint32_t type : {SQLO_SET_PRIVATE, SQLO_SET_DBM_DBMS}) {
+      SqloMemSetRequest request = requestOf(type, 20, kOptions | SQLO_SET_REDUCIBLE);
+      request.commitBytes = request.bytes;
+      bool wasDue = true;
+      for (int call = 0; wasDue; ++call) {
+        Failure::callsLeft = call;
+        SMemSet* set = nullptr;
+        const SqlzZrc created = sqlocshr(&request, &set);
+        EXPECT_TRUE(created == 0 || created == SQLO_NOSEG || created == SQLO_REGION_NO_MEMORY) << std::hex << created;
+        if (set != nullptr) {
+          EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(set, 0), 0);
+          useSet(*set, 7, 60, [] {});
+        }
+        wasDue = Failure::callsLeft < 0;
+        Failure::callsLeft = -1;
+        if (set != nullptr) {
+          expectSound(instance, *set);
+          EXPECT_FALSE(set->has(SQLO_SET_PENDING_REPORT));
+          EXPECT_EQ(sqlofshr(set), 0);
+        }
+        EXPECT_EQ(statsOf(controller).currentSize, 0U) << "call " << call;
+        EXPECT_FALSE(std::filesystem::exists(instance.region() + ":set.1"));
+        ASSERT_LT(call, 2000);
+      }
+    }
+    const std::string log = logText(instance);
+    for (const char* text :
+         {"Private memory and/or virtual address space exhausted", "Failure freeing private memory",
+          "Failed memory commit operation", "Failed memory decommit operation", "New shared memory segment allocation"})
+      EXPECT_GT(occurrences(log, text), 0U) << text;
+    EXPECT_GT(occurrences(log, "DBM_DBMS"), 0U);
+  });
+}
+
+// A file system that is really full: a code, no signal, and all that was got can be written to.
+TEST(MemSet, IsToldOfAFullFileSystem) {
+  const Instance instance;
+  const int end = platformtest::runInProcess([&] {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        ::mount("tmpfs", instance.directory().c_str(), "tmpfs", 0, "size=8m,mode=0700") != 0)
+      ::_exit(platformtest::kSkip);
+    SMemSet* set = create(requestOf(SQLO_SET_DBM_DBMS, 400));
+    ASSERT_NE(set, nullptr);
+    void* block = nullptr;
+    std::uint32_t got = 0;
+    while (sqloi_setGetChunks(*set, 1, &block) == 0) {
+      std::memset(block, 1, SQLO_CHUNK_BYTES);
+      ++got;
+    }
+    EXPECT_GT(got, 10U);
+    EXPECT_LT(got, 128U);
+    expectSound(instance, *set);
+    ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1), 0);
+    EXPECT_EQ(sqloi_setGetChunks(*set, 1, &block), 0);
+    EXPECT_EQ(sqlofshr(set), 0);
+  });
+  if (end == platformtest::kSkip) GTEST_SKIP() << "no file system can be mounted here";
+  EXPECT_EQ(end, 0);
+}
+
+TEST(MemSet, SaysWhatItCannotGive) {
+  const Instance instance;
+  inProcess([&] {
+    const auto tryCreate = [&](SqloMemSetRequest request, SMemSet** out = nullptr) {
+      SMemSet* set = nullptr;
+      const SqlzZrc result = sqlocshr(&request, &set);
+      if (out != nullptr)
+        *out = set;
+      else if (set != nullptr)
+        sqlofshr(set);
+      return result;
+    };
+    SqloMemSetRequest request = requestOf(SQLO_SET_PRIVATE, 0);
+    EXPECT_EQ(tryCreate(request), SQLO_MEM_SIZE);
+    request = requestOf(3, 10);
+    EXPECT_EQ(tryCreate(request), SQLO_INV_PARM);
+    request = requestOf(SQLO_SET_PRIVATE, 10);
+    request.heapBytes = request.bytes + 1;
+    EXPECT_EQ(tryCreate(request), SQLO_MEM_SIZE);
+    request = requestOf(SQLO_SET_PRIVATE, 10);
+    request.maxBytes = 0xFFFFFFFF;
+    request.paddingBytes = kMb;
+    EXPECT_EQ(tryCreate(request), 0);
+    ::setenv("VEKNTMEMSIZE", "DBM_DB:65536;PRIVATE:1048576", 1);
+    request.paddingBytes = 0;
+    request.maxBytes = 3 * kMb;
+    SMemSet* set = nullptr;
+    EXPECT_EQ(tryCreate(request, &set), 0);
+    EXPECT_EQ(set->m_maxChunksAllowed, 16U);
+    EXPECT_EQ(sqloMemSetSetMaxSize(set, 32 * SQLO_CHUNK_BYTES), 0);
+    EXPECT_EQ(sqloMemSetGetGrowthLimit(set), 22 * SQLO_CHUNK_BYTES);
+    EXPECT_EQ(sqloMemSetSetMaxSize(set, 9 * SQLO_CHUNK_BYTES), SQLO_MEM_SIZE);
+    EXPECT_EQ(sqlofshr(set), 0);
+    EXPECT_EQ(sqlofshr(set), SQLO_INV_MEM);
+    ::unsetenv("VEKNTMEMSIZE");
+    request.maxBytes = 0;
+    ::setenv("VEKMEMDBG", "ALL", 1);
+    ::setenv("VEK_DEFER_MEMORY_COMMIT", "ON", 1);
+    request.commitBytes = SQLO_CHUNK_BYTES;
+    EXPECT_EQ(tryCreate(request, &set), 0);
+    EXPECT_EQ(set->m_committedChunks, 1U);
+    void* block = nullptr;
+    ASSERT_EQ(sqloi_setGetChunks(*set, 1, &block), 0);
+    ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1), 0);
+    EXPECT_EQ(*static_cast<unsigned char*>(block), 0xDD);
+    ::unsetenv("VEK_DEFER_MEMORY_COMMIT");
+    SqloMemController* controller = controllerOf(kMb);
+    request.bytes = 2 * kMb;
+    EXPECT_EQ(tryCreate(request), SQLO_NO_INS_MEM);
+    request.bytes = kMb;
+    request.maxBytes = 2 * kMb;
+    request.options = kOptions | SQLO_SET_PINNED | SQLO_SET_LARGE_PAGES;
+    ossCalls().mlock = [](const void*, std::size_t) {
+      errno = EPERM;
+      return -1;
+    };
+    ossCalls().madvise = [](void*, std::size_t, int) {
+      errno = EINVAL;
+      return -1;
+    };
+    EXPECT_EQ(tryCreate(request, &set), 0);
+    EXPECT_EQ(set->m_options & (SQLO_SET_PINNED | SQLO_SET_LARGE_PAGES), 0U);
+    EXPECT_EQ(sqloMemSetPageSize(set), 4096U);
+    EXPECT_EQ(sqloi_setGetChunks(*set, 17, &block), SQLO_NOMEM) << "the controller does not let it grow";
+    EXPECT_EQ(statsOf(controller).currentSize, kMb);
+    EXPECT_EQ(sqlocshr(nullptr, &set), SQLO_INV_PARM);
+    const std::string log = logText(instance);
+    for (const char* text :
+         {"Insufficient set size for heap reservations.",
+          "Set 9 size truncated from 4294967295 bytes to 4294901760 bytes",
+          "The value requested for padding was 1048576, and the value assigned is 0.",
+          "Set 9 size truncated from 3145728 bytes to 1048576 bytes  To avoid this truncation, either reduce your "
+          "memory "
+          "configuration parameters for this set or update the VEKNTMEMSIZE registry variable with the string "
+          "PRIVATE:3145728.",
+          "No private set handle.", "Deferred memory commit is disabled in memory debug modes",
+          "Insufficient INSTANCE_MEMORY to allocate new memory set.",
+          "Can not continue with large page support, disabling to continue",
+          "Can not continue with VEK_PINNED_BP=true, disabling to continue", "pSetHdl was NULL"})
+      EXPECT_EQ(occurrences(log, text), 1U) << text;
+  });
+}
+
+TEST(MemSet, MarksAllBelowItCritical) {
+  const Instance instance;
+  inProcess([] {
+    SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, 10));
+    SqloMemListEntry entries[5] = {};
+    entries[0].next = &entries[1];  // two pools; below the second an entry, below that another, below that one more
+    entries[1].first = &entries[2];
+    entries[2].first = &entries[3];
+    entries[3].first = &entries[4];
+    set->m_pools = entries;
+    sqloEnableCriticalOptionForMemSet(set);
+    EXPECT_TRUE(set->has(SQLO_SET_CRITICAL));
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(entries[i].options, i < 4 ? 2U : 0U) << i;
+  });
+}
+
+TEST(MemSet, IsCommittedInTheBackground) {
+  const Instance instance;
+  inProcess([&] {
+    SqloMemSetRequest request = requestOf(SQLO_SET_DBM_DB, 30);
+    request.commitBytes = 20 << SQLO_CHUNK_SHIFT;
+    for (const bool isOn : {true, false}) {
+      ::setenv("VEK_ENABLE_BG_COMMIT", isOn ? "TRUE" : "OFF", 1);
+      SMemSet* set = create(request);
+      ASSERT_NE(set, nullptr);
+      EXPECT_EQ(sqloBgCommitIsNeeded(set), isOn);
+      EXPECT_EQ(set->m_committedChunks, isOn ? 0U : 20U);
+      std::uint32_t total = 0;
+      for (std::uint32_t committed = 1; committed != 0; total += committed)
+        ASSERT_EQ(sqloBgCommit(set, 7, &committed), 0);
+      EXPECT_EQ(total, isOn ? 20U : 0U);
+      expectSound(instance, *set);
+      EXPECT_EQ(sqlofshr(set), 0);
+    }
+    EXPECT_FALSE(sqloBgCommitIsNeeded(nullptr));
+  });
+}
+
+// ---- several processes
+// -----------------------------------------------------------------------------------------------
+
+TEST(MemSet, IsSharedAtOneAddress) {
+  const Instance instance;
+  Baton ready;
+  Baton done;
+  const pid_t owner = start([&] {
+    SMemSet* set = create(requestOf(SQLO_SET_DBM_DBMS, 50));
+    void* block = nullptr;
+    ASSERT_EQ(sqloi_setGetChunks(*set, 3, &block), 0);
+    *static_cast<void**>(block) = block;
+    SMemSet* second = nullptr;
+    SqloMemSetRequest request = requestOf(SQLO_SET_DBM_DBMS, 50);
+    EXPECT_EQ(sqlocshr(&request, &second), SQLO_SHM_EXISTS);
+    ready.give();
+    ASSERT_TRUE(done.take());
+    expectSound(instance, *set);
+    EXPECT_EQ(set->m_usedChunks, 63U);
+    EXPECT_GT(set->m_groupCount, 1U) << "another process made it grow";
+    EXPECT_EQ(sqlofshr(set), 0);
+    ready.give();
+    ASSERT_TRUE(done.take());
+  });
+  ASSERT_TRUE(ready.take());
+  inProcess([&] {
+    SMemSet* set = nullptr;
+    EXPECT_FALSE(sqloIsSetAlreadyConnected(SQLO_SET_DBM_DBMS, "SAMPLE"));
+    EXPECT_EQ(sqlogmshr(SQLO_SET_DBM_DBMS, "OTHER", &set), SQLO_NOSEG);
+    SqloMemSetInfo info;
+    EXPECT_EQ(sqloqshr(SQLO_SET_DBM_DBMS, "SAMPLE", &info), 0);
+    EXPECT_EQ(info.usedChunks, 3U);
+    ASSERT_EQ(sqloConnectIfNotConnected(SQLO_SET_DBM_DBMS, "SAMPLE", &set), 0);
+    EXPECT_EQ(sqlogmshr(SQLO_SET_DBM_DBMS, "SAMPLE", &set), 0);
+    EXPECT_EQ(occurrences(logText(instance), "Shared memory set is already connected."), 1U);
+    void* first = std::bit_cast<void*>(set->addressOf(0));
+    EXPECT_EQ(*static_cast<void**>(first), first);
+    void* block = nullptr;
+    ASSERT_EQ(sqloi_setGetChunks(*set, 60, &block), 0);
+    std::memset(block, 1, std::size_t{60} << SQLO_CHUNK_SHIFT);
+    done.give();
+    ASSERT_TRUE(ready.take());
+    std::memset(block, 2, std::size_t{60} << SQLO_CHUNK_SHIFT);  // freed, but still there for those connected
+    EXPECT_EQ(sqloConnectIfNotConnected(SQLO_SET_DBM_DBMS, "SAMPLE", &set), SQLO_NOSEG);
+    done.give();
+  });
+  EXPECT_EQ(finish(owner), 0);
+}
+
+TEST(MemSet, IsRefusedWhereItsAddressIsTaken) {
+  const Instance instance;
+  inProcess([] {
+    void* where = std::bit_cast<void*>(addressOfWindow(SHARED_WINDOWS, 1) + 4096);
+    ASSERT_EQ(::mmap(where, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0), where);
+    SMemSet* set = nullptr;
+    const SqloMemSetRequest request = requestOf(SQLO_SET_DBM_DBMS, 50);
+    EXPECT_EQ(sqlocshr(&request, &set), SQLO_ADDRESS_TAKEN);
+    EXPECT_FALSE(sqloIsSetAlreadyConnected(SQLO_SET_DBM_DBMS, "SAMPLE"));
+  });
+}
+
+// Processes are killed at random in the middle of changes; those that live on find a sound set.
+TEST(MemSet, SurvivesProcessesThatAreKilled) {
+  const Instance instance;
+  const std::uint32_t seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::minstd_rand random(seed);
+  Baton ready;
+  Baton done;
+  const pid_t keeper = start([&] {
+    SqloMemSetRequest request = requestOf(SQLO_SET_DBM_DBMS, 400, kOptions | SQLO_SET_CHUNK_KEEP | SQLO_SET_REDUCIBLE);
+    request.maxBytes = 60'000U << SQLO_CHUNK_SHIFT;
+    SMemSet* set = create(request);
+    ready.give();
+    ASSERT_TRUE(done.take());
+    expectSound(instance, *set);
+    EXPECT_EQ(sqlofshr(set), 0);
+  });
+  ASSERT_TRUE(ready.take());
+  for (int turn = 0; turn < 30; ++turn) {
+    const auto userSeed = static_cast<std::uint32_t>(random());
+    const auto use = [&, userSeed] {
+      SMemSet* set = nullptr;
+      ASSERT_EQ(sqlogmshr(SQLO_SET_DBM_DBMS, "SAMPLE", &set), 0);
+      ready.give();
+      useSet(*set, userSeed, 300, [] {});
+    };
+    const pid_t doomed = start([&] {
+      use();
+      use();
+    });
+    const pid_t user = start(use);
+    ASSERT_TRUE(ready.take());
+    ::usleep(static_cast<useconds_t>(random() % 5'000));
+    const int end = finishKilled(doomed);
+    EXPECT_TRUE(end == -SIGKILL || end == 0) << end;
+    EXPECT_EQ(finish(user), 0);
+  }
+  done.give();
+  EXPECT_EQ(finish(keeper), 0);
+}
+
+}  // namespace
+}  // namespace vek::memorytest
