@@ -524,9 +524,14 @@ std::uint64_t regionNextThreadSerial() noexcept {
   return base == nullptr ? 0 : headerAt(base)->nextThreadSerial.fetch_add(1, std::memory_order_relaxed) + 1;
 }
 
-void regionNoteUntracked() noexcept {
+void regionTakeUntracked() noexcept {
   char* base = g_region.base.load(std::memory_order_acquire);
-  if (base != nullptr) headerAt(base)->untracked.store(1, std::memory_order_relaxed);
+  if (base != nullptr) headerAt(base)->untracked.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void regionGiveBackUntracked() noexcept {
+  char* base = g_region.base.load(std::memory_order_acquire);
+  if (base != nullptr) headerAt(base)->untracked.fetch_sub(1, std::memory_order_acq_rel);
 }
 
 bool regionHasUntracked() noexcept {

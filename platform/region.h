@@ -53,7 +53,7 @@ enum class RegionSectionId : std::uint32_t {
   kSemaphores = 6,        // semaphore elements of latches between processes
   kThreadPages = 7,       // one page per thread slot, allocated when its thread first needs it
   kMemoryController = 8,  // zeroed at the beginning of each run of the instance
-  kMemorySets = 9,  // the directory of shared sets, zeroed likewise
+  kMemorySets = 9,        // the directory of shared sets, zeroed likewise
 };
 
 struct RegionSection {
@@ -77,7 +77,7 @@ struct RegionHeader {
   std::atomic<std::uint32_t> ready;             // 1 once everything above and every section stands
   std::atomic<std::uint32_t> nextThreadSerial;  // serials of threads that ever entered
   std::atomic<std::uint32_t> run;               // counts the times that a process found nobody else alive in here
-  std::atomic<std::uint32_t> untracked;         // set when something was taken in this run that no thread page tells of
+  std::atomic<std::uint32_t> untracked;         // what is taken at this moment and no thread page tells of
 };
 
 // A process that uses the region. The lock on its byte, not the state, tells whether it lives.
@@ -155,9 +155,10 @@ bool regionOwnerLives(std::uint64_t owner) noexcept;
 std::uint32_t regionThreadEnter(std::uint32_t threadId, const char* name) noexcept;
 void regionThreadLeave(std::uint32_t slot) noexcept;
 
-// Notes that something shared was taken without being published in a thread page: from then on, in this run, nobody can
-// tell what a dead process held. And whether that has happened.
-void regionNoteUntracked() noexcept;
+// Counts what is taken between processes without being published in a thread page, and given back: as long as there is
+// any (and for the rest of the run when its process dies with it) nobody can tell what a dead process holds.
+void regionTakeUntracked() noexcept;
+void regionGiveBackUntracked() noexcept;
 bool regionHasUntracked() noexcept;
 
 // The run of the instance: as long as at least one process lives in the region. 0 when not attached.

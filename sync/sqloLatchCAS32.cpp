@@ -5,7 +5,8 @@
 //
 //   a waiter    sets its bit by a compare-and-swap that fails when the conflict is over, so that a release that did not
 //               see the bit has happened before and the waiter sees that
-//   a releaser  that sees a bit takes cs first; the word with the hold given back, the bits of those it wakes cleared and
+//   a releaser  that sees a bit takes cs first; the word with the hold given back, the bits of those it wakes cleared
+//   and
 //               the reservation set are one change of it, so that no state in between exists for others to meet
 //
 // verify/latch_cas32.pml is the model of the two.
@@ -81,7 +82,7 @@ bool spin(const Request& request) noexcept {
   const std::uint32_t loops = request.isExclusive() ? tuning.xloop : tuning.sloop;
   const std::uint32_t waste = request.isExclusive() ? tuning.xwaste : tuning.swaste;
   for (std::uint32_t i = 0; i < loops; ++i) {
-    sqloi_wasteTime(tuning, std::min(1 + i / 8, waste));
+    sqloi_wasteTime(tuning, waste);
     if (attempt(request) == Attempt::kGranted) return true;
   }
   return false;
@@ -181,7 +182,10 @@ class Wait {
     for (;;) {
       const Look outcome = look();
       if (outcome == Look::kGranted) return 0;
-      if (outcome == Look::kUpgradeConflict) return SQLO_LATCH_UPGRADE_CONFLICT;
+      if (outcome == Look::kUpgradeConflict) {
+        if (otherUpgraderLives()) return SQLO_LATCH_UPGRADE_CONFLICT;
+        continue;
+      }
       const Woken woken = sleep(request_, reference_, slice_.next());
       posted_ = woken == Woken::kPosted;
       if (posted_) continue;
@@ -210,6 +214,12 @@ class Wait {
   bool anotherUpgrades() const noexcept {
     const SemElement* element = sqloi_elementOf(Access::element(request_.latch));
     return request_.isUpgrade() && element != nullptr && element->upgrading != 0;
+  }
+
+  // The other upgrader may have died while it waited; its place is free then.
+  bool otherUpgraderLives() noexcept {
+    request_.hold.tries();  // this thread is not in line
+    return sqloi_rescueShared(request_.latch, request_.hold) == Rescue::kNothing;
   }
 
   // A post that came while the thread was on its way here counts as well.
@@ -432,10 +442,30 @@ std::uint32_t takeHold(SQLO_SLATCH_CAS32& latch, std::uint32_t state) noexcept {
   return state - 1;
 }
 
+void giveBack(SQLO_SLATCH_CAS32& latch) noexcept {
+  giveBackUnderCs(latch, [&latch](std::uint32_t word) noexcept { return afterRelease(latch, takeHold(latch, word)); });
+}
+
 [[gnu::noinline, gnu::cold]] void releaseLong(SQLO_SLATCH_CAS32& latch) noexcept {
-  const std::uint16_t type = latch.typeId();  // once the word is given back the memory may be somebody else's
-  latch.releaseConflict();
-  sqloi_latchReleased(&latch, type);
+  const std::uint16_t flags = latch.flags();  // once the word is given back the memory may be somebody else's
+  giveBack(latch);
+  sqloi_latchReleased(&latch, flags);
+}
+
+// How the calling thread holds a latch that it converts: what its mark says, or the word where it has none.
+bool holdsExclusively(SQLO_SLATCH_CAS32& latch, bool toExclusive) noexcept {
+  const std::uint32_t state = latch.state();
+  const bool wordIsExclusive = (state & SQLO_SLATCH_HELD_X) != 0;
+  const SqloLatchTable* table = t_latchTable;
+  const LatchMark* mark = table == nullptr ? nullptr : sqloi_findHold(*table, &latch);
+  const bool isExclusive =
+      mark == nullptr ? wordIsExclusive : (mark->word.load(std::memory_order_relaxed) & MARK_EXCLUSIVE) != 0;
+  check(latch, state, toExclusive && !isExclusive ? LatchUse::kExpectsShared : LatchUse::kReleases);
+  const bool isHeld = (state & (SQLO_SLATCH_HELD_X | SQLO_SLATCH_HOLDERS)) != 0;
+  const bool isAnothers = mark == nullptr && table != nullptr && table->unlisted == 0;
+  if (!isHeld || isAnothers || isExclusive != wordIsExclusive)
+    sqloPanic(SQLO_LATCH_NOT_HELD, "A latch that the thread does not hold is converted", &latch);
+  return isExclusive;
 }
 
 SqlzZrc upgrade(SQLO_SLATCH_CAS32& latch, bool conditional, const char* file, std::uint32_t line) noexcept {
@@ -525,23 +555,22 @@ void SQLO_SLATCH_CAS32::release() noexcept {
     return vek::releaseLong(*this);
   const bool exclusive = (mark->word.load(std::memory_order_relaxed) & vek::MARK_EXCLUSIVE) != 0;
   if (!vek::fastRelease(*this, exclusive)) [[unlikely]]
-    releaseConflict();
+    vek::giveBack(*this);
   vek::latchReleased(*table, *mark);
 }
 
 SqlzZrc SQLO_SLATCH_CAS32::getConflict(SqloLatchRequest request) noexcept {
-  vek::LatchHold hold(vek::Access::subject(*this, (request & SQLO_LATCH_EXCLUSIVE) != 0), nullptr, 0);
+  const vek::LatchWay way =
+      (request & SQLO_LATCH_CONDITIONAL) != 0 ? vek::LatchWay::kConditional : vek::LatchWay::kWaits;
+  const vek::LatchHold hold(vek::Access::subject(*this, (request & SQLO_LATCH_EXCLUSIVE) != 0, way), nullptr, 0);
   return vek::getSlow(*this, request, hold, nullptr, 0, true);
 }
 
-void SQLO_SLATCH_CAS32::releaseConflict() noexcept {
-  vek::giveBackUnderCs(
-      *this, [this](std::uint32_t word) noexcept { return vek::afterRelease(*this, vek::takeHold(*this, word)); });
-}
+void SQLO_SLATCH_CAS32::releaseConflict() noexcept { vek::releaseLong(*this); }
 
 SqlzZrc SQLO_SLATCH_CAS32::convert(SqloLatchRequest request, const char* file, std::uint32_t line) noexcept {
-  const bool isExclusive = (state() & SQLO_SLATCH_HELD_X) != 0;
   const bool toExclusive = (request & SQLO_LATCH_EXCLUSIVE) != 0;
+  const bool isExclusive = vek::holdsExclusively(*this, toExclusive);
   if (toExclusive && !isExclusive) return vek::upgrade(*this, (request & SQLO_LATCH_CONDITIONAL) != 0, file, line);
   if (!toExclusive && isExclusive) vek::sqloi_downgrade(*this);
   return 0;

@@ -4,10 +4,13 @@
 
 #include "platform/osse.h"
 #include "sync/sqloLatchAccess.h"
+#include "sync/sqloLatchDebug.h"
 #include "sync/sqloLatchMarks.h"
 #include "sync/sqloSemPool.h"
 #include "veksys/codes.h"
+#include "veksys/diag/log.h"
 #include "veksys/sync/latch_control.h"
+#include "veksys_functions.h"
 
 namespace vek {
 namespace {
@@ -42,6 +45,8 @@ struct Census {
   std::uint32_t livingWaiters[2] = {0, 0};  // by WaiterKind
   std::uint32_t gone = 0;                   // that say ACTIVE
   std::uint32_t goneWaiters = 0;
+  std::uint32_t livingUpgraders = 0;           // exclusive waiters that hold the latch themselves
+  std::uint32_t holdingSlot = REGION_NO_SLOT;  // of the living mark seen last that says ACTIVE
 };
 
 bool concerns(const LatchSubject& subject, const LatchMarkSeen& mark) noexcept {
@@ -56,7 +61,9 @@ void count(Census* census, const LatchMarkSeen& mark) noexcept {
     ++(waits ? census->goneWaiters : census->gone);
   } else if (waits) {
     ++census->livingWaiters[exclusive ? 1 : 0];
+    if (exclusive && census->holdingSlot == mark.slot) ++census->livingUpgraders;
   } else {
+    census->holdingSlot = mark.slot;
     ++census->living;
   }
 }
@@ -71,7 +78,32 @@ Census takeCensus(const LatchSubject& subject) noexcept {
 }
 
 // Where somebody took such a latch without a mark, nobody can tell any more.
-bool canTell(const LatchSubject& subject) noexcept { return !subject.isBetweenProcesses() || !regionHasUntracked(); }
+bool canTell(const LatchSubject& subject) noexcept { return sqloi_allHoldsAreMarked(subject.isBetweenProcesses()); }
+
+// Said once by a process; the waiter goes on waiting.
+void reportUntold(const LatchSubject& subject) noexcept {
+  static constinit std::atomic<bool> reported{false};
+  if (reported.exchange(true)) return;
+  (void)pdLogPrintf(
+      PD_LOG_RC_ZRC, FID_getConflict, SQLO_LATCH_TRACKING_FULL, 30, PD_LEVEL_WARNING,
+      "A thread waits for %s at %p. Whether its holder lives cannot be told: a thread holds latches that it "
+      "has no tracking entry for",
+      sqloLatchTypeName(subject.typeId()), subject.latch);
+}
+
+// Done when no lock is held any more.
+Rescue settled(Rescue rescue, const LatchSubject& subject) noexcept {
+  if (!canTell(subject)) reportUntold(subject);
+  if (rescue == Rescue::kPanic)
+    sqloPanic(SQLO_LATCH_HOLDER_DIED, "The exclusive holder of a latch died", subject.latch);
+  return rescue;
+}
+
+// Debug reports are held back while the thread has latches; one that waits may wait for good.
+void writeReports() noexcept {
+  SqloLatchTable* table = t_latchTable;
+  if (table != nullptr && table->hasReports) sqloi_debugReport(table);
+}
 
 // ---- taking over ------------------------------------------------------------------------------------------------
 
@@ -104,7 +136,7 @@ Rescue takeOverExclusive(const LatchSubject& subject, LatchHold& hold) noexcept 
     case SQLO_LATCH_DEATH_REPAIR:
       break;
     default:
-      sqloPanic(SQLO_LATCH_HOLDER_DIED, "The exclusive holder of a latch died", subject.latch);
+      return Rescue::kPanic;
   }
   hold.tries();
   clearGone(subject, kAllMarks);
@@ -119,7 +151,7 @@ constexpr unsigned kRegionWaitMs = 20;
 void restoreQueue(SQLO_SLATCH_CAS32& latch, const Census& census) noexcept {
   const SemElementRef reference = SqloSharedLatchAccess::element(latch);
   if (SemElement* element = sqloi_elementOf(reference); element != nullptr) {
-    const std::uint32_t upgrading = census.livingWaiters[1] != 0 ? element->upgrading : 0;
+    const std::uint32_t upgrading = census.livingUpgraders != 0 ? element->upgrading : 0;
     const std::uint32_t wake[WAITER_KINDS] = {census.livingWaiters[0], census.livingWaiters[1], upgrading};
     for (std::uint32_t kind = 0; kind < WAITER_KINDS; ++kind) {
       element->waiters[kind] = 0;
@@ -215,7 +247,8 @@ void restoreSharedLatch(SqloSpinLatch& cs) noexcept {
 
 Rescue sqloi_rescueSpin(SqloSpinLatch& latch, LatchHold& hold) noexcept {
   const LatchSubject subject = SqloSpinLatchAccess::subject(latch);
-  const Rescue rescue = judgeSpin(latch, subject, hold);
+  writeReports();
+  const Rescue rescue = settled(judgeSpin(latch, subject, hold), subject);
   if (rescue != Rescue::kOwned) return rescue;
   if (guardsSharedLatch(latch))
     restoreSharedLatch(latch);
@@ -226,12 +259,13 @@ Rescue sqloi_rescueSpin(SqloSpinLatch& latch, LatchHold& hold) noexcept {
 
 Rescue sqloi_rescueShared(SQLO_SLATCH_CAS32& latch, LatchHold& hold) noexcept {
   const LatchSubject subject = SqloSharedLatchAccess::subject(latch, true);
+  writeReports();
   Rescue rescue = Rescue::kNothing;
   {
     const CsGuard guard(latch);
     rescue = judgeShared(latch, subject, hold);
   }
-  if (rescue == Rescue::kOwned) repairData(subject);
+  if (settled(rescue, subject) == Rescue::kOwned) repairData(subject);
   return rescue;
 }
 

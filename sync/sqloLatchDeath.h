@@ -27,6 +27,7 @@ enum class Rescue {
   kRetry,    // something was repaired: try again
   kOwned,    // the caller holds the latch exclusively now, its data repaired
   kRefused,  // the holder died and the type refuses
+  kPanic,    // the holder died and the process is to stop; not answered to waiters
 };
 
 // For a thread that waits for a spin latch, or for a shared one, and is marked so in `hold`. Takes cs and the region

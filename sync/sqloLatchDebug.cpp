@@ -206,7 +206,7 @@ void sqloi_debugCapture(SqloLatchTable* table, const LatchSubject& subject, cons
 
 void sqloi_debugReport(SqloLatchTable* table) noexcept {
   LockOrder* order = g_order.load(std::memory_order_acquire);
-  if (table->top != table->page->marks || order == nullptr) return;
+  if (order == nullptr) return;
   table->hasReports = false;
   for (Report& report : order->reports) {
     if (report.owner.load(std::memory_order_relaxed) != table) continue;

@@ -20,7 +20,7 @@ bool sqloi_latchDebugIsOn() noexcept;
 void sqloi_debugCapture(SqloLatchTable* table, const LatchSubject& subject, const char* file,
                         std::uint32_t line) noexcept;
 
-// A latch has been given back; writes what was noted when it was the last.
+// Writes what was noted: when the thread has given its last latch back, or when it waits, which may be for good.
 void sqloi_debugReport(SqloLatchTable* table) noexcept;
 
 }  // namespace vek

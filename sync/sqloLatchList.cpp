@@ -40,6 +40,7 @@ SqlzZrc sqloListLatches(SqloLatchEntry* entries, std::size_t room, std::size_t* 
   if (attached != 0) return attached;
   vek::LivingProcesses processes;
   vek::visitMarks(processes, [&](const vek::LatchMarkSeen& mark) {
+    if (mark.processIsDead && (mark.word & vek::MARK_SHARED_MEMORY) == 0) return;  // gone with its memory
     if (*count < room) vek::describe(mark, &entries[*count]);
     ++*count;
   });

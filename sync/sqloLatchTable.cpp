@@ -36,6 +36,7 @@ SqloLatchTable* sqloi_makeLatchTable() noexcept {
   table->page->bottom.word.store(MARK_ACTIVE, std::memory_order_relaxed);
   table->page->full.word.store(MARK_ACTIVE, std::memory_order_relaxed);
   table->top = table->page->marks;
+  table->fileNames[0].file = reinterpret_cast<const char*>(table);  // no file: a capture without one takes the long way
   t_latchTable = table;
   if (!threadIsInsideLock()) sqloi_prepareTuning();  // the thread holds no latch yet
   table->isChecked = sqloi_latchDebugIsOn();
@@ -52,6 +53,22 @@ std::uint64_t fileBits(SqloLatchTable& table, const char* file) noexcept {
   return bits;
 }
 
+// Holds of this process without a mark. Those between processes are counted in the region.
+constinit std::atomic<std::uint32_t> g_unmarkedHere{0};
+
+void takeUnmarked(bool isBetweenProcesses) noexcept {
+  if (isBetweenProcesses) return regionTakeUntracked();
+  g_unmarkedHere.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void giveBackUnmarked(bool isBetweenProcesses) noexcept {
+  if (isBetweenProcesses) {
+    if (regionHasUntracked()) regionGiveBackUntracked();
+  } else if (g_unmarkedHere.load(std::memory_order_acquire) != 0) {
+    g_unmarkedHere.fetch_sub(1, std::memory_order_acq_rel);
+  }
+}
+
 // The first free mark, in a hole when the stack is full. Null: there is none.
 LatchMark* freeMark(SqloLatchTable& table) noexcept {
   if (isFree(*table.top)) return table.top++;
@@ -66,14 +83,21 @@ LatchHold::LatchHold(const LatchSubject& subject, const char* file, std::uint32_
     : table_(t_latchTable != nullptr ? t_latchTable : sqloi_makeLatchTable()), subject_(subject) {
   if (table_ != nullptr) {
     if (table_->isChecked) sqloi_debugCapture(table_, subject, file, line);
-    mark_ = freeMark(*table_);
+    const bool othersSeeIt = !subject.isBetweenProcesses() || table_->slot != nullptr;
+    if (othersSeeIt) mark_ = freeMark(*table_);
     if (mark_ == nullptr) ++table_->unlisted;
   }
   if (mark_ != nullptr)
     latchPublish(*table_, *mark_, subject.latch, subject.flags, subject.isExclusive ? MARK_EXCLUSIVE : 0,
                  fileBits(*table_, file), line);
-  const bool othersSeeIt = mark_ != nullptr && table_->slot != nullptr;
-  if (subject.isBetweenProcesses() && !othersSeeIt) regionNoteUntracked();
+  else
+    takeUnmarked(subject.isBetweenProcesses());
+}
+
+void LatchHold::cancelled() const noexcept {
+  if (mark_ != nullptr) return latchWithdraw(*table_, *mark_);
+  if (table_ != nullptr) --table_->unlisted;
+  giveBackUnmarked(subject_.isBetweenProcesses());
 }
 
 LatchMark* sqloi_findHold(const SqloLatchTable& table, const void* latch) noexcept {
@@ -82,16 +106,22 @@ LatchMark* sqloi_findHold(const SqloLatchTable& table, const void* latch) noexce
   return nullptr;
 }
 
-void sqloi_latchReleased(const void* latch, std::uint32_t typeId) noexcept {
+void sqloi_latchReleased(const void* latch, std::uint32_t flags) noexcept {
+  const bool isBetweenProcesses = (flags & SQLO_LATCH_BETWEEN_PROCESSES) != 0;
   SqloLatchTable* table = t_latchTable;
-  if (table == nullptr) return;
-  LatchMark* mark = sqloi_findHold(*table, latch);
-  if (mark != nullptr)
+  if (table == nullptr) return giveBackUnmarked(isBetweenProcesses);
+  if (LatchMark* mark = sqloi_findHold(*table, latch); mark != nullptr) {
     latchWithdraw(*table, *mark);
-  else if (table->unlisted != 0)
+  } else if (table->unlisted != 0) {
     --table->unlisted;
-  latchUncount(*table, typeId);
-  if (table->hasReports) sqloi_debugReport(table);
+    giveBackUnmarked(isBetweenProcesses);
+  }
+  latchUncount(*table, flags & SQLO_LATCH_TYPE_MASK);
+  if (table->hasReports && table->top == table->page->marks) sqloi_debugReport(table);
+}
+
+bool sqloi_allHoldsAreMarked(bool isBetweenProcesses) noexcept {
+  return isBetweenProcesses ? !regionHasUntracked() : g_unmarkedHere.load(std::memory_order_acquire) == 0;
 }
 
 namespace {
@@ -189,7 +219,9 @@ void sqloCheckLatchTable(const SqloLatchTable* table) noexcept {
 
 SqloLatchTable* sqloCurrentLatchTable() noexcept { return vek::t_latchTable; }
 
-void sqloxult_new_track_helper(const void* latch, std::uint32_t typeId) noexcept { vek::sqloi_latchReleased(latch, typeId); }
+void sqloxult_new_track_helper(const void* latch, std::uint32_t typeId) noexcept {
+  vek::sqloi_latchReleased(latch, typeId);
+}
 
 std::uint32_t sqloLatchHoldCount(std::uint32_t typeId, const char** file, std::uint32_t* line,
                                  const void** latch) noexcept {

@@ -148,6 +148,11 @@ inline SqloLatchTable::FileName& latchFileName(SqloLatchTable& table, const char
   return table.fileNames[(reinterpret_cast<std::uintptr_t>(file) >> 3) % 64];
 }
 
+// A line as 16 bits hold it.
+constexpr std::uint16_t latchLine(std::uint32_t line) noexcept {
+  return static_cast<std::uint16_t>(line < 0xFFFF ? line : 0xFFFF);
+}
+
 inline std::uint64_t latchMarkBit(const SqloLatchTable& table, const LatchMark& mark) noexcept {
   return 1ULL << (&mark - table.page->marks);
 }
@@ -159,7 +164,7 @@ inline void latchPublish(SqloLatchTable& table, LatchMark& mark, const void* lat
                            std::memory_order_relaxed);
   const std::uint64_t sequence = (mark.word.load(std::memory_order_relaxed) + MARK_SEQUENCE_STEP) & MARK_SEQUENCE;
   mark.latch.store(reinterpret_cast<std::uint64_t>(latch), std::memory_order_relaxed);
-  mark.word.store(fileBits | (std::uint64_t{line & 0xFFFF} << MARK_LINE_SHIFT) |
+  mark.word.store(fileBits | (std::uint64_t{latchLine(line)} << MARK_LINE_SHIFT) |
                       (std::uint64_t{flags & 0xFFFF} << MARK_FLAGS_SHIFT) | sequence | mode | MARK_ACTIVE,
                   std::memory_order_release);
 }
@@ -178,7 +183,7 @@ inline LatchMark* latchPublishShortly(SqloLatchTable* table, const void* latch, 
   if (name.file != file || !isFree(*mark)) [[unlikely]]
     return nullptr;
   if ((flags & SQLO_LATCH_BETWEEN_PROCESSES) != 0 && table->slot == nullptr) [[unlikely]]
-    return nullptr;
+    return nullptr;  // nobody would see the mark
   table->top = mark + 1;
   latchPublish(*table, *mark, latch, flags, mode, name.bits, line);
   return mark;
@@ -189,7 +194,7 @@ inline void latchCount(SqloLatchTable& table, const void* latch, std::uint32_t f
                        std::uint32_t line) noexcept {
   const std::uint32_t typeId = flags & SQLO_LATCH_TYPE_MASK;
   SqloLatchTable::Entry& entry = table.entries[typeId < SQLO_LATCH_TYPE_COUNT ? typeId : 0];
-  entry.line = static_cast<std::uint16_t>(line);
+  entry.line = latchLine(line);
   entry.file = file;
   entry.latch = latch;
   ++entry.holdCount;
@@ -234,8 +239,12 @@ inline void latchReleased(SqloLatchTable& table, LatchMark& mark) noexcept {
   latchUncount(table, typeId);
 }
 
-// A latch of the calling thread's has been given back, whichever it is.
-void sqloi_latchReleased(const void* latch, std::uint32_t typeId) noexcept;
+// A latch of the calling thread's has been given back, whichever it is; `flags` as SQLO_SLATCH_CAS32 has them.
+void sqloi_latchReleased(const void* latch, std::uint32_t flags) noexcept;
+
+// Whether every hold of such a latch that a thread may have at this moment has a mark that this process sees. If not,
+// nobody can tell whether a holder is dead.
+bool sqloi_allHoldsAreMarked(bool isBetweenProcesses) noexcept;
 
 // ---- the long way -----------------------------------------------------------------------------------------------
 
@@ -255,9 +264,7 @@ class LatchHold {
   }
 
   // The capture is given up.
-  void cancelled() const noexcept {
-    if (mark_ != nullptr) latchWithdraw(*table_, *mark_);
-  }
+  void cancelled() const noexcept;
 
   // The thread goes to sleep on the latch; it is about to try again.
   void sleeps() const noexcept { setState(MARK_WAITING); }

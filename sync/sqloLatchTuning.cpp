@@ -38,19 +38,21 @@ constexpr LatchTuning kOneProcessor = {.outer = 0,
                                        .enableConstrainedSpin = 0,
                                        .fighterCount = 1};
 
-// With more: the loop count 2 feeds OUTER, the waste value 10 WASTE, SWASTE and XWASTE (the larger of the two, which is
-// what a thread spins for between two attempts), the pair of 50 SLOOP and XLOOP. The sum stays below the price of
-// putting a thread to sleep and waking it.
+// With more: the loop count 2 feeds OUTER, the waste value 10, as the larger of the two, WASTE, SWASTE and XWASTE: one
+// pause between two looks. The pair of 50 feeds INNER and SLEEP_MIN. SLOOP and XLOOP make a thread spin for about as
+// long as it takes to put it to sleep and wake it.
 constexpr std::uint32_t kLoopCount = 2;
 constexpr std::uint32_t kWasteValue = 10;
-constexpr std::uint32_t kAttempts = 50;
+constexpr std::uint32_t kLooks = 50;
+constexpr std::uint32_t kAttempts = 200;
+constexpr std::uint32_t kWasteOfAPause = 10;
 
 LatchTuning defaultTuning(std::uint32_t processors) noexcept {
   LatchTuning tuning = kOneProcessor;
   tuning.fighterCount = processors;
   if (processors < 2) return tuning;
   tuning.outer = kLoopCount;
-  tuning.inner = kAttempts;
+  tuning.inner = kLooks;
   tuning.waste = kWasteValue;
   tuning.swaste = tuning.xwaste = std::max(kLoopCount, kWasteValue);
   tuning.sloop = tuning.xloop = kAttempts;
@@ -138,7 +140,7 @@ void reportWord(std::string_view word, const char* setting) noexcept {
 }
 
 SqlzZrc applyTuneSetting(LatchTuning* slots) noexcept {
-  char value[1024];
+  char value[16384];  // every slot can have all of them
   if (!g_ports.readSetting("VEK_LATCH_TUNE", value, sizeof value)) return 0;
   SqlzZrc result = 0;
   for (std::string_view left = value; !left.empty();) {
@@ -196,7 +198,8 @@ const LatchTuning& sqloi_tuning(std::uint32_t typeId) noexcept {
   return g_tunings.slots[std::min(typeId, LATCH_TUNING_SLOTS - 1)];
 }
 
-void sqloi_wasteTime(const LatchTuning& tuning, std::uint32_t pauses) noexcept {
+void sqloi_wasteTime(const LatchTuning& tuning, std::uint32_t waste) noexcept {
+  const std::uint32_t pauses = (waste + kWasteOfAPause - 1) / kWasteOfAPause;
   if (tuning.disableSmtPriorities == 0) return ossWasteTime(pauses);
   for (std::uint32_t i = 0; i < pauses * 32; ++i) __asm__ volatile("" ::: "memory");
 }
@@ -210,6 +213,7 @@ SpinLeave::~SpinLeave() {
 
 LatchRest::LatchRest(const LatchTuning& tuning) noexcept : tuning_(tuning), microseconds_(tuning.sleepMin) {
   if (tuning.enableAdaptiveSleep != 0) microseconds_ = std::max(tuning.sleepMin, t_lastRest / 2);
+  microseconds_ = std::max(std::min(microseconds_, tuning.sleepMax), std::uint32_t{1});
 }
 
 void LatchRest::rest() noexcept {

@@ -23,7 +23,7 @@ bool spin(SqloSpinLatch& latch, const LatchTuning& tuning) noexcept {
   for (std::uint32_t round = 0; round < tuning.outer; ++round) {
     for (std::uint32_t look = 0; look < tuning.inner; ++look) {
       if (takeIfFree(latch)) return true;
-      sqloi_wasteTime(tuning, std::min(1 + look / 8, tuning.waste));
+      sqloi_wasteTime(tuning, tuning.waste);
     }
     ossYield();
   }
@@ -95,10 +95,10 @@ SqlzZrc wait(SqloSpinLatch& latch, LatchHold& hold, const char* file, std::uint3
 
 // A latch that was not the last one captured, that the thread has no mark of, or with debug checks on.
 [[gnu::noinline, gnu::cold]] void releaseLong(SqloSpinLatch& latch) noexcept {
-  const std::uint16_t typeId = latch.typeId();  // once the byte is 0 the memory may be somebody else's
+  const std::uint32_t flags = Access::latchFlags(latch);  // once the byte is 0 the memory may be somebody else's
   if (isFree(latch)) sqloPanic(SQLO_LATCH_NOT_HELD, "A spin latch that nobody holds is released", &latch);
   Access::held(latch).store(0, std::memory_order_release);
-  sqloi_latchReleased(&latch, typeId);
+  sqloi_latchReleased(&latch, flags);
 }
 
 }  // namespace
