@@ -10,7 +10,10 @@
 // Rules for all latches
 //   - Whoever takes a latch releases it: the thread, not another one.
 //   - No latch times out. A request without CONDITIONAL waits until it is granted.
-//   - Capturing traces nothing, logs nothing and asks for no setting as long as nothing has gone wrong.
+//   - Capturing traces nothing and logs nothing as long as nothing has gone wrong. The first capture of a process reads the
+//     tuning (sqloInitializeLatchTuningInfo) unless sqlolatchinginit did, and reports what it does not understand there.
+//   - A child of fork has the latches of its parent's memory as they were, and none of the threads that held them: a private
+//     latch that another thread of the parent held stays held in the child. Fork while no other thread captures, or exec.
 //   - Every capture is noted in the calling thread's tracking table, before it is attempted, with the file and the line
 //     of the caller (__FILE__ and __LINE__, or any text that lives as long as the process). `veksys latch` shows them,
 //     and a thread that ends with latches held is reported. See latch_control.h.
@@ -22,7 +25,7 @@
 //
 // Result of every capture
 //   0                        the latch is held
-//   SQLO_NOTAVAIL            a conditional request that could not be granted at once
+//   SQLO_NOTAVAIL            a conditional request that could not be granted at once, whatever became of the holder
 //   SQLO_LATCH_HOLDER_DIED   its exclusive holder died and its type refuses repair; the latch is not held
 #pragma once
 
@@ -142,8 +145,8 @@ class VEK_EXPORT SQLO_SLATCH_CAS32 {
   //            each would wait for the other for ever
   SqlzZrc convert(SqloLatchRequest request, const char* file, std::uint32_t line) noexcept;
 
-  // The slow ways behind them, for callers that do the compare-and-swap themselves. The tracking table notes no file
-  // for a hold that getConflict obtained.
+  // The slow ways behind them, whole: each tracks what it does, without a file. A hold that getConflict obtained is given
+  // back by releaseConflict or release.
   SqlzZrc getConflict(SqloLatchRequest request) noexcept;
   void releaseConflict() noexcept;
   SqlzZrc convertConflict(SqloLatchRequest request) noexcept;
