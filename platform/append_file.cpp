@@ -35,18 +35,20 @@ struct AppendLockPage {
   std::uint64_t end;  // of it, after the last record
   std::uint64_t intentOffset;
   std::uint64_t intentLength;  // 0: no record is being written
+  char intentStart[32];        // the first bytes of that record
 };
 
 namespace {
 
 constexpr char kMagic[8] = "VEKLOCK";
-constexpr std::uint32_t kVersion = 2;
+constexpr std::uint32_t kVersion = 3;
 constexpr std::size_t kPageBytes = 4096;
 static_assert(sizeof(AppendLockPage) <= kPageBytes);
-constexpr int kAttempts = 100;           // against files that others switch, move or remove meanwhile
-constexpr unsigned kStuckWaitMs = 20;    // once a wait of full length was in vain
-constexpr unsigned kSettleWaitMs = 200;  // for others to lay a damaged page out; a record takes microseconds
-constexpr int kSpins = 100;              // a record is written in a few microseconds: sleeping costs more
+constexpr int kAttempts = 100;                 // against files that others switch, move or remove meanwhile
+constexpr unsigned kStuckWaitMs = 20;          // once a wait of full length was in vain
+constexpr unsigned kSettleWaitMs = 200;        // for others to lay a damaged page out; a record takes microseconds
+constexpr std::uint32_t kRecordsPerLook = 16;  // of a process, between two looks at owner and mode of the file
+constexpr int kSpins = 100;                    // a record is written in a few microseconds: sleeping costs more
 constexpr char kUnfinished[] = "\r\nThe record above is incomplete: its writer ended while it wrote.\r\n";
 
 using LockPath = char[PATH_BYTES + APPEND_NAME_BYTES + 32];
@@ -351,9 +353,13 @@ int failWith(AppendOutcome* outcome, const char* what, int error) noexcept {
   return error;
 }
 
+// Tells a text where it will stand.
+void stampText(const Log& log, const AppendText& text) noexcept {
+  if (text.stamp != nullptr) text.stamp(text.bytes, log.bytes, text.length);
+}
+
 // Writes at the end of the file, or leaves it as it was.
 int writeWhole(Log& log, const AppendText& text) noexcept {
-  if (text.stamp != nullptr) text.stamp(text.bytes, log.bytes, text.length);
   const int error = ossWriteAll(log.fd, text.bytes, text.length);
   if (error == 0) {
     log.bytes += text.length;
@@ -364,10 +370,17 @@ int writeWhole(Log& log, const AppendText& text) noexcept {
   return error;
 }
 
+int writeStamped(Log& log, const AppendText& text) noexcept {
+  stampText(log, text);
+  return writeWhole(log, text);
+}
+
 int writeNoted(const AppendFile& file, Log& log, const AppendText& text) noexcept {
   AppendLockPage& page = *file.page;
   if (!isCurrent(file)) return ESTALE;  // this thread stood still for long, and the mutex is worth nothing any more
+  stampText(log, text);
   page.intentOffset = log.bytes;
+  ::memcpy(page.intentStart, text.bytes, text.length < sizeof page.intentStart ? text.length : sizeof page.intentStart);
   std::atomic_signal_fence(std::memory_order_seq_cst);
   *const_cast<volatile std::uint64_t*>(&page.intentLength) = text.length;
   std::atomic_signal_fence(std::memory_order_seq_cst);
@@ -382,28 +395,54 @@ void markUnfinished(Log& log) noexcept {
   if (ossWriteAll(log.fd, kUnfinished, sizeof kUnfinished - 1) == 0) log.bytes += sizeof kUnfinished - 1;
 }
 
+// Reads from the file that is open for writing only.
+int readFrom(const char* path, char* bytes, std::size_t most, std::uint64_t offset, std::size_t* count) noexcept {
+  int fd = -1;
+  int error = ossOpen(path, O_RDONLY | O_NONBLOCK, 0, &fd);
+  if (error == 0) error = ossReadAt(fd, bytes, most, offset, count);
+  ossClose(fd);
+  return error;
+}
+
+// One that cannot be read is believed to.
+bool endsInLine(const char* path, std::uint64_t bytes) noexcept {
+  if (bytes == 0) return true;
+  char end[2] = {};
+  std::size_t count = 0;
+  if (bytes < sizeof end) return false;
+  return readFrom(path, end, sizeof end, bytes - sizeof end, &count) != 0 ||
+         (count == sizeof end && end[0] == '\r' && end[1] == '\n');
+}
+
+// Whether the noted record is what stands at the noted offset, and not the text of another file that came in its place.
+bool beginsAsNoted(const AppendLockPage& page, const Log& log, const char* path) noexcept {
+  char start[sizeof page.intentStart];
+  const std::uint64_t written = log.bytes - page.intentOffset;
+  const std::size_t most = written < sizeof start ? static_cast<std::size_t>(written) : sizeof start;
+  std::size_t count = 0;
+  return readFrom(path, start, most, page.intentOffset, &count) == 0 && count == most &&
+         ::memcmp(start, page.intentStart, most) == 0;
+}
+
 // What a dead owner left, or one that could not cut off its own half. Size at the noted offset: it wrote nothing. At
 // its end or past it: all of it.
 void repairFrom(AppendLockPage& page, Log& log, AppendOutcome* outcome) noexcept {
   if (log.bytes > page.intentOffset && log.bytes < page.intentOffset + page.intentLength) {
-    if (ossTruncate(log.fd, page.intentOffset) == 0)
+    const bool isNoted = beginsAsNoted(page, log, outcome->path);
+    if (isNoted && ossTruncate(log.fd, page.intentOffset) == 0)
       log.bytes = page.intentOffset;
-    else
+    else if (isNoted || !endsInLine(outcome->path, log.bytes))
       markUnfinished(log);
     outcome->repaired = true;
   }
   page.intentLength = 0;
 }
 
-bool endsInLine(const char* path, std::uint64_t bytes) noexcept {
-  if (bytes == 0) return true;
-  int fd = -1;
-  char end[2] = {};
-  std::size_t count = 0;
-  if (bytes < sizeof end || ossOpen(path, O_RDONLY | O_NONBLOCK, 0, &fd) != 0) return false;
-  const int error = ossReadAt(fd, end, sizeof end, bytes - sizeof end, &count);
-  ossClose(fd);
-  return error != 0 || (count == sizeof end && end[0] == '\r' && end[1] == '\n');
+// A file that no record is known of: who wrote it last may have left half of one.
+void repairUnknown(Log& log, AppendOutcome* outcome) noexcept {
+  if (endsInLine(outcome->path, log.bytes)) return;
+  markUnfinished(log);
+  outcome->repaired = true;
 }
 
 // ---- series -----------------------------------------------------------------------------------------------------
@@ -433,7 +472,7 @@ int beginNext(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome) 
   Log log;
   int error = openLog(outcome->path, O_CREAT, &log.fd);
   if (error == 0) error = ossTruncate(log.fd, 0);
-  if (error == 0 && plan.firstText != nullptr) error = writeWhole(log, plan.firstText());
+  if (error == 0 && plan.firstText != nullptr) error = writeStamped(log, plan.firstText());
   ossClose(log.fd);
   if (error != 0) {
     if (log.fd >= 0) ossCalls().unlink(outcome->path);
@@ -477,53 +516,63 @@ int appendTexts(const AppendFile& file, Log& log, const AppendPlan& plan, Append
 
 // Whether the file ends where the last record did. One that does is taken for the one that the page knows: it was
 // opened by its name a moment ago, and what its size is says the one thing about it that a record tells. Asking for no
-// more is half as dear, and the most of what a record costs besides the write.
-bool endsAsKnown(const AppendLockPage& page, Log& log) noexcept {
-  if (page.intentLength != 0 || page.end == 0) return false;
+// more is half as dear, and the most of what a record costs besides the write. Every now and then more is asked for.
+bool endsAsKnown(AppendFile& file, Log& log) noexcept {
+  const AppendLockPage& page = *file.page;
+  if (page.intentLength != 0 || page.end == 0 || file.recordsToLook == 0) return false;
+  --file.recordsToLook;
   const off_t end = ossCalls().lseek(log.fd, 0, SEEK_END);
   if (end < 0 || static_cast<std::uint64_t>(end) != page.end) return false;
   log.bytes = page.end;
   return true;
 }
 
-// Whether the file is the one that the last record went to, and ends where that ended.
-bool isKnown(const AppendLockPage& page, const struct stat& status) noexcept {
-  return page.device == status.st_dev && page.inode == status.st_ino &&
-         page.end == static_cast<std::uint64_t>(status.st_size);
+bool isSameFile(const AppendLockPage& page, const struct stat& status) noexcept {
+  return page.device == status.st_dev && page.inode == status.st_ino;
 }
 
-// The page does not know this file as it is: it was moved, cut or made anew, its writer died, or the whole directory
-// was exchanged. Then the lock file went with it, and another one counts now. An inode number alone says little: that
-// of a removed file is soon used again.
-Step adopt(AppendFile& file, const struct stat& status, AppendOutcome* outcome, int* error) noexcept {
-  AppendLockPage& page = *file.page;
-  if (isKnown(page, status)) return Step::kDone;
-  if (!isLinked(file) || !isNamed(file)) return Step::kAgain;
-  if (!isTrusted(status)) {
-    *error = failWith(outcome, "open", EPERM);
-    return Step::kDone;
-  }
-  if (page.device == status.st_dev && page.inode == status.st_ino) return Step::kDone;
-  page.intentLength = 0;
-  page.device = status.st_dev;
-  page.inode = status.st_ino;
+// Whether the file is the one that the last record went to, and ends where that ended.
+bool isKnown(const AppendLockPage& page, const struct stat& status) noexcept {
+  return isSameFile(page, status) && page.end == static_cast<std::uint64_t>(status.st_size);
+}
+
+// Makes sure of the file. One that the page does not know as it is was moved, cut or made anew, its writer died, or the
+// whole directory was exchanged. Then the lock file went with it, and another one counts now. An inode number alone
+// says little: that of a removed file is soon used again.
+Step meet(AppendFile& file, Log& log, struct stat* status, AppendOutcome* outcome, int* error) noexcept {
+  if (inspect(log, status, outcome, error) == Step::kAgain) return Step::kAgain;
+  if (*error != 0) return Step::kDone;
+  if (!isKnown(*file.page, *status) && !(isLinked(file) && isNamed(file))) return Step::kAgain;
+  if (!isTrusted(*status)) *error = failWith(outcome, "open", EPERM);
   return Step::kDone;
 }
 
-// Makes sure of the file, and puts it in order where a dead owner left it half-written.
-Step meet(AppendFile& file, Log& log, AppendOutcome* outcome, int* error) noexcept {
+// Puts a file in order that was left half-written. The intent counts whatever file it was noted for: one of the same
+// size may have come in its place before it was noted.
+void adopt(AppendFile& file, Log& log, const struct stat& status, AppendOutcome* outcome) noexcept {
+  AppendLockPage& page = *file.page;
+  if (page.intentLength != 0)
+    repairFrom(page, log, outcome);
+  else if (!isSameFile(page, status))
+    repairUnknown(log, outcome);
+  page.device = status.st_dev;
+  page.inode = status.st_ino;
+  file.recordsToLook = kRecordsPerLook - 1;
+}
+
+// Whether the file may be appended to, in which case `log` tells its size.
+Step prepare(AppendFile& file, Log& log, bool hasWaited, AppendOutcome* outcome, int* error) noexcept {
+  if (!hasWaited && endsAsKnown(file, log)) return Step::kDone;
   struct stat status = {};
-  Step step = inspect(log, &status, outcome, error);
-  if (step == Step::kDone && *error == 0) step = adopt(file, status, outcome, error);
-  if (step == Step::kDone && *error == 0 && file.page->intentLength != 0) repairFrom(*file.page, log, outcome);
+  const Step step = meet(file, log, &status, outcome, error);
+  if (step == Step::kDone && *error == 0) adopt(file, log, status, outcome);
   return step;
 }
 
 Step appendLocked(AppendFile& file, Log& log, std::uint64_t moves, bool hasWaited, const AppendPlan& plan,
                   AppendOutcome* outcome, int* error) noexcept {
   if (file.page->moves.load(std::memory_order_relaxed) != moves) return Step::kAgain;
-  if ((hasWaited || !endsAsKnown(*file.page, log)) && meet(file, log, outcome, error) == Step::kAgain)
-    return Step::kAgain;
+  if (prepare(file, log, hasWaited, outcome, error) == Step::kAgain) return Step::kAgain;
   if (*error != 0) return Step::kDone;
   if (file.isSeries && !outcome->switchedFile && log.bytes != 0 && log.bytes + plan.text.length > plan.fileBytes) {
     *error = switchFile(file, plan, outcome);
@@ -590,9 +639,9 @@ Step appendUnmapped(const AppendFile& file, Log& log, const AppendPlan& plan, Ap
   if (*error == 0 && !isTrusted(status)) *error = failWith(outcome, "open", EPERM);
   if (*error != 0) return Step::kDone;
   if (!endsInLine(outcome->path, log.bytes)) markUnfinished(log);
-  if (log.bytes == 0 && plan.firstText != nullptr) *error = writeWhole(log, plan.firstText());
+  if (log.bytes == 0 && plan.firstText != nullptr) *error = writeStamped(log, plan.firstText());
   outcome->offset = log.bytes;
-  if (*error == 0) *error = writeWhole(log, plan.text);
+  if (*error == 0) *error = writeStamped(log, plan.text);
   if (*error != 0) failWith(outcome, "write", *error);
   return Step::kDone;
 }
@@ -635,6 +684,7 @@ void appendPrepare(AppendFile& file, const char* directory, const char* name, bo
   file.lockFd = -1;
   file.openFd = -1;
   file.wasStuck = false;
+  file.recordsToLook = 0;
 }
 
 namespace {

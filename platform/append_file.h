@@ -5,20 +5,23 @@
 // process maps: a robust mutex, what its owner is about to write, and which file is the current one. The kernel hands
 // the mutex on when its owner dies; the next owner finds the noted intent and repairs the file before it writes:
 //
-//   1  open the file                                   killed here: nothing has happened
+//   1  open the file                             killed here: nothing has happened
 //   2  take the mutex
-//   3  size of the file; intent = {size, length}       killed here: size is as before, nothing to repair
-//   4  write                                           killed here: size is between: cut back to the noted size,
-//                                                      or, where that is refused, followed by a line that says so
-//   5  intent = none                                   killed before: size is that of the whole record, it stays
+//   3  size of the file;                           killed here: size is as before, nothing to repair
+//      intent = {size, length, first bytes}
+//   4  write                                       killed here: size is between and the first bytes are there: cut back
+//                                                  to the noted size, or, where that is refused, followed by a line
+//                                                  that says so
+//   5  intent = none                               killed before: size is that of the whole record, it stays
 //   6  give the mutex back, close the file
 //
 // A write that fails is cut back by its own writer; where that is refused its intent stays for the next one. So a
 // record is in the file if its writer got 0 for it, or was killed between 4 and 6; in no other case.
 //
 // A file that is moved, removed or replaced by hand is noticed: the page knows the identity of the file, and the
-// writer that of the page. A switch of rotating files changes the page's count of moves, which a writer that opened
-// the file before it had the mutex compares.
+// writer that of the page. One that does not end in a whole line when it becomes the current one gets that line,
+// too. A switch of rotating files changes the page's count of moves, which a writer that opened the file before it had
+// the mutex compares.
 //
 // Users of a page hold a shared flock on the lock file. One that finds it from another boot or damaged makes it anew
 // while nobody else holds one, or, when somebody does for longer than a record takes, nevertheless: the page has a
@@ -53,9 +56,10 @@ struct AppendFile {
   int lockFd;
   std::uint64_t lockDevice;
   std::uint64_t lockInode;
-  std::uint64_t generation;  // of the page when it was mapped
-  int openFd;                // of the file while it is open, else -1
-  bool wasStuck;             // the last wait was in vain: the next ones are short
+  std::uint64_t generation;     // of the page when it was mapped
+  int openFd;                   // of the file while it is open, else -1
+  bool wasStuck;                // the last wait was in vain: the next ones are short
+  std::uint32_t recordsToLook;  // until owner and mode of the file are looked at
 };
 
 // A text to append. `stamp`, when there is one, is told the offset before the text is written.
@@ -89,9 +93,10 @@ void appendPrepare(AppendFile& file, const char* directory, const char* name, bo
 // a fault, and the limit on file sizes a signal.
 //
 //   Result   0, or an errno value; ETIMEDOUT: another process kept the lock for APPEND_WAIT_MS; EPERM: the file or its
-//            lock file belongs to another user, is open to others or is no regular file; ELOOP: it is a symbolic link;
-//            EBUSY: the lock file is of another layout and in use; ESTALE: files changed faster than they can be
-//            followed
+//            lock file belongs to another user, is open to others or is no regular file, which is noticed at once
+//            when the file is another one or was written by others, and by the 16th record of a process when only its
+//            owner or mode was changed; ELOOP: it is a symbolic link; EBUSY: the lock file is of another layout and in
+//            use; ESTALE: files changed faster than they can be followed
 //   Allocates nothing; a file and its lock file are made with mode 0600
 int appendToFile(AppendFile& file, const AppendPlan& plan, AppendOutcome* outcome) noexcept;
 

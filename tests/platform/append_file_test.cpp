@@ -179,6 +179,19 @@ TEST(AppendFile, RefusesWhatOthersMayHavePlaced) {
   }
 }
 
+// A file in use is looked at again before long: not every record pays for it.
+TEST(AppendFile, RefusesAFileThatWasOpenedToOthersMeanwhile) {
+  const Log log;
+  Writer writer(log);
+  EXPECT_EQ(writer.write("a"), 0);
+  ::chmod(log.path().c_str(), 0666);
+  int records = 1;
+  while (records < 16 && writer.write("b") == 0) ++records;
+  EXPECT_EQ(writer.write("c"), EPERM);
+  ::chmod(log.path().c_str(), 0600);
+  EXPECT_EQ(writer.write("d"), 0);
+}
+
 // A left-over lock file of any content is laid out anew when nobody uses it.
 TEST(AppendFile, TakesOverDamagedLockFiles) {
   for (const std::size_t bytes : {0U, 1U, 100U, 4096U, 9000U}) {
@@ -421,6 +434,33 @@ TEST(AppendFile, AKillBetweenAnyTwoStepsLeavesWholeRecords) {
       }
       EXPECT_GT(killed, 15);
     }
+}
+
+// What a killed writer left is found, too, when the file was replaced by a copy before its record, and when the lock
+// file that knew of it is of no use any more.
+TEST(AppendFile, HalfARecordIsFoundWhateverBecomesOfItsFiles) {
+  for (const bool isReplaced : {true, false}) {
+    const Log log;
+    const int end = runInProcess([&] {
+      Writer writer(log);
+      EXPECT_EQ(writer.write("whole"), 0);
+      if (isReplaced) {
+        std::filesystem::copy_file(log.path(), log.directory() + "copy");
+        std::filesystem::rename(log.directory() + "copy", log.path());
+      }
+      Killer::arm(2, 1);
+      writer.write("half");
+    });
+    EXPECT_EQ(end, -SIGKILL);
+    EXPECT_EQ(Log::read(log.path()).back(), 'x');
+    if (!isReplaced) std::ofstream(log.lockPath(), std::ios::in) << std::string(100, '\x5A');
+    Writer writer(log);
+    EXPECT_EQ(writer.write("after"), 0);
+    EXPECT_TRUE(writer.outcome.repaired);
+    const std::string text = Log::read(log.path());
+    EXPECT_EQ(text.find("\r\nThe record above is incomplete") == std::string::npos, isReplaced);
+    EXPECT_TRUE(!isReplaced || keysOf(parse(text)) == (std::multiset<std::string>{"after", "new", "whole"}));
+  }
 }
 
 // Many processes append, in one file and in a series, and are killed at random. What was answered 0 is there once.
