@@ -26,6 +26,14 @@ const G11nTerritory* g11nFindTerritory(std::uint32_t code) noexcept {
 
 const G11nTerritory& g11nTerritoryAt(std::size_t index) noexcept { return kTerritories[index]; }
 
+// An address before the table has an offset beyond it: the difference wraps round.
+const G11nTerritory* g11nTerritoryIfAt(const void* address) noexcept {
+  const std::uintptr_t offset =
+      reinterpret_cast<std::uintptr_t>(address) - reinterpret_cast<std::uintptr_t>(std::data(kTerritories));
+  const bool isEntry = offset < sizeof kTerritories && offset % sizeof(G11nTerritory) == 0;
+  return isEntry ? &kTerritories[offset / sizeof(G11nTerritory)] : nullptr;
+}
+
 std::uint32_t sqlnlsNlsDate2RxDate(std::uint32_t dateFormat) noexcept { return at(kWrittenDates, dateFormat); }
 
 std::uint32_t sqlnlsNlsTime2RxTime(std::uint32_t timeFormat) noexcept { return at(kWrittenTimes, timeFormat); }

@@ -10,7 +10,7 @@
 
 struct SqloSpinLatchAccess {
   static constexpr std::uint8_t kBetweenProcesses = SQLO_LATCH_BETWEEN_PROCESSES >> 8;
-  static constexpr std::uint8_t kGuardsSharedLatch = 1;  // the cs of a SQLO_SLATCH_CAS32
+  static constexpr std::uint8_t kGuardsSharedLatch = SQLO_SLATCH_CAS32::kCsGuardsThis;
 
   static std::atomic_ref<std::uint8_t> held(SqloSpinLatch& latch) noexcept {
     return std::atomic_ref<std::uint8_t>(latch.m_held);

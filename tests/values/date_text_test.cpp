@@ -5,9 +5,12 @@
 #include <vector>
 
 #include "platform/g11n.h"
+#include "platform/support.h"
 #include "values/date_support.h"
 #include "values/packed_support.h"
 #include "values/sqlv_country.h"
+#include "veksys/sync/latch.h"
+#include "veksys/sync/latch_control.h"
 
 namespace vek::valuestest {
 namespace {
@@ -59,19 +62,32 @@ TEST(DateText, WhatATerritoryWritesItReads) {
   }
 }
 
-TEST(DateText, ThreadsAskForTerritoriesOfTheirOwn) {
-  const auto ask = [](std::size_t begin) {
-    SqlvNationalLanguage shared;
-    for (std::size_t i = 0; i < 20000; ++i) {
-      SqlvNationalLanguage language = {.territory = g11nTerritoryAt((begin + i / 7) % G11N_TERRITORIES).code};
-      const G11nTerritory* entry = g11nFindTerritory(language.territory);
-      ASSERT_EQ(sqlvi_countryOf(&language), entry);
-      shared.territory = language.territory;
-      ASSERT_EQ(sqlvi_countryOf(&shared), entry);
+// Objects hold what no territory's entry of theirs is, and all threads use all of them. Half of the threads have
+// captured a latch before; the others have no table of latches, and get none.
+TEST(DateText, ThreadsShareObjectsWhateverThoseHoldAtFirst) {
+  const platformtest::Instance instance;
+  const G11nTerritory* const first = &g11nTerritoryAt(0);
+  const void* const held[] = {nullptr,
+                              first,
+                              reinterpret_cast<const char*>(first) + 1,
+                              first - 1,
+                              first + G11N_TERRITORIES,
+                              reinterpret_cast<const void*>(~std::uintptr_t{0})};
+  std::vector<SqlvNationalLanguage> languages;
+  for (std::size_t i = 0; i < std::size(held) * G11N_TERRITORIES; ++i)
+    languages.push_back(
+        {.territory = g11nTerritoryAt(i % G11N_TERRITORIES).code, .countryEntry = held[i / G11N_TERRITORIES]});
+  SqloSpinLatch latch;
+  const auto ask = [&](std::size_t begin, bool captures) {
+    if (captures && latch.captureLatch(__FILE__, __LINE__) == 0) latch.releaseLatch();
+    for (std::size_t i = 0; i < 10 * languages.size(); ++i) {
+      SqlvNationalLanguage& language = languages[(begin + i / 5) % languages.size()];
+      ASSERT_EQ(sqlvi_countryOf(&language), g11nFindTerritory(language.territory));
     }
+    EXPECT_EQ(sqloCurrentLatchTable() != nullptr, captures);
   };
   std::vector<std::jthread> threads;
-  for (std::size_t i = 0; i < 4; ++i) threads.emplace_back(ask, i * 40);
+  for (std::size_t i = 0; i < 4; ++i) threads.emplace_back(ask, i / 2 * 40, i % 2 == 0);
 }
 
 TEST(DateText, MalformedDigitsStayInsideTheText) {

@@ -82,7 +82,10 @@ class VEK_EXPORT SqloSpinLatch {
   std::size_t toString(char* buffer, std::size_t size) const noexcept;
 
  private:
+  friend class SQLO_SLATCH_CAS32;
   friend struct SqloSpinLatchAccess;
+
+  constexpr SqloSpinLatch(std::uint16_t typeId, std::uint8_t flags) noexcept : m_flags(flags), m_typeId(typeId) {}
 
   std::uint8_t m_held = 0;
   std::uint8_t m_flags = 0;
@@ -113,6 +116,13 @@ inline constexpr std::uint32_t SQLO_SLATCH_FREED = 0xDDDDDDDD;  // what freed me
 class VEK_EXPORT SQLO_SLATCH_CAS32 {
  public:
   constexpr SQLO_SLATCH_CAS32() noexcept = default;
+
+  // What init makes of a private latch, for objects that are there before any code has run: nothing need be done, or
+  // guarded, at the first use. `typeId` below SQLO_LATCH_TYPE_COUNT; `policy`: SQLO_LATCH_X_STARVATION or
+  // SQLO_LATCH_NO_X_STARVATION.
+  constexpr SQLO_SLATCH_CAS32(std::uint16_t typeId, std::uint16_t policy) noexcept
+      : m_flags(static_cast<std::uint16_t>(policy | typeId)), m_cs(typeId, kCsGuardsThis) {}
+
   SQLO_SLATCH_CAS32(const SQLO_SLATCH_CAS32&) = delete;
   SQLO_SLATCH_CAS32& operator=(const SQLO_SLATCH_CAS32&) = delete;
 
@@ -163,6 +173,9 @@ class VEK_EXPORT SQLO_SLATCH_CAS32 {
 
  private:
   friend struct SqloSharedLatchAccess;
+  friend struct SqloSpinLatchAccess;
+
+  static constexpr std::uint8_t kCsGuardsThis = 1;  // of the flags of m_cs
 
   std::uint32_t m_state = 0;
   std::uint16_t m_flags = 0;
