@@ -127,6 +127,39 @@ TEST(Timestamp, OfEveryScaleIsReadBackAndPassesThroughTheStandardLibrary) {
   }
 }
 
+template <class Duration>
+void passesThrough(const std::uint8_t* value, std::chrono::local_seconds exact) {
+  std::chrono::local_time<Duration> moment;
+  ASSERT_EQ(sqlvTimestampToChrono(value, 0, &moment), 0);
+  EXPECT_EQ(moment, std::chrono::floor<Duration>(exact));
+  std::uint8_t cut[SQLV_TIMESTAMP_BYTES_MAX] = {};
+  ASSERT_EQ(sqlvTimestampFromChrono(moment, 0, cut), 0);
+  std::chrono::local_seconds again;
+  ASSERT_EQ(sqlvTimestampToChrono(cut, 0, &again), 0);
+  EXPECT_EQ(again, moment);
+}
+
+TEST(Timestamp, ChronoTakesEveryUnit) {
+  using namespace std::chrono;
+  for (const int number :
+       {1901, 1969, 1970, 2059}) {  // years that seconds of 32 bits and picoseconds of 64 miss or hold
+    const local_days day(year(number) / 3 / 4);
+    std::uint8_t value[SQLV_TIMESTAMP_BYTES_MAX] = {};
+    ASSERT_EQ(sqlv2dte(sqlvDayNumber(year_month_day(day)), value), 0);
+    ASSERT_EQ(sqlvTimeFromChrono(seconds(40271), value + SQLV_DATE_BYTES), 0);
+    const local_seconds exact = day + seconds(40271);
+    passesThrough<years>(value, exact);
+    passesThrough<duration<std::int16_t, months::period>>(value, exact);
+    passesThrough<weeks>(value, exact);
+    passesThrough<days>(value, exact);
+    passesThrough<hours>(value, exact);
+    passesThrough<minutes>(value, exact);
+    passesThrough<seconds>(value, exact);
+    passesThrough<milliseconds>(value, exact);
+    passesThrough<nanoseconds>(value, exact);
+  }
+}
+
 TEST(Timestamp, ChronoTakesWhatItCanCountAndNothingElse) {
   using std::chrono::microseconds;
   using std::chrono::nanoseconds;

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <ratio>
 #include <type_traits>
 
@@ -55,6 +56,16 @@ constexpr void putPicos(std::int64_t picos, unsigned scale, std::uint8_t* fracti
 template <class Clock>
 inline constexpr bool kIsCivil =
     std::is_same_v<Clock, std::chrono::local_t> || std::is_same_v<Clock, std::chrono::system_clock>;
+
+// The picoseconds of a duration's unit, from one to the longest unit that can be named. std::ratio_divide would compute
+// them in 64 bits, which hold no more than 106 days.
+template <class Duration>
+constexpr Wide picosOfUnit() noexcept {
+  using Period = typename Duration::period;
+  static_assert(!std::chrono::treat_as_floating_point_v<typename Duration::rep>, "the count must be an integer");
+  static_assert(Wide{kPicosOfSecond} % Period::den == 0, "the unit must be a whole number of picoseconds");
+  return Wide{Period::num} * (kPicosOfSecond / Period::den);
+}
 
 }  // namespace sqlvChrono
 
@@ -107,8 +118,11 @@ constexpr SqlzZrc sqlvTimeFromChrono(std::chrono::seconds from, std::uint8_t* ti
 // ---- timestamps ---------------------------------------------------------------------------------------------------
 
 // The moment of a timestamp, in local time, which belongs to no zone, or, where the application says that its
-// timestamps are that, in system time. Digits finer than the target's are cut. The midnight that ends a day is the one
-// that begins the next.
+// timestamps are that, in system time. What is finer than the target's unit is cut, as std::chrono::floor does. The
+// midnight that ends a day is the one that begins the next.
+//
+// Durations count whole numbers of a unit that is a whole number of picoseconds: all of std::chrono's, of any integer
+// type. Others do not compile.
 //
 // 0, SQLRX_TS_PRECISION_RANGE for a scale above SQLV_TIMESTAMP_SCALE_MAX, or SQLRX_DATE_RANGE when the target cannot
 // count that far (64 bits of nanoseconds hold the years 1678 to 2261); the target is then as it was.
@@ -118,34 +132,31 @@ constexpr SqlzZrc sqlvTimestampToChrono(const std::uint8_t* timestamp, unsigned 
   using namespace sqlvChrono;
   static_assert(kIsCivil<Clock>, "the clock must be local_t or system_clock");
   if (scale > SQLV_TIMESTAMP_SCALE_MAX) return SQLRX_TS_PRECISION_RANGE;
-  using Unit = std::ratio_divide<typename Duration::period, std::pico>;
-  static_assert(Unit::den == 1, "nothing finer than picoseconds");
+  constexpr Wide kUnit = picosOfUnit<Duration>();
   const std::chrono::local_days day(sqlvDateToChrono(timestamp));
   const Wide seconds = Wide{day.time_since_epoch().count()} * kSecondsOfDay + sqlvTimeToChrono(timestamp + 4).count();
   const Wide picos = seconds * kPicosOfSecond + picosOf(timestamp + 7, scale);
-  const Wide count = picos / Unit::num - (picos % Unit::num < 0 ? 1 : 0);
+  const Wide count = picos / kUnit - (picos % kUnit < 0 ? 1 : 0);
   const auto narrowed = static_cast<typename Duration::rep>(count);
   if (Wide{narrowed} != count) return SQLRX_DATE_RANGE;
   *target = std::chrono::time_point<Clock, Duration>(Duration(narrowed));
   return 0;
 }
 
-// A moment of local or system time to a timestamp; digits finer than the scale are cut. 0, SQLRX_TS_PRECISION_RANGE as
-// above, or SQLRX_DATE_RANGE outside the years 1 to 9999; the target is then as it was.
+// A moment of local or system time, counted as above, to a timestamp; digits finer than the scale are cut. 0,
+// SQLRX_TS_PRECISION_RANGE as above, or SQLRX_DATE_RANGE outside the years 1 to 9999; the target is then as it was.
 template <class Clock, class Duration>
 constexpr SqlzZrc sqlvTimestampFromChrono(const std::chrono::time_point<Clock, Duration>& from, unsigned scale,
                                           std::uint8_t* timestamp) noexcept {
   using namespace sqlvChrono;
   static_assert(kIsCivil<Clock>, "the clock must be local_t or system_clock");
-  static_assert(!std::is_floating_point_v<typename Duration::rep>);
   if (scale > SQLV_TIMESTAMP_SCALE_MAX) return SQLRX_TS_PRECISION_RANGE;
-  using Unit = std::ratio_divide<typename Duration::period, std::pico>;
-  static_assert(Unit::den == 1, "nothing finer than picoseconds");
+  constexpr Wide kUnit = picosOfUnit<Duration>();
   constexpr Wide kPicosOfDay = Wide{kSecondsOfDay} * kPicosOfSecond;
-  constexpr Wide kFarthest = SQLV_DAY_MAX * kPicosOfDay / Unit::num + 1;  // more than any of the years from 1970
+  constexpr Wide kFarthest = SQLV_DAY_MAX * kPicosOfDay / kUnit + 1;  // more than any of the years from 1970
   const Wide count = from.time_since_epoch().count();
   if (count > kFarthest || count < -kFarthest) return SQLRX_DATE_RANGE;
-  const Wide picos = count * Unit::num - kFirstDay * kPicosOfDay;
+  const Wide picos = count * kUnit - kFirstDay * kPicosOfDay;
   if (picos < 0 || picos >= SQLV_DAY_MAX * kPicosOfDay) return SQLRX_DATE_RANGE;
   const auto day = static_cast<std::int32_t>(picos / kPicosOfDay);
   const auto ofDay = static_cast<std::int64_t>(picos % kPicosOfDay);
