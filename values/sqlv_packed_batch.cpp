@@ -33,9 +33,10 @@ SqlzZrc overColumn(std::size_t count, std::size_t* done, SqlzZrc failure, Kernel
 // For operations without a kernel.
 constexpr auto kNoKernel = [](std::size_t /*first*/, std::size_t /*count*/) noexcept { return std::size_t{0}; };
 
-SqlzZrc refused(std::size_t* done) noexcept {
+// A descriptor that is none fails the first value, and nothing where there is no value.
+SqlzZrc refused(std::size_t count, std::size_t* done) noexcept {
   *done = 0;
-  return SQLRX_DEC_INVALID;
+  return count == 0 ? 0 : SQLRX_DEC_INVALID;
 }
 
 template <class Word>
@@ -64,7 +65,7 @@ SqlzZrc toBig(const SqlvColumn& column, bool rounding, std::int64_t* target, std
 
 SqlzZrc toBig(const SqlvColumn& column, bool rounding, std::int64_t* target, std::size_t count,
               std::size_t* done) noexcept {
-  if (!sqlvi_convertible(column.descriptor)) return refused(done);
+  if (!sqlvi_convertible(column.descriptor)) return refused(count, done);
   rounding = rounding && column.descriptor.scale > 0;
   if (column.bytes <= kSqlvShortBytes) return toBig<std::uint64_t>(column, rounding, target, count, done);
   return toBig<SqlvWide>(column, rounding, target, count, done);
@@ -135,7 +136,7 @@ SqlzZrc sqlv_check_packed_batch(const std::uint8_t* packed, std::size_t stride, 
     return overColumn(count, done, SQLRX_DEC_INVALID, kNoKernel, [&](std::size_t index) noexcept {
       return sqlv_check_packed_Internal(column.at(index), descriptor) == 0;
     });
-  if (!sqlvi_convertible(descriptor)) return refused(done);
+  if (!sqlvi_convertible(descriptor)) return refused(count, done);
   if (column.bytes <= kSqlvShortBytes) return check<std::uint64_t>(column, count, done);
   return check<SqlvWide>(column, count, done);
 }
@@ -153,7 +154,7 @@ SqlzZrc sqlvpdc2big_trunc_batch(const std::uint8_t* packed, std::size_t stride, 
 SqlzZrc sqlvbig2dec_batch(const std::int64_t* values, std::uint8_t* target, std::size_t targetStride,
                           SqlvDescriptor descriptor, std::size_t count, std::size_t* done) noexcept {
   using namespace vek;
-  if (!sqlvi_convertible(descriptor)) return refused(done);
+  if (!sqlvi_convertible(descriptor)) return refused(count, done);
   const SqlvTargetColumn column(target, targetStride, descriptor);
   if (column.bytes <= kSqlvShortBytes) return fromBig<std::uint64_t>(values, column, count, done);
   return fromBig<SqlvWide>(values, column, count, done);
@@ -163,7 +164,7 @@ SqlzZrc sqlvpdc2dec_batch(const std::uint8_t* packed, std::size_t stride, SqlvDe
                           std::uint8_t* target, std::size_t targetStride, SqlvDescriptor targetDescriptor,
                           std::size_t count, std::size_t* done) noexcept {
   using namespace vek;
-  if (!sqlvi_convertible(descriptor) || !sqlvi_convertible(targetDescriptor)) return refused(done);
+  if (!sqlvi_convertible(descriptor) || !sqlvi_convertible(targetDescriptor)) return refused(count, done);
   const SqlvColumn from(packed, stride, descriptor);
   const SqlvTargetColumn to(target, targetStride, targetDescriptor);
   if (descriptor.scale > targetDescriptor.scale && sqlvi_roundingIsOn())
@@ -175,7 +176,7 @@ SqlzZrc sqlvpdc2dec_trunc_batch(const std::uint8_t* packed, std::size_t stride, 
                                 std::uint8_t* target, std::size_t targetStride, SqlvDescriptor targetDescriptor,
                                 std::size_t count, std::size_t* done) noexcept {
   using namespace vek;
-  if (!sqlvi_convertible(descriptor) || !sqlvi_convertible(targetDescriptor)) return refused(done);
+  if (!sqlvi_convertible(descriptor) || !sqlvi_convertible(targetDescriptor)) return refused(count, done);
   return cut({packed, stride, descriptor}, {target, targetStride, targetDescriptor}, count, done);
 }
 
@@ -183,7 +184,7 @@ SqlzZrc sqlv_num_2_chr_batch(const std::uint8_t* packed, std::size_t stride, Sql
                              const SqlvNationalLanguage* language, char* target, std::size_t targetStride,
                              std::size_t count, std::size_t* done) noexcept {
   using namespace vek;
-  if (!sqlvi_convertible(descriptor)) return refused(done);
+  if (!sqlvi_convertible(descriptor)) return refused(count, done);
   const char decimalPoint = language != nullptr ? language->decimalPoint : '.';
   const auto work = sqlvi_kernels().text;
   std::size_t i = work == nullptr ? 0 : work({packed, stride, descriptor}, decimalPoint, target, targetStride, count);

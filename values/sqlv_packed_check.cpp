@@ -34,6 +34,7 @@ bool isMalformedLong(const std::uint8_t* packed, SqlvDescriptor descriptor) noex
 [[gnu::noinline]] SqlzZrc checkAny(const std::uint8_t* packed, SqlvDescriptor descriptor) noexcept {
   const unsigned precision = descriptor.precision;
   const std::size_t count = sqlvPackedBytes(descriptor);
+  if (precision == 0) return SQLRX_DEC_INVALID;  // even, so that the byte of the sign would have to be 9 at most
   if (count <= kSqlvShortBytes) return verdict(sqlvi_isMalformed(sqlvi_loadShort(packed, count), precision));
   if (count <= SQLV_PACKED_BYTES_MAX) return verdict(sqlvi_isMalformed(sqlvi_loadLong(packed, count), precision));
   return verdict(isMalformedLong(packed, descriptor));

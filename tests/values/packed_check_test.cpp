@@ -15,14 +15,20 @@ bool isWellFormed(const std::vector<std::uint8_t>& value, SqlvDescriptor descrip
     if (nibble(i) > 9 || (i + descriptor.precision < signIndex && nibble(i) != 0)) return false;
     any = any || nibble(i) != 0;
   }
-  return descriptor.scale <= descriptor.precision && (nibble(signIndex) == 0xC || (nibble(signIndex) == 0xD && any));
+  return descriptor.precision != 0 && descriptor.scale <= descriptor.precision &&
+         (nibble(signIndex) == 0xC || (nibble(signIndex) == 0xD && any));
 }
 
 void expectAgreement(const GuardedPage& page, const std::vector<std::uint8_t>& value, SqlvDescriptor descriptor) {
-  for (const bool atEnd : {false, true})
-    ASSERT_EQ(sqlv_check_packed_Internal(page.place(value, atEnd), descriptor),
-              isWellFormed(value, descriptor) ? 0 : SQLRX_DEC_INVALID)
+  const SqlzZrc wanted = isWellFormed(value, descriptor) ? 0 : SQLRX_DEC_INVALID;
+  for (const bool atEnd : {false, true}) {
+    const std::uint8_t* packed = page.place(value, atEnd);
+    std::size_t done = 5;
+    ASSERT_EQ(sqlv_check_packed_Internal(packed, descriptor), wanted)
         << hexOf(value.data(), value.size()) << " " << int{descriptor.precision} << "," << int{descriptor.scale};
+    ASSERT_EQ(sqlv_check_packed_batch(packed, value.size(), descriptor, 1, &done), wanted);
+    ASSERT_EQ(done, wanted == 0 ? 1U : 0U);
+  }
 }
 
 // Every nibble, pad and sign among them, with every content, in values of zeros, of nines and of random digits, at
@@ -31,7 +37,7 @@ TEST(PackedCheck, EveryNibbleAtEveryPrecision) {
   const GuardedPage page;
   std::mt19937 generator(20261121);
   const auto random = [&](unsigned end) { return static_cast<unsigned>(generator() % end); };
-  for (unsigned precision = 1; precision <= 255; ++precision) {
+  for (unsigned precision = 0; precision <= 255; ++precision) {
     const SqlvDescriptor descriptor = descriptorOf(precision, random(precision + 1));
     const std::size_t nibbles = sqlvPackedBytes(descriptor) * 2;
     for (const unsigned sign : {0xCU, 0xDU})
@@ -73,6 +79,10 @@ TEST(PackedCheck, DescriptorsThatAreNone) {
     EXPECT_EQ(sqlvpdc2dec(seven.data(), {1, 0}, target.data(), none), SQLRX_DEC_INVALID);
     EXPECT_EQ(sqlv_num_2_chr_legacy(0, &source, nullptr, &characters), SQLRX_DEC_INVALID);
     EXPECT_EQ(sqlvbig2dec_batch(&integer, target.data(), 1, none, 1, &done), SQLRX_DEC_INVALID);
+    EXPECT_EQ(done, 0U);
+    done = 5;
+    EXPECT_EQ(sqlv_check_packed_batch(seven.data(), 1, none, 0, &done), 0);
+    EXPECT_EQ(sqlvbig2dec_batch(&integer, target.data(), 1, none, 0, &done), 0);
     EXPECT_EQ(done, 0U);
     EXPECT_EQ(text[0], '?');
   }

@@ -46,7 +46,8 @@ extern "C" {
 // ---- validation -------------------------------------------------------------------------------------------------
 
 // Whether a value is well-formed: 0, or SQLRX_DEC_INVALID when the scale is above the precision, the pad is not 0, the
-// sign is neither 0xC nor 0xD, a digit is above 9, or a zero carries 0xD. Takes any precision.
+// sign is neither 0xC nor 0xD, a digit is above 9, or a zero carries 0xD. Takes any precision from 1 on; a value
+// without digits is not well-formed.
 VEK_EXPORT SqlzZrc sqlv_check_packed_Internal(const std::uint8_t* packed, SqlvDescriptor descriptor) noexcept;
 
 // ---- the rounding setting ---------------------------------------------------------------------------------------
@@ -150,7 +151,11 @@ VEK_EXPORT SqlzZrc sqlv_num_2_chr_legacy(std::uint32_t ignored, const SqlvNumeri
 // `stride` bytes apart, integers side by side; nothing is read or written between values. Source and target must not
 // overlap. The work stops at the first value that fails: its code is the result, its index is stored in `*done`, and
 // the values before it are done. Who wants the rest goes on behind it. Otherwise `*done` is `count`. The rounding
-// setting is read once. For well-formed values the results do not depend on the processor.
+// setting is read once. For well-formed values the results do not depend on the processor. A descriptor that the
+// namesake refuses is refused at the first value; with a `count` of 0 every function answers 0.
+//
+// Which vector instructions are used is found out at the first of these calls, not when the library is loaded: programs
+// that never make one do not pay for it. Threads that find it out at once come to the same.
 
 // Validation of many values.
 VEK_EXPORT SqlzZrc sqlv_check_packed_batch(const std::uint8_t* packed, std::size_t stride, SqlvDescriptor descriptor,
