@@ -38,14 +38,13 @@ constexpr LatchTuning kOneProcessor = {.outer = 0,
                                        .enableConstrainedSpin = 0,
                                        .fighterCount = 1};
 
-// With more: the loop count 2 feeds OUTER, the waste value 10, as the larger of the two, WASTE, SWASTE and XWASTE: one
-// pause between two looks. The pair of 50 feeds INNER and SLEEP_MIN. SLOOP and XLOOP make a thread spin for about as
-// long as it takes to put it to sleep and wake it.
+// With more: the loop count 2 feeds OUTER, the waste value 10, as the larger of the two, SWASTE and XWASTE, the pair of
+// 50 SLOOP and XLOOP. A thread then spins for a shared latch about as long as it takes to put it to sleep and wake it.
+// Who waits for a spin latch looks often: it is held for a few instructions.
 constexpr std::uint32_t kLoopCount = 2;
 constexpr std::uint32_t kWasteValue = 10;
 constexpr std::uint32_t kLooks = 50;
-constexpr std::uint32_t kAttempts = 200;
-constexpr std::uint32_t kWasteOfAPause = 10;
+constexpr std::uint32_t kAttempts = 50;
 
 LatchTuning defaultTuning(std::uint32_t processors) noexcept {
   LatchTuning tuning = kOneProcessor;
@@ -53,7 +52,7 @@ LatchTuning defaultTuning(std::uint32_t processors) noexcept {
   if (processors < 2) return tuning;
   tuning.outer = kLoopCount;
   tuning.inner = kLooks;
-  tuning.waste = kWasteValue;
+  tuning.waste = 1;
   tuning.swaste = tuning.xwaste = std::max(kLoopCount, kWasteValue);
   tuning.sloop = tuning.xloop = kAttempts;
   return tuning;
@@ -198,8 +197,7 @@ const LatchTuning& sqloi_tuning(std::uint32_t typeId) noexcept {
   return g_tunings.slots[std::min(typeId, LATCH_TUNING_SLOTS - 1)];
 }
 
-void sqloi_wasteTime(const LatchTuning& tuning, std::uint32_t waste) noexcept {
-  const std::uint32_t pauses = (waste + kWasteOfAPause - 1) / kWasteOfAPause;
+void sqloi_wasteTime(const LatchTuning& tuning, std::uint32_t pauses) noexcept {
   if (tuning.disableSmtPriorities == 0) return ossWasteTime(pauses);
   for (std::uint32_t i = 0; i < pauses * 32; ++i) __asm__ volatile("" ::: "memory");
 }

@@ -9,10 +9,10 @@ namespace vek {
 struct LatchTuning {
   std::uint32_t outer;  // spin latch: rounds of spinning, each ended by yielding the processor, before the thread rests
   std::uint32_t inner;  // spin latch: looks at the byte per round
-  std::uint32_t waste;  // spin latch: time between two looks, ten of it a pause instruction
+  std::uint32_t waste;  // spin latch: pause instructions between two looks
   std::uint32_t sloop;  // shared latch: attempts before a shared request sleeps
   std::uint32_t xloop;  // the same for an exclusive request
-  std::uint32_t swaste;    // time before each attempt of a shared request, ten of it a pause instruction
+  std::uint32_t swaste;    // pause instructions before each attempt of a shared request
   std::uint32_t xwaste;    // of an exclusive one
   std::uint32_t sleepMin;  // spin latch: microseconds of the first rest
   std::uint32_t sleepMid;  // rests double up to here, then grow by sleepInc
@@ -31,8 +31,8 @@ const LatchTuning& sqloi_tuning(std::uint32_t typeId) noexcept;
 // Reads the settings once per process; called where no latch is waited for.
 void sqloi_prepareTuning() noexcept;
 
-// Spins for `waste`, as the tuning wants it.
-void sqloi_wasteTime(const LatchTuning& tuning, std::uint32_t waste) noexcept;
+// Spins for so many pauses, as the tuning wants it.
+void sqloi_wasteTime(const LatchTuning& tuning, std::uint32_t pauses) noexcept;
 
 // Leave to spin on a shared latch; without it the thread sleeps at once.
 class SpinLeave {
