@@ -3,6 +3,7 @@
 #include <random>
 
 #include "values/date_support.h"
+#include "values/seed.h"
 
 namespace vek::valuestest {
 namespace {
@@ -98,9 +99,8 @@ TEST(Time, EverySecondInEveryFormIsReadBack) {
 }
 
 TEST(Timestamp, OfEveryScaleIsReadBackAndPassesThroughTheStandardLibrary) {
-  const std::uint64_t seed = std::random_device{}();
-  SCOPED_TRACE(seed);
-  std::mt19937_64 random(seed);
+  const Seed seed;
+  std::mt19937_64 random(seed.number());
   __extension__ using Picos = std::chrono::duration<__int128, std::pico>;
   for (int round = 0; round < 200000; ++round) {
     const auto scale = static_cast<unsigned>(random() % (SQLV_TIMESTAMP_SCALE_MAX + 1));

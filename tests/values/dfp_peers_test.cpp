@@ -5,6 +5,7 @@
 
 #include "peer_intel_decimal.h"
 #include "values/dfp_support.h"
+#include "values/seed.h"
 
 namespace vek::valuestest {
 namespace {
@@ -104,9 +105,8 @@ void compareWithIntel(const peer::IntelWidth& intel, Source& source) {
 
 TEST(DfpIntel, AgreesBitByBitAndInConditions) {
   if (peer::intelDecimal64() == nullptr) GTEST_SKIP() << "libintelrdfpmath-dev is not installed";
-  const std::uint32_t seed = std::random_device{}();
-  SCOPED_TRACE(seed);
-  Source source(seed);
+  const Seed seed;
+  Source source(seed.number());
   compareWithIntel<Width64>(*peer::intelDecimal64(), source);
   compareWithIntel<Width128>(*peer::intelDecimal128(), source);
 }
@@ -115,9 +115,8 @@ TEST(DfpIntel, AgreesInTheOtherWidth) {
   if (peer::intelDecimal64() == nullptr) GTEST_SKIP() << "libintelrdfpmath-dev is not installed";
   const peer::IntelWidth& narrow = *peer::intelDecimal64();
   const peer::IntelWidth& wide = *peer::intelDecimal128();
-  const std::uint32_t seed = std::random_device{}();
-  SCOPED_TRACE(seed);
-  Source source(seed);
+  const Seed seed;
+  Source source(seed.number());
   for (const auto& mode : kModes) {
     const RoundingMode ours(mode[0]);
     for (unsigned i = 0; i < 10000 && !HasFailure(); ++i) {
@@ -168,9 +167,8 @@ std::string textOfGcc(Gcc128 value) {
 TEST(DfpCompiler, AgreesInResults) {
   const Gcc128 one = gccOf(false, 1, 6176);
   if (!(one == static_cast<Gcc128>(1))) GTEST_SKIP() << "the compiler holds decimals in another form here";
-  const std::uint32_t seed = std::random_device{}();
-  SCOPED_TRACE(seed);
-  std::mt19937_64 random(seed);
+  const Seed seed;
+  std::mt19937_64 random(seed.number());
   const RoundingMode mode(DFPAL_ROUND_HALF_EVEN);
   const auto pick = [&] {
     Wide coefficient = 0;

@@ -4,6 +4,7 @@
 
 #include "platform/support.h"
 #include "values/packed_support.h"
+#include "values/seed.h"
 #include "values/sqlv_packed_kernels.h"
 #include "veksys/values/dfpal.h"
 
@@ -172,9 +173,8 @@ void writing(SqlvDescriptor to, std::size_t count, std::mt19937_64& random, cons
 // Every precision and scale, columns of up to three blocks and some values more, rounding or not.
 TEST(PackedColumn, DoesWhatTheSingleCallsDo) {
   const platformtest::Instance instance;
-  const std::uint64_t seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937_64 random(seed);
+  const Seed seed;
+  std::mt19937_64 random(seed.number());
   for (unsigned precision = 1; precision <= SQLV_PRECISION_MAX && !HasFailure(); ++precision)
     for (unsigned scale = 0; scale <= precision; ++scale) {
       const SqlvDescriptor descriptor = descriptorOf(precision, scale);
@@ -194,7 +194,8 @@ TEST(PackedColumn, DoesWhatTheSingleCallsDo) {
 // A fault anywhere in a column stops validation exactly there: each nibble of each value in turn, and negative zeros.
 TEST(PackedColumn, ValidationStopsAtTheFault) {
   constexpr std::size_t kCount = 11;
-  std::mt19937_64 random(20261121);
+  const Seed seed;
+  std::mt19937_64 random(seed.number());
   for (unsigned precision = 1; precision <= SQLV_PRECISION_MAX; ++precision) {
     const SqlvDescriptor descriptor = descriptorOf(precision, 0);
     const Column column(descriptor, kCount, random);
