@@ -10,6 +10,14 @@
 
 namespace vek {
 
+bool sqlvi_dfpIsTrapped(std::uint32_t raised) noexcept {
+  if (raised == 0) [[likely]]
+    return false;
+  DfpalControlFlags control;
+  dfpalGetControlFlags(&control);
+  return (raised & control.trapped) != 0;
+}
+
 SqlvDfpOutcome sqlvi_dfpOutcome(std::uint32_t raised) noexcept {
   DfpalControlFlags control;
   dfpalGetControlFlags(&control);
@@ -56,9 +64,9 @@ SqlzZrc toShort(Value value, std::int16_t* target) noexcept {
   std::uint32_t raised = 0;
   const std::int32_t number = sqlvi_dfpRun(
       [value] { return toInt32(sqlvi_roundingIsOn() ? integral(value, dfpalGetRoundingMode()) : value); }, &raised);
-  // The only condition of both steps is `invalid`, which leaves no number to store, trapped or not.
+  // A short number has no room for a warning: whatever is trapped leaves none.
   using Limits = std::numeric_limits<std::int16_t>;
-  if (raised != 0 || number < Limits::min() || number > Limits::max()) return SQLRX_DEC_OVERFLOW;
+  if (sqlvi_dfpIsTrapped(raised) || number < Limits::min() || number > Limits::max()) return SQLRX_DEC_OVERFLOW;
   *target = static_cast<std::int16_t>(number);
   return 0;
 }

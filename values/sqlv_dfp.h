@@ -14,6 +14,9 @@ struct SqlvDfpOutcome {
   bool isStored;
 };
 
+// Whether the control flags in force trap one of the conditions that were raised.
+bool sqlvi_dfpIsTrapped(std::uint32_t raised) noexcept;
+
 // The code of conditions that were raised, under the control flags in force.
 SqlvDfpOutcome sqlvi_dfpOutcome(std::uint32_t raised) noexcept;
 

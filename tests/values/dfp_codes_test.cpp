@@ -90,6 +90,15 @@ TEST_F(DfpCodes, FollowTheControlFlagsInTheirOrder) {
     EXPECT_EQ(sqlvdfp2dfpTmpl(&source, &target), each.zrc);
     EXPECT_EQ(target == kUntouched, !each.isStored);
   }
+  const auto infinity = make<Width64>("Infinity");
+  for (const std::uint32_t trapped : {DFPAL_CONDITIONS & ~DFPAL_INVALID, DFPAL_INVALID}) {
+    const DfpalControlFlags control = {trapped, DFPAL_INVALID, 0, DFPAL_INVALID, 0};
+    ASSERT_EQ(dfpalSetControlFlags(&control), 0);
+    std::int16_t number = 7;
+    EXPECT_EQ(sqlvdfp2sht(&infinity, sizeof infinity, &number), trapped == DFPAL_INVALID ? SQLRX_DEC_OVERFLOW : 0);
+    EXPECT_EQ(number, trapped == DFPAL_INVALID ? 7 : 0);
+  }
+  ASSERT_EQ(dfpalSetControlFlags(&cases[4].control), 0);
   const DfpalControlFlags refused[] = {{0x20, 0, 0, 0, 0}, {0, 0, 0, 0x100, 0}, {0, 0, 0, 0, DFPAL_ROUND_MODES}};
   for (const DfpalControlFlags& each : refused) EXPECT_EQ(dfpalSetControlFlags(&each), SQLO_INV_PARM);
   DfpalControlFlags inForce = {};

@@ -88,14 +88,19 @@ VEK_EXPORT std::size_t sqlvGetTsScaleFromString(const char* text, std::size_t le
 
 // Reads a date in the form of the language's territory, or else in one of the forms MM/DD/YYYY, DD.MM.YYYY and
 // YYYY-MM-DD. `language` may be null. The order of the parts follows from the separator and from where the year stands,
-// never from the digits: where a territory writes DD/MM/YYYY, 03/25/2016 is refused. Results, the layout before the
-// values:
+// never from the digits: where a territory writes DD/MM/YYYY, 03/25/2016 is refused.
+//
+// What sqlvputd wrote in a territory's form is read back with an object of that territory; what it wrote for another
+// request is read back with null. With a territory that writes DD/MM/YYYY, or Thailand's, the USA form is refused or
+// read as another date: 03/04/2016 is 3 April there.
+//
+// Results, the layout before the values; those of the layout have the SQLCODE -180, those of the values -181:
 //
 //   0                             done
 //   SQLRX_DATE_EMPTY              nothing but blanks
 //   SQLRX_DATE_FORMAT             no form looks like this
 //   SQLRX_DATE_SEPARATOR          the separators differ, or are none of / . -
-//   SQLRX_DATE_CENTURY_AMBIGUOUS  the year has two digits
+//   SQLRX_DATE_CENTURY_AMBIGUOUS  the year has one digit or two
 //   SQLRX_DATE_TRAILING_TEXT      a whole date with something behind it
 //   SQLRX_DATE_YEAR_RANGE         year 0000, or 0543 of the Buddhist era
 //   SQLRX_DATE_MONTH_RANGE        no month 1..12
@@ -113,13 +118,16 @@ VEK_EXPORT SqlzZrc sqlvdate(SqlvNationalLanguage* language, const char* text, st
 //                      a blank, something behind the time
 //   SQLRX_TIME_VALUE   the text has one of these forms, but no such time exists: hour above 24, minute or second above
 //                      59, 24 with minutes or seconds; with AM or PM hour above 12, 00 other than in 00:00 AM
+//
+// Their SQLCODEs are -180 and -181.
 VEK_EXPORT SqlzZrc sqlvtime(const char* text, std::size_t length, std::uint8_t* time) noexcept;
 
 // Reads a timestamp, YYYY-MM-DD-HH.MM.SS or YYYY-MM-DD HH:MM:SS, with or without a point and fraction digits behind it,
-// into a timestamp of a scale. Digits that the text lacks are zeros. Results, the layout before the values:
+// into a timestamp of a scale. Digits that the text lacks are zeros. Results, the layout before the values, with the
+// SQLCODEs of sqlvdate:
 //
 //   0                           done
-//   SQLRX_TS_PRECISION_RANGE    a scale above SQLV_TIMESTAMP_SCALE_MAX
+//   SQLRX_TS_PRECISION_RANGE    a scale above SQLV_TIMESTAMP_SCALE_MAX: no fault of the text, SQLCODE -171
 //   SQLRX_TS_FORMAT             the text looks like neither form
 //   SQLRX_TS_SEPARATOR_MIXED    the separators of both forms are mixed
 //   SQLRX_TS_FRACTION_DIGIT     something else than digits behind the point of the fraction

@@ -43,11 +43,13 @@ extern template VEK_EXPORT SqlzZrc sqlvdfp2dfpTmpl(const DfpalDecimal64* source,
 extern "C" {
 
 // To a 16-bit integer. With the decimal rounding setting on (sqlvSetDecimalRounding) digits behind the point are
-// rounded in the thread's mode, else dropped; either way they make no warning.
+// rounded in the thread's mode, else dropped; either way they make no warning. SQLRX_DEC_OVERFLOW for every condition
+// that the control flags trap, warnings and tolerated ones as well. Where they do not trap `invalid`, an infinity, a
+// NaN and a number of more than 32 bits become 0.
 VEK_EXPORT SqlzZrc sqlvdfp2sht(const void* value, std::uint32_t valueBytes, std::int16_t* target) noexcept;
 
-// To packed decimal. Digits behind the target's scale are rounded or dropped as sqlvdfp2sht does. SQLRX_DEC_INVALID: a
-// descriptor with a precision outside 1..31 or a scale above it.
+// To packed decimal, whatever the control flags say. Digits behind the target's scale are rounded or dropped as
+// sqlvdfp2sht does. SQLRX_DEC_INVALID: a descriptor with a precision outside 1..31 or a scale above it.
 VEK_EXPORT SqlzZrc sqlvdfp2dec(const void* value, std::uint32_t valueBytes, std::uint8_t* target,
                                SqlvDescriptor descriptor) noexcept;
 
