@@ -25,8 +25,8 @@ const G11nTerritory* g11nFindTerritory(std::uint32_t code) noexcept;
 // The entry at a place below G11N_TERRITORIES, in ascending order of the codes.
 const G11nTerritory& g11nTerritoryAt(std::size_t index) noexcept;
 
-// The entry that lies at an address; null for any other address, also one inside an entry. What the address points to is
-// not looked at.
+// The entry that lies at an address; null for any other address, also one inside an entry. What the address points to
+// is not looked at.
 const G11nTerritory* g11nTerritoryIfAt(const void* address) noexcept;
 
 // The date format of the writers, 1..11, in which a territory's date format is written; 0 for a number that is none.

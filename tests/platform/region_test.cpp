@@ -130,7 +130,8 @@ const LeftOver kLeftOvers[] = {
      SQLO_REGION_DAMAGED},
     {"other section", [](const std::string& path) { patch(path, offsetof(RegionHeader, sections) + 8, 0ULL); }, true,
      SQLO_REGION_DAMAGED},
-    {"other version", [](const std::string& path) { patch(path, kVersionAt, REGION_LAYOUT_VERSION + 1); }, true, SQLO_REGION_VERSION},
+    {"other version", [](const std::string& path) { patch(path, kVersionAt, REGION_LAYOUT_VERSION + 1); }, true,
+     SQLO_REGION_VERSION},
 };
 
 void raceToAttach(std::size_t count, const LeftOver& leftOver) {

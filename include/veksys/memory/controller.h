@@ -123,6 +123,7 @@ class SqloMemoryConsumer {
 };
 static_assert(sizeof(SqloMemoryConsumer) == 104);
 
+// The controller: one for all processes of an instance, reached by instance().
 class VEK_EXPORT SqloMemController {
  public:
   SqloMemController(const SqloMemController&) = delete;

@@ -67,6 +67,8 @@ inline constexpr std::uint32_t SQLO_SET_MULTIPLE_SETS_ALLOWED = 0x1000000;
 inline constexpr std::uint32_t SQLO_SET_LAZY_DECOMMIT = 0x8000000;
 
 class SMemSet;
+
+// A memory set as its users name it.
 using SQLO_MEM_SET = SMemSet;
 
 // What is linked below a set: a pool, what the pool lists, and what that lists. Objects begin with it.

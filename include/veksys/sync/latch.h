@@ -10,10 +10,14 @@
 // Rules for all latches
 //   - Whoever takes a latch releases it: the thread, not another one.
 //   - No latch times out. A request without CONDITIONAL waits until it is granted.
-//   - Capturing traces nothing and logs nothing as long as nothing has gone wrong. The first capture of a process reads the
-//     tuning (sqloInitializeLatchTuningInfo) unless sqlolatchinginit did, and reports what it does not understand there.
-//   - A child of fork has the latches of its parent's memory as they were, and none of the threads that held them: a private
-//     latch that another thread of the parent held stays held in the child. Fork while no other thread captures, or exec.
+//   - Capturing traces nothing and logs nothing as long as nothing has gone wrong. The first capture of a process reads
+//   the
+//     tuning (sqloInitializeLatchTuningInfo) unless sqlolatchinginit did, and reports what it does not understand
+//     there.
+//   - A child of fork has the latches of its parent's memory as they were, and none of the threads that held them: a
+//   private
+//     latch that another thread of the parent held stays held in the child. Fork while no other thread captures, or
+//     exec.
 //   - Every capture is noted in the calling thread's tracking table, before it is attempted, with the file and the line
 //     of the caller (__FILE__ and __LINE__, or any text that lives as long as the process). `veksys latch` shows them,
 //     and a thread that ends with latches held is reported. See latch_control.h.
@@ -155,8 +159,8 @@ class VEK_EXPORT SQLO_SLATCH_CAS32 {
   //            each would wait for the other for ever
   SqlzZrc convert(SqloLatchRequest request, const char* file, std::uint32_t line) noexcept;
 
-  // The slow ways behind them, whole: each tracks what it does, without a file. A hold that getConflict obtained is given
-  // back by releaseConflict or release.
+  // The slow ways behind them, whole: each tracks what it does, without a file. A hold that getConflict obtained is
+  // given back by releaseConflict or release.
   SqlzZrc getConflict(SqloLatchRequest request) noexcept;
   void releaseConflict() noexcept;
   SqlzZrc convertConflict(SqloLatchRequest request) noexcept;

@@ -11,6 +11,7 @@
 #include "veksys/export.h"
 #include "veksys/types.h"
 
+// What the thread of an entry does with the latch.
 enum SqloLatchEntryState : std::uint32_t {
   SQLO_LATCH_ENTRY_HELD = 1,
   SQLO_LATCH_ENTRY_WAITING = 2,
