@@ -208,6 +208,11 @@ Decision* inUse() noexcept {
   return decided(kPrimary);
 }
 
+PdDiagDirectory directoryOf(Decision* decision) noexcept {
+  if (decision == nullptr) return {"", 0, SQLO_NOMEM};
+  return {decision->name.path, decision->name.length, usability(decision)};
+}
+
 // ---- reporting --------------------------------------------------------------------------------------------------
 
 void reportSwitch() noexcept {
@@ -293,11 +298,9 @@ SqlzZrc getDecided(Decision* decision, char* buffer, std::size_t bytes) noexcept
 
 }  // namespace
 
-PdDiagDirectory pdiDiagDirectory() noexcept {
-  Decision* decision = inUse();
-  if (decision == nullptr) return {"", 0, SQLO_NOMEM};
-  return {decision->name.path, decision->name.length, usability(decision)};
-}
+PdDiagDirectory pdiDiagDirectory() noexcept { return directoryOf(inUse()); }
+
+PdDiagDirectory pdiAlternateDirectory() noexcept { return directoryOf(decided(kAlternate)); }
 
 PdDiagDirectory pdiTrustedDirectory() noexcept {
   PdDiagDirectory directory = pdiDiagDirectory();

@@ -37,6 +37,10 @@ SqlzZrc pdiRenewDiagDirectory() noexcept;
 // Whether this process has switched to the alternate directory.
 bool pdiIsOnAlternate() noexcept;
 
+// The alternate directory, without switching to it: for a single file that finds no place in the primary one. The same
+// promises as of pdiDiagDirectory.
+PdDiagDirectory pdiAlternateDirectory() noexcept;
+
 // pdSwitchToAltDiagPath for the logger: takes no lock and logs nothing, so that it may be called under the logger's own
 // mutex; pdiReportDiagPath tells of it later.
 SqlzZrc pdiSwitchToAlternate() noexcept;

@@ -71,26 +71,26 @@ bool writeDump(Dump* dump) noexcept {
   return error == 0 || failWith(dump, "the dump file cannot be written", error);
 }
 
-bool namePath(Dump* dump) noexcept {
-  const PdDiagDirectory directory = pdiTrustedDirectory();
-  if (directory.length == 0) return failWith(dump, "there is no diagnostic directory", ENOENT);
+bool dumpInto(const PdDiagDirectory& directory, EcfFunctionId functionId, std::uint32_t probe, std::uint32_t level,
+              Dump* dump) noexcept {
   ossSnprintf(dump->path, sizeof dump->path, "%s%u.%u.%.3d.dump.bin", directory.path, ossProcessId(), ossThreadId(),
               vekInstanceControl()->partition);
-  return true;
+  formatHeader(functionId, probe, level, dump);
+  return writeDump(dump);
 }
 
-// Dumps to the diagnostic directory, to one that was made anew, to the alternate one.
+// Dumps to the diagnostic directory, to one that was made anew, to the alternate one. The log stays where it is: that
+// an object finds no place says nothing about a record.
 bool tryDirectories(EcfFunctionId functionId, std::uint32_t probe, std::uint32_t level, Dump* dump) noexcept {
   if (dump->data == nullptr && dump->size != 0) return failWith(dump, "its address is null", EFAULT);
-  for (int turn = 0; turn < 3; ++turn) {
-    if (!namePath(dump)) return false;
-    formatHeader(functionId, probe, level, dump);
-    if (writeDump(dump)) return true;
-    if (dump->error == EFAULT) return false;  // the object, not the file
-    const SqlzZrc next = turn == 0 ? pdiRenewDiagDirectory() : pdiSwitchToAlternate();
-    if (next != 0 && turn != 0) return false;
-  }
-  return false;
+  const PdDiagDirectory directory = pdiTrustedDirectory();
+  if (directory.length == 0) return failWith(dump, "there is no diagnostic directory", ENOENT);
+  if (dumpInto(directory, functionId, probe, level, dump)) return true;
+  if (dump->error == EFAULT) return false;  // the object, not the file
+  if (pdiRenewDiagDirectory() == 0 && dumpInto(directory, functionId, probe, level, dump)) return true;
+  if (pdiIsOnAlternate()) return false;
+  const PdDiagDirectory alternate = pdiAlternateDirectory();
+  return alternate.zrc == 0 && dumpInto(alternate, functionId, probe, level, dump);
 }
 
 }  // namespace

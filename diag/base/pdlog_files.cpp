@@ -1,7 +1,9 @@
 #include "diag/base/pdlog_files.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "diag/base/pddiagpath.h"
 #include "diag/base/pdrotate.h"
@@ -67,8 +69,20 @@ int appendIn(const char* directory, const PdLogTarget& target, AppendPlan plan, 
 // Errors of a directory that is not there (any more) or has been exchanged.
 bool mayBeMissing(int error) noexcept { return error == ENOENT || error == ENOTDIR; }
 
-// Another process keeps the lock: that is no reason to go elsewhere.
-bool isOfThePath(int error) noexcept { return error != ETIMEDOUT && error != ESTALE; }
+// Errors that no other path would mend: another process keeps the lock, or this one has come to its own limits.
+bool isOfThePath(int error) noexcept {
+  constexpr int kOthers[] = {ETIMEDOUT, ESTALE, EMFILE, ENFILE, ENOMEM, EINTR, EAGAIN};
+  return std::find(std::begin(kOthers), std::end(kOthers), error) == std::end(kOthers);
+}
+
+// Where a record goes that cannot be written where it should: with the diagnostic log the whole process moves to the
+// alternate directory, any other file just has this record there. Null: nowhere.
+const char* directoryInstead(const PdLogTarget& target, int error) noexcept {
+  if (!isOfThePath(error) || pdiIsOnAlternate()) return nullptr;
+  if (target.isDiagnosticLog) return pdiSwitchToAlternate() == 0 ? pdiDiagDirectory().path : nullptr;
+  const PdDiagDirectory alternate = pdiAlternateDirectory();
+  return alternate.zrc == 0 ? alternate.path : nullptr;
+}
 
 }  // namespace
 
@@ -78,9 +92,9 @@ int pdi_appendRecord(const PdLogTarget& target, const AppendText& text, AppendTe
   int error = appendIn(target.directory, target, plan, outcome);
   if (error == 0) return 0;
   if (mayBeMissing(error) && pdiRenewDiagDirectory() == 0) error = appendIn(target.directory, target, plan, outcome);
-  if (error == 0 || !target.isDiagnosticLog || !isOfThePath(error) || pdiIsOnAlternate()) return error;
-  if (pdiSwitchToAlternate() != 0) return error;
-  return appendIn(pdiDiagDirectory().path, target, plan, outcome);
+  if (error == 0) return 0;
+  const char* instead = directoryInstead(target, error);
+  return instead == nullptr ? error : appendIn(instead, target, plan, outcome);
 }
 
 bool pdi_takeRemark(PdLogRemark* out) noexcept { return pdi_takeRotationRemark(out); }

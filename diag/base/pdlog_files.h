@@ -25,7 +25,8 @@ inline constexpr char PD_LOG_ROTATING[] = "rotate/";  // the rotating-log direct
 inline constexpr std::uint64_t PD_LOG_ROTATING_FILES = 10;
 
 // Appends a record. One that cannot be written where it should go is tried again after the directory has been made
-// anew, and then in the alternate directory. 0 or an errno value; `outcome` tells about the last attempt.
+// anew, and then in the alternate directory unless the error is the process's own and not one of the path. 0 or an
+// errno value; `outcome` tells about the last attempt.
 int pdi_appendRecord(const PdLogTarget& target, const AppendText& text, AppendText (*firstText)(),
                      AppendOutcome* outcome) noexcept;
 

@@ -2,6 +2,7 @@
 // there exactly once.
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/statvfs.h>
 
 #include <atomic>
@@ -225,6 +226,40 @@ TEST(PdLogSurvival, PlacesThatReallyCannotBeWritten) {
       EXPECT_TRUE(end == 0 || end == platformtest::kSkip);
     }
   if (!skipped.empty()) GTEST_SKIP() << skipped << " cannot be had here";
+}
+
+// The log moves to the alternate directory for what ails its path, and for nothing else.
+TEST(PdLogSurvival, TheLogStaysForWhatIsNoFaultOfItsPath) {
+  inProcess([] {
+    const Log log;
+    catchStandardError(log);
+    const std::string alternate = log.instance.directory() + "/alternate/";
+    ossCopyText(installHost().ALT_DIAGPATH, sizeof VekInstanceControl::ALT_DIAGPATH, alternate.c_str());
+    EXPECT_EQ(logText("first"), 0);
+    static int (*realOpen)(const char*, int, mode_t) = ossCalls().open;
+    static int error;
+    for (const int each : {EMFILE, ENFILE, ENOMEM}) {
+      error = each;
+      ossCalls().open = [](const char*, int, mode_t) {
+        errno = error;
+        return -1;
+      };
+      EXPECT_EQ(logText("lost"), SQLT_DIAGERR_LOGERR);
+      ossCalls().open = realOpen;
+    }
+    std::uint32_t facility = 0;
+    EXPECT_EQ(pdLogFacOpen("audit", PD_LEVEL_INFO, &facility), 0);
+    std::filesystem::create_directory(log.directory() + "audit.log");
+    EXPECT_EQ(pdLogPrintf(std::uint64_t{facility} << PD_LOG_FACILITY_SHIFT, kFunction, 0, 1, 2, "audited"), 0);
+    EXPECT_EQ(countOf(recordsOf(readFile(alternate + "audit.log")), "audited"), 1U);
+    const rlimit little = {65'536, 65'536};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
+    const std::string object(100'000, 'o');
+    EXPECT_EQ(pdLogDump(1, kFunction, 0, 5, 2, "large", 100'000, object.data()), SQLT_DIAGERR_DUMPERR);
+    EXPECT_EQ(logText("last"), 0);
+    EXPECT_EQ(countOf(log.records(), "last"), 1U);
+    EXPECT_FALSE(std::filesystem::exists(alternate + "vekdiag.log"));
+  });
 }
 
 TEST(PdLogSurvival, ARemovedDirectoryIsMadeAnewAndALinkIsRefused) {
