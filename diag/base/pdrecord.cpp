@@ -28,6 +28,11 @@ constexpr std::size_t kLabelColumns = 8;
 constexpr std::size_t kPartitionDigits = 3;
 constexpr std::uint64_t kOffsetMost = 9'999'999'999'999'999;  // with a length of five digits: 23 columns
 constexpr std::string_view kProduct = "VEK";
+constexpr std::string_view kHostLabel = "HOSTNAME: ";
+
+// Sections of a record's own, which no caller's may pass for; those of items are followed by a number.
+constexpr std::string_view kOwnLabels[] = {"MESSAGE", "CALLED", "RETCODE", "OSERR", "IMPACT", "CALLSTCK", "FUNCTION"};
+constexpr std::string_view kItemLabels[] = {"DATA #", "ARG  #"};
 
 constexpr std::string_view kLevelNames[] = {"Severe", "Error", "Warning", "Info", "Critical", "Event"};
 
@@ -189,16 +194,26 @@ void penWork(PdPen& pen, const PdRecordHeader& header) noexcept {
   pen.newLine();
 }
 
+// It may hold anything, but the label of what may follow it.
+void penUserName(PdPen& pen, std::string_view name) noexcept {
+  for (std::size_t at = name.find(kHostLabel); at != std::string_view::npos; at = name.find(kHostLabel)) {
+    penField(pen, name.substr(0, at));
+    pen.text("HOSTNAME? ");
+    name.remove_prefix(at + kHostLabel.size());
+  }
+  penField(pen, name);
+}
+
 void penUser(PdPen& pen, const PdRecordHeader& header) noexcept {
   if (header.authorizationId.empty() && header.hostName.empty()) return;
   if (!header.authorizationId.empty()) {
     pen.text("AUTHID  : ");
     const std::size_t from = pen.written();
-    penField(pen, header.authorizationId);
+    penUserName(pen, header.authorizationId);
     if (!header.hostName.empty()) pen.padTo(from, kFieldColumns);
   }
   if (!header.hostName.empty()) {
-    pen.text("HOSTNAME: ");
+    pen.text(kHostLabel);
     penField(pen, header.hostName);
   }
   pen.newLine();
@@ -256,7 +271,15 @@ void penTextLine(PdPen& pen, std::string_view text) noexcept {
   pdPenEndLine(pen);
 }
 
+bool isOwnLabel(std::string_view label) noexcept {
+  label = label.substr(0, label.find_last_not_of(' ') + 1);
+  return std::find(std::begin(kOwnLabels), std::end(kOwnLabels), label) != std::end(kOwnLabels) ||
+         std::any_of(std::begin(kItemLabels), std::end(kItemLabels),
+                     [label](std::string_view start) { return label.starts_with(start); });
+}
+
 void penSection(PdPen& pen, const PdSection& section) noexcept {
+  if (isOwnLabel(section.label.substr(0, kLabelColumns))) pen.character(' ');
   penFieldLeft(pen, section.label.substr(0, kLabelColumns), kLabelColumns);
   pen.text(": ");
   penTextLine(pen, section.text);

@@ -330,9 +330,11 @@ TEST(PdLog, TextsCannotForgeSections) {
     EXPECT_EQ(pdLog(1, kFunction, 0, 5, 2, 1, PD_TYPE_RAW_STRINGN, size, forged.data()), 0);
     EXPECT_EQ(pdLog(1, kFunction, 0, 5, 2, 1, PD_TYPE_STRUCTURES + 4, size, forged.data()), 0);
     EXPECT_EQ(pdLogEvent(1, kFunction, 0, 5, 2, &event, 0), 0);
+    const PdLogEvent action = {"RETCODE ", "ZRC=0x1", forged.c_str()};
+    EXPECT_EQ(pdLogEvent(1, kFunction, 0, 5, 2, &action, 0), 0);
     EXPECT_EQ(sqlt_logerr_string(kFunction, 5, 2, ("\n" + forged).c_str()), 0);
     const auto records = log.records();
-    ASSERT_EQ(records.size(), 7U);
+    ASSERT_EQ(records.size(), 8U);
     for (std::size_t i = 1; i < records.size(); ++i) {
       EXPECT_FALSE(holds(records[i], "\nRETCODE : ") || holds(records[i], "\nDATA #1 : y")) << records[i];
       EXPECT_TRUE(holds(records[i], "\n DATA #1 : y")) << records[i];

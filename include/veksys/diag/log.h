@@ -73,7 +73,8 @@ inline constexpr std::uint32_t PD_ITEM_ARGUMENT = 0x80000000U;
 
 // What an event record says of itself. Null texts are left out.
 struct PdLogEvent {
-  const char* action;  // opens a section of its own, at most eight characters: "START", "STOP", "CHANGE"
+  const char* action;  // opens a section of its own, at most eight characters: "START", "STOP", "CHANGE"; one that is a
+                       // label of the record's own ("RETCODE") gets a blank in front and opens none
   const char* object;  // what it happened to; behind the action
   const char* impact;  // who will notice, e.g. "Unlikely", "Potential"
 };
