@@ -12,7 +12,8 @@ namespace {
 
 constexpr std::uint64_t kMillisecondNs = 1'000'000;
 constexpr std::int64_t kSecondNs = 1'000'000'000;
-constexpr std::int64_t kDaySeconds = 86'400;
+constexpr std::int32_t kDaySeconds = 86'400;
+constexpr std::int32_t kOffsetMost = 999 * 60 + 59;
 constexpr std::int32_t kTwelveHours = 720;
 constexpr std::size_t kZoneDigits = 3;
 
@@ -50,10 +51,18 @@ void penLocal(PdPen& pen, std::int64_t localSeconds, std::int64_t timeNs) noexce
   pen.text({text, PD_TIME_CHARACTERS});
 }
 
+// An offset from UTC of three digits, the same but for whole days: the moment stays what it is, a day earlier or later
+// by the clock of a zone that no place on earth has.
+std::int32_t inColumns(std::int32_t offset) noexcept {
+  while (offset > kOffsetMost) offset -= kDaySeconds;
+  while (offset < -kOffsetMost) offset += kDaySeconds;
+  return offset;
+}
+
 // Writes the time and answers the offset of local time, in minutes.
 std::int32_t penTime(PdPen& pen, std::int64_t timeNs) noexcept {
   const std::int64_t seconds = pdSecondOf(timeNs);
-  const std::int32_t offset = ossUtcOffset(seconds);
+  const std::int32_t offset = inColumns(ossUtcOffset(seconds));
   penLocal(pen, seconds + offset, timeNs);
   return offset / 60;
 }

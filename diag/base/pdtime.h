@@ -15,7 +15,8 @@ inline constexpr std::size_t PD_TIME_CHARACTERS = 26;  // 2024-05-01-13.59.59.12
 void pdPenTime(PdPen& pen, std::int64_t timeNs) noexcept;
 
 // The same, followed by the offset of local time from UTC in minutes ("%+.3d") and a blank, as records begin. An offset
-// of exactly 12 hours behind UTC is written as "+720".
+// of exactly 12 hours behind UTC is written as "+720"; one of 1,000 minutes or more as one that differs by a whole day,
+// as does the date then, so that the columns stay and the moment is the same.
 //
 // The local time zone is that of TZ when the first time stamp is written, else the machine's. Neither takes a lock or
 // allocates: the zone is read once and published once.
