@@ -161,14 +161,25 @@ void ossLog(const PdOSSeMessage& message) noexcept {
 
 OssCalls& ossCalls() noexcept { return g_calls; }
 
+namespace {
+
+// What stands for a text that cannot be formatted.
+std::size_t keepFormat(char* buffer, std::size_t bytes, const char* format) noexcept {
+  constexpr char kMark[] = "<Not formatted> ";
+  const std::size_t mark = std::min(sizeof kMark - 1, bytes - 1);
+  ::memcpy(buffer, kMark, mark);
+  const std::size_t length = ::strnlen(format, bytes - 1 - mark);
+  ::memcpy(buffer + mark, format, length);
+  buffer[mark + length] = '\0';
+  return mark + length;
+}
+
+}  // namespace
+
 std::size_t ossVsnprintf(char* buffer, std::size_t bytes, const char* format, std::va_list arguments) noexcept {
   if (bytes == 0) return 0;
   const int wanted = ::vsnprintf(buffer, bytes, format, arguments);
-  if (wanted < 0) {
-    buffer[0] = '\0';
-    return 0;
-  }
-  return std::min(static_cast<std::size_t>(wanted), bytes - 1);
+  return wanted < 0 ? keepFormat(buffer, bytes, format) : std::min(static_cast<std::size_t>(wanted), bytes - 1);
 }
 
 #pragma GCC diagnostic push

@@ -61,7 +61,8 @@ OssCalls& ossCalls() noexcept;
 // ---- text -------------------------------------------------------------------------------------------------------
 
 // Formats into `buffer`, never past `bytes`, always terminated when bytes > 0. Returns the characters that stand in
-// the buffer (without the terminator), so that appends can be chained; a text that did not fit is cut.
+// the buffer (without the terminator), so that appends can be chained; a text that did not fit is cut. Of
+// a format that cannot be followed its own text stands there, behind "<Not formatted> ".
 std::size_t ossSnprintf(char* buffer, std::size_t bytes, const char* format, ...) noexcept
     __attribute__((format(printf, 3, 4)));
 std::size_t ossVsnprintf(char* buffer, std::size_t bytes, const char* format, std::va_list arguments) noexcept

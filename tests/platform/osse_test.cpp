@@ -28,6 +28,9 @@ TEST(OsText, CutTerminatedAndZeroFilled) {
   char untouched = '#';
   ossCopyText(&untouched, 0, "x");
   EXPECT_EQ(ossSnprintf(&untouched, 0, "x"), 0U);
+  char kept[32];
+  ossSnprintf(kept, sizeof kept, "no such %lc", static_cast<wint_t>(0x7FFFFFFF));
+  EXPECT_STREQ(kept, "<Not formatted> no such %lc");
   EXPECT_EQ(untouched, '#');
   ossCopyText(&untouched, 1, nullptr);
   EXPECT_EQ(untouched, '\0');
