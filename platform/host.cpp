@@ -110,6 +110,8 @@ bool hostApplication(VekApplication* out) noexcept {
   return true;
 }
 
+bool hostHasFields() noexcept { return g_host.application != nullptr || g_host.currentEngineUnit != nullptr; }
+
 void hostWorkloadDisplay(EcfFunctionId id, bool entry) noexcept {
   const auto display = entry ? g_host.workloadDisplayEntry : g_host.workloadDisplayExit;
   if (display != nullptr) display(g_host.context, id);

@@ -16,6 +16,9 @@ std::uint64_t hostEngineUnitNumber() noexcept;
 bool hostEngineUnit(VekEngineUnit* out) noexcept;
 bool hostApplication(VekApplication* out) noexcept;
 
+// Whether the host answers any of the two.
+bool hostHasFields() noexcept;
+
 // What vekInstanceControl() answers, for what runs too often to ask the host each time. Null: ask it.
 extern std::atomic<const VekInstanceControl*> g_hostControl;
 

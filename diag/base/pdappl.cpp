@@ -90,6 +90,8 @@ bool pdi_applicationFields(VekApplication* out) noexcept {
   return isAnyKnown(*out);
 }
 
+bool pdi_asksCallBacks() noexcept { return hostHasFields() || isAnyRegistered(); }
+
 bool pdi_engineUnit(VekEngineUnit* out) noexcept { return isWanted(PD_HEADER_ENGINE_UNIT) && hostEngineUnit(out); }
 
 }  // namespace vek

@@ -65,6 +65,9 @@ SqlzZrc pdi_appendText(const char* path, const char* text, std::size_t bytes) no
 bool pdi_applicationFields(VekApplication* out) noexcept;
 bool pdi_engineUnit(VekEngineUnit* out) noexcept;
 
+// Whether any call-back would run for these.
+bool pdi_asksCallBacks() noexcept;
+
 // pdfacility: file and level of an open facility. False: no such facility is open.
 bool pdi_facilityTarget(std::uint32_t facility, char* path, std::size_t bytes, std::uint32_t* level) noexcept;
 

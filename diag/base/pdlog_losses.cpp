@@ -1,22 +1,55 @@
 // Records that were lost: counted, said on standard error, and told by the next record that is written.
+#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <iterator>
 
 #include "diag/base/pdlog_state.h"
 #include "diag/base/pdpen.h"
 #include "diag/base/pdtime.h"
 #include "platform/osse.h"
+#include "platform/state_pool.h"
 #include "veksys/diag/rc.h"
 
 namespace vek {
-namespace {}  // namespace
+namespace {
 
-void pdi_sayOpenFailed(const AppendOutcome& outcome, int error) noexcept {
+struct NamedLosses {
+  char name[APPEND_NAME_BYTES] = {};
+  PdLogLosses losses;
+  NamedLosses* next = nullptr;
+};
+
+constinit StatePool<NamedLosses, 2> g_pool;
+constinit NamedLosses* g_known = nullptr;
+constinit PdLogLosses g_others;  // of files that there was no memory for
+
+PdLogLosses& find(const char* name) noexcept {
+  for (NamedLosses* known = g_known; known != nullptr; known = known->next)
+    if (std::strcmp(known->name, name) == 0) return known->losses;
+  NamedLosses* made = g_pool.make();
+  if (made == nullptr) return g_others;
+  ossCopyText(made->name, sizeof made->name, name);
+  made->next = g_known;
+  g_known = made;
+  return made->losses;
+}
+
+void sayOpenFailed(const AppendOutcome& outcome, int error) noexcept {
   char line[sizeof outcome.path + 128];
   const auto zrc = static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(error));
   const std::size_t length =
       ossSnprintf(line, sizeof line, "Open of log file \"%s\" failed with rc 0x%X\n", outcome.path, zrc);
   ossSayOnStandardError(line, length);
+}
+
+}  // namespace
+
+PdLogLosses& PdLogLosses::of(const char* name, std::uint32_t processId) noexcept {
+  PdLogLosses& losses = find(name);
+  if (losses.processId_ != processId) losses = {};
+  losses.processId_ = processId;
+  return losses;
 }
 
 void pdi_sayNoLog() noexcept {
@@ -27,12 +60,14 @@ void pdi_sayNoLog() noexcept {
 
 void PdLogLosses::add(int error, const AppendOutcome& outcome, std::int64_t timeNs) noexcept {
   const SqlzZrc zrc = sqloMapUnexpectedFileSystemErrorToZRC(error);
-  const bool isNew = count_ == 0 || zrc != zrc_ || std::strncmp(path_, outcome.path, sizeof path_ - 1) != 0;
+  const bool isNew = saidCount_ < std::size(said_) && std::find(said_, said_ + saidCount_, zrc) == said_ + saidCount_;
   if (count_++ == 0) firstNs_ = timeNs;
   zrc_ = zrc;
   ossCopyText(failed_, sizeof failed_, outcome.failed);
   ossCopyText(path_, sizeof path_, outcome.path);
-  if (isNew) pdi_sayOpenFailed(outcome, error);
+  if (!isNew) return;
+  said_[saidCount_++] = zrc;
+  sayOpenFailed(outcome, error);
 }
 
 std::size_t PdLogLosses::compose(char* text, std::size_t bytes) const noexcept {
@@ -53,6 +88,6 @@ std::size_t PdLogLosses::compose(char* text, std::size_t bytes) const noexcept {
   return pen.finish("...\r\n");
 }
 
-void PdLogLosses::forget() noexcept { count_ = 0; }
+void PdLogLosses::forget() noexcept { count_ = saidCount_ = 0; }
 
 }  // namespace vek

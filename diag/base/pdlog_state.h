@@ -32,10 +32,13 @@ bool pdi_hasPlace(const PdLogCall& call) noexcept;
 // pdi_writeRecord with an object that was dumped, or was not, in place of items.
 SqlzZrc pdi_writeDumped(const PdLogCall& call, const PdLogDumpFact* dump) noexcept;
 
-// Records that could not be written, until one can. Guarded by the log mutex.
+// Records that could not be written to a file, until one can. Guarded by the log mutex.
 class PdLogLosses {
  public:
-  // Counts a record that was lost, and says so on standard error when the reason is another one than last time.
+  // Those of a file, by its name. A child of fork begins anew: what its parent lost is told by its parent.
+  static PdLogLosses& of(const char* name, std::uint32_t processId) noexcept;
+
+  // Counts a record that was lost, and says so on standard error, once for each reason until a record is written.
   void add(int error, const AppendOutcome& outcome, std::int64_t timeNs) noexcept;
 
   // Writes what the next record has to say about them, terminated, nothing when there are none. Returns its length.
@@ -48,12 +51,14 @@ class PdLogLosses {
   std::uint64_t count_ = 0;
   std::int64_t firstNs_ = 0;
   SqlzZrc zrc_ = 0;  // of the last one
+  SqlzZrc said_[8] = {};
+  std::size_t saidCount_ = 0;
+  std::uint32_t processId_ = 0;
   char failed_[16] = {};
   char path_[PATH_BYTES] = {};
 };
 
-// On standard error, once for each reason in turn: the file could not be opened or written; there is no log at all.
-void pdi_sayOpenFailed(const AppendOutcome& outcome, int error) noexcept;
+// On standard error, once: there is no log at all.
 void pdi_sayNoLog() noexcept;
 
 }  // namespace vek

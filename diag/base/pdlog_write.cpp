@@ -45,7 +45,6 @@ struct Logger {
   PdRecordHeader header;  // of the record being written; the new-file record takes its facts from it
   CallStack stack = {};
   Fault fault = {};
-  PdLogLosses losses;
 };
 
 constinit Logger g_log;
@@ -95,13 +94,21 @@ void takeThread(PdRecordHeader* header) noexcept {
   header->threadId = self != nullptr ? self->threadId : ossThreadId();
 }
 
+// Runs under the fault guard: a call-back that faults costs the record these fields, and nothing else.
+void askCallBacks(void* context) noexcept {
+  auto& facts = *static_cast<Facts*>(context);
+  facts.hasApplication = pdi_applicationFields(&facts.application);
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  facts.hasUnit = pdi_engineUnit(&facts.unit);
+}
+
 // What the host is asked for, and what it may change.
 void collect(Facts* facts) noexcept {
   facts->processName = view(ossProgramName(), kProcessNameBytes);
   facts->instance = view(vekInstanceName(), sizeof VekInstanceControl::instanceName);
   facts->partition = vekInstanceControl()->partition;
-  facts->hasApplication = pdi_applicationFields(&facts->application);
-  facts->hasUnit = pdi_engineUnit(&facts->unit);
+  facts->hasApplication = facts->hasUnit = false;
+  if (pdi_asksCallBacks()) (void)faultGuard(askCallBacks, facts, nullptr);
 }
 
 // The header, but for the time. Its views lead into `facts` and the call.
@@ -318,8 +325,8 @@ int writeGuarded(Job& job) noexcept {
 }
 
 // What the record has to say besides its own matter.
-void composeNote(std::uint64_t dropped) noexcept {
-  g_log.noteBytes = g_log.losses.compose(g_log.note, sizeof g_log.note);
+void composeNote(const PdLogLosses& losses, std::uint64_t dropped) noexcept {
+  g_log.noteBytes = losses.compose(g_log.note, sizeof g_log.note);
   if (dropped == 0) return;
   g_log.noteBytes +=
       ossSnprintf(g_log.note + g_log.noteBytes, sizeof g_log.note - g_log.noteBytes,
@@ -329,17 +336,18 @@ void composeNote(std::uint64_t dropped) noexcept {
 
 SqlzZrc writeLocked(const PdLogCall& call, const PdLogDumpFact* dump, const Facts& facts) noexcept {
   const std::uint64_t dropped = g_dropped.exchange(0, std::memory_order_relaxed);
-  composeNote(dropped);
+  PdLogLosses& losses = PdLogLosses::of(facts.target.name, g_log.header.processId);
+  composeNote(losses, dropped);
   g_log.header.timeNs = ossRealtimeNs();
   Job job = {.call = call, .dump = dump, .target = facts.target, .text = {}, .isFormatted = false, .error = 0};
   const int error = writeGuarded(job);
   g_log.record[0] = '\0';
   if (error == 0) {
-    g_log.losses.forget();
+    losses.forget();
     return 0;
   }
   g_dropped.fetch_add(dropped, std::memory_order_relaxed);
-  g_log.losses.add(error, g_log.outcome, g_log.header.timeNs);
+  losses.add(error, g_log.outcome, g_log.header.timeNs);
   return SQLT_DIAGERR_LOGERR;
 }
 
@@ -550,7 +558,11 @@ SqlzZrc pdi_appendText(const char* path, const char* text, std::size_t bytes) no
   Lines lines = {{.directory = directory, .name = name}, {const_cast<char*>(text), bytes, nullptr}, 0};
   logMutexLock();
   const int error = faultGuard(appendLines, &lines, nullptr) ? lines.error : abandonFiles();
-  if (error != 0) pdi_sayOpenFailed(g_log.outcome, error);
+  PdLogLosses& losses = PdLogLosses::of(name, ossProcessId());
+  if (error == 0)
+    losses.forget();
+  else
+    losses.add(error, g_log.outcome, ossRealtimeNs());
   logMutexUnlock();
   return error == 0 ? 0 : SQLT_DIAGERR_LOGERR;
 }

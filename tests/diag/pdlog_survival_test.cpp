@@ -147,18 +147,31 @@ TEST(PdLogSurvival, LossesAreCountedAndTold) {
     EXPECT_EQ(logText("first"), 0);
     g_isDiskFull = true;
     for (int i = 0; i < 3; ++i) EXPECT_EQ(logText("lost"), SQLT_DIAGERR_LOGERR);
+    std::uint32_t audit = 0;
+    EXPECT_EQ(pdLogFacOpen("audit", PD_LEVEL_INFO, &audit), 0);
+    const auto toAudit = [audit](const char* text) {
+      return pdLogPrintf(std::uint64_t{audit} << PD_LOG_FACILITY_SHIFT, kFunction, 0, 1, 2, "%s", text);
+    };
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(toAudit("lost"), SQLT_DIAGERR_LOGERR);
     g_isDiskFull = false;
+    inProcess([] { EXPECT_EQ(logText("a child has lost nothing"), 0); });
     EXPECT_EQ(logText("resumed"), 0);
+    EXPECT_EQ(toAudit("goes on"), 0);
+    EXPECT_TRUE(holds(readFile(log.directory() + "audit.log"), "Before this record 2 records were lost"));
     EXPECT_EQ(logText("second"), 0);
     const auto records = log.records();
     EXPECT_EQ(countOf(records, "\r\nlost\r\n"), 0U);
     EXPECT_EQ(countOf(records, "Before this record"), 1U);
     for (const std::string& record : records)
       EXPECT_EQ(holds(record, "Before this record 3 records were lost, the first at "), holds(record, "resumed"));
-    char line[512];
-    std::snprintf(line, sizeof line, "Open of log file \"%s\" failed with rc 0x%X\n", log.path().c_str(),
-                  static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(ENOSPC)));
-    EXPECT_EQ(readFile(log.instance.directory() + "/stderr"), line) << "once for one reason";
+    std::string lines;
+    for (const std::string& path : {log.path(), log.directory() + "audit.log"}) {
+      char line[512];
+      std::snprintf(line, sizeof line, "Open of log file \"%s\" failed with rc 0x%X\n", path.c_str(),
+                    static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(ENOSPC)));
+      lines += line;
+    }
+    EXPECT_EQ(readFile(log.instance.directory() + "/stderr"), lines) << "once for one reason and file";
   });
 }
 
