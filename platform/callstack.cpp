@@ -171,7 +171,28 @@ _Unwind_Reason_Code takeFrame(_Unwind_Context* context, void* argument) {
   return _URC_NO_REASON;
 }
 
+struct Interruptions {
+  std::uintptr_t function;
+  std::uint32_t count;
+  bool isReached;
+};
+
+_Unwind_Reason_Code countInterruptions(_Unwind_Context* context, void* argument) {
+  auto* walk = static_cast<Interruptions*>(argument);
+  int isInterrupted = 0;
+  if (::_Unwind_GetIPInfo(context, &isInterrupted) == 0) return _URC_END_OF_STACK;
+  walk->count += isInterrupted != 0 ? 1U : 0U;
+  walk->isReached = static_cast<std::uintptr_t>(::_Unwind_GetRegionStart(context)) == walk->function;
+  return walk->isReached ? _URC_END_OF_STACK : _URC_NO_REASON;
+}
+
 }  // namespace
+
+bool callStackIsOfHandlerOver(std::uintptr_t function) noexcept {
+  Interruptions walk = {function, 0, false};
+  ::_Unwind_Backtrace(countInterruptions, &walk);
+  return walk.isReached && walk.count > 1;
+}
 
 __attribute__((noinline)) void captureCallStack(CallStack* out, std::uint32_t skip) noexcept {
   Walk walk = {.skip = skip + 1, .count = 0, .isCut = false, .addresses = {}};

@@ -43,6 +43,11 @@ struct CallStack {
 // a signal handler it goes on through the interrupted code. Frames behind code without unwind information are missing.
 void captureCallStack(CallStack* out, std::uint32_t skip) noexcept;
 
+// To be asked in a signal handler: whether the innermost call of the function that begins at `function` was interrupted
+// by another signal before, whose handler it is that was interrupted now. False, too, when the stack cannot be followed
+// that far.
+bool callStackIsOfHandlerOver(std::uintptr_t function) noexcept;
+
 // Fills in a stack from addresses that were taken elsewhere.
 void resolveCallStack(std::span<const std::uintptr_t> addresses, CallStack* out) noexcept;
 

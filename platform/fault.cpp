@@ -5,6 +5,7 @@
 #include <ucontext.h>
 
 #include <atomic>
+#include <bit>
 
 namespace vek {
 namespace {
@@ -90,6 +91,10 @@ void callPrevious(const Previous& all, std::uint32_t nested, int signal, siginfo
   ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
+// Whether the program's own handler of some signal, which interrupted the guarded body, has faulted: the body is not to
+// be left for that, since it goes on when the handler returns.
+bool isOfAHandler() noexcept { return callStackIsOfHandlerOver(std::bit_cast<std::uintptr_t>(&faultGuard)); }
+
 void noteFault(Fault* fault, int signal, const siginfo_t* info) noexcept {
   if (fault == nullptr) return;
   fault->signal = signal;
@@ -100,7 +105,7 @@ void noteFault(Fault* fault, int signal, const siginfo_t* info) noexcept {
 
 extern "C" void veki_fault(int signal, siginfo_t* info, void* context) {
   if (signal == SIGXFSZ && t_guard != nullptr) return;  // the write answers EFBIG
-  if (Guard* guard = t_guard; guard != nullptr && !wasSent(info)) {
+  if (Guard* guard = t_guard; guard != nullptr && !wasSent(info) && !isOfAHandler()) {
     t_guard = guard->outer;  // a fault in here is not this guard's any more
     noteFault(guard->fault, signal, info);
     // The mask of the interrupted code: a wrapper around sigaction (the thread sanitizer has one) may block signals
@@ -178,7 +183,7 @@ bool unblock(sigset_t* before) noexcept {
 
 }  // namespace
 
-bool faultGuard(void (*body)(void* context), void* context, Fault* fault) noexcept {
+[[gnu::noinline]] bool faultGuard(void (*body)(void* context), void* context, Fault* fault) noexcept {
   ::pthread_once(&g_handlers.once, installFirst);
   lookAfterHandlers();
   Guard guard;

@@ -1,7 +1,8 @@
 // Faults: SIGSEGV, SIGBUS, SIGILL and SIGFPE of the process, handled in this order:
 //
 //   1  the guard of the faulting thread: code that the library runs for others, such as a formatter. The guarded body
-//      is left, the process goes on
+//      is left, the process goes on. A fault in the program's own signal handler that interrupted the body is not the
+//      guard's, as far as the stack can be followed: behind code without unwind information it is taken for the body's
 //   2  the capture, once there is one
 //   3  whatever the program had installed before: its handler, called as it asked to be called, or the system's default
 //

@@ -37,6 +37,39 @@ TEST(FaultGuard, LeavesTheBodyAndTellsWhatItWas) {
   });
 }
 
+// A handler of the program that interrupts the body, and faults, is the program's matter; the body goes on.
+TEST(FaultGuard, LeavesNoBodyForAFaultOfASignalHandler) {
+  for (const int flags : {0, SA_ONSTACK})
+    inProcess([flags] {
+      static sigjmp_buf place;
+      static int handled;
+      static int* page = forbidden();
+      std::vector<char> stack(1 << 16);
+      const stack_t alternate = {.ss_sp = stack.data(), .ss_flags = 0, .ss_size = stack.size()};
+      ASSERT_EQ(::sigaltstack(&alternate, nullptr), 0);
+      struct sigaction action = {};
+      action.sa_flags = flags | SA_NODEFER;
+      action.sa_handler = [](int) {
+        ++handled;
+        ::siglongjmp(place, 1);
+      };
+      ::sigaction(SIGSEGV, &action, nullptr);
+      action.sa_handler = [](int) {
+        if (sigsetjmp(place, 1) == 0) touch(page);
+        EXPECT_FALSE(faultGuard(touch, page, nullptr));
+      };
+      ::sigaction(SIGUSR1, &action, nullptr);
+      EXPECT_FALSE(faultGuard(
+          [](void*) {
+            ::raise(SIGUSR1);
+            EXPECT_EQ(handled, 1);
+            touch(page);
+          },
+          nullptr, nullptr));
+      EXPECT_EQ(handled, 1);
+    });
+}
+
 TEST(FaultGuard, IsOfItsThreadAlone) {
   inProcess([] {
     std::vector<std::thread> threads;
