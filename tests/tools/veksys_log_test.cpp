@@ -461,7 +461,7 @@ TEST_F(Log, FollowsAcrossRotation) {
   const std::string first = write("diag/vekdiag.1.log", text.substr(0, one));
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  const pid_t child = startCommand({instance_.path("diag"), "--follow", "--csv", "--limit", "6"}, ends[1]);
+  const pid_t child = startCommand({instance_.path("diag"), "--follow", "--csv", "--limit", "8"}, ends[1]);
   ::close(ends[1]);
   FILE* shown = ::fdopen(ends[0], "r");
   const auto expectProbe = [&](int probe) {
@@ -483,6 +483,15 @@ TEST_F(Log, FollowsAcrossRotation) {
   expectProbe(5);
   append(instance_.path("diag/vekdiag.2.log"), recordAt(one, {6}));
   expectProbe(6);
+  // A record that is being written holds the text of another one.
+  const std::string growing =
+      recordAt(2 * one, {8, "Error", "2025-11-21-10.00.00.000000", "+000", 1, "", "c, f",
+                         "DATA #1 : " + recordAt(2 * one + 300, {-8}) + std::string(5000, 'x') + "\r\n"});
+  append(instance_.path("diag/vekdiag.2.log"), growing.substr(0, 2000));
+  append(instance_.path("diag/NODE0001/vekdiag.log"), recordAt(logOf(numbered(5, 5)).size(), {7}));
+  expectProbe(7);
+  append(instance_.path("diag/vekdiag.2.log"), growing.substr(2000));
+  expectProbe(8);
   std::fclose(shown);
   EXPECT_EQ(WEXITSTATUS(waitFor(child)), 0);
 }

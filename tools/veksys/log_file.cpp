@@ -18,6 +18,7 @@ constexpr std::size_t kLook = LOG_RECORD_MOST + LOG_HEAD_MOST + 4;  // a record 
 constexpr std::size_t kLead = 16;
 constexpr std::uint64_t kNear = 2 * LOG_RECORD_MOST;  // how far an offset that fits is preferred over one that does not
 constexpr std::uint64_t kNowhere = ~0ULL;
+constexpr std::string_view kUnfinished = "\r\nThe record above is incomplete: ";  // of whoever could not cut it off
 
 std::size_t readAt(int fd, char* to, std::size_t bytes, std::uint64_t position, const std::string& path) {
   std::size_t done = 0;
@@ -142,6 +143,7 @@ bool LogReader::next(LogPiece* piece) {
 bool LogReader::takeRecord(std::uint64_t start, LogPiece* piece) {
   const std::uint64_t end = start + piece->head.length;
   const Edge edge = edgeAt(end);
+  if (edge == Edge::kBeyond && mayGrow(start)) return false;
   if (edge == Edge::kBeyond || (edge == Edge::kNothing && !isWholeBeforeDamage(start, end)))
     return takeBroken(start, true, piece);
   if (file_->bytes(start, LOG_HEAD_MOST).data() != piece->head.stamp.data()) headAt(start, &piece->head);
@@ -153,6 +155,11 @@ bool LogReader::takeRecord(std::uint64_t start, LogPiece* piece) {
   scanned_ = false;
   give(LogPiece::Kind::kWhole, start, end, piece);
   return true;
+}
+
+// Whether the rest of a record at the end of the file is still to come: what it holds is not looked at before.
+bool LogReader::mayGrow(std::uint64_t start) {
+  return growing_ && file_->bytes(start, LOG_RECORD_MOST).find(kUnfinished) == std::string_view::npos;
 }
 
 // What follows is no record: it is damaged, unless the length of this one is. A line ends where the record does then,

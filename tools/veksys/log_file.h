@@ -99,6 +99,7 @@ class LogReader {
   bool headAt(std::uint64_t position, LogHead* head);
   Edge edgeAt(std::uint64_t end);
   bool takeRecord(std::uint64_t start, LogPiece* piece);
+  bool mayGrow(std::uint64_t start);
   bool isWholeBeforeDamage(std::uint64_t start, std::uint64_t end);
   bool takeBroken(std::uint64_t start, bool isRecord, LogPiece* piece);
   std::uint64_t scanFrom(std::uint64_t from);

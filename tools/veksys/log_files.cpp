@@ -65,6 +65,18 @@ std::vector<std::string> rotatingFiles(const std::string& directory, const std::
   return paths;
 }
 
+// Nothing, which comes before every number, for no file of a series.
+std::optional<std::uint64_t> numberOf(std::string_view path) { return seriesNumber(path.substr(path.rfind('/') + 1)); }
+
+// How many numbers of a series stand between those of two files.
+std::uint64_t numbersBetween(const std::string& one, const std::string& other) {
+  const std::uint64_t from = numberOf(one).value_or(0);
+  const std::uint64_t to = numberOf(other).value_or(0);
+  return to > from ? to - from - 1 : 0;
+}
+
+bool comesBefore(const std::string& one, const std::string& other) { return numberOf(one) < numberOf(other); }
+
 void findBelow(const std::string& directory, unsigned depth, std::vector<LogSeries>& found) {
   const std::vector<std::string> names = namesIn(directory);
   LogSeries rotating = {directory, true, rotatingFiles(directory, names)};
@@ -121,6 +133,15 @@ std::vector<LogSeries> findLogs(const std::vector<std::string>& names) {
   return found;
 }
 
+std::unique_ptr<LogFile> openLogOf(const LogSeries& series, std::size_t file) {
+  try {
+    return std::make_unique<LogFile>(series.paths[file]);
+  } catch (const Failure&) {
+    if (!series.isRotating || ::access(series.paths[file].c_str(), F_OK) == 0) throw;
+    return nullptr;
+  }
+}
+
 // ---- one series -------------------------------------------------------------------------------------------------
 
 void LogSeriesReader::startAt(Place place) {
@@ -128,22 +149,23 @@ void LogSeriesReader::startAt(Place place) {
   start_ = place.position;
 }
 
+// False for a file that rotation has taken away since its directory was read.
 bool LogSeriesReader::open(std::size_t file, std::uint64_t position) {
+  file_ = openLogOf(series_, file);
+  if (file_ == nullptr) return false;
+  if (series_.isRotating && !path_.empty()) missed_ += numbersBetween(path_, series_.paths[file]);
   path_ = series_.paths[file];
-  file_ = std::make_unique<LogFile>(path_);
   const bool isLast = file + 1 == series_.paths.size();
   isOver_ = !isLast;
   reader_.emplace(*file_, position, growing_ && isLast);
   return true;
 }
 
-// Files that rotation has taken away meanwhile are passed over.
 bool LogSeriesReader::openNext() {
   while (next_ < series_.paths.size()) {
     const std::size_t file = next_++;
     const std::uint64_t position = std::exchange(start_, 0);
-    const bool wasTaken = series_.paths.size() > 1 && ::access(series_.paths[file].c_str(), F_OK) != 0;
-    if (!wasTaken) return open(file, position);
+    if (open(file, position)) return true;
   }
   return false;
 }
@@ -167,15 +189,13 @@ bool LogSeriesReader::next(LogPiece* piece) {
 
 std::string LogSeriesReader::renew() {
   std::string sentence;
+  if (const std::uint64_t missed = std::exchange(missed_, 0); missed != 0)
+    sentence = std::to_string(missed) + (missed == 1 ? " file" : " files") + " in front of \"" + path_ +
+               "\" went with rotation before they could be read.";
   if (series_.isRotating) {
     // Asked before the file is read once more: what is written after this stands in the new file.
     std::vector<std::string> paths = rotatingFiles(series_.directory, namesIn(series_.directory));
-    next_ = static_cast<std::size_t>(std::upper_bound(paths.begin(), paths.end(), path_,
-                                                      [](const std::string& a, const std::string& b) {
-                                                        return seriesNumber(a.substr(a.rfind('/') + 1)) <
-                                                               seriesNumber(b.substr(b.rfind('/') + 1));
-                                                      }) -
-                                     paths.begin());
+    next_ = static_cast<std::size_t>(std::upper_bound(paths.begin(), paths.end(), path_, comesBefore) - paths.begin());
     series_.paths = std::move(paths);
     isOver_ = isOver_ || next_ < series_.paths.size();
   } else if (file_ != nullptr && !file_->isCurrent() && ::access(path_.c_str(), R_OK) == 0) {

@@ -28,6 +28,10 @@ std::string instanceLogDirectory();
 // below it. Throws Failure for a name that is neither file nor directory.
 std::vector<LogSeries> findLogs(const std::vector<std::string>& names);
 
+// Opens a file of a series; null when rotation has taken it away since the series was found. Throws Failure for one
+// that cannot be read.
+std::unique_ptr<LogFile> openLogOf(const LogSeries& series, std::size_t file);
+
 // Reads a series from its oldest file, or the place told, to its end, and on when it grows.
 class LogSeriesReader {
  public:
@@ -60,7 +64,8 @@ class LogSeriesReader {
   bool growing_;
   bool isOver_ = false;  // the file is complete: another one has taken its place
   std::size_t next_ = 0;
-  std::uint64_t start_ = 0;  // in the next file
+  std::uint64_t start_ = 0;   // in the next file
+  std::uint64_t missed_ = 0;  // files between those read that rotation took away, until that is told
   std::string path_;
   std::unique_ptr<LogFile> file_;
   std::optional<LogReader> reader_;

@@ -110,12 +110,13 @@ std::uint64_t LogPass::rewindLane(Lane& lane, std::uint64_t count) const {
 // there are none, the position is near the end.
 std::uint64_t LogPass::placeLast(const LogSeries& series, std::size_t file, std::uint64_t count,
                                  std::uint64_t* position) const {
-  LogFile open(series.paths[file]);
+  const std::unique_ptr<LogFile> open = openLogOf(series, file);
+  if (open == nullptr) return 0;
   for (std::uint64_t back = kFirstStepBack;; back *= 4) {
-    const std::uint64_t start = logStartBefore(open, back);
+    const std::uint64_t start = logStartBefore(*open, back);
     Lane scratch({}, false);
     std::deque<std::uint64_t> places;
-    LogReader reader(open, start, false);
+    LogReader reader(*open, start, false);
     while (reader.next(&scratch.piece)) {
       *position = scratch.piece.position;
       if (!chooses(scratch)) continue;
