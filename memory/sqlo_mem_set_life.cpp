@@ -78,13 +78,13 @@ void truncate(SetPlan* plan, std::uint32_t requestedBytes, std::uint32_t configu
   plan->maxChunks = limit;
   plan->chunks = std::min(plan->chunks, limit);
   char text[384];
-  std::size_t length = ossSnprintf(text, sizeof text, "Set %d size truncated from %u bytes to %u bytes",
-                                   static_cast<int>(plan->setType), requestedBytes, limit << SQLO_CHUNK_SHIFT);
+  const std::size_t length = ossSnprintf(text, sizeof text, "Set %d size truncated from %u bytes to %u bytes",
+                                         static_cast<int>(plan->setType), requestedBytes, limit << SQLO_CHUNK_SHIFT);
   if (configured != 0)
-    length += ossSnprintf(text + length, sizeof text - length,
-                          "  To avoid this truncation, either reduce your memory configuration parameters for this set "
-                          "or update the VEKNTMEMSIZE registry variable with the string %s:%u.",
-                          sqloMemSetTypeName(plan->setType), requestedBytes);
+    ossSnprintf(text + length, sizeof text - length,
+                "  To avoid this truncation, either reduce your memory configuration parameters for this set "
+                "or update the VEKNTMEMSIZE registry variable with the string %s:%u.",
+                sqloMemSetTypeName(plan->setType), requestedBytes);
   warn(text, plan->setType);
 }
 

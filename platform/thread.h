@@ -37,7 +37,7 @@ extern thread_local constinit ThreadState* t_self __attribute__((tls_model("init
 // The calling thread's latch tracking table: made by sync/ in pages of its own on the thread's first capture, taken
 // down by it when the thread ends. Beside the state and not in it, since it is on the way of every capture.
 extern thread_local constinit SqloLatchTable* t_latchTable __attribute__((tls_model("initial-exec")));
-inline constexpr std::size_t LATCH_TABLE_BYTES = 9 * 4096;
+inline constexpr std::size_t LATCH_TABLE_BYTES = 36'864;  // nine pages
 
 // The calling thread's state, made on the first call; null when there is no memory or no
 // thread-specific key for it, while the thread ends, or after process exit has begun.

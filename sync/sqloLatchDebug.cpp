@@ -83,7 +83,7 @@ std::uint32_t findWay(LockOrder& order, std::uint32_t from, std::uint32_t to, st
   }
   if (cameFrom[to] == 0xFFFF) return 0;
   std::uint32_t length = 0;
-  for (std::uint16_t type = static_cast<std::uint16_t>(to);; type = cameFrom[type]) {
+  for (auto type = static_cast<std::uint16_t>(to);; type = cameFrom[type]) {
     if (length < room) way[length++] = type;
     if (type == from) break;
   }

@@ -32,7 +32,7 @@ bool isShared(SemElementRef reference) noexcept { return reference - 1 < kElemen
 std::uint32_t indexOf(SemElementRef reference) noexcept { return static_cast<std::uint32_t>(reference - 1); }
 
 LocalSemElement* localOf(SemElementRef reference) noexcept {
-  return reinterpret_cast<LocalSemElement*>(static_cast<std::uintptr_t>(reference));
+  return reinterpret_cast<LocalSemElement*>(reference);  // NOLINT(performance-no-int-to-ptr): it was made of one
 }
 
 struct Name {
@@ -46,7 +46,8 @@ Name nameOf(std::uint32_t index, std::uint32_t generation, std::uint32_t kind) n
   ossSnprintf(instance, sizeof instance, "%u.%s.%llx", header->ownerUser, header->instanceName,
               static_cast<unsigned long long>(header->createdRealtimeNs));
   Name name;
-  const void* address = reinterpret_cast<const void*>((std::uintptr_t{index} + 1) * sizeof(SemElement));
+  const std::uintptr_t offset = (std::uintptr_t{index} + 1) * sizeof(SemElement);
+  const void* address = reinterpret_cast<const void*>(offset);  // NOLINT(performance-no-int-to-ptr): only printed
   const int number = static_cast<int>((generation % 0x20000000U) * WAITER_KINDS + kind);
   if (sqloConstructResourceNameForAddress(name.text, sizeof name.text, "/", instance, number, address) == 0)
     sqloPanic(SQLO_SEM_HANDLE_INVALID, "sqloConstructResourceNameForAddress failed", nullptr);
