@@ -146,7 +146,7 @@ constexpr unsigned kStepsMost = 30'000;
 // sanitizer makes the same way many times as long.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 constexpr unsigned kBody = 12'000;
-constexpr unsigned kStride = 120;
+constexpr unsigned kStride = 600;
 #else
 constexpr unsigned kBody = 360;
 constexpr unsigned kStride = 2;
