@@ -6,8 +6,7 @@
 //   a waiter    sets its bit by a compare-and-swap that fails when the conflict is over, so that a release that did not
 //               see the bit has happened before and the waiter sees that
 //   a releaser  that sees a bit takes cs first; the word with the hold given back, the bits of those it wakes cleared
-//   and
-//               the reservation set are one change of it, so that no state in between exists for others to meet
+//               and the reservation set are one change of it, so that no state in between exists for others to meet
 //
 // verify/latch_cas32.pml is the model of the two.
 #include <algorithm>

@@ -7,8 +7,7 @@
 //   1. who wants U and finds SXLatch held exclusively gives ULatch back, waits for SXLatch, and tries ULatch without
 //      waiting; ULatch is held only by who has U, who is about to have it, or who is about to give it back;
 //   2. an X that becomes U takes ULatch while it holds SXLatch exclusively: who has ULatch then fails to get SXLatch
-//   and
-//      gives it back at once.
+//      and gives it back at once.
 #include <utility>
 
 #include "platform/osse.h"

@@ -11,15 +11,12 @@
 //   - All sizes are bytes, in 32 bits: an instance counts at most 4 GiB less one byte. A request that would carry the
 //     count beyond that is refused, forced or not.
 //   - Any thread, any process of the instance. Counters change under the controller latch only (type 466). Its holder
-//   may
-//     be killed at any instruction: the next thread repairs the counters from those of the consumers.
+//     may be killed at any instruction: the next thread repairs the counters from those of the consumers.
 //   - What a process was granted is returned when the process has ended, however it ended: the next request that does
-//   not
-//     fit, registration or query finds that out.
+//     not fit, registration or query finds that out.
 //   - Release call-backs run in the process that registered them, with the controller latch held. A call-back gives
-//   back
-//     with freeMemory(consumer, bytes, true) and updates its cache with setCachedMemory(consumer, bytes, true); it
-//     requests nothing (that is refused), registers nothing, and waits for nobody who might. A consumer of another
+//     back with freeMemory(consumer, bytes, true) and updates its cache with setCachedMemory(consumer, bytes, true);
+//     it requests nothing (that is refused), registers nothing, and waits for nobody who might. A consumer of another
 //     process is left a note, which the next call of the controller in that process serves.
 //   - A controller that has not been initialised in this run of the instance is not active: it grants everything and
 //     counts nothing.

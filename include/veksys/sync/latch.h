@@ -11,13 +11,11 @@
 //   - Whoever takes a latch releases it: the thread, not another one.
 //   - No latch times out. A request without CONDITIONAL waits until it is granted.
 //   - Capturing traces nothing and logs nothing as long as nothing has gone wrong. The first capture of a process reads
-//   the
-//     tuning (sqloInitializeLatchTuningInfo) unless sqlolatchinginit did, and reports what it does not understand
+//     the tuning (sqloInitializeLatchTuningInfo) unless sqlolatchinginit did, and reports what it does not understand
 //     there.
 //   - A child of fork has the latches of its parent's memory as they were, and none of the threads that held them: a
-//   private
-//     latch that another thread of the parent held stays held in the child. Fork while no other thread captures, or
-//     exec.
+//     private latch that another thread of the parent held stays held in the child. Fork while no other thread
+//     captures, or exec.
 //   - Every capture is noted in the calling thread's tracking table, before it is attempted, with the file and the line
 //     of the caller (__FILE__ and __LINE__, or any text that lives as long as the process). `veksys latch` shows them,
 //     and a thread that ends with latches held is reported. See latch_control.h.
