@@ -6,6 +6,7 @@
 #include <fstream>
 #include <functional>
 
+#include "diag/pdlog_support.h"
 #include "sync/latch_support.h"
 
 namespace vek::synctest {
@@ -253,6 +254,49 @@ TEST(LatchDeathPolicy, DecidesWhatBecomesOfIt) {
     });
     EXPECT_EQ(*code, SQLO_LATCH_HOLDER_DIED);
   }
+}
+
+// What a thread holds without a mark hides the dead only as long as it is held; a killed upgrader leaves its place; the
+// panic over a dead holder stands in the log.
+TEST(LatchDeathPolicy, NothingHidesTheDeadForGood) {
+  const Instance instance;
+  const platformtest::Shared<Latches> latches;
+  struct Many {
+    SQLO_SLATCH_CAS32 latches[65];
+  };
+  const platformtest::Shared<Many> many;
+  platformtest::inProcess([&] {
+    initialise(*latches, kFair);
+    for (auto& latch : many->latches) ASSERT_EQ(latch.init(kType, kShared), 0);
+    for (auto& latch : many->latches) ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
+    for (auto& latch : many->latches) latch.release();
+    platformtest::finish(platformtest::start([&] { hold(*latches), ::_exit(0); }));
+    expectUsable(*latches, "after more latches than the list has room for");
+    EXPECT_EQ(latches->repaired.load(), 1U);
+
+    ASSERT_EQ(latches->word.getShared(__FILE__, __LINE__), 0);
+    const pid_t upgrader = platformtest::start([&] {
+      (void)latches->word.getShared("u", 1);
+      (void)latches->word.convert(SQLO_LATCH_EXCLUSIVE, "u", 2);
+    });
+    while ((latches->word.state() & SQLO_SLATCH_WAITER_X) == 0) ::usleep(100);
+    EXPECT_EQ(platformtest::finishKilled(upgrader), -SIGKILL);
+    SqlzZrc result = SQLO_LATCH_UPGRADE_CONFLICT;
+    for (int i = 0; i < 100 && result == SQLO_LATCH_UPGRADE_CONFLICT; ++i)
+      result = latches->word.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__);
+    EXPECT_EQ(result, 0);
+    latches->word.release();
+  });
+  platformtest::inProcess([&] {
+    initialise(*latches, kFair);
+    ASSERT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_PANIC, nullptr, nullptr), 0);
+    platformtest::finish(platformtest::start([&] { hold(*latches), ::_exit(0); }));
+    const platformtest::Shared<SqlzZrc> code;
+    reportPanics(&*code);
+    (void)latches->word.getShared(__FILE__, __LINE__);
+  });
+  const std::string text = logtest::readFile(instance.directory() + "/instance/diag/vekdiag.log");
+  EXPECT_NE(text.find("The exclusive holder of a latch died"), std::string::npos);
 }
 
 // A thread that ends with a private latch held is as gone as a process, for the threads of its own.
