@@ -39,6 +39,10 @@ TEST(FaultGuard, LeavesTheBodyAndTellsWhatItWas) {
 
 // A handler of the program that interrupts the body, and faults, is the program's matter; the body goes on.
 TEST(FaultGuard, LeavesNoBodyForAFaultOfASignalHandler) {
+#if defined(__SANITIZE_THREAD__)
+  // It runs a handler with every signal blocked, whatever mask was asked for: a fault in there ends the process.
+  GTEST_SKIP() << "the thread sanitizer hands signals on in its own way";
+#endif
   for (const int flags : {0, SA_ONSTACK})
     inProcess([flags] {
       static sigjmp_buf place;
