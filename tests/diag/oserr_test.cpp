@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdint>
 
+#include "platform/support.h"
 #include "veksys/diag/rc.h"
 
 namespace {
@@ -12,7 +13,7 @@ namespace {
 constexpr std::uint32_t kComponentOsServices = 0x0F;
 
 // Every value gives a catalogued code of the operating-system services or the type-3 code that carries it.
-TEST(OsErrors, HaveACodeOrAreCarried) {
+TEST_APART(OsErrors, HaveACodeOrAreCarried) {
   for (const auto map : {sqloMapUnexpectedFileSystemErrorToZRC, sqloMapTcpIpErrorToZRC}) {
     int specific = 0;
     for (int error = 1; error <= 200; ++error) {
@@ -32,7 +33,7 @@ TEST(OsErrors, HaveACodeOrAreCarried) {
   }
 }
 
-TEST(OsErrors, DependOnWhereTheyAreMet) {
+TEST_APART(OsErrors, DependOnWhereTheyAreMet) {
   EXPECT_EQ(sqloMapUnexpectedFileSystemErrorToZRC(ENOENT), SQLO_FNEX);
   EXPECT_EQ(sqloMapUnexpectedFileSystemErrorToZRC(EACCES), SQLO_ACCD);
   EXPECT_EQ(sqloMapUnexpectedFileSystemErrorToZRC(ENOSPC), SQLO_DISK_FULL);

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "platform/ports.h"
+#include "platform/support.h"
 #include "platform/time_zone.h"
 #include "veksys/diag/rc.h"
 #include "veksys/pd_types.h"
@@ -91,7 +92,7 @@ TEST(PdItems, Numbers) {
   EXPECT_EQ(valueOf(PD_TYPE_FLOAT, -1e300), "-1e+300");
 }
 
-TEST(PdItems, ValuesWithAMeaning) {
+TEST_APART(PdItems, ValuesWithAMeaning) {
   EXPECT_EQ(valueOf(PD_TYPE_SIGNAL, 11), "11 SIGSEGV");
   EXPECT_EQ(valueOf(PD_TYPE_SIGNAL, -1), "-1");
   EXPECT_EQ(valueOf(PD_TYPE_SIGNAL, 4000), "4000");
@@ -155,7 +156,7 @@ TEST(PdItems, DumpsOfBytes) {
 }
 
 // A type and a size that do not agree, null, and a value at the very end of what may be read.
-TEST(PdItems, WrongValuesAreShownAsFarAsTheyGo) {
+TEST_APART(PdItems, WrongValuesAreShownAsFarAsTheyGo) {
   EXPECT_EQ(textOf(PD_TYPE_UINT, "abc"), "0x0000 : 6162 63                                    abc");
   EXPECT_EQ(textOf(PD_TYPE_FLOAT, "ab"), "0x0000 : 6162                                       ab");
   constexpr std::size_t kPage = 4096;

@@ -13,6 +13,7 @@
 
 #include "diag/base/sqlmsg.h"
 #include "platform/callstack.h"
+#include "platform/support.h"
 #include "platform/time_zone.h"
 #include "veksys/pd_markers.h"
 #include "veksys/pd_types.h"
@@ -70,7 +71,7 @@ class PdRecord : public ::testing::Test {
 };
 
 // Each step changes one thing that kept parts were made of, and the record after it changes nothing.
-TEST_F(PdRecord, IsTheSameWithAMemoryOfTheOnesBefore) {
+TEST_APART_F(PdRecord, IsTheSameWithAMemoryOfTheOnesBefore) {
   PdRecordMemory memory;
   PdRecordHeader header = plainHeader();
   PdRecordBody body;
@@ -101,7 +102,7 @@ TEST_F(PdRecord, IsTheSameWithAMemoryOfTheOnesBefore) {
   }
 }
 
-TEST_F(PdRecord, WholeRecordWithEverythingBelowTheHeader) {
+TEST_APART_F(PdRecord, WholeRecordWithEverythingBelowTheHeader) {
   PdRecordHeader header = plainHeader();
   header.partition = 3;
   header.database = "SALES";
@@ -207,7 +208,7 @@ TEST_F(PdRecord, HeaderLinesInTheirOtherForms) {
   }
 }
 
-TEST_F(PdRecord, CodesOfEveryKind) {
+TEST_APART_F(PdRecord, CodesOfEveryKind) {
   const auto body = [](PdCodeKind kind, std::int64_t code) {
     PdRecordBody made;
     made.codeKind = kind;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "diag/base/sqlmsg.h"
+#include "platform/support.h"
 #include "veksys/diag/rc.h"
 
 namespace {
@@ -36,7 +37,7 @@ class Description : public ::testing::Test {
   }
 };
 
-TEST_F(Description, OfCataloguedCodes) {
+TEST_APART_F(Description, OfCataloguedCodes) {
   EXPECT_EQ(description(SQLO_NOMEM), "ZRC=0x8B0F0000=-1961951232=SQLO_NOMEM \"No Memory Available\"\r\n");
   EXPECT_EQ(description(0), "ZRC=0x00000000=0=SQLZ_RC_OK \"The operation completed successfully\"\r\n");
   EXPECT_EQ(description(0x0727017B),
@@ -49,7 +50,7 @@ TEST_F(Description, OfCataloguedCodes) {
 }
 
 // Every entry stands on one line exactly when name, text, blank and quotes fit the width.
-TEST_F(Description, WrapsAtTheWidthInForce) {
+TEST_APART_F(Description, WrapsAtTheWidthInForce) {
   for (const bool wide : {false, true}) {
     pdSetWideMessages(wide);
     EXPECT_EQ(pdWideMessages(), wide);
@@ -72,7 +73,7 @@ TEST_F(Description, WrapsAtTheWidthInForce) {
   }
 }
 
-TEST_F(Description, OfACodeKnownWithoutItsComponent) {
+TEST_APART_F(Description, OfACodeKnownWithoutItsComponent) {
   EXPECT_EQ(description(sqlzZrc(0x800F0001)),
             "ZRC=0x800F0001=-2146500607=SQLZ_RC_NO_ROW, SQLT_SQLO\r\n"
             "          \"" +
@@ -82,7 +83,7 @@ TEST_F(Description, OfACodeKnownWithoutItsComponent) {
             "          \"Request was interrupted by the application\"\r\n");
 }
 
-TEST_F(Description, OfAnSqlCodeIsItsMessage) {
+TEST_APART_F(Description, OfAnSqlCodeIsItsMessage) {
   EXPECT_EQ(description(-902),
             "ZRC=0xFFFFFC7A=-902\r\n"
             "          SQL0902N  A system error occurred. Later SQL statements\r\n"
@@ -95,14 +96,14 @@ TEST_F(Description, OfAnSqlCodeIsItsMessage) {
   EXPECT_EQ(description(-100).substr(0, 40), "ZRC=0xFFFFFF9C=-100\r\n          SQL0100W ");
 }
 
-TEST_F(Description, OfUnknownCodes) {
+TEST_APART_F(Description, OfUnknownCodes) {
   EXPECT_EQ(description(-1), "ZRC=0xFFFFFFFF=-1\r\n");
   EXPECT_EQ(description(-10007), "ZRC=0xFFFFD8E9=-10007\r\n          \r\n");  // the message that says: none found
   EXPECT_EQ(description(sqlzZrc(0x80000000)), "ZRC=0x80000000=-2147483648\r\n          \r\n");
   EXPECT_EQ(description(0x7FFFFFFF), "ZRC=0x7FFFFFFF=2147483647\r\n          \r\n");
 }
 
-TEST_F(Description, WithoutMessages) {
+TEST_APART_F(Description, WithoutMessages) {
   const auto directory = std::filesystem::path(::testing::TempDir()) / "veksys-no-messages";
   std::filesystem::create_directories(directory);
   const std::string expected = "ZRC=0xFFFFFC7A=-902\r\n          \r\n";
@@ -122,7 +123,7 @@ TEST_F(Description, WithoutMessages) {
   std::filesystem::remove_all(directory);
 }
 
-TEST_F(Description, NeverPassesItsBuffer) {
+TEST_APART_F(Description, NeverPassesItsBuffer) {
   for (const SqlzZrc zrc : {SQLO_NOMEM, SQLO_SEM_TIMEOUT, sqlzZrc(0x80140001), -1, -902, -77777}) {
     const std::string whole = description(zrc);
     for (std::size_t size = 0; size <= whole.size() + 2; ++size) {

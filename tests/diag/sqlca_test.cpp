@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/ports.h"
+#include "platform/support.h"
 #include "veksys/diag/rc.h"
 #include "veksys/host.h"
 
@@ -55,7 +56,7 @@ TEST(Sqlca, StartsEmpty) {
   sqlzInitSqlca(nullptr);
 }
 
-TEST(SqlcaFold, KeepsTheFirstErrorAndTheHigherWarning) {
+TEST_APART(SqlcaFold, KeepsTheFirstErrorAndTheHigherWarning) {
   const struct {
     std::int32_t existing;
     std::int32_t fresh;
@@ -79,7 +80,7 @@ TEST(SqlcaFold, KeepsTheFirstErrorAndTheHigherWarning) {
   }
 }
 
-TEST(SqlcaFold, WritesCodeStateTokensAndZrc) {
+TEST_APART(SqlcaFold, WritesCodeStateTokensAndZrc) {
   sqlca area = emptyArea();
   sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -911, 2, std::int32_t{3}, "abcdef", std::int32_t{1}, "2");
   EXPECT_EQ(area.sqlcode, -911);
@@ -90,7 +91,7 @@ TEST(SqlcaFold, WritesCodeStateTokensAndZrc) {
   sqlzSqlcodeToSqlca(nullptr, nullptr, kZrc, nullptr, -911, 0);
 }
 
-TEST(SqlcaFold, ClearsTheTokensOfAReplacedWarning) {
+TEST_APART(SqlcaFold, ClearsTheTokensOfAReplacedWarning) {
   sqlca area = emptyArea();
   sqlzFoldSqlcode(nullptr, &area, 0, nullptr, 100, "left", std::string("over"));
   EXPECT_EQ(tokensOf(area), std::string("left") + kSeparator + "over");
@@ -99,7 +100,7 @@ TEST(SqlcaFold, ClearsTheTokensOfAReplacedWarning) {
   EXPECT_EQ(area.sqlerrml, 0);
 }
 
-TEST(SqlcaFold, CallsBackBeforeItWrites) {
+TEST_APART(SqlcaFold, CallsBackBeforeItWrites) {
   struct Seen {
     int calls = 0;
     std::int32_t areaCode = 0, sqlcode = 0;
@@ -122,7 +123,7 @@ TEST(SqlcaFold, CallsBackBeforeItWrites) {
   EXPECT_EQ(seen.flags, SQLZ_CONTEXT_SQLCA_SET);
 }
 
-TEST(SqlcaFold, MapsAReturnCode) {
+TEST_APART(SqlcaFold, MapsAReturnCode) {
   sqlca area = emptyArea();
   area.sqlcode = 100;
   sqlzRcToSqlca(nullptr, &area, 0, nullptr, 0);
@@ -133,7 +134,7 @@ TEST(SqlcaFold, MapsAReturnCode) {
   EXPECT_EQ(area.sqlerrd[0], SQLO_FNEX);
 }
 
-TEST(SqlcaFold, DumpsTheEngineUnitOfAnInternalError) {
+TEST_APART(SqlcaFold, DumpsTheEngineUnitOfAnInternalError) {
   std::vector<SqlzZrc> dumped;
   VekHost host = {};
   host.size = sizeof host;
@@ -149,7 +150,7 @@ TEST(SqlcaFold, DumpsTheEngineUnitOfAnInternalError) {
   EXPECT_EQ(dumped, std::vector<SqlzZrc>{kZrc});
 }
 
-TEST(SqlcaTokens, AreCutToThirtyFiveAndSeventyBytes) {
+TEST_APART(SqlcaTokens, AreCutToThirtyFiveAndSeventyBytes) {
   sqlca area = emptyArea();
   std::vector<SqlzToken> tokens(36, SqlzToken{1, "x"});
   std::int32_t count = 36;
@@ -175,7 +176,7 @@ TEST(SqlcaTokens, AreCutToThirtyFiveAndSeventyBytes) {
   EXPECT_EQ(std::string(area.sqlerrp, 6), "VEKSYS");  // the field behind the tokens
 }
 
-TEST(SqlcaTokens, TakeMorePairsThanAnAreaHolds) {
+TEST_APART(SqlcaTokens, TakeMorePairsThanAnAreaHolds) {
   sqlca area = emptyArea();
 #define FOUR std::int32_t{1}, "a", std::int32_t{1}, "b", std::int32_t{1}, "c", std::int32_t{1}, "d"
   sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -911, 36, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR);
@@ -184,7 +185,7 @@ TEST(SqlcaTokens, TakeMorePairsThanAnAreaHolds) {
   EXPECT_EQ(area.sqlerrmc[68], 'c');
 }
 
-TEST(SqlcaTokens, WithImpossibleLengthsAreReportedAndNotStored) {
+TEST_APART(SqlcaTokens, WithImpossibleLengthsAreReportedAndNotStored) {
   const struct {
     std::vector<std::int32_t> lengths;
     const char* event;
@@ -210,7 +211,7 @@ TEST(SqlcaTokens, WithImpossibleLengthsAreReportedAndNotStored) {
   }
 }
 
-TEST(SqlcaTokens, MayBeMissing) {
+TEST_APART(SqlcaTokens, MayBeMissing) {
   sqlca area = emptyArea();
   const SqlzToken tokens[] = {{5, nullptr}, {2, "ok"}};
   std::int32_t count = 2;
@@ -225,7 +226,7 @@ TEST(SqlcaTokens, MayBeMissing) {
   EXPECT_EQ(sqlzStoreVariableMsgTokensInSqlca(&area, nullptr, tokens), 0);
 }
 
-TEST(SqlState, IsThatOfTheCode) {
+TEST_APART(SqlState, IsThatOfTheCode) {
   const struct {
     std::int32_t sqlcode;
     const char* state;
@@ -240,7 +241,7 @@ TEST(SqlState, IsThatOfTheCode) {
 }
 
 // Lost data above substituted values, those above degraded plans, those above no row, that above mere information.
-TEST(WarningPrecedence, IsAStrictOrder) {
+TEST_APART(WarningPrecedence, IsAStrictOrder) {
   const std::int32_t ascending[] = {598, 100, 437, 335, 445};
   for (const std::int32_t low : ascending)
     for (const std::int32_t high : ascending)

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/support.h"
 #include "veksys/diag/rc.h"
 
 namespace {
@@ -124,7 +125,7 @@ TEST(MessageObject, StandsRandomDamage) {
   }
 }
 
-TEST(SqlMessage, IsCutToTheBuffer) {
+TEST_APART(SqlMessage, IsCutToTheBuffer) {
   char whole[512];
   const std::size_t length = sqlzGetSqlMessage(-901, whole, sizeof whole);
   ASSERT_TRUE(std::string(whole).starts_with("SQL0901N  "));
@@ -143,7 +144,7 @@ TEST(SqlMessage, IsCutToTheBuffer) {
   }
 }
 
-TEST(SqlMessage, IsReadOnceByAllThreads) {
+TEST_APART(SqlMessage, IsReadOnceByAllThreads) {
   vek::sqlzi_forgetMessages();
   std::vector<std::string> seen(8);
   {

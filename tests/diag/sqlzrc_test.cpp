@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/support.h"
 #include "veksys/diag/error_category.h"
 #include "veksys/diag/rc.h"
 #include "veksys/host.h"
@@ -188,7 +189,7 @@ TEST(ZrcErrorTypes, HaveTheirTexts) {
   EXPECT_EQ(sqlzErrorTypeText(35), nullptr);
 }
 
-TEST(ZrcMap, AnswersWhatEveryRowOfTheTableSays) {
+TEST_APART(ZrcMap, AnswersWhatEveryRowOfTheTableSays) {
   const std::vector<TableRow> rows = tableRows();
   ASSERT_EQ(rows.size(), SQLZ_ZRC_MAP_COUNT);
   for (const TableRow& row : rows) {
@@ -198,7 +199,7 @@ TEST(ZrcMap, AnswersWhatEveryRowOfTheTableSays) {
   }
 }
 
-TEST(ZrcMap, AnswersTheTellingEntries) {
+TEST_APART(ZrcMap, AnswersTheTellingEntries) {
   const struct {
     std::uint32_t code;
     Info info;
@@ -220,7 +221,7 @@ TEST(ZrcMap, AnswersTheTellingEntries) {
   }
 }
 
-TEST(ZrcMap, EndsWhereEachTypeEnds) {
+TEST_APART(ZrcMap, EndsWhereEachTypeEnds) {
   const std::uint32_t counts[SQLZ_ZRC_TYPE_COUNT] = {
       3052,  151,   616,   1, 154,  212, 128, 502, 117, 183, 1, 99, 20, 30, 65536, 7428, 307, 41228,
       41478, 34819, 52746, 1, 5136, 52,  24,  49,  17,  52,  6, 1,  1,  1,  1,     344,  314};
@@ -236,13 +237,13 @@ TEST(ZrcMap, EndsWhereEachTypeEnds) {
     EXPECT_EQ(infoOf(sqlzZrc(code)), kNoEntry) << std::hex << code;
 }
 
-TEST(ZrcMap, PassesByTheCompilersComponent) {
+TEST_APART(ZrcMap, PassesByTheCompilersComponent) {
   for (std::uint32_t type = 0; type < 128; ++type)
     for (const std::uint32_t number : {0U, 1U, 3U, 0xFFFFU})
       EXPECT_EQ(infoOf(codeOf(type, SQLZ_COMPONENT_SQLNN, number)), kNoEntry) << type;
 }
 
-TEST(ZrcMap, TellsTypeAndReason) {
+TEST_APART(ZrcMap, TellsTypeAndReason) {
   EXPECT_EQ(infoOf(SQLO_NOMEM).type, 0x0B000000U);
   EXPECT_EQ(infoOf(SQLO_INV_PARM).reason, 0xFCU);
   EXPECT_EQ(infoOf(sqlzZrc(0x83120005)).reason, 0x120005U);
@@ -251,7 +252,7 @@ TEST(ZrcMap, TellsTypeAndReason) {
 }
 
 // The reason of "lock list full" tells whether it is the list itself.
-TEST(ZrcMap, TellsTheReasonOfAFullLockList) {
+TEST_APART(ZrcMap, TellsTheReasonOfAFullLockList) {
   EXPECT_EQ(infoOf(sqlzZrc(0x8510000A)).sqlcode, -912);
   EXPECT_EQ(infoOf(sqlzZrc(0x8510000A)).reason, 1U);
   EXPECT_EQ(infoOf(sqlzZrc(0x850F000A)).reason, 2U);  // the same entry under another component
@@ -261,14 +262,14 @@ TEST(ZrcMap, TellsTheReasonOfAFullLockList) {
   }
 }
 
-TEST(ZrcMap, TakesNullForAnyResult) {
+TEST_APART(ZrcMap, TakesNullForAnyResult) {
   EXPECT_EQ(sqlzGetZRCInfo(sqlzZrc(0x80000002), nullptr, nullptr, nullptr, nullptr), -911);
   std::uint32_t reason = 0;
   EXPECT_EQ(sqlzGetZRCInfo(sqlzZrc(0x80000002), nullptr, &reason, nullptr, nullptr), -911);
   EXPECT_EQ(reason, 2U);
 }
 
-TEST(ErrorCategory, ComparesWithStandardConditions) {
+TEST_APART(ErrorCategory, ComparesWithStandardConditions) {
   const std::error_code noMemory = SqlzErrc(SQLO_NOMEM);
   EXPECT_EQ(noMemory, std::errc::not_enough_memory);
   EXPECT_NE(noMemory, std::errc::permission_denied);
