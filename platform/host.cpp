@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 
 #include "platform/dirs.h"
@@ -39,15 +40,16 @@ constinit std::atomic<bool> g_keepsInstanceName{false};
 
 }  // namespace
 
-constinit std::atomic<const VekInstanceControl*> g_hostControl{&kDefaultControl};
+constinit std::atomic<const std::int32_t*> g_hostDiagLevel{&kDefaultControl.DIAGLEVEL};
 
 namespace {
 
-// What g_hostControl answers from now on: known where the host has none of its own or has it already.
+// Where the level stands from now on: known where the host has no control block of its own or has it already.
 void noteControl(const VekHost& host) noexcept {
+  static constexpr std::int32_t kToBeAsked = std::numeric_limits<std::int32_t>::max();
   const VekInstanceControl* control =
       host.instanceControl == nullptr ? &kDefaultControl : host.instanceControl(host.context);
-  g_hostControl.store(control, std::memory_order_release);
+  g_hostDiagLevel.store(control == nullptr ? &kToBeAsked : &control->DIAGLEVEL, std::memory_order_release);
 }
 
 bool isKnownSize(std::size_t size) noexcept {

@@ -19,8 +19,9 @@ bool hostApplication(VekApplication* out) noexcept;
 // Whether the host answers any of the two.
 bool hostHasFields() noexcept;
 
-// What vekInstanceControl() answers, for what runs too often to ask the host each time. Null: ask it.
-extern std::atomic<const VekInstanceControl*> g_hostControl;
+// The host's DIAGLEVEL where it stands, for what runs too often to ask the host each time. Leads to the highest number
+// while the host has no control block to answer: then it is to be asked.
+[[gnu::visibility("hidden")]] extern std::atomic<const std::int32_t*> g_hostDiagLevel;
 
 void hostWorkloadDisplay(EcfFunctionId id, bool entry) noexcept;
 void hostDumpEngineUnit(SqlzZrc zrc) noexcept;
