@@ -424,12 +424,13 @@ SqlzZrc get(SQLO_SLATCH_CAS32& latch, SqloLatchRequest request, const char* file
   const bool exclusive = (request & SQLO_LATCH_EXCLUSIVE) != 0;
   ossPrefetchToWrite(&latch);  // else reading the flags would fetch the line to share it first
   SqloLatchTable* table = t_latchTable;
-  LatchMark* mark = latchPublishShortly(table, &latch, latch.flags(), exclusive ? MARK_EXCLUSIVE : 0, file, line);
+  const std::uint32_t flags = latch.flags();  // once: behind the exchange the line may be another processor's again
+  LatchMark* mark = latchPublishShortly(table, &latch, flags, exclusive ? MARK_EXCLUSIVE : 0, file, line);
   if (mark == nullptr) [[unlikely]]
     return getLong(latch, request, file, line, fast);
   if (!fast(latch)) [[unlikely]]
     return getSlow(latch, request, LatchHold(table, mark, Access::subject(latch, exclusive)), file, line, true);
-  latchCount(*table, &latch, latch.flags(), file, line);
+  latchCount(*table, &latch, flags, file, line);
   return 0;
 }
 

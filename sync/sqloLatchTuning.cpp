@@ -38,23 +38,24 @@ constexpr LatchTuning kOneProcessor = {.outer = 0,
                                        .enableConstrainedSpin = 0,
                                        .fighterCount = 1};
 
-// With more: the loop count 2 feeds OUTER, the waste value 10, as the larger of the two, SWASTE and XWASTE, the pair of
-// 50 SLOOP and XLOOP. A thread then spins for a shared latch about as long as it takes to put it to sleep and wake it.
-// Who waits for a spin latch looks often: it is held for a few instructions.
+// With more: the loop count 2 feeds OUTER, the larger of it and of the waste value 10 SLOOP and XLOOP, the pair of 50
+// SWASTE and XWASTE. A thread then spins for a shared latch about as long as it takes to put it to sleep and wake it.
+// It looks rarely: each look takes the latch's line away from the holder, who has to fetch it back before it can
+// release, and while the waiter stays away the holder takes several turns at the cost of one. Who waits for a spin
+// latch looks often: it is held for a few instructions, and its release does not wait for the line.
 constexpr std::uint32_t kLoopCount = 2;
 constexpr std::uint32_t kWasteValue = 10;
-constexpr std::uint32_t kLooks = 50;
-constexpr std::uint32_t kAttempts = 50;
+constexpr std::uint32_t kPair = 50;
 
 LatchTuning defaultTuning(std::uint32_t processors) noexcept {
   LatchTuning tuning = kOneProcessor;
   tuning.fighterCount = processors;
   if (processors < 2) return tuning;
   tuning.outer = kLoopCount;
-  tuning.inner = kLooks;
+  tuning.inner = kPair;
   tuning.waste = 1;
-  tuning.swaste = tuning.xwaste = std::max(kLoopCount, kWasteValue);
-  tuning.sloop = tuning.xloop = kAttempts;
+  tuning.sloop = tuning.xloop = std::max(kLoopCount, kWasteValue);
+  tuning.swaste = tuning.xwaste = kPair;
   return tuning;
 }
 
