@@ -300,7 +300,10 @@ SqlzZrc getDecided(Decision* decision, char* buffer, std::size_t bytes) noexcept
 
 PdDiagDirectory pdiDiagDirectory() noexcept { return directoryOf(inUse()); }
 
-PdDiagDirectory pdiAlternateDirectory() noexcept { return directoryOf(decided(kAlternate)); }
+PdDiagDirectory pdiAlternateDirectory() noexcept {
+  if (!isSet(vekInstanceControl()->ALT_DIAGPATH)) return {"", 0, SQLT_DIAGPATH_NO_ALTERNATE};
+  return directoryOf(decided(kAlternate));
+}
 
 PdDiagDirectory pdiTrustedDirectory() noexcept {
   PdDiagDirectory directory = pdiDiagDirectory();

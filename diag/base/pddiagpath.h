@@ -38,7 +38,7 @@ SqlzZrc pdiRenewDiagDirectory() noexcept;
 bool pdiIsOnAlternate() noexcept;
 
 // The alternate directory, without switching to it: for a single file that finds no place in the primary one. The same
-// promises as of pdiDiagDirectory.
+// promises as of pdiDiagDirectory. That none is configured is answered and not reported: nobody has asked for it.
 PdDiagDirectory pdiAlternateDirectory() noexcept;
 
 // pdSwitchToAltDiagPath for the logger: takes no lock and logs nothing, so that it may be called under the logger's own

@@ -99,8 +99,12 @@ int pdi_appendRecord(const PdLogTarget& target, const AppendText& text, AppendTe
 
 bool pdi_takeRemark(PdLogRemark* out) noexcept { return pdi_takeRotationRemark(out); }
 
-void pdi_abandonFiles() noexcept {
-  if (g_inUse != nullptr) appendAbandon(*g_inUse);
+void pdi_abandonFiles(AppendOutcome* outcome) noexcept {
+  outcome->failed = "write";
+  if (g_inUse == nullptr) return;
+  if (outcome->path[0] == '\0')  // not even opened
+    ossSnprintf(outcome->path, sizeof outcome->path, "%s%s", g_inUse->directory, g_inUse->name);
+  appendAbandon(*g_inUse);
   g_inUse = nullptr;
 }
 

@@ -40,7 +40,7 @@ struct PdLogRemark {
 };
 bool pdi_takeRemark(PdLogRemark* out) noexcept;
 
-// After a fault while a file was in use.
-void pdi_abandonFiles() noexcept;
+// After a fault while a file was in use: gives it up, and completes what is told about the attempt.
+void pdi_abandonFiles(AppendOutcome* outcome) noexcept;
 
 }  // namespace vek

@@ -47,8 +47,35 @@ struct Logger {
   Fault fault = {};
 };
 
+// Calls from inside a log call, counted together with the process that made them: a child of fork begins anew, since
+// its parent tells of its own.
+class Dropped {
+ public:
+  void add(std::uint32_t processId, std::uint32_t count) noexcept {
+    std::uint64_t known = state_.load(std::memory_order_relaxed);
+    while (!state_.compare_exchange_weak(known, stateOf(processId, countIn(known, processId) + count),
+                                         std::memory_order_relaxed)) {
+    }
+  }
+  std::uint32_t take(std::uint32_t processId) noexcept {
+    if (state_.load(std::memory_order_relaxed) == 0) [[likely]]
+      return 0;
+    return countIn(state_.exchange(0, std::memory_order_relaxed), processId);
+  }
+
+ private:
+  static std::uint64_t stateOf(std::uint32_t processId, std::uint32_t count) noexcept {
+    return std::uint64_t{processId} << 32 | count;
+  }
+  static std::uint32_t countIn(std::uint64_t state, std::uint32_t processId) noexcept {
+    return state >> 32 == processId ? static_cast<std::uint32_t>(state) : 0;
+  }
+
+  std::atomic<std::uint64_t> state_ = 0;  // process, count
+};
+
 constinit Logger g_log;
-constinit std::atomic<std::uint64_t> g_dropped{0};  // calls from inside a log call
+constinit Dropped g_dropped;
 thread_local constinit int t_inside __attribute__((tls_model("initial-exec"))) = 0;
 
 // ---- facts, collected while no lock is held ---------------------------------------------------------------------
@@ -293,8 +320,7 @@ void formatAndAppend(void* context) noexcept {
 
 // After a fault while the file was in use.
 int abandonFiles() noexcept {
-  pdi_abandonFiles();
-  g_log.outcome.failed = "write";
+  pdi_abandonFiles(&g_log.outcome);
   return EFAULT;
 }
 
@@ -325,17 +351,16 @@ int writeGuarded(Job& job) noexcept {
 }
 
 // What the record has to say besides its own matter.
-void composeNote(const PdLogLosses& losses, std::uint64_t dropped) noexcept {
+void composeNote(const PdLogLosses& losses, std::uint32_t dropped) noexcept {
   g_log.noteBytes = losses.compose(g_log.note, sizeof g_log.note);
   if (dropped == 0) return;
-  g_log.noteBytes +=
-      ossSnprintf(g_log.note + g_log.noteBytes, sizeof g_log.note - g_log.noteBytes,
-                  "Before this record %llu log call%s from inside a log call %s dropped.\r\n",
-                  static_cast<unsigned long long>(dropped), dropped == 1 ? "" : "s", dropped == 1 ? "was" : "were");
+  g_log.noteBytes += ossSnprintf(g_log.note + g_log.noteBytes, sizeof g_log.note - g_log.noteBytes,
+                                 "Before this record %u log call%s from inside a log call %s dropped.\r\n", dropped,
+                                 dropped == 1 ? "" : "s", dropped == 1 ? "was" : "were");
 }
 
 SqlzZrc writeLocked(const PdLogCall& call, const PdLogDumpFact* dump, const Facts& facts) noexcept {
-  const std::uint64_t dropped = g_dropped.exchange(0, std::memory_order_relaxed);
+  const std::uint32_t dropped = g_dropped.take(g_log.header.processId);
   PdLogLosses& losses = PdLogLosses::of(facts.target.name, g_log.header.processId);
   composeNote(losses, dropped);
   g_log.header.timeNs = ossRealtimeNs();
@@ -346,7 +371,7 @@ SqlzZrc writeLocked(const PdLogCall& call, const PdLogDumpFact* dump, const Fact
     losses.forget();
     return 0;
   }
-  g_dropped.fetch_add(dropped, std::memory_order_relaxed);
+  if (dropped != 0) g_dropped.add(g_log.header.processId, dropped);
   losses.add(error, g_log.outcome, g_log.header.timeNs);
   return SQLT_DIAGERR_LOGERR;
 }
@@ -511,7 +536,7 @@ PdInsideLog::~PdInsideLog() {
 bool pdi_isInsideLog() noexcept { return t_inside != 0; }
 
 SqlzZrc pdi_drop() noexcept {
-  g_dropped.fetch_add(1, std::memory_order_relaxed);
+  g_dropped.add(ossProcessId(), 1);
   return SQLT_DIAGERR_LOGERR;
 }
 

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -83,6 +84,18 @@ TEST_F(FacilityLogs, EachHasItsFileAndItsLevel) {
     EXPECT_EQ(again, audit) << "a name keeps its number";
     pdCloseOpenedFacility();
     for (const std::uint32_t each : {audit, fast}) EXPECT_EQ(pdLogFacClose(each), SQLO_INV_PARM);
+  });
+}
+
+// Its file finds no other place; nobody has asked for the alternate directory, so nobody hears that there is none.
+TEST_F(FacilityLogs, OneThatCannotBeWrittenLosesItsOwnRecords) {
+  inProcess([this] {
+    std::uint32_t lost = 0;
+    ASSERT_EQ(pdLogFacOpen("lost", PD_LEVEL_EVENT, &lost), 0);
+    ASSERT_TRUE(std::filesystem::create_directories(instance_.directory() + "/instance/diag/lost.log"));
+    EXPECT_EQ(write(lost, PD_LEVEL_ERROR, "nowhere"), SQLT_DIAGERR_LOGERR);
+    EXPECT_EQ(pdLogPrintf(0, kFunction, 0, 1, PD_LEVEL_ERROR, "goes on"), 0);
+    EXPECT_TRUE(has(log(), "goes on") && !has(log(), "ALT_DIAGPATH")) << log();
   });
 }
 

@@ -246,10 +246,12 @@ TEST(PdLog, CallsFromInsideALogCallAreDroppedAndTold) {
       return ossSnprintf(text, room, "formatted");
     };
     EXPECT_EQ(pdLog(1, kFunction, 0, 5, 2, 1, kStructure, 4U, &kSeven), 0);
+    inProcess([] { EXPECT_EQ(logText("a child has dropped nothing"), 0); });
     EXPECT_EQ(logText("the next"), 0);
     const auto records = log.records();
-    ASSERT_EQ(records.size(), 3U);
-    EXPECT_TRUE(holds(records[2], "Before this record 2 log calls from inside a log call were dropped."));
+    ASSERT_EQ(records.size(), 4U);
+    EXPECT_FALSE(holds(records[2], "Before this record"));
+    EXPECT_TRUE(holds(records[3], "Before this record 2 log calls from inside a log call were dropped."));
     EXPECT_EQ(countOf(records, "from inside\r\n"), 0U);
   });
 }
@@ -382,6 +384,21 @@ TEST(PdLog, FaultsCostTheirOwnRecordOnly) {
     EXPECT_EQ(countOf(recordsOf(readFile(log.directory() + line)), "SIGSEGV"), std::size(calls));
     EXPECT_EQ(pdLogEvRecEx(1, kFunction, 0, 5, 2, static_cast<const PdRecorderEvent*>(bad), 0), 0);
     EXPECT_EQ(recorded, 1);
+    const PdOSSeMessage message = {kFunction, 6, PD_LEVEL_ERROR, 0, 0, text};
+    for (const PdOSSeMessage* each : {&message, static_cast<const PdOSSeMessage*>(bad)}) pdOSSeLoggingCallback(each);
+    std::snprintf(line, sizeof line, "Trap 0000000b detected in vekdiag call from [%ld,6] trapfile created",
+                  static_cast<long>(kFunction));
+    EXPECT_EQ(countOf(log.records(), line), 1U);
+    EXPECT_EQ(countOf(log.records(), "A message of the OS-services layer could not be read"), 1U);
+    PdApplInfoFunctions functions = {};
+    functions.work = [](std::uint32_t* work, std::uint32_t*, std::uint32_t*) {
+      *work = *static_cast<volatile std::uint32_t*>(bad);
+      return true;
+    };
+    pdSetGetApplInfoFunctions(&functions);
+    EXPECT_EQ(logText("without its fields"), 0);
+    EXPECT_EQ(countOf(log.records(), "\r\nwithout its fields\r\n"), 1U);
+    pdSetGetApplInfoFunctions(nullptr);
     const char* const tokens[] = {"T", text};
     EXPECT_EQ(sqlt_logadmin(kFunction, 5, 1, -107, 2, tokens), 0);
     EXPECT_EQ(sqlt_logadmin(kFunction, 5, 1, -107, 2, static_cast<const char* const*>(bad)), 0);

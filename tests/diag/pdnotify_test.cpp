@@ -278,7 +278,9 @@ TEST_F(NotifyLog, FailuresAreReportedOncePerStreak) {
     EXPECT_EQ(write(), SQLT_DIAGERR_LOGERR);
     EXPECT_EQ(reported.size(), 4U) << "a new streak";
   });
-  inProcess([this] {  // met inside of a log call, said behind it
+  inProcess([this] {  // met inside of a log call, said behind it, and once on standard error
+    const std::string said = instance_.path("stderr");
+    ::dup2(::open(said.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
     const auto log = [] { return pdLog(pdLogNotify(1), kFunction, 0, 1, PD_LEVEL_ERROR, 0); };
     EXPECT_EQ(log(), 0);
     EXPECT_EQ(log(), 0);
@@ -286,6 +288,9 @@ TEST_F(NotifyLog, FailuresAreReportedOncePerStreak) {
     const std::size_t at = text.find("notification log " + file() + " cannot be written");
     EXPECT_NE(at, std::string::npos);
     EXPECT_EQ(text.find("cannot be written", at + 100), std::string::npos);
+    EXPECT_TRUE(std::regex_match(contentsOf(said),
+                                 std::regex("Open of log file \"" + file() + "\" failed with rc 0x[0-9A-F]{8}\n")))
+        << contentsOf(said);
   });
 }
 

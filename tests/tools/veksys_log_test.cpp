@@ -155,6 +155,8 @@ TEST_F(Log, MergesDirectoriesByTimeAndRotatedFilesInOrder) {
   write("diag/rotate/vekdiag.10.log", logOf({{30, "Info", "2025-11-21-10.00.05.000000"}}));
   write("diag/rotate/vekdiag.9.log", logOf({{10, "Info", "2025-11-21-10.00.01.000000"}}));
   write("diag/vekdiag.9.log.gz", "no log");
+  // Listed, and gone when it is opened: as a file that rotation takes away in between.
+  std::filesystem::create_symlink("nowhere", instance_.path("diag/rotate/vekdiag.8.log"));
   write("diag/HOST_a/NODE0003/vekdiag.log", logOf({{20, "Info", "2025-11-21-11.00.02.000000", "+060"},
                                                    {40, "Info", "2025-11-21-11.00.06.000000", "+060"}}));
   EXPECT_EQ(probes({instance_.path("diag")}), (Probes{10, 20, 30, 40}));
@@ -439,11 +441,12 @@ TEST_F(Log, TailIsTheEndOfAll) {
 
 // ---- following and terminals ------------------------------------------------------------------------------------
 
-// The command with its standard output at `output`.
-pid_t startCommand(std::vector<std::string> arguments, int output) {
+// The command with its standard output at `output`, and standard error at `errors`.
+pid_t startCommand(std::vector<std::string> arguments, int output, int errors = 2) {
   const pid_t child = ::fork();
   if (child != 0) return child;
   ::dup2(output, 1);
+  ::dup2(errors, 2);
   std::vector<char*> argv = {const_cast<char*>("veksys"), const_cast<char*>("log")};
   for (std::string& each : arguments) argv.push_back(each.data());
   argv.push_back(nullptr);
@@ -461,8 +464,10 @@ TEST_F(Log, FollowsAcrossRotation) {
   const std::string first = write("diag/vekdiag.1.log", text.substr(0, one));
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  const pid_t child = startCommand({instance_.path("diag"), "--follow", "--csv", "--limit", "8"}, ends[1]);
+  const int errors = ::open(write("errors", "").c_str(), O_WRONLY | O_CLOEXEC);
+  const pid_t child = startCommand({instance_.path("diag"), "--follow", "--csv", "--limit", "10"}, ends[1], errors);
   ::close(ends[1]);
+  ::close(errors);
   FILE* shown = ::fdopen(ends[0], "r");
   const auto expectProbe = [&](int probe) {
     char line[1024];
@@ -492,8 +497,14 @@ TEST_F(Log, FollowsAcrossRotation) {
   expectProbe(7);
   append(instance_.path("diag/vekdiag.2.log"), growing.substr(2000));
   expectProbe(8);
+  const std::string last = write("diag/vekdiag.5.log", logOf(numbered(9, 9)));
+  expectProbe(9);
+  append(last, recordAt(logOf(numbered(9, 9)).size(), {10}));
+  expectProbe(10);
   std::fclose(shown);
   EXPECT_EQ(WEXITSTATUS(waitFor(child)), 0);
+  EXPECT_EQ(contentOf(instance_.path("errors")),
+            "veksys: 2 files in front of \"" + last + "\" went with rotation before they could be read.\n");
 }
 
 // What a terminal gets for a command.
