@@ -3,6 +3,7 @@
 
 #include "diag/base/pdlog.h"
 #include "diag/base/sqltfast.h"
+#include "memory/sqlo_mem_pool_fast.h"
 #include "platform/osse.h"
 #include "platform/ports.h"
 #include "sync/sqloLatchTable.h"
@@ -31,7 +32,7 @@ MemberAnswer ownMember(std::int16_t partition, const char* host, PortMember* out
   return MemberAnswer::kFound;
 }
 
-void nothingToGiveBack() {}
+
 
 }  // namespace
 
@@ -42,7 +43,7 @@ constinit Ports g_ports = {
     .formatItem = noFormatter,
     .member = ownMember,
     .attachTrace = sqlti_attachAtPoint,
-    .flushMemoryCaches = nothingToGiveBack,
+    .flushMemoryCaches = sqloi_fastThreadEnds,
     .checkLatches = sqloi_latchThreadEnds,
 };
 

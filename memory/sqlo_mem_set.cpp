@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "diag/base/traced.h"
+#include "memory/sqlo_mem_pool.h"
 #include "memory/sqlo_mem_settings.h"
 #include "platform/address_space.h"
 #include "platform/osse.h"
@@ -117,14 +118,8 @@ SqlzZrc sqloMemSetSetMaxSize(SQLO_MEM_SET* set, std::uint32_t bytes) noexcept {
 void sqloEnableCriticalOptionForMemSet(SQLO_MEM_SET* set) noexcept {
   if (!vek::sqloi_isSet(set)) return;
   set->m_options |= SQLO_SET_CRITICAL;
-  for (SqloMemListEntry* pool = set->m_pools; pool != nullptr; pool = pool->next) {
-    pool->options |= SQLO_SET_CRITICAL;
-    for (SqloMemListEntry* entry = pool->first; entry != nullptr; entry = entry->next) {
-      entry->options |= SQLO_SET_CRITICAL;
-      for (SqloMemListEntry* last = entry->first; last != nullptr; last = last->next)
-        last->options |= SQLO_SET_CRITICAL;
-    }
-  }
+  for (vek::MemPool* pool = set->m_pools; pool != nullptr; pool = pool->m_next)
+    vek::sqloi_visitPools(*pool, [](vek::MemPool& each) { each.m_options |= SQLO_POOL_CRITICAL; });
 }
 
 // ---- questions

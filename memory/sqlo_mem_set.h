@@ -23,6 +23,8 @@
 
 namespace vek {
 
+struct MemPool;
+
 inline constexpr std::uint32_t MEM_SET_EYE_CATCHER = 0x534D5345;  // "ESMS" in memory
 inline constexpr std::uint32_t MEM_SET_GROUPS = 512;
 inline constexpr std::uint32_t MEM_SET_FAST_CHUNKS = 256;
@@ -144,7 +146,7 @@ class SMemSet {
   SqloSpinLatch m_latch;
   std::uint32_t m_groupCount;
   vek::ChunkGroup m_groups[vek::MEM_SET_GROUPS];
-  SqloMemListEntry* m_pools;
+  vek::MemPool* m_pools;
   vek::PendingFailure m_pending;
   std::uint32_t m_fastCount;
   bool m_fastEnabled;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iterator>
 
+#include "memory/sqlo_mem_pool.h"
 #include "memory/sqlo_mem_section.h"
 #include "platform/address_windows.h"
 #include "platform/dirs.h"
@@ -30,11 +31,17 @@ SqlzZrc repairSet(void* /*context*/, void* latch, std::uint32_t /*typeId*/) noex
   return 0;
 }
 
+SqlzZrc repairPool(void* /*context*/, void* latch, std::uint32_t /*typeId*/) noexcept {
+  sqloi_repairPool(*MemPool::ofLatch(latch));
+  return 0;
+}
+
 // In a new run of the instance the directory is empty: what lies where its sets would is left over.
 void prepareDirectory() noexcept {
   (void)sqloSetLatchDeathPolicy(SQLO_LT_SMemSetDirectory__entryLatch__latch, SQLO_LATCH_DEATH_REPAIR, repairDirectory,
                                 nullptr);
   (void)sqloSetLatchDeathPolicy(SQLO_LT_SMemSet__MemLatchType__latch, SQLO_LATCH_DEATH_REPAIR, repairSet, nullptr);
+  (void)sqloSetLatchDeathPolicy(SQLO_LT_SqloMemPool__poolLatch__latch, SQLO_LATCH_DEATH_REPAIR, repairPool, nullptr);
   SetDirectory& directory = theDirectory();
   if (directory.isReady != 0) return;
   for (std::uint32_t entry = 0; entry < MEM_SET_ENTRIES; ++entry) {

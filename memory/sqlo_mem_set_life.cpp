@@ -10,6 +10,7 @@
 
 #include "diag/base/traced.h"
 #include "memory/sqlo_mem_ctlr.h"
+#include "memory/sqlo_mem_pool_fast.h"
 #include "memory/sqlo_mem_set_directory.h"
 #include "memory/sqlo_mem_settings.h"
 #include "platform/address_space.h"
@@ -367,7 +368,7 @@ std::uint32_t entryOf(const SMemSet& set) noexcept { return set.m_window - 1; }
 // ---- the memory controller
 // ---------------------------------------------------------------------------------------------
 
-SqloMemConsumerKind kindOf(std::uint32_t setType) noexcept {
+SqloMemConsumerKind consumerKindOf(std::uint32_t setType) noexcept {
   switch (setType) {
     case SQLO_SET_DBM_DB:
       return SQLO_MEM_CONSUMER_DATABASE;
@@ -502,6 +503,8 @@ SqlzZrc sqlofshr(SQLO_MEM_SET* set) noexcept {
                       "A memory set is freed with chunks in use:", sqloMemSetTypeName(info.setType), info.usedChunks);
   (void)sqloDeRegisterSet(set);
   if (set->isPrivate()) {
+    for (vek::MemPool* pool = set->m_pools; pool != nullptr; pool = pool->m_next) vek::sqloi_fastForget(*pool);
+    vek::unpoison(set->addressOf(0), std::uint64_t{info.allocatedChunks} << SQLO_CHUNK_SHIFT);
     set->m_eyeCatcher = 0;
     vek::destroyPrivate(set->m_window, info.allocatedChunks);
     return trace.exit(0);
@@ -530,7 +533,7 @@ SqlzZrc sqloRegisterMemorySetWithPMC(SQLO_MEM_SET* set) noexcept {
   const char* name = info.name[0] != '\0' ? info.name : sqloMemSetTypeClass(info.setType);
   SqloMemoryConsumer* record = nullptr;
   const SqlzZrc result = controller->registerConsumer(&record, info.allocatedChunks << SQLO_CHUNK_SHIFT, name, nullptr,
-                                                      nullptr, false, vek::kindOf(info.setType));
+                                                      nullptr, false, vek::consumerKindOf(info.setType));
   if (result == 0) vek::noteConsumer(*set, {record, vek::regionProcessOwner()});
   return trace.exit(result);
 }

@@ -656,6 +656,12 @@ std::uint32_t regionInternText(const char* text) noexcept {
   return entry == REGION_NAME_SLOTS ? 0 : entry + 1;
 }
 
+std::uint32_t regionKeyOfText(const char* text) noexcept {
+  (void)regionInternText(text);
+  const std::size_t length = std::strlen(text);
+  return textKey(length > kNameMost ? text + length - kNameMost : text);
+}
+
 const char* regionTextOf(const RegionNames& names, std::uint32_t number) noexcept {
   if (number == 0 || number > entriesOf(names)) return nullptr;
   return names.entries[number - 1].key.load(std::memory_order_acquire) == 0 ? nullptr : textAt(names, number - 1);

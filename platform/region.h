@@ -207,6 +207,10 @@ void regionInternName(std::uint32_t key, const char* name) noexcept;
 // 1 to REGION_NAME_SLOTS; 0 when there is no room or no region.
 std::uint32_t regionInternText(const char* text) noexcept;
 
+// Interns a text likewise and answers the key that regionFindName knows it by: a hash of the text, whether there was
+// room or not.
+std::uint32_t regionKeyOfText(const char* text) noexcept;
+
 // The text of such a number, or null.
 const char* regionTextOf(const RegionNames& names, std::uint32_t number) noexcept;
 

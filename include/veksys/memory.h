@@ -1,5 +1,6 @@
-// Memory: sets, and what keeps an instance within its bound.
+// Memory: sets, pools, and what keeps an instance within its bound.
 #pragma once
 
 #include "veksys/memory/controller.h"
+#include "veksys/memory/pool.h"
 #include "veksys/memory/set.h"

@@ -24,7 +24,6 @@ using platformtest::Failure;
 using platformtest::finish;
 using platformtest::finishKilled;
 using platformtest::makeFail;
-using platformtest::Shared;
 using platformtest::start;
 
 constexpr std::uint32_t kOptions = SQLO_SET_GROWABLE | SQLO_SET_DECOMMITABLE | SQLO_SET_AUTOMATIC_MAX_FREE;
@@ -405,22 +404,6 @@ TEST(MemSet, SaysWhatItCannotGive) {
           "Can not continue with large page support, disabling to continue",
           "Can not continue with VEK_PINNED_BP=true, disabling to continue", "pSetHdl was NULL"})
       EXPECT_EQ(occurrences(log, text), 1U) << text;
-  });
-}
-
-TEST(MemSet, MarksAllBelowItCritical) {
-  const Instance instance;
-  inProcess([] {
-    SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, 10));
-    SqloMemListEntry entries[5] = {};
-    entries[0].next = &entries[1];  // two pools; below the second an entry, below that another, below that one more
-    entries[1].first = &entries[2];
-    entries[2].first = &entries[3];
-    entries[3].first = &entries[4];
-    set->m_pools = entries;
-    sqloEnableCriticalOptionForMemSet(set);
-    EXPECT_TRUE(set->has(SQLO_SET_CRITICAL));
-    for (int i = 0; i < 5; ++i) EXPECT_EQ(entries[i].options, i < 4 ? 2U : 0U) << i;
   });
 }
 

@@ -58,6 +58,8 @@ inline constexpr std::uint32_t SQLO_SET_PENDING_REPORT = 0x800;     // state: a 
 inline constexpr std::uint32_t SQLO_SET_SHARED = 0x2000;
 inline constexpr std::uint32_t SQLO_SET_PRIVATE_OPTION = 0x4000;
 inline constexpr std::uint32_t SQLO_SET_AUTOMATIC_MAX_FREE = 0x10000;
+inline constexpr std::uint32_t SQLO_SET_GOVERNS_POOLS =
+    0x20000;  // its pools grow unless told otherwise, whatever they ask
 inline constexpr std::uint32_t SQLO_SET_FIXED_SIZE = 0x80000;
 inline constexpr std::uint32_t SQLO_SET_GROWABLE = 0x100000;
 inline constexpr std::uint32_t SQLO_SET_REDUCIBLE = 0x200000;
@@ -70,13 +72,6 @@ class SMemSet;
 
 // A memory set as its users name it.
 using SQLO_MEM_SET = SMemSet;
-
-// What is linked below a set: a pool, what the pool lists, and what that lists. Objects begin with it.
-struct SqloMemListEntry {
-  SqloMemListEntry* next;
-  SqloMemListEntry* first;  // of the entry's own list
-  std::uint32_t options;
-};
 
 // What a set is made of. `size` is sizeof(SqloMemSetRequest); sizes are bytes, rounded up to whole chunks.
 struct SqloMemSetRequest {

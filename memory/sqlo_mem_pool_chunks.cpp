@@ -1,0 +1,242 @@
+// Memory pools: the chunks that a pool has of its set.
+//
+// The set logs its failures when it has released its own latch, so it is asked without the pool latch; what a pool has
+// asked for counts against its limit meanwhile.
+#include <algorithm>
+
+#include "diag/base/traced.h"
+#include "memory/sqlo_mem_pool.h"
+#include "veksys/codes.h"
+
+namespace vek {
+namespace {
+
+void linkSubgroup(MemPool& pool, SqloMemSubgroup* subgroup) noexcept {
+  subgroup->next = pool.m_firstSubgroup;
+  subgroup->previous = nullptr;
+  if (subgroup->next != nullptr) subgroup->next->previous = subgroup;
+  pool.m_firstSubgroup = subgroup;
+}
+
+void unlinkSubgroup(MemPool& pool, SqloMemSubgroup* subgroup) noexcept {
+  if (subgroup->next != nullptr) subgroup->next->previous = subgroup->previous;
+  if (subgroup->previous != nullptr)
+    subgroup->previous->next = subgroup->next;
+  else
+    pool.m_firstSubgroup = subgroup->next;
+}
+
+// A run of the cache belongs to no pool; its base pool is told by the lower half of its address.
+void cacheRun(MemPool& base, SqloMemSubgroup* run, std::uint32_t chunks) noexcept {
+  run->chunks = chunks;
+  run->base = shortOf(blockOf(&base));
+  run->eyeCatcher = MEM_SUBGROUP_EYE_CATCHER;
+  run->next = base.m_cachedChunks;
+  run->pool = nullptr;
+  base.m_cachedChunks = run;
+  base.m_cachedChunkCount += chunks;
+}
+
+// The smallest run of the cache that has room for a block of that stride.
+SqloMemSubgroup* takeCachedRun(MemPool& base, std::uint32_t chunks) noexcept {
+  SqloMemSubgroup** best = nullptr;
+  for (SqloMemSubgroup** at = &base.m_cachedChunks; *at != nullptr; at = &(*at)->next)
+    if ((*at)->chunks >= chunks && (best == nullptr || (*at)->chunks < (*best)->chunks)) best = at;
+  if (best == nullptr) return nullptr;
+  SqloMemSubgroup* const run = *best;
+  *best = run->next;
+  base.m_cachedChunkCount -= run->chunks;
+  return run;
+}
+
+// Chunks that may still be asked of the set.
+std::uint32_t roomOf(const MemPool& base) noexcept {
+  const std::uint64_t taken = std::uint64_t{base.m_currentOwned} + base.m_growingChunks;
+  return taken >= base.m_maximumAllowed ? 0 : base.m_maximumAllowed - static_cast<std::uint32_t>(taken);
+}
+
+// How many chunks to ask for when `needed` must be had; 0: the limit does not admit it.
+std::uint32_t growthStep(MemPool& base, std::uint32_t needed) noexcept {
+  const std::uint32_t room = roomOf(base);
+  if (needed > room) return sqloi_allowsGrowth(base) ? needed : 0;
+  const std::uint32_t ahead =
+      base.isRaw() ? needed : std::min(base.m_currentOwned / GROWTH_MOST_CHUNKS, GROWTH_MOST_CHUNKS);
+  return std::min(std::max(needed, ahead), room);
+}
+
+// Asks the set for a step, or for what is needed at least.
+SqlzZrc askSet(SMemSet& set, std::uint32_t needed, std::uint32_t* step, void** address) noexcept {
+  const SqlzZrc result = sqloi_setGetChunks(set, *step, address);
+  if (result == 0 || *step == needed) return result;
+  *step = needed;
+  return sqloi_setGetChunks(set, needed, address);
+}
+
+// Counts what the set gave, whatever became of the request meanwhile.
+void noteGrowth(MemPool& base, std::uint32_t asked, std::uint32_t got) noexcept {
+  base.m_growingChunks -= std::min(asked, base.m_growingChunks);
+  if (got == 0) {
+    ++base.m_refusals;
+    return;
+  }
+  ++base.m_growths;
+  sqloi_noteOwned(base, got);
+}
+
+}  // namespace
+
+bool sqloi_allowsGrowth(MemPool& base) noexcept {
+  return base.m_set->has(SQLO_SET_GOVERNS_POOLS) ? (base.m_options & SQLO_POOL_NO_AUTOMATIC) == 0
+                                                 : (base.m_options & SQLO_POOL_AUTOMATIC) != 0;
+}
+
+// A pool that may grow beyond its limit has a limit that follows.
+void sqloi_noteOwned(MemPool& base, std::int64_t chunks) noexcept {
+  base.m_currentOwned += static_cast<std::uint32_t>(chunks);
+  base.m_maximumOwned = std::max(base.m_maximumOwned, base.m_currentOwned);
+  if (base.m_currentOwned > base.m_maximumAllowed && sqloi_allowsGrowth(base))
+    base.m_maximumAllowed = base.m_currentOwned;
+}
+
+void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexcept {
+  auto* subgroup = static_cast<SqloMemSubgroup*>(address);
+  subgroup->chunks = chunks;
+  subgroup->reference = CHUNK_REFERENCE_MARKER | shortOf(blockOf(address)) >> 12;
+  subgroup->base = shortOf(blockOf(pool.m_base));
+  const Block block = firstBlock(subgroup);
+  makeFree(block, strideOfAll(subgroup), subgroup->reference);
+  poison(block, strideOfAll(subgroup));
+  subgroup->pool = &pool;
+  subgroup->eyeCatcher = MEM_SUBGROUP_EYE_CATCHER;
+  linkSubgroup(pool, subgroup);
+  pool.m_ownChunks += chunks;
+  sqloi_treeInsert(&pool.m_freeTree, block);
+}
+
+void sqloi_retireSubgroup(MemPool& pool, SqloMemSubgroup* subgroup, PoolOperation& operation) noexcept {
+  MemPool& base = pool.base();
+  const std::uint32_t chunks = subgroup->chunks;
+  unpoison(blockOf(subgroup), std::uint64_t{chunks} << SQLO_CHUNK_SHIFT);
+  unlinkSubgroup(pool, subgroup);
+  pool.m_ownChunks -= chunks;
+  if (base.m_cachedChunkCount + chunks <= CACHED_CHUNKS_MOST) return cacheRun(base, subgroup, chunks);
+  sqloi_noteOwned(base, -std::int64_t{chunks});
+  operation.giveBack(subgroup);
+}
+
+// Of a run that is larger than what is left to give back, the end goes.
+void sqloi_releaseCached(MemPool& base, std::uint32_t chunks, PoolOperation& operation) noexcept {
+  while (chunks != 0 && base.m_cachedChunks != nullptr) {
+    SqloMemSubgroup* run = base.m_cachedChunks;
+    const std::uint32_t part = std::min(chunks, run->chunks);
+    if (part == run->chunks) {
+      base.m_cachedChunks = run->next;
+    } else {
+      run->chunks -= part;
+      run = std::bit_cast<SqloMemSubgroup*>(blockOf(run) + (std::uint64_t{run->chunks} << SQLO_CHUNK_SHIFT));
+      run->chunks = part;
+    }
+    base.m_cachedChunkCount -= part;
+    sqloi_noteOwned(base, -std::int64_t{part});
+    operation.giveBack(run);
+    chunks -= part;
+  }
+}
+
+SqlzZrc sqloi_growPool(MemPool& pool, std::uint32_t stride) noexcept {
+  VekTrace<FID_sqloi_growPool> trace;
+  MemPool& base = pool.base();
+  const std::uint32_t needed = chunksFor(stride);
+  std::uint32_t step = 0;
+  {
+    PoolOperation operation(pool);
+    if (SqloMemSubgroup* run = takeCachedRun(base, needed); run != nullptr) {
+      sqloi_addSubgroup(pool, run, run->chunks);
+      return trace.exit(0);
+    }
+    step = growthStep(base, needed);
+    if (step == 0) {
+      // What the cache keeps is of no use here, but counts against the limit.
+      sqloi_releaseCached(base, needed, operation);
+      step = growthStep(base, needed);
+    }
+    if (step == 0) ++base.m_refusals;
+    base.m_growingChunks += step;
+  }
+  if (step == 0) {
+    trace.data(10, "Exceeded max chunks");
+    return trace.exit(SQLO_NOMEM);
+  }
+  const std::uint32_t asked = step;
+  void* address = nullptr;
+  const SqlzZrc result = askSet(*base.m_set, needed, &step, &address);
+  if (result != 0) trace.data(20, "Raw chunk commit failed");
+  const PoolOperation operation(pool);
+  noteGrowth(base, asked, result == 0 ? step : 0);
+  if (result == 0) sqloi_addSubgroup(pool, address, step);
+  return trace.exit(result == 0 ? 0 : SQLO_NOMEM);
+}
+
+}  // namespace vek
+
+// In one piece when the set has one; else chunk by chunk, as many as there are.
+SqlzZrc SQLO_MEM_POOL::commitRawChunks(std::uint32_t count, std::uint32_t* committed) noexcept {
+  vek::VekTrace<vek::FID_SQLO_MEM_POOL_commitRawChunks> trace;
+  if (committed != nullptr) *committed = 0;
+  vek::MemPool* const pool = vek::sqloi_poolOf(this);
+  if (pool == nullptr) return trace.exit(SQLO_INV_MEM);
+  vek::MemPool& base = pool->base();
+  {
+    const vek::PoolOperation operation(base);
+    if (count > vek::roomOf(base) && !vek::sqloi_allowsGrowth(base)) {
+      ++base.m_refusals;
+      count = UINT32_MAX;
+    } else {
+      base.m_growingChunks += count;
+    }
+  }
+  if (count == UINT32_MAX) {
+    trace.data(10, "Exceeded max chunks");
+    return trace.exit(SQLO_NOMEM);
+  }
+  std::uint32_t got = 0;
+  for (std::uint32_t step = count; got < count && step != 0;) {
+    void* address = nullptr;
+    if (vek::sqloi_setGetChunks(*m_set, step, &address) != 0) {
+      step = step == 1 ? 0 : 1;
+      continue;
+    }
+    const vek::PoolOperation operation(base);
+    vek::noteGrowth(base, step, step);
+    vek::cacheRun(base, static_cast<SqloMemSubgroup*>(address), step);
+    got += step;
+  }
+  if (got < count) {
+    const vek::PoolOperation operation(base);
+    vek::noteGrowth(base, count - got, 0);
+  }
+  if (committed != nullptr) *committed = got;
+  if (got == count) return trace.exit(0);
+  trace.data(20, "Raw chunk commit failed");
+  return trace.exit(SQLO_NOMEM);
+}
+
+SqlzZrc sqloShrinkUnderlyingSet(SQLO_MEM_POOL* handle, std::uint32_t bytes, std::uint32_t* freedBytes) noexcept {
+  vek::VekTrace<vek::FID_sqloShrinkUnderlyingSet> trace;
+  trace.data(10, static_cast<const void*>(handle), bytes);
+  if (freedBytes != nullptr) *freedBytes = 0;
+  vek::MemPool* const pool = vek::sqloi_poolOf(handle);
+  if (bytes == 0 || pool == nullptr) return trace.exit(SQLO_INV_MEM);
+  vek::PoolOperation operation(*pool);
+  vek::sqloi_releaseCached(pool->base(), sqloChunksOf(bytes), operation);
+  if (freedBytes != nullptr) *freedBytes = operation.givenBackChunks() << SQLO_CHUNK_SHIFT;
+  return trace.exit(0);
+}
+
+SqlzZrc sqloUpdateUnderlyingSetFreeThreshold(SQLO_MEM_POOL* handle, std::uint32_t percent) noexcept {
+  vek::VekTrace<vek::FID_sqloUpdateUnderlyingSetFreeThreshold> trace;
+  trace.data(10, static_cast<const void*>(handle), percent);
+  vek::MemPool* const pool = vek::sqloi_poolOf(handle);
+  if (pool == nullptr) return trace.exit(SQLO_INV_MEM);
+  return trace.exit(sqloUpdateMemorySetFreeThreshold(pool->m_set, percent));
+}

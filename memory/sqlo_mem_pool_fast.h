@@ -1,0 +1,140 @@
+// Fast blocks: what a thread keeps of a pool for its own next requests.
+//
+// A thread's caches are its own: it allocates and frees without a latch and without an atomic operation. Whoever takes
+// back what other threads keep (a pool that is flushed, full, or freed) raises the epoch first, makes all processors
+// see that (membarrier), and waits for threads that are inside: a thread notes that it is, then looks at the epoch, and
+// touches its caches only when it is the one that it knows. A thread that finds a new epoch goes the long way, under
+// the latch of all this, and finds out which of its pools are still there.
+//
+// The blocks that a thread keeps are of kind KEPT; for the pool they are in use, until its counters are read: then what
+// threads keep is counted.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "memory/sqlo_mem_pool.h"
+#include "platform/region.h"
+
+namespace vek {
+
+inline constexpr std::uint32_t FAST_POOLS = 64;     // of a process at one time
+inline constexpr std::uint32_t FAST_ENTRIES = 128;  // of a thread; more than pools, so that a probe ends
+inline constexpr std::uint32_t FAST_FILES = 64;     // names of files that a thread remembers
+inline constexpr std::uint32_t FAST_BIN_BYTES = 64 * 1024;
+inline constexpr std::uint32_t FAST_MOST_DEFAULT = 64;
+inline constexpr std::uint32_t FAST_MOST_HIGHEST = 4096;
+
+// Blocks of one stride. `head` is the lower half of an address, like the links. Others read the count at any time.
+struct FastBin {
+  std::uint32_t head;
+  std::atomic<std::uint16_t> count;
+  std::uint16_t most;
+
+  std::uint16_t size() const noexcept { return count.load(std::memory_order_relaxed); }
+  void resize(unsigned blocks) noexcept { count.store(static_cast<std::uint16_t>(blocks), std::memory_order_relaxed); }
+};
+
+// What a thread keeps of a pool; a block of that pool.
+struct FastCache {
+  FastCache* next;  // of the pool's
+  MemPool* pool;
+  FastBin bins[KEPT_LISTS];
+};
+
+struct FastThread {
+  std::atomic<std::uint32_t> inside;  // 1: the thread looks at its caches
+  std::uint32_t sequence;
+  std::uint64_t epoch;
+  FastThread* next;  // of all threads that have one
+  FastThread* previous;
+  struct Entry {
+    MemPool* pool;
+    FastCache* cache;
+  } entries[FAST_ENTRIES];
+  struct File {
+    const char* file;
+    std::uint32_t key;
+  } files[FAST_FILES];
+};
+
+extern thread_local constinit FastThread* t_fast __attribute__((tls_model("initial-exec")));
+extern std::atomic<std::uint64_t> g_fastEpoch;
+
+// The key of a file's name, by which other processes and dumps find it; remembered by the address of the text.
+inline std::uint32_t fastFileKey(FastThread& thread, const char* file) noexcept {
+  FastThread::File& known = thread.files[(reinterpret_cast<std::uintptr_t>(file) >> 3) % FAST_FILES];
+  if (known.file != file) [[unlikely]]
+    known = {file, regionKeyOfText(file)};
+  return known.key;
+}
+
+// The same for any thread. Without a latch.
+std::uint32_t sqloi_fileKey(const char* file) noexcept;
+
+inline std::uint32_t fastHash(const SQLO_MEM_POOL* pool) noexcept {
+  const auto address = reinterpret_cast<std::uintptr_t>(pool);
+  return static_cast<std::uint32_t>((address >> SQLO_CHUNK_SHIFT) ^ (address >> 32)) % FAST_ENTRIES;
+}
+
+// The calling thread's cache of a pool while it is inside; null when it has none.
+inline FastCache* fastCacheOf(FastThread& thread, const SQLO_MEM_POOL* pool) noexcept {
+  for (std::uint32_t at = fastHash(pool);; at = (at + 1) % FAST_ENTRIES) {
+    if (thread.entries[at].pool == pool) [[likely]]
+      return thread.entries[at].cache;
+    if (thread.entries[at].pool == nullptr) return nullptr;
+  }
+}
+
+// A thread between entering and leaving: nobody else touches its caches. `cache` is null when it must go the long way.
+class FastInside {
+ public:
+  FastInside(FastThread* thread, const SQLO_MEM_POOL* pool) noexcept : thread_(thread) {
+    if (thread == nullptr) [[unlikely]]
+      return;
+    thread->inside.store(1, std::memory_order_relaxed);
+    std::atomic_signal_fence(std::memory_order_seq_cst);  // the other half is a membarrier
+    if (thread->epoch == g_fastEpoch.load(std::memory_order_acquire)) [[likely]]
+      cache_ = fastCacheOf(*thread, pool);
+  }
+  ~FastInside() {
+    if (thread_ != nullptr) thread_->inside.store(0, std::memory_order_release);
+  }
+  FastInside(const FastInside&) = delete;
+  FastInside& operator=(const FastInside&) = delete;
+  FastCache* cache() const noexcept { return cache_; }
+
+ private:
+  FastThread* thread_;
+  FastCache* cache_ = nullptr;
+};
+
+// Whether threads keep blocks of a pool.
+bool sqloi_isFast(const MemPool& pool) noexcept;
+
+// Makes the calling thread's cache of a pool, or finds out that there is none any more. Without a latch.
+FastCache* sqloi_fastCacheFor(MemPool& pool) noexcept;
+
+// Fetches blocks of that stride into the cache, of the calling thread; how many.
+std::uint32_t sqloi_fastFill(FastCache& cache, std::uint32_t stride) noexcept;
+
+// Gives a part of the blocks of a full bin back to the pool.
+void sqloi_fastSpill(FastCache& cache, std::uint32_t stride) noexcept;
+
+// Takes back what all threads of this process keep of a pool; its caches stay. Without the pool latch.
+void sqloi_fastTakeBack(MemPool& pool) noexcept;
+
+// The same, and no thread keeps any more of it.
+void sqloi_fastForget(MemPool& pool) noexcept;
+
+// What threads keep of a pool at this moment. Needs the pool latch.
+struct FastKept {
+  std::uint32_t bytes;
+  std::uint32_t blocks;
+};
+FastKept sqloi_fastKept(const MemPool& pool) noexcept;
+
+// The port of a thread's end: gives back what the thread keeps.
+void sqloi_fastThreadEnds() noexcept;
+
+}  // namespace vek
