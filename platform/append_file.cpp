@@ -180,7 +180,7 @@ int mapPage(AppendFile& file, const struct stat& status) noexcept {
 int allocatePage(const AppendFile& file, const struct stat& status) noexcept {
   const auto bytes = static_cast<std::uint64_t>(status.st_size);
   if (bytes >= kPageBytes) return 0;
-  constexpr char kZeros[kPageBytes] = {};
+  static constexpr char kZeros[kPageBytes] = {};
   const int error = ossWriteAt(file.lockFd, kZeros + bytes, kPageBytes - bytes, bytes);
   if (error == 0) return 0;
   if (error == EFBIG) ossTakeSignal(SIGXFSZ);

@@ -17,8 +17,8 @@
 namespace vek {
 namespace {
 
-constexpr std::size_t kTextBytes =
-    std::size_t{16} * 1024;  // of the longest file that is read: one processor of /proc/cpuinfo
+// Of the longest file that is read: one processor of /proc/cpuinfo, whose features take 4 KB at most.
+constexpr std::size_t kTextBytes = std::size_t{8} * 1024;
 constexpr std::uint64_t kKibibyte = 1024;
 
 struct Text {

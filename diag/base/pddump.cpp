@@ -18,12 +18,12 @@
 namespace vek {
 namespace {
 
-constexpr std::size_t kHeaderBytes = 4096;
+constexpr std::size_t kHeaderBytes = 2048;
 
 struct Dump {
   std::uint32_t size = 0;
   const void* data = nullptr;
-  char path[PATH_BYTES] = {};
+  char path[PD_DIAGPATH_BYTES + 64] = {};
   char header[kHeaderBytes] = {};
   std::size_t headerBytes = 0;
   std::int64_t offset = -1;  // of the object

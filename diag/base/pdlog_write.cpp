@@ -88,7 +88,7 @@ struct Facts {
   std::string_view processName;
   std::string_view instance;
   std::int32_t partition;
-  char facilityDirectory[PATH_BYTES];
+  char facilityDirectory[PD_DIAGPATH_BYTES];
   char facilityName[APPEND_NAME_BYTES];
   PdLogTarget target;
 };
@@ -470,7 +470,7 @@ void passOn(const PdLogCall& call) noexcept {
 // 0: write it; SQLT_NOLOG: its level keeps it out; SQLT_DIAGERR_LOGERR: there is no such log.
 SqlzZrc findFacility(const PdLogCall& call, Facts* facts) noexcept {
   const auto facility = static_cast<std::uint32_t>((call.flags & PD_LOG_FACILITY_MASK) >> PD_LOG_FACILITY_SHIFT);
-  char path[PATH_BYTES];
+  char path[PD_DIAGPATH_BYTES + APPEND_NAME_BYTES];
   std::uint32_t level = 0;
   if (!pdi_facilityTarget(facility, path, sizeof path, &level) ||
       !splitPath(path, facts->facilityDirectory, sizeof facts->facilityDirectory, facts->facilityName,
@@ -575,7 +575,7 @@ SqlzZrc pdi_writeRecord(const PdLogCall& call) noexcept { return pdi_writeDumped
 
 SqlzZrc pdi_appendText(const char* path, const char* text, std::size_t bytes) noexcept {
   if (logMutexIsMine()) return SQLT_DIAGERR_LOGERR;
-  char directory[PATH_BYTES];
+  char directory[PD_DIAGPATH_BYTES];
   char name[APPEND_NAME_BYTES];
   if (!splitPath(path, directory, sizeof directory, name, sizeof name)) return SQLO_INV_PARM;
   const PdInsideLog inside;

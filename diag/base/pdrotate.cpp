@@ -115,7 +115,7 @@ bool pdi_takeRotationRemark(PdLogRemark* out) noexcept {
     out->probe = text.probe;
     out->level = text.level;
     out->zrc = g_state.zrc[trouble];
-    char path[PATH_BYTES];  // as the texts name it: without a separator at its end
+    char path[PD_DIAGPATH_BYTES + sizeof PD_LOG_ROTATING];  // as the texts name it: without a separator at its end
     ossCopyText(path, sizeof path, g_state.directory);
     if (const std::size_t length = std::strlen(path); length > 1) path[length - 1] = '\0';
     ossSnprintf(out->text, sizeof out->text, "%s%s%s", text.before, path, text.behind);

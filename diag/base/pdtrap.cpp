@@ -5,6 +5,7 @@
 #include "diag/base/pdpen.h"
 #include "platform/append_file.h"
 #include "platform/osse.h"
+#include "veksys/diag/diagpath.h"
 
 namespace vek {
 namespace {
@@ -26,7 +27,7 @@ PdRecordText formatTrapRecord(const PdRecordHeader& header, const Fault& fault) 
 }  // namespace
 
 bool pdi_writeTrapFile(const char* directory, const PdRecordHeader& header, const Fault& fault) noexcept {
-  char path[PATH_BYTES + 64];
+  char path[PD_DIAGPATH_BYTES + 64];
   ossSnprintf(path, sizeof path, "%s%u.%llu.%.3d.trap.txt", directory, header.processId,
               static_cast<unsigned long long>(header.threadId), header.partition);
   int fd = -1;

@@ -88,8 +88,7 @@ mode_t modeOf(const std::string& path) {
 
 // ---- values -----------------------------------------------------------------------------------------------------
 
-TEST(DiagPathValue, NamesTheDirectoryOfAMember) {
-  const Instance instance;
+TEST_APART(DiagPathValue, NamesTheDirectoryOfAMember) {
   const std::string below = instance.directory() + "/instance/diag/";
   const struct {
     const char* value;
@@ -113,21 +112,19 @@ TEST(DiagPathValue, NamesTheDirectoryOfAMember) {
       {"/d $x", PD_DIAGPATH_UNKNOWN, SQLT_DIAGPATH_PATTERN_UNKNOWN, "/d/"},
       {"relative $n", PD_DIAGPATH_BY_NODE, SQLO_PATH_NOT_ABSOLUTE, ""},
   };
-  inProcess([&cases] {
-    configure("");
-    for (const auto& each : cases) {
-      SCOPED_TRACE(each.value);
-      EXPECT_EQ(pdDiagpathType(each.value), each.type);
-      EXPECT_EQ(pdIsDiagpathSplit(each.value), each.type != PD_DIAGPATH_PLAIN && each.type != PD_DIAGPATH_UNKNOWN);
-      const auto [zrc, path] =
-          ask([&each](char* buffer, std::size_t bytes) { return pdDiagpathSplitGet(each.value, buffer, bytes); });
-      EXPECT_EQ(zrc, each.zrc);
-      EXPECT_EQ(path, each.path);
-    }
-  });
+  configure("");
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.value);
+    EXPECT_EQ(pdDiagpathType(each.value), each.type);
+    EXPECT_EQ(pdIsDiagpathSplit(each.value), each.type != PD_DIAGPATH_PLAIN && each.type != PD_DIAGPATH_UNKNOWN);
+    const auto [zrc, path] =
+        ask([&each](char* buffer, std::size_t bytes) { return pdDiagpathSplitGet(each.value, buffer, bytes); });
+    EXPECT_EQ(zrc, each.zrc);
+    EXPECT_EQ(path, each.path);
+  }
 }
 
-TEST(DiagPathValue, SaysWhyItFallsBackToThePlainPath) {
+TEST_APART(DiagPathValue, SaysWhyItFallsBackToThePlainPath) {
   constexpr char kInstead[] = "Problem of getting split-diagpath, using following diagpath instead: /d/";
   const struct {
     const char* value;
@@ -154,83 +151,73 @@ TEST(DiagPathValue, SaysWhyItFallsBackToThePlainPath) {
        {"Node number ( 3 ) is specified when DIAGPATH is not splitted",
         "Host ( alpha ) is specified when DIAGPATH is not splitted"}},
   };
-  const Instance instance;
-  inProcess([&cases] {
-    configure("");
-    for (const auto& each : cases) {
-      SCOPED_TRACE(testing::Message() << each.value << " " << (each.host == nullptr ? "-" : each.host) << each.node);
-      t_reported.clear();
-      t_isUnreadable = each.unreadable;
-      const auto [zrc, path] = ask([&each](char* buffer, std::size_t bytes) {
-        return pdDiagpathSplitGetByNode(each.value, each.host, each.node, buffer, bytes);
-      });
-      EXPECT_EQ(zrc, each.reported.empty() ? 0 : SQLT_DIAGPATH_SPLIT_MISSING);
-      EXPECT_EQ(path, each.path);
-      EXPECT_EQ(t_reported, each.reported);
-    }
-  });
+  configure("");
+  for (const auto& each : cases) {
+    SCOPED_TRACE(testing::Message() << each.value << " " << (each.host == nullptr ? "-" : each.host) << each.node);
+    t_reported.clear();
+    t_isUnreadable = each.unreadable;
+    const auto [zrc, path] = ask([&each](char* buffer, std::size_t bytes) {
+      return pdDiagpathSplitGetByNode(each.value, each.host, each.node, buffer, bytes);
+    });
+    EXPECT_EQ(zrc, each.reported.empty() ? 0 : SQLT_DIAGPATH_SPLIT_MISSING);
+    EXPECT_EQ(path, each.path);
+    EXPECT_EQ(t_reported, each.reported);
+  }
 }
 
 // A name from a file must not lead out of the directory, nor a path out of its buffer.
-TEST(DiagPathValue, HostileNamesAndLengthsStayInside) {
-  const Instance instance;
-  inProcess([] {
-    configure("");
-    g_ports.member = [](std::int16_t, const char*, PortMember* out) {
-      *out = {3, "../../etc"};
-      return MemberAnswer::kFound;
-    };
-    const auto split = [](const std::string& value, std::size_t room) {
-      return ask([&](char* buffer, std::size_t bytes) { return pdDiagpathSplitGet(value.c_str(), buffer, bytes); },
-                 room);
-    };
-    EXPECT_EQ(split("/d $h", 256).path, "/d/");
-    EXPECT_EQ(split("/d $n", 256).path, "/d/");
-    g_ports.member = knownMember;
-    const std::string longest = "/" + std::string(253, 'x');
-    EXPECT_EQ(split(longest, 256).path, longest + "/");
-    EXPECT_EQ(split(longest, 255).zrc, SQLO_PATH_TOO_LONG);
-    EXPECT_EQ(split(longest, 255).path, "");
-    EXPECT_EQ(split(longest + "x", 4096).zrc, SQLO_PATH_TOO_LONG);
-    EXPECT_EQ(split(longest.substr(0, 250) + " $n", 4096).zrc, SQLO_PATH_TOO_LONG);
-    EXPECT_EQ(split("/" + std::string(5000, 'x'), 4096).zrc, SQLO_PATH_TOO_LONG);
-    char one = '#';
-    EXPECT_EQ(pdDiagpathSplitGet("/d", &one, 0), SQLO_INV_PARM);
-    EXPECT_EQ(one, '#');
-  });
+TEST_APART(DiagPathValue, HostileNamesAndLengthsStayInside) {
+  configure("");
+  g_ports.member = [](std::int16_t, const char*, PortMember* out) {
+    *out = {3, "../../etc"};
+    return MemberAnswer::kFound;
+  };
+  const auto split = [](const std::string& value, std::size_t room) {
+    return ask([&](char* buffer, std::size_t bytes) { return pdDiagpathSplitGet(value.c_str(), buffer, bytes); }, room);
+  };
+  EXPECT_EQ(split("/d $h", 256).path, "/d/");
+  EXPECT_EQ(split("/d $n", 256).path, "/d/");
+  g_ports.member = knownMember;
+  const std::string longest = "/" + std::string(253, 'x');
+  EXPECT_EQ(split(longest, 256).path, longest + "/");
+  EXPECT_EQ(split(longest, 255).zrc, SQLO_PATH_TOO_LONG);
+  EXPECT_EQ(split(longest, 255).path, "");
+  EXPECT_EQ(split(longest + "x", 4096).zrc, SQLO_PATH_TOO_LONG);
+  EXPECT_EQ(split(longest.substr(0, 250) + " $n", 4096).zrc, SQLO_PATH_TOO_LONG);
+  EXPECT_EQ(split("/" + std::string(5000, 'x'), 4096).zrc, SQLO_PATH_TOO_LONG);
+  char one = '#';
+  EXPECT_EQ(pdDiagpathSplitGet("/d", &one, 0), SQLO_INV_PARM);
+  EXPECT_EQ(one, '#');
 }
 
 // ---- directories ------------------------------------------------------------------------------------------------
 
-TEST(DiagDirectory, IsMadeForItsOwnerAloneAndTrustedOnlyWhenNobodyElseCanWriteInIt) {
-  const Instance instance;
-  inProcess([&instance] {
-    configure("");
-    const std::string directory = instance.directory() + "/one/two/three";
-    EXPECT_EQ(pdDiagpathVerify(directory.c_str()), SQLO_PATH_NOT_EXIST);
-    EXPECT_EQ(pdMkdirInternal((directory + "//").c_str()), 0);
-    EXPECT_EQ(pdMkdirInternal(directory.c_str()), 0);
-    EXPECT_EQ(modeOf(directory), 0700U);
-    EXPECT_EQ(modeOf(instance.directory() + "/one"), 0700U);
-    EXPECT_EQ(pdDiagpathVerify(directory.c_str()), 0);
-    for (const mode_t mode : {0720U, 0702U, 01777U}) {
-      ASSERT_EQ(::chmod(directory.c_str(), mode), 0);
-      EXPECT_EQ(pdDiagpathVerify(directory.c_str()), SQLT_DIAGPATH_NOT_TRUSTED);
-    }
-    ASSERT_EQ(::chmod(directory.c_str(), 0755), 0);
-    EXPECT_EQ(pdDiagpathVerify(directory.c_str()), 0);
-    const std::string file = directory + "/file";
-    std::fclose(std::fopen(file.c_str(), "w"));
-    const std::string link = instance.directory() + "/link";
-    fs::create_symlink(directory, link);
-    EXPECT_EQ(pdDiagpathVerify(link.c_str()), 0);
-    EXPECT_EQ(pdDiagpathVerify(file.c_str()), SQLO_PATH_NOT_DIRECTORY);
-    t_reported.clear();
-    EXPECT_EQ(pdMkdirInternal((file + "/below").c_str()), SQLO_PATH_NOT_DIRECTORY);
-    EXPECT_EQ(t_reported, (std::vector<std::string>{"The directory " + file + "/below cannot be made"}));
-    EXPECT_EQ(pdMkdirInternal("relative"), SQLO_PATH_NOT_ABSOLUTE);
-    EXPECT_EQ(pdMkdirInternal(nullptr), SQLO_INV_PARM);
-  });
+TEST_APART(DiagDirectory, IsMadeForItsOwnerAloneAndTrustedOnlyWhenNobodyElseCanWriteInIt) {
+  configure("");
+  const std::string directory = instance.directory() + "/one/two/three";
+  EXPECT_EQ(pdDiagpathVerify(directory.c_str()), SQLO_PATH_NOT_EXIST);
+  EXPECT_EQ(pdMkdirInternal((directory + "//").c_str()), 0);
+  EXPECT_EQ(pdMkdirInternal(directory.c_str()), 0);
+  EXPECT_EQ(modeOf(directory), 0700U);
+  EXPECT_EQ(modeOf(instance.directory() + "/one"), 0700U);
+  EXPECT_EQ(pdDiagpathVerify(directory.c_str()), 0);
+  for (const mode_t mode : {0720U, 0702U, 01777U}) {
+    ASSERT_EQ(::chmod(directory.c_str(), mode), 0);
+    EXPECT_EQ(pdDiagpathVerify(directory.c_str()), SQLT_DIAGPATH_NOT_TRUSTED);
+  }
+  ASSERT_EQ(::chmod(directory.c_str(), 0755), 0);
+  EXPECT_EQ(pdDiagpathVerify(directory.c_str()), 0);
+  const std::string file = directory + "/file";
+  std::fclose(std::fopen(file.c_str(), "w"));
+  const std::string link = instance.directory() + "/link";
+  fs::create_symlink(directory, link);
+  EXPECT_EQ(pdDiagpathVerify(link.c_str()), 0);
+  EXPECT_EQ(pdDiagpathVerify(file.c_str()), SQLO_PATH_NOT_DIRECTORY);
+  t_reported.clear();
+  EXPECT_EQ(pdMkdirInternal((file + "/below").c_str()), SQLO_PATH_NOT_DIRECTORY);
+  EXPECT_EQ(t_reported, (std::vector<std::string>{"The directory " + file + "/below cannot be made"}));
+  EXPECT_EQ(pdMkdirInternal("relative"), SQLO_PATH_NOT_ABSOLUTE);
+  EXPECT_EQ(pdMkdirInternal(nullptr), SQLO_INV_PARM);
 }
 
 TEST(DiagDirectory, WhatTheSystemRefusesIsTold) {
@@ -265,31 +252,28 @@ TEST(DiagDirectory, WhatTheSystemRefusesIsTold) {
 
 // ---- the directories of a process -------------------------------------------------------------------------------
 
-TEST(DiagPath, FollowsTheConfigurationAndMakesWhatIsMissing) {
-  const Instance instance;
+TEST_APART(DiagPath, FollowsTheConfigurationAndMakesWhatIsMissing) {
   const std::string base = instance.directory() + "/logs";
-  inProcess([&] {
-    configure("");
-    EXPECT_EQ(primary().path, instance.directory() + "/instance/diag/");
-    EXPECT_EQ(alternate().zrc, SQLT_DIAGPATH_NO_ALTERNATE);
-    EXPECT_EQ(alternate().path, "");
-    EXPECT_EQ(t_reported, (std::vector<std::string>{"DBM CFG param ALT_DIAGPATH is not set"})) << "once";
+  configure("");
+  EXPECT_EQ(primary().path, instance.directory() + "/instance/diag/");
+  EXPECT_EQ(alternate().zrc, SQLT_DIAGPATH_NO_ALTERNATE);
+  EXPECT_EQ(alternate().path, "");
+  EXPECT_EQ(t_reported, (std::vector<std::string>{"DBM CFG param ALT_DIAGPATH is not set"})) << "once";
 
-    configure(base + " $h$n", base + "/other $m");
-    EXPECT_EQ(primary().path, base + "/HOST_alpha/NODE0003/");
-    EXPECT_EQ(alternate().path, base + "/other/DIAG0003/");
-    EXPECT_EQ(ask(sqltGetCaDiagPath).path, base + "/HOST_alpha/NODE0003/");
-    EXPECT_EQ(modeOf(base + "/HOST_alpha/NODE0003"), 0700U);
-    t_control.partition = 4;
-    EXPECT_EQ(primary().path, base + "/HOST_beta/NODE0004/");
-    ossCopyText(t_control.CF_DIAGPATH, sizeof t_control.CF_DIAGPATH, (base + "/cf").c_str());
-    EXPECT_EQ(ask(sqltGetCaDiagPath).path, base + "/cf/");
-    EXPECT_TRUE(fs::is_directory(base + "/cf"));
+  configure(base + " $h$n", base + "/other $m");
+  EXPECT_EQ(primary().path, base + "/HOST_alpha/NODE0003/");
+  EXPECT_EQ(alternate().path, base + "/other/DIAG0003/");
+  EXPECT_EQ(ask(sqltGetCaDiagPath).path, base + "/HOST_alpha/NODE0003/");
+  EXPECT_EQ(modeOf(base + "/HOST_alpha/NODE0003"), 0700U);
+  t_control.partition = 4;
+  EXPECT_EQ(primary().path, base + "/HOST_beta/NODE0004/");
+  ossCopyText(t_control.CF_DIAGPATH, sizeof t_control.CF_DIAGPATH, (base + "/cf").c_str());
+  EXPECT_EQ(ask(sqltGetCaDiagPath).path, base + "/cf/");
+  EXPECT_TRUE(fs::is_directory(base + "/cf"));
 
-    EXPECT_EQ(ask([](char* to, std::size_t bytes) { return pdGetDiagPath(6, to, bytes); }).zrc, SQLO_INV_PARM);
-    EXPECT_EQ(ask([](char* to, std::size_t) { return sqltGetDiagPath(to, 5, false); }).zrc, SQLO_PATH_TOO_LONG);
-    EXPECT_EQ(sqltGetDiagPath(nullptr, 5, false), SQLO_INV_PARM);
-  });
+  EXPECT_EQ(ask([](char* to, std::size_t bytes) { return pdGetDiagPath(6, to, bytes); }).zrc, SQLO_INV_PARM);
+  EXPECT_EQ(ask([](char* to, std::size_t) { return sqltGetDiagPath(to, 5, false); }).zrc, SQLO_PATH_TOO_LONG);
+  EXPECT_EQ(sqltGetDiagPath(nullptr, 5, false), SQLO_INV_PARM);
 }
 
 TEST(DiagPath, ValuesThatNameNothingGiveTheDefaultAndAReport) {
@@ -310,22 +294,18 @@ TEST(DiagPath, ValuesThatNameNothingGiveTheDefaultAndAReport) {
 }
 
 // The report is itself a record that needs the path: it comes behind the record that had it decided, once.
-TEST(DiagPath, TheReportStandsInTheLogBehindTheFirstRecord) {
-  const Instance instance;
-  inProcess([&] {
-    const auto report = g_ports.reportEvent;
-    configure("logs");
-    g_ports.reportEvent = report;
-    for (int i = 0; i < 2; ++i)
-      EXPECT_EQ(pdLogPrintf(0, ecfFunctionId(0x86, 1), 0, 1, PD_LEVEL_INFO, "record %d", i), 0);
-    std::ifstream file(instance.directory() + "/instance/diag/vekdiag.log");
-    const std::string log = (std::ostringstream() << file.rdbuf()).str();
-    const std::size_t at = log.find("DIAGPATH ( logs ) is not an absolute path");
-    ASSERT_NE(at, std::string::npos);
-    EXPECT_LT(log.find("record 0"), at);
-    EXPECT_GT(log.find("record 1"), at);
-    EXPECT_EQ(log.find("DIAGPATH ( logs )", at + 1), std::string::npos);
-  });
+TEST_APART(DiagPath, TheReportStandsInTheLogBehindTheFirstRecord) {
+  const auto report = g_ports.reportEvent;
+  configure("logs");
+  g_ports.reportEvent = report;
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(pdLogPrintf(0, ecfFunctionId(0x86, 1), 0, 1, PD_LEVEL_INFO, "record %d", i), 0);
+  std::ifstream file(instance.directory() + "/instance/diag/vekdiag.log");
+  const std::string log = (std::ostringstream() << file.rdbuf()).str();
+  const std::size_t at = log.find("DIAGPATH ( logs ) is not an absolute path");
+  ASSERT_NE(at, std::string::npos);
+  EXPECT_LT(log.find("record 0"), at);
+  EXPECT_GT(log.find("record 1"), at);
+  EXPECT_EQ(log.find("DIAGPATH ( logs )", at + 1), std::string::npos);
 }
 
 TEST(DiagPath, OneDirectoryUnderTwoNamesIsNoAlternate) {
@@ -343,42 +323,36 @@ TEST(DiagPath, OneDirectoryUnderTwoNamesIsNoAlternate) {
     });
 }
 
-TEST(DiagPath, AfterTheSwitchTheAlternateIsInUseAlsoInChildren) {
-  const Instance instance;
+TEST_APART(DiagPath, AfterTheSwitchTheAlternateIsInUseAlsoInChildren) {
   const std::string base = instance.directory() + "/logs";
   const std::string other = instance.directory() + "/other/";
-  inProcess([&] {
-    configure(base, other);
-    EXPECT_EQ(pdiDiagDirectory().path, base + "/");
-    EXPECT_FALSE(pdiIsOnAlternate());
-    EXPECT_EQ(pdSwitchToAltDiagPath(), 0);
-    EXPECT_EQ(pdSwitchToAltDiagPath(), 0);
-    EXPECT_EQ(pdiDiagDirectory().path, other);
-    EXPECT_EQ(primary().path, base + "/") << "what is configured stays what it is";
-    EXPECT_EQ(t_reported.size(), 1U);
-    inProcess([&] { EXPECT_EQ(pdiDiagDirectory().path, other); });
-  });
+  configure(base, other);
+  EXPECT_EQ(pdiDiagDirectory().path, base + "/");
+  EXPECT_FALSE(pdiIsOnAlternate());
+  EXPECT_EQ(pdSwitchToAltDiagPath(), 0);
+  EXPECT_EQ(pdSwitchToAltDiagPath(), 0);
+  EXPECT_EQ(pdiDiagDirectory().path, other);
+  EXPECT_EQ(primary().path, base + "/") << "what is configured stays what it is";
+  EXPECT_EQ(t_reported.size(), 1U);
+  inProcess([&] { EXPECT_EQ(pdiDiagDirectory().path, other); });
 }
 
-TEST(DiagPath, ADirectoryThatWentAwayIsMadeAgainAndOneThatCouldNotBeMadeIsTriedAgain) {
-  const Instance instance;
+TEST_APART(DiagPath, ADirectoryThatWentAwayIsMadeAgainAndOneThatCouldNotBeMadeIsTriedAgain) {
   const std::string base = instance.directory() + "/logs";
-  inProcess([&] {
-    configure(base);
-    EXPECT_EQ(pdiDiagDirectory().zrc, 0);
-    fs::remove(base);
-    EXPECT_EQ(pdiRenewDiagDirectory(), 0);
-    EXPECT_TRUE(fs::is_directory(base));
-    fs::remove(base);
-    std::fclose(std::fopen(base.c_str(), "w"));  // in its place
-    EXPECT_EQ(pdiRenewDiagDirectory(), SQLO_PATH_NOT_DIRECTORY);
-    EXPECT_EQ(pdiDiagDirectory().zrc, SQLO_PATH_NOT_DIRECTORY);
-    EXPECT_EQ(primary().zrc, SQLO_PATH_NOT_DIRECTORY);
-    EXPECT_EQ(pdiDiagDirectory().path, base + "/") << "for who has to say where it failed";
-    fs::remove(base);
-    EXPECT_EQ(pdiDiagDirectory().zrc, 0);
-    EXPECT_TRUE(fs::is_directory(base));
-  });
+  configure(base);
+  EXPECT_EQ(pdiDiagDirectory().zrc, 0);
+  fs::remove(base);
+  EXPECT_EQ(pdiRenewDiagDirectory(), 0);
+  EXPECT_TRUE(fs::is_directory(base));
+  fs::remove(base);
+  std::fclose(std::fopen(base.c_str(), "w"));  // in its place
+  EXPECT_EQ(pdiRenewDiagDirectory(), SQLO_PATH_NOT_DIRECTORY);
+  EXPECT_EQ(pdiDiagDirectory().zrc, SQLO_PATH_NOT_DIRECTORY);
+  EXPECT_EQ(primary().zrc, SQLO_PATH_NOT_DIRECTORY);
+  EXPECT_EQ(pdiDiagDirectory().path, base + "/") << "for who has to say where it failed";
+  fs::remove(base);
+  EXPECT_EQ(pdiDiagDirectory().zrc, 0);
+  EXPECT_TRUE(fs::is_directory(base));
 }
 
 TEST(DiagPath, ADefaultIsKeptOnceItWasUsableUnlessItIsShort) {
@@ -410,21 +384,18 @@ TEST(DiagPath, ADefaultIsKeptOnceItWasUsableUnlessItIsShort) {
 }
 
 // Threads that ask while the configuration is decided get one answer, whole.
-TEST(DiagPath, ThreadsThatAskAtOnceGetOneAnswer) {
-  const Instance instance;
+TEST_APART(DiagPath, ThreadsThatAskAtOnceGetOneAnswer) {
   const std::string base = instance.directory() + "/logs";
-  inProcess([&] {
-    configure(base + " $n", base + "/other");
-    std::atomic<int> wrong = 0;
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 8; ++i)
-      threads.emplace_back([&] {
-        for (int round = 0; round < 100; ++round)
-          if (pdiDiagDirectory().path != base + "/NODE0003/" || pdiDiagDirectory().zrc != 0) ++wrong;
-      });
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(wrong, 0);
-  });
+  configure(base + " $n", base + "/other");
+  std::atomic<int> wrong = 0;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i)
+    threads.emplace_back([&] {
+      for (int round = 0; round < 100; ++round)
+        if (pdiDiagDirectory().path != base + "/NODE0003/" || pdiDiagDirectory().zrc != 0) ++wrong;
+    });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

@@ -251,59 +251,56 @@ bool hostFields(void*, VekApplication* out) {
   return true;
 }
 
-TEST(HeaderFields, CallBacksComeBeforeTheHostAndTheMaskBeforeBoth) {
-  const Instance instance;
-  inProcess([] {
-    VekApplication fields;
-    VekEngineUnit unit;
-    EXPECT_FALSE(pdi_applicationFields(&fields)) << "a plain program has none";
-    EXPECT_FALSE(pdi_engineUnit(&unit));
-    VekHost host = {};
-    host.size = sizeof host;
-    host.application = hostFields;
-    host.currentEngineUnit = [](void*, VekEngineUnit* out) {
-      *out = {17, "agent"};
-      return true;
-    };
-    ASSERT_EQ(vekHostInstall(&host), 0);
-    EXPECT_TRUE(pdi_applicationFields(&fields));
-    EXPECT_STREQ(fields.applicationId, "host-app");
-    EXPECT_TRUE(pdi_engineUnit(&unit));
-    EXPECT_EQ(unit.number, 17U);
+TEST_APART(HeaderFields, CallBacksComeBeforeTheHostAndTheMaskBeforeBoth) {
+  VekApplication fields;
+  VekEngineUnit unit;
+  EXPECT_FALSE(pdi_applicationFields(&fields)) << "a plain program has none";
+  EXPECT_FALSE(pdi_engineUnit(&unit));
+  VekHost host = {};
+  host.size = sizeof host;
+  host.application = hostFields;
+  host.currentEngineUnit = [](void*, VekEngineUnit* out) {
+    *out = {17, "agent"};
+    return true;
+  };
+  ASSERT_EQ(vekHostInstall(&host), 0);
+  EXPECT_TRUE(pdi_applicationFields(&fields));
+  EXPECT_STREQ(fields.applicationId, "host-app");
+  EXPECT_TRUE(pdi_engineUnit(&unit));
+  EXPECT_EQ(unit.number, 17U);
 
-    PdApplInfoFunctions functions = {};
-    functions.work = [](std::uint32_t* work, std::uint32_t*, std::uint32_t*) {
-      *work = 99;
-      return false;
-    };
-    functions.databaseName = [](char* name, std::size_t bytes) {
-      std::memset(name, 'D', bytes);  // no terminator
-      return true;
-    };
-    pdSetGetApplInfoFunctions(&functions);
-    sqltSetGetApplIdFunction([](char* id, std::size_t bytes) {
-      ossCopyText(id, bytes, "registered");
-      return true;
-    });
-    EXPECT_TRUE(pdi_applicationFields(&fields));
-    EXPECT_STREQ(fields.applicationId, "registered");
-    EXPECT_STREQ(fields.databaseName, "DDDDDDDD");
-    EXPECT_EQ(fields.unitOfWorkId + fields.activityId + fields.tenantId, 0U) << "it said that it does not know";
-    EXPECT_EQ(fields.handleIndex, 2);
-
-    pdSetGetApplInfoFunctions(nullptr);
-    pdLogSetExtraHeaderMask(PD_HEADER_TENANT);
-    EXPECT_TRUE(pdi_applicationFields(&fields));
-    EXPECT_EQ(fields.tenantId, 5U);
-    EXPECT_FALSE(fields.hasHandle);
-    EXPECT_EQ(fields.unitOfWorkId, 0U);
-    EXPECT_STREQ(fields.applicationId, "");
-    EXPECT_STREQ(fields.databaseName, "");
-    EXPECT_FALSE(pdi_engineUnit(&unit));
-    pdLogSetExtraHeaderMask(PD_HEADER_ENGINE_UNIT);
-    EXPECT_FALSE(pdi_applicationFields(&fields));
-    EXPECT_TRUE(pdi_engineUnit(&unit));
+  PdApplInfoFunctions functions = {};
+  functions.work = [](std::uint32_t* work, std::uint32_t*, std::uint32_t*) {
+    *work = 99;
+    return false;
+  };
+  functions.databaseName = [](char* name, std::size_t bytes) {
+    std::memset(name, 'D', bytes);  // no terminator
+    return true;
+  };
+  pdSetGetApplInfoFunctions(&functions);
+  sqltSetGetApplIdFunction([](char* id, std::size_t bytes) {
+    ossCopyText(id, bytes, "registered");
+    return true;
   });
+  EXPECT_TRUE(pdi_applicationFields(&fields));
+  EXPECT_STREQ(fields.applicationId, "registered");
+  EXPECT_STREQ(fields.databaseName, "DDDDDDDD");
+  EXPECT_EQ(fields.unitOfWorkId + fields.activityId + fields.tenantId, 0U) << "it said that it does not know";
+  EXPECT_EQ(fields.handleIndex, 2);
+
+  pdSetGetApplInfoFunctions(nullptr);
+  pdLogSetExtraHeaderMask(PD_HEADER_TENANT);
+  EXPECT_TRUE(pdi_applicationFields(&fields));
+  EXPECT_EQ(fields.tenantId, 5U);
+  EXPECT_FALSE(fields.hasHandle);
+  EXPECT_EQ(fields.unitOfWorkId, 0U);
+  EXPECT_STREQ(fields.applicationId, "");
+  EXPECT_STREQ(fields.databaseName, "");
+  EXPECT_FALSE(pdi_engineUnit(&unit));
+  pdLogSetExtraHeaderMask(PD_HEADER_ENGINE_UNIT);
+  EXPECT_FALSE(pdi_applicationFields(&fields));
+  EXPECT_TRUE(pdi_engineUnit(&unit));
 }
 
 }  // namespace

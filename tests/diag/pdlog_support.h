@@ -54,7 +54,7 @@ inline std::size_t countOf(const std::vector<std::string>& records, const std::s
 
 // Where the log of an instance of these tests lies.
 struct Log {
-  platformtest::Instance instance;
+  const platformtest::Instance& instance;
 
   std::string directory() const { return instance.directory() + "/instance/diag/"; }
   std::string path() const { return directory() + "vekdiag.log"; }

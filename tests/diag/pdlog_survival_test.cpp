@@ -61,7 +61,8 @@ void killAtRandom(std::uint32_t diagSize) {
   const unsigned seed = std::random_device()();
   SCOPED_TRACE(seed);
   std::mt19937 random(seed);
-  const Log log;
+  const platformtest::Instance instance;
+  const Log log{instance};
   platformtest::Shared<Answers> answers;
   for (int round = 0; round < kRounds; ++round) {
     std::vector<pid_t> writers;
@@ -96,28 +97,26 @@ void killAtRandom(std::uint32_t diagSize) {
 TEST(PdLogSurvival, WritersKilledAtRandomCostOnlyTheirOwnRecord) { killAtRandom(0); }
 TEST(PdLogSurvival, AlsoAcrossRotation) { killAtRandom(20); }
 
-TEST(PdLogSurvival, AForkWhileAnotherThreadLogs) {
-  inProcess([] {
-    const Log log;
-    std::atomic<bool> stop{false};
-    std::atomic<int> written{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 2; ++i)
-      threads.emplace_back([&] {
-        while (!stop.load()) written += logText("of a thread") == 0 ? 1 : 0;
-      });
-    for (int i = 0; i < 40; ++i)
-      EXPECT_EQ(runInProcess([] {
-                  EXPECT_EQ(logText("of a child"), 0);
-                  platformtest::endAtOnce();
-                }),
-                0);
-    stop = true;
-    for (std::thread& thread : threads) thread.join();
-    const auto records = log.records();
-    EXPECT_EQ(countOf(records, "of a child"), 40U);
-    EXPECT_EQ(countOf(records, "of a thread"), static_cast<std::size_t>(written.load()));
-  });
+TEST_APART(PdLogSurvival, AForkWhileAnotherThreadLogs) {
+  const Log log{instance};
+  std::atomic<bool> stop{false};
+  std::atomic<int> written{0};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 2; ++i)
+    threads.emplace_back([&] {
+      while (!stop.load()) written += logText("of a thread") == 0 ? 1 : 0;
+    });
+  for (int i = 0; i < 40; ++i)
+    EXPECT_EQ(runInProcess([] {
+                EXPECT_EQ(logText("of a child"), 0);
+                platformtest::endAtOnce();
+              }),
+              0);
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+  const auto records = log.records();
+  EXPECT_EQ(countOf(records, "of a child"), 40U);
+  EXPECT_EQ(countOf(records, "of a thread"), static_cast<std::size_t>(written.load()));
 }
 
 // ---- places that cannot be written ------------------------------------------------------------------------------
@@ -138,41 +137,39 @@ void catchStandardError(const Log& log) {
   ::dup2(fd, 2);
 }
 
-TEST(PdLogSurvival, LossesAreCountedAndTold) {
-  inProcess([] {
-    const Log log;
-    catchStandardError(log);
-    g_realWrite = ossCalls().write;
-    ossCalls().write = writeToFullDisk;
-    EXPECT_EQ(logText("first"), 0);
-    g_isDiskFull = true;
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(logText("lost"), SQLT_DIAGERR_LOGERR);
-    std::uint32_t audit = 0;
-    EXPECT_EQ(pdLogFacOpen("audit", PD_LEVEL_INFO, &audit), 0);
-    const auto toAudit = [audit](const char* text) {
-      return pdLogPrintf(std::uint64_t{audit} << PD_LOG_FACILITY_SHIFT, kFunction, 0, 1, 2, "%s", text);
-    };
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(toAudit("lost"), SQLT_DIAGERR_LOGERR);
-    g_isDiskFull = false;
-    inProcess([] { EXPECT_EQ(logText("a child has lost nothing"), 0); });
-    EXPECT_EQ(logText("resumed"), 0);
-    EXPECT_EQ(toAudit("goes on"), 0);
-    EXPECT_TRUE(holds(readFile(log.directory() + "audit.log"), "Before this record 2 records were lost"));
-    EXPECT_EQ(logText("second"), 0);
-    const auto records = log.records();
-    EXPECT_EQ(countOf(records, "\r\nlost\r\n"), 0U);
-    EXPECT_EQ(countOf(records, "Before this record"), 1U);
-    for (const std::string& record : records)
-      EXPECT_EQ(holds(record, "Before this record 3 records were lost, the first at "), holds(record, "resumed"));
-    std::string lines;
-    for (const std::string& path : {log.path(), log.directory() + "audit.log"}) {
-      char line[512];
-      std::snprintf(line, sizeof line, "Open of log file \"%s\" failed with rc 0x%X\n", path.c_str(),
-                    static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(ENOSPC)));
-      lines += line;
-    }
-    EXPECT_EQ(readFile(log.instance.directory() + "/stderr"), lines) << "once for one reason and file";
-  });
+TEST_APART(PdLogSurvival, LossesAreCountedAndTold) {
+  const Log log{instance};
+  catchStandardError(log);
+  g_realWrite = ossCalls().write;
+  ossCalls().write = writeToFullDisk;
+  EXPECT_EQ(logText("first"), 0);
+  g_isDiskFull = true;
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(logText("lost"), SQLT_DIAGERR_LOGERR);
+  std::uint32_t audit = 0;
+  EXPECT_EQ(pdLogFacOpen("audit", PD_LEVEL_INFO, &audit), 0);
+  const auto toAudit = [audit](const char* text) {
+    return pdLogPrintf(std::uint64_t{audit} << PD_LOG_FACILITY_SHIFT, kFunction, 0, 1, 2, "%s", text);
+  };
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(toAudit("lost"), SQLT_DIAGERR_LOGERR);
+  g_isDiskFull = false;
+  inProcess([] { EXPECT_EQ(logText("a child has lost nothing"), 0); });
+  EXPECT_EQ(logText("resumed"), 0);
+  EXPECT_EQ(toAudit("goes on"), 0);
+  EXPECT_TRUE(holds(readFile(log.directory() + "audit.log"), "Before this record 2 records were lost"));
+  EXPECT_EQ(logText("second"), 0);
+  const auto records = log.records();
+  EXPECT_EQ(countOf(records, "\r\nlost\r\n"), 0U);
+  EXPECT_EQ(countOf(records, "Before this record"), 1U);
+  for (const std::string& record : records)
+    EXPECT_EQ(holds(record, "Before this record 3 records were lost, the first at "), holds(record, "resumed"));
+  std::string lines;
+  for (const std::string& path : {log.path(), log.directory() + "audit.log"}) {
+    char line[512];
+    std::snprintf(line, sizeof line, "Open of log file \"%s\" failed with rc 0x%X\n", path.c_str(),
+                  static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(ENOSPC)));
+    lines += line;
+  }
+  EXPECT_EQ(readFile(log.instance.directory() + "/stderr"), lines) << "once for one reason and file";
 }
 
 // The real things. Mounts are made in a name space of the process's own and go with it.
@@ -216,7 +213,8 @@ TEST(PdLogSurvival, PlacesThatReallyCannotBeWritten) {
   for (const Place& place : kPlaces)
     for (const bool moves : {false, true}) {
       SCOPED_TRACE(std::string(place.name) + (moves ? ", with an alternate" : ""));
-      const Log log;
+      const platformtest::Instance instance;
+      const Log log{instance};
       const int end = runInProcess([&] {
         const std::string alternate = log.instance.directory() + "/alternate/";
         const std::string directory = log.directory().substr(0, log.directory().size() - 1);
@@ -242,103 +240,95 @@ TEST(PdLogSurvival, PlacesThatReallyCannotBeWritten) {
 }
 
 // The log moves to the alternate directory for what ails its path, and for nothing else.
-TEST(PdLogSurvival, TheLogStaysForWhatIsNoFaultOfItsPath) {
-  inProcess([] {
-    const Log log;
-    catchStandardError(log);
-    const std::string alternate = log.instance.directory() + "/alternate/";
-    ossCopyText(installHost().ALT_DIAGPATH, sizeof VekInstanceControl::ALT_DIAGPATH, alternate.c_str());
-    EXPECT_EQ(logText("first"), 0);
-    static int (*realOpen)(const char*, int, mode_t) = ossCalls().open;
-    static int error;
-    for (const int each : {EMFILE, ENFILE, ENOMEM}) {
-      error = each;
-      ossCalls().open = [](const char*, int, mode_t) {
-        errno = error;
-        return -1;
-      };
-      EXPECT_EQ(logText("lost"), SQLT_DIAGERR_LOGERR);
-      ossCalls().open = realOpen;
-    }
-    std::uint32_t facility = 0;
-    EXPECT_EQ(pdLogFacOpen("audit", PD_LEVEL_INFO, &facility), 0);
-    std::filesystem::create_directory(log.directory() + "audit.log");
-    EXPECT_EQ(pdLogPrintf(std::uint64_t{facility} << PD_LOG_FACILITY_SHIFT, kFunction, 0, 1, 2, "audited"), 0);
-    EXPECT_EQ(countOf(recordsOf(readFile(alternate + "audit.log")), "audited"), 1U);
-    const rlimit little = {65'536, 65'536};
-    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
-    const std::string object(100'000, 'o');
-    EXPECT_EQ(pdLogDump(1, kFunction, 0, 5, 2, "large", 100'000, object.data()), SQLT_DIAGERR_DUMPERR);
-    EXPECT_EQ(logText("last"), 0);
-    EXPECT_EQ(countOf(log.records(), "last"), 1U);
-    EXPECT_FALSE(std::filesystem::exists(alternate + "vekdiag.log"));
-  });
+TEST_APART(PdLogSurvival, TheLogStaysForWhatIsNoFaultOfItsPath) {
+  const Log log{instance};
+  catchStandardError(log);
+  const std::string alternate = log.instance.directory() + "/alternate/";
+  ossCopyText(installHost().ALT_DIAGPATH, sizeof VekInstanceControl::ALT_DIAGPATH, alternate.c_str());
+  EXPECT_EQ(logText("first"), 0);
+  static int (*realOpen)(const char*, int, mode_t) = ossCalls().open;
+  static int error;
+  for (const int each : {EMFILE, ENFILE, ENOMEM}) {
+    error = each;
+    ossCalls().open = [](const char*, int, mode_t) {
+      errno = error;
+      return -1;
+    };
+    EXPECT_EQ(logText("lost"), SQLT_DIAGERR_LOGERR);
+    ossCalls().open = realOpen;
+  }
+  std::uint32_t facility = 0;
+  EXPECT_EQ(pdLogFacOpen("audit", PD_LEVEL_INFO, &facility), 0);
+  std::filesystem::create_directory(log.directory() + "audit.log");
+  EXPECT_EQ(pdLogPrintf(std::uint64_t{facility} << PD_LOG_FACILITY_SHIFT, kFunction, 0, 1, 2, "audited"), 0);
+  EXPECT_EQ(countOf(recordsOf(readFile(alternate + "audit.log")), "audited"), 1U);
+  const rlimit little = {65'536, 65'536};
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
+  const std::string object(100'000, 'o');
+  EXPECT_EQ(pdLogDump(1, kFunction, 0, 5, 2, "large", 100'000, object.data()), SQLT_DIAGERR_DUMPERR);
+  EXPECT_EQ(logText("last"), 0);
+  EXPECT_EQ(countOf(log.records(), "last"), 1U);
+  EXPECT_FALSE(std::filesystem::exists(alternate + "vekdiag.log"));
 }
 
-TEST(PdLogSurvival, ARemovedDirectoryIsMadeAnewAndALinkIsRefused) {
-  inProcess([] {
-    const Log log;
-    catchStandardError(log);
-    EXPECT_EQ(logText("first"), 0);
-    std::filesystem::remove_all(log.directory());
-    EXPECT_EQ(logText("second"), 0);
-    EXPECT_EQ(log.records().size(), 2U);
-    const std::string elsewhere = log.instance.directory() + "/elsewhere";
-    std::ofstream(elsewhere) << "mine";
-    std::filesystem::remove(log.path());
-    ASSERT_EQ(::symlink(elsewhere.c_str(), log.path().c_str()), 0);
-    EXPECT_EQ(logText("third"), SQLT_DIAGERR_LOGERR);
-    EXPECT_EQ(readFile(elsewhere), "mine");
-  });
+TEST_APART(PdLogSurvival, ARemovedDirectoryIsMadeAnewAndALinkIsRefused) {
+  const Log log{instance};
+  catchStandardError(log);
+  EXPECT_EQ(logText("first"), 0);
+  std::filesystem::remove_all(log.directory());
+  EXPECT_EQ(logText("second"), 0);
+  EXPECT_EQ(log.records().size(), 2U);
+  const std::string elsewhere = log.instance.directory() + "/elsewhere";
+  std::ofstream(elsewhere) << "mine";
+  std::filesystem::remove(log.path());
+  ASSERT_EQ(::symlink(elsewhere.c_str(), log.path().c_str()), 0);
+  EXPECT_EQ(logText("third"), SQLT_DIAGERR_LOGERR);
+  EXPECT_EQ(readFile(elsewhere), "mine");
 }
 
 // ---- rotation ---------------------------------------------------------------------------------------------------
 
-TEST(PdLogRotation, WithoutADirectoryForItTheLogStaysInOneFile) {
-  inProcess([] {
-    const Log log;
-    installHost().DIAGSIZE = 1;
-    std::filesystem::create_directories(log.directory());
-    ::chmod(log.directory().c_str(), 0700);
-    std::ofstream(log.directory() + "rotate") << "a file in its place";
-    EXPECT_EQ(logText("first"), 0);
-    EXPECT_EQ(logText("second"), 0);
-    const auto records = log.records();
-    EXPECT_EQ(countOf(records, "Rotating log directory (" + log.directory() + "rotate) is not a directory."), 1U);
-    EXPECT_EQ(records.size(), 4U);
-    std::filesystem::remove(log.directory() + "rotate");
-    EXPECT_EQ(logText("third"), 0);
-    EXPECT_EQ(recordsOf(readFile(log.directory() + "rotate/vekdiag.0.log")).size(), 2U);
-  });
+TEST_APART(PdLogRotation, WithoutADirectoryForItTheLogStaysInOneFile) {
+  const Log log{instance};
+  installHost().DIAGSIZE = 1;
+  std::filesystem::create_directories(log.directory());
+  ::chmod(log.directory().c_str(), 0700);
+  std::ofstream(log.directory() + "rotate") << "a file in its place";
+  EXPECT_EQ(logText("first"), 0);
+  EXPECT_EQ(logText("second"), 0);
+  const auto records = log.records();
+  EXPECT_EQ(countOf(records, "Rotating log directory (" + log.directory() + "rotate) is not a directory."), 1U);
+  EXPECT_EQ(records.size(), 4U);
+  std::filesystem::remove(log.directory() + "rotate");
+  EXPECT_EQ(logText("third"), 0);
+  EXPECT_EQ(recordsOf(readFile(log.directory() + "rotate/vekdiag.0.log")).size(), 2U);
 }
 
-TEST(PdLogRotation, KeepsTenFilesOfATenthAndWarnsOfLittleSpace) {
-  inProcess([] {
-    const Log log;
-    installHost().DIAGSIZE = 1;
-    static int (*realStatvfs)(const char*, struct statvfs*) = ossCalls().statvfs;
-    EXPECT_EQ(logText("first"), 0);
-    for (int i = 0; i < 40; ++i) EXPECT_EQ(logText(std::string(40'000, 'x')), 0);
-    std::size_t files = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(log.directory() + "rotate")) {
-      if (entry.path().extension() != ".log") continue;
-      ++files;
-      EXPECT_LE(entry.file_size(), (1U << 20) / 10);
-      EXPECT_TRUE(holds(recordsOf(readFile(entry.path())).at(0), "START   : New Diagnostic Log file"));
-    }
-    EXPECT_EQ(files, 10U);
-    EXPECT_TRUE(std::filesystem::exists(log.directory() + "rotate/.rotate.lck"));
-    EXPECT_TRUE(std::filesystem::exists(log.directory() + "rotate/.vekdiag.rotate.lck"));
-    ossCalls().statvfs = [](const char* path, struct statvfs* out) {
-      const int result = realStatvfs(path, out);
-      out->f_bavail = 1;
-      return result;
-    };
-    for (int i = 0; i < 3; ++i) EXPECT_EQ(logText(std::string(40'000, 'x')), 0);
-    const auto records = allRecords(log);
-    EXPECT_EQ(countOf(records, "WARNING : The free disk space under " + log.directory() + "rotate\r\n"), 1U);
-    EXPECT_EQ(countOf(records, "is not enough to hold one full-size rotating log."), 1U);
-  });
+TEST_APART(PdLogRotation, KeepsTenFilesOfATenthAndWarnsOfLittleSpace) {
+  const Log log{instance};
+  installHost().DIAGSIZE = 1;
+  static int (*realStatvfs)(const char*, struct statvfs*) = ossCalls().statvfs;
+  EXPECT_EQ(logText("first"), 0);
+  for (int i = 0; i < 40; ++i) EXPECT_EQ(logText(std::string(40'000, 'x')), 0);
+  std::size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(log.directory() + "rotate")) {
+    if (entry.path().extension() != ".log") continue;
+    ++files;
+    EXPECT_LE(entry.file_size(), (1U << 20) / 10);
+    EXPECT_TRUE(holds(recordsOf(readFile(entry.path())).at(0), "START   : New Diagnostic Log file"));
+  }
+  EXPECT_EQ(files, 10U);
+  EXPECT_TRUE(std::filesystem::exists(log.directory() + "rotate/.rotate.lck"));
+  EXPECT_TRUE(std::filesystem::exists(log.directory() + "rotate/.vekdiag.rotate.lck"));
+  ossCalls().statvfs = [](const char* path, struct statvfs* out) {
+    const int result = realStatvfs(path, out);
+    out->f_bavail = 1;
+    return result;
+  };
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(logText(std::string(40'000, 'x')), 0);
+  const auto records = allRecords(log);
+  EXPECT_EQ(countOf(records, "WARNING : The free disk space under " + log.directory() + "rotate\r\n"), 1U);
+  EXPECT_EQ(countOf(records, "is not enough to hold one full-size rotating log."), 1U);
 }
 
 }  // namespace

@@ -124,50 +124,44 @@ void expectWords(const SqltTraceSettings& settings, std::uint32_t component, std
   EXPECT_EQ(*p_sqltevents, chosen | others);
 }
 
-TEST(TraceFlags, MaskBytesChooseTheBitsOfTheComponentsInTheBitmap) {
+TEST_APART(TraceFlags, MaskBytesChooseTheBitsOfTheComponentsInTheBitmap) {
   // By mask byte, then by bit: the word's bits. Byte 1 crosses 0x08 and 0x10.
   static constexpr std::uint32_t kBits[3][8] = {
       {0, 0x1, 0x2, 0x4, 0x8, 0x10, 0x20, 0x40},
       {0x80, 0x100, 0x200, 0x800, 0x400, 0x1000, 0x2000, 0x4000},
       {0x220000, 0, 0x10000, 0x8000, 0, 0, 0, 0},
   };
-  const TraceInstance instance;
-  inProcess([] {
-    for (const std::uint32_t option : {SQLT_OPTION_COMPONENTS, SQLT_OPTION_COMPONENTS_TOO})
-      for (const std::uint32_t component : {0U, 9U, 134U, 241U})
-        for (std::uint32_t byte = 0; byte < 3; ++byte)
-          for (std::uint32_t bit = 0; bit < 8; ++bit) {
-            SqltTraceSettings settings = settingsFor(option, {component});
-            settings.mask[byte] = static_cast<std::uint8_t>(1U << bit);
-            expectWords(settings, component, kBits[byte][bit], 0);
-          }
-    SqltTraceSettings all = settingsFor(SQLT_OPTION_COMPONENTS, {9});
-    std::fill(std::begin(all.mask), std::end(all.mask), std::uint8_t{0xFF});
-    expectWords(all, 9, 0x23FFFF, 0);
-    all.selection = 0xFF & ~SQLT_SELECT_MASK_BYTES;
-    expectWords(all, 9, 0, 0);
-  });
+  for (const std::uint32_t option : {SQLT_OPTION_COMPONENTS, SQLT_OPTION_COMPONENTS_TOO})
+    for (const std::uint32_t component : {0U, 9U, 134U, 241U})
+      for (std::uint32_t byte = 0; byte < 3; ++byte)
+        for (std::uint32_t bit = 0; bit < 8; ++bit) {
+          SqltTraceSettings settings = settingsFor(option, {component});
+          settings.mask[byte] = static_cast<std::uint8_t>(1U << bit);
+          expectWords(settings, component, kBits[byte][bit], 0);
+        }
+  SqltTraceSettings all = settingsFor(SQLT_OPTION_COMPONENTS, {9});
+  std::fill(std::begin(all.mask), std::end(all.mask), std::uint8_t{0xFF});
+  expectWords(all, 9, 0x23FFFF, 0);
+  all.selection = 0xFF & ~SQLT_SELECT_MASK_BYTES;
+  expectWords(all, 9, 0, 0);
 }
 
-TEST(TraceFlags, WithoutABitmapAllButTheOptionsAreSetAndWorkloadDisplayIsKept) {
-  const TraceInstance instance;
-  inProcess([] {
-    SqltTraceSettings settings = settingsFor(0, {9});
-    settings.mask[0] = 0x02;
-    expectWords(settings, 0, kAllOnes, kAllOnes);
-    settings.options = SQLT_OPTION_ALL;
-    expectWords(settings, 0, kAllOnes | 0x100000, kAllOnes | 0x100000);
+TEST_APART(TraceFlags, WithoutABitmapAllButTheOptionsAreSetAndWorkloadDisplayIsKept) {
+  SqltTraceSettings settings = settingsFor(0, {9});
+  settings.mask[0] = 0x02;
+  expectWords(settings, 0, kAllOnes, kAllOnes);
+  settings.options = SQLT_OPTION_ALL;
+  expectWords(settings, 0, kAllOnes | 0x100000, kAllOnes | 0x100000);
 
-    sqltSetWorkloadDisplay(true);
-    settings.options = 0;
-    expectWords(settings, 0, kAllOnes | kKept, kAllOnes | kKept);
-    settings.options = SQLT_OPTION_COMPONENTS;
-    expectWords(settings, 9, 0x1, kKept);
-    sqltSetWorkloadDisplay(true);
-    settings.options = SQLT_OPTION_COMPONENTS | SQLT_OPTION_ALL;
-    expectWords(settings, 9, 0x100001, kKept | 0x100000);
-    EXPECT_EQ(sqltSetTraceFlags(nullptr), SQLO_INV_PARM);
-  });
+  sqltSetWorkloadDisplay(true);
+  settings.options = 0;
+  expectWords(settings, 0, kAllOnes | kKept, kAllOnes | kKept);
+  settings.options = SQLT_OPTION_COMPONENTS;
+  expectWords(settings, 9, 0x1, kKept);
+  sqltSetWorkloadDisplay(true);
+  settings.options = SQLT_OPTION_COMPONENTS | SQLT_OPTION_ALL;
+  expectWords(settings, 9, 0x100001, kKept | 0x100000);
+  EXPECT_EQ(sqltSetTraceFlags(nullptr), SQLO_INV_PARM);
 }
 
 TEST(TraceFlags, ClientInterfaceHasOptionsOfItsOwn) {
@@ -208,136 +202,121 @@ TEST(TraceFlags, ClientInterfaceHasOptionsOfItsOwn) {
   }
 }
 
-TEST(TraceFlags, ClearingKeepsWorkloadDisplayOfTheEventWordAlone) {
-  const TraceInstance instance;
-  inProcess([] {
-    ASSERT_EQ(sqltinit(), (1ULL << 32) | 1U);
-    for (const std::uint32_t events : {0U, kKept, 0xFFFFFFFFU, ~kKept}) {
-      std::fill_n(g_sqltCompTraceFlags, SQLT_TRACE_COMPONENTS + 1, kKept | 0x3);
-      *p_sqltevents = events;
-      sqltClearTraceFlags();
-      for (std::uint32_t i = 0; i < SQLT_TRACE_COMPONENTS; ++i) ASSERT_EQ(sqltTraceWord(i), events & kKept);
-      EXPECT_EQ(*p_sqltevents, events & kKept);
-      EXPECT_EQ(g_sqltCompTraceFlags[SQLT_TRACE_COMPONENTS], kKept | 0x3) << "behind the last word";
-    }
-  });
+TEST_APART(TraceFlags, ClearingKeepsWorkloadDisplayOfTheEventWordAlone) {
+  ASSERT_EQ(sqltinit(), (1ULL << 32) | 1U);
+  for (const std::uint32_t events : {0U, kKept, 0xFFFFFFFFU, ~kKept}) {
+    std::fill_n(g_sqltCompTraceFlags, SQLT_TRACE_COMPONENTS + 1, kKept | 0x3);
+    *p_sqltevents = events;
+    sqltClearTraceFlags();
+    for (std::uint32_t i = 0; i < SQLT_TRACE_COMPONENTS; ++i) ASSERT_EQ(sqltTraceWord(i), events & kKept);
+    EXPECT_EQ(*p_sqltevents, events & kKept);
+    EXPECT_EQ(g_sqltCompTraceFlags[SQLT_TRACE_COMPONENTS], kKept | 0x3) << "behind the last word";
+  }
 }
 
 // ---- life cycle -------------------------------------------------------------------------------------------------
 
-TEST(TraceControl, CreatingAndDeletingByEitherInterface) {
-  const TraceInstance instance;
-  inProcess([&instance] {
-    const std::string dump = instance.path("dump");
-    EXPECT_EQ(sqltTraceFacilityDelete(), SQLT_TRACE_NOT_CREATED);
-    EXPECT_EQ(sqlt_dump_trace(dump.c_str()), SQLT_TRACE_NOT_CREATED);
-    EXPECT_EQ(sqlt_dump_trace(""), SQLO_INV_PARM);
-    EXPECT_EQ(sqlt_dump_trace(nullptr), SQLO_INV_PARM);
-    EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
-    EXPECT_EQ(sqltInquireTraceBufferSize(), 0U);
-    EXPECT_FALSE(sqltTraceActive());
+TEST_APART(TraceControl, CreatingAndDeletingByEitherInterface) {
+  const std::string dump = instance.path("dump");
+  EXPECT_EQ(sqltTraceFacilityDelete(), SQLT_TRACE_NOT_CREATED);
+  EXPECT_EQ(sqlt_dump_trace(dump.c_str()), SQLT_TRACE_NOT_CREATED);
+  EXPECT_EQ(sqlt_dump_trace(""), SQLO_INV_PARM);
+  EXPECT_EQ(sqlt_dump_trace(nullptr), SQLO_INV_PARM);
+  EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
+  EXPECT_EQ(sqltInquireTraceBufferSize(), 0U);
+  EXPECT_FALSE(sqltTraceActive());
 
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    EXPECT_EQ(sqltTraceFacilityCreate(kRingBytes * 2), SQLT_TRACE_ALREADY_CREATED);
-    EXPECT_EQ(sqltTraceFacilityCLICreate(kRingBytes * 2), 0);
-    EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
-    EXPECT_EQ(sqltInquireTraceBufferSize(), kRingBytes) << "not the client interface's to delete";
-    pdtEvent(kFunction, 1, 1);
-    const void* const record = pdGetGTRecPtr();
-    EXPECT_NE(record, nullptr);
-    std::thread([record] { EXPECT_EQ(pdGetGTRecPtr(), record) << "one for the process"; }).join();
-    SqltSharedIPCInfo info;
-    ASSERT_EQ(sqltTrcSharedIPCInfo(&info), 0);
-    EXPECT_TRUE(std::filesystem::exists(info.path));
-    EXPECT_EQ(info.bytes, kRingBytes);
-    EXPECT_STREQ(info.instance, "platformtest");
-    EXPECT_EQ(sqltTrcSharedIPCInfo(nullptr), SQLO_INV_PARM);
-    const int object = ::open(info.path, O_RDONLY | O_CLOEXEC);
-    EXPECT_EQ(sqltTraceFacilityDelete(), 0);
-    struct stat status = {};
-    ASSERT_EQ(::fstat(object, &status), 0);
-    EXPECT_LT(static_cast<std::uint64_t>(status.st_blocks) * 512, kRingBytes / 4) << "memory goes back at once";
-    ::close(object);
-    EXPECT_EQ(pdGetGTRecPtr(), nullptr);
-    EXPECT_FALSE(std::filesystem::exists(info.path));
-    EXPECT_EQ(sqltTraceFacilityDelete(), SQLT_TRACE_NOT_CREATED);
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  EXPECT_EQ(sqltTraceFacilityCreate(kRingBytes * 2), SQLT_TRACE_ALREADY_CREATED);
+  EXPECT_EQ(sqltTraceFacilityCLICreate(kRingBytes * 2), 0);
+  EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
+  EXPECT_EQ(sqltInquireTraceBufferSize(), kRingBytes) << "not the client interface's to delete";
+  pdtEvent(kFunction, 1, 1);
+  const void* const record = pdGetGTRecPtr();
+  EXPECT_NE(record, nullptr);
+  std::thread([record] { EXPECT_EQ(pdGetGTRecPtr(), record) << "one for the process"; }).join();
+  SqltSharedIPCInfo info;
+  ASSERT_EQ(sqltTrcSharedIPCInfo(&info), 0);
+  EXPECT_TRUE(std::filesystem::exists(info.path));
+  EXPECT_EQ(info.bytes, kRingBytes);
+  EXPECT_STREQ(info.instance, "platformtest");
+  EXPECT_EQ(sqltTrcSharedIPCInfo(nullptr), SQLO_INV_PARM);
+  const int object = ::open(info.path, O_RDONLY | O_CLOEXEC);
+  EXPECT_EQ(sqltTraceFacilityDelete(), 0);
+  struct stat status = {};
+  ASSERT_EQ(::fstat(object, &status), 0);
+  EXPECT_LT(static_cast<std::uint64_t>(status.st_blocks) * 512, kRingBytes / 4) << "memory goes back at once";
+  ::close(object);
+  EXPECT_EQ(pdGetGTRecPtr(), nullptr);
+  EXPECT_FALSE(std::filesystem::exists(info.path));
+  EXPECT_EQ(sqltTraceFacilityDelete(), SQLT_TRACE_NOT_CREATED);
 
-    EXPECT_EQ(sqltTraceFacilityCLICreate(kRingBytes * 2), 0);
-    EXPECT_EQ(sqltInquireTraceBufferSize(), kRingBytes * 2);
-    pdtEvent(kFunction, 1, 2);
-    EXPECT_EQ(readInstance().size(), 1U) << "the thread follows to the new ring";
-    EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
-    EXPECT_EQ(sqltInquireTraceBufferSize(), 0U);
-    std::uint64_t auxiliary = 1;
-    EXPECT_EQ(sqltTrcAuxBufferSize(&auxiliary), 0);
-    EXPECT_EQ(auxiliary, 0U);
-    EXPECT_EQ(sqltTrcAuxBufferSize(nullptr), SQLO_INV_PARM);
-  });
+  EXPECT_EQ(sqltTraceFacilityCLICreate(kRingBytes * 2), 0);
+  EXPECT_EQ(sqltInquireTraceBufferSize(), kRingBytes * 2);
+  pdtEvent(kFunction, 1, 2);
+  EXPECT_EQ(readInstance().size(), 1U) << "the thread follows to the new ring";
+  EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
+  EXPECT_EQ(sqltInquireTraceBufferSize(), 0U);
+  std::uint64_t auxiliary = 1;
+  EXPECT_EQ(sqltTrcAuxBufferSize(&auxiliary), 0);
+  EXPECT_EQ(auxiliary, 0U);
+  EXPECT_EQ(sqltTrcAuxBufferSize(nullptr), SQLO_INV_PARM);
 }
 
-TEST(TraceControl, ClearingForgetsWhatWasAndNothingThatComes) {
-  const TraceInstance instance;
-  inProcess([] {
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    for (const std::uint64_t before : {0U, 1U, 20U, 1000U, 200'000U})
-      for (const std::uint64_t after : {0U, 1U, 20U, 3000U}) {
-        for (std::uint64_t i = 0; i < before; ++i) pdtEvent(kFunction, 1, i);
-        pdtClearBuffer();
-        for (std::uint64_t i = 0; i < after; ++i) pdtEvent(kFunction, 2, i);
-        const std::vector<ReadRecord> records = readInstance();
-        ASSERT_EQ(records.size(), after) << before << " before";
-        for (std::uint64_t i = 0; i < after; ++i)
-          EXPECT_TRUE(records[i].probe == 2 && records[i].value == static_cast<std::int64_t>(i));
-      }
-  });
-}
-
-TEST(TraceControl, DisablingStopsAllProcessesAndKeepsTheRecords) {
-  const TraceInstance instance;
-  const SqltTraceSettings settings = settingsFor(0, {});
-  inProcess([&settings] {
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    pdtEvent(kFunction, 1, 1);
-    inProcess([&settings] {
-      ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
+TEST_APART(TraceControl, ClearingForgetsWhatWasAndNothingThatComes) {
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  for (const std::uint64_t before : {0U, 1U, 20U, 1000U, 200'000U})
+    for (const std::uint64_t after : {0U, 1U, 20U, 3000U}) {
+      for (std::uint64_t i = 0; i < before; ++i) pdtEvent(kFunction, 1, i);
       pdtClearBuffer();
-      pdtDisable();
-    });
-    EXPECT_EQ(sqltTraceWord(9), 0U);
-    EXPECT_FALSE(sqltTraceActive());
-    pdtEvent(kFunction, 2, 1);
-    const std::vector<ReadRecord> kept = readInstance();
-    for (const ReadRecord& record : kept) EXPECT_NE(record.function, kFunction);
-    EXPECT_FALSE(kept.empty()) << "the other process traced its own calls";
-    ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
-    EXPECT_TRUE(sqltTraceActive());
-    pdtEvent(kFunction, 3, 1);
-    const std::vector<ReadRecord> now = readInstance();
-    EXPECT_EQ(now.back().probe, 3U);
-  });
+      for (std::uint64_t i = 0; i < after; ++i) pdtEvent(kFunction, 2, i);
+      const std::vector<ReadRecord> records = readInstance();
+      ASSERT_EQ(records.size(), after) << before << " before";
+      for (std::uint64_t i = 0; i < after; ++i)
+        EXPECT_TRUE(records[i].probe == 2 && records[i].value == static_cast<std::int64_t>(i));
+    }
 }
 
-TEST(TraceControl, RecordsCarryThePartitionAndProcessTheyAreToldTo) {
-  const TraceInstance instance;
-  inProcess([] {
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    pdtEvent(kFunction, 1, 1);
-    sqltSetTrcDftNodeNum(7);
-    pdtEvent(kFunction, 1, 2);
-    sqltspid(1234);
-    pdtEvent(kFunction, 1, 3);
-    const auto self = static_cast<std::uint32_t>(::getpid());
-    const std::pair<std::int32_t, std::uint32_t> wanted[] = {{0, self}, {7, self}, {7, 1234}};
-    SqltTraceReader reader;
-    ASSERT_EQ(reader.openInstance(), 0);
-    SqltTraceRecord record = {};
-    for (const auto& [partition, process] : wanted) {
-      ASSERT_TRUE(reader.next(&record));
-      EXPECT_EQ(record.thread.partition, partition);
-      EXPECT_EQ(record.thread.processId, process);
-    }
-    EXPECT_FALSE(reader.next(&record));
+TEST_APART(TraceControl, DisablingStopsAllProcessesAndKeepsTheRecords) {
+  const SqltTraceSettings settings = settingsFor(0, {});
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  pdtEvent(kFunction, 1, 1);
+  inProcess([&settings] {
+    ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
+    pdtClearBuffer();
+    pdtDisable();
   });
+  EXPECT_EQ(sqltTraceWord(9), 0U);
+  EXPECT_FALSE(sqltTraceActive());
+  pdtEvent(kFunction, 2, 1);
+  const std::vector<ReadRecord> kept = readInstance();
+  for (const ReadRecord& record : kept) EXPECT_NE(record.function, kFunction);
+  EXPECT_FALSE(kept.empty()) << "the other process traced its own calls";
+  ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
+  EXPECT_TRUE(sqltTraceActive());
+  pdtEvent(kFunction, 3, 1);
+  const std::vector<ReadRecord> now = readInstance();
+  EXPECT_EQ(now.back().probe, 3U);
+}
+
+TEST_APART(TraceControl, RecordsCarryThePartitionAndProcessTheyAreToldTo) {
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  pdtEvent(kFunction, 1, 1);
+  sqltSetTrcDftNodeNum(7);
+  pdtEvent(kFunction, 1, 2);
+  sqltspid(1234);
+  pdtEvent(kFunction, 1, 3);
+  const auto self = static_cast<std::uint32_t>(::getpid());
+  const std::pair<std::int32_t, std::uint32_t> wanted[] = {{0, self}, {7, self}, {7, 1234}};
+  SqltTraceReader reader;
+  ASSERT_EQ(reader.openInstance(), 0);
+  SqltTraceRecord record = {};
+  for (const auto& [partition, process] : wanted) {
+    ASSERT_TRUE(reader.next(&record));
+    EXPECT_EQ(record.thread.partition, partition);
+    EXPECT_EQ(record.thread.processId, process);
+  }
+  EXPECT_FALSE(reader.next(&record));
 }
 
 TEST(TraceControl, CreatorsDeletersWritersAndReadersAtTheSameTime) {
@@ -453,49 +432,40 @@ struct Dumping {
   }
 };
 
-TEST(TraceRefused, EachCallOfCreatingFails) {
-  const TraceInstance instance;
-  inProcess([&instance] {
-    ASSERT_EQ(sqltinit(), (1ULL << 32) | 1U);
-    const Creating creating{instance};
-    for (const int error : {ENOSPC, EIO, EACCES}) {
-      Failing<&vek::OssCalls::open>::eachInTurn(error, creating);
-      Failing<&vek::OssCalls::ftruncate>::eachInTurn(error, creating);
-      Failing<&vek::OssCalls::fallocate>::eachInTurn(error, creating);
-      Failing<&vek::OssCalls::pwrite>::eachInTurn(error, creating);
-      Failing<&vek::OssCalls::rename>::eachInTurn(error, creating);
-    }
-    Failing<&vek::OssCalls::fallocate>::eachInTurn(EINTR, creating);
-  });
+TEST_APART(TraceRefused, EachCallOfCreatingFails) {
+  ASSERT_EQ(sqltinit(), (1ULL << 32) | 1U);
+  const Creating creating{instance};
+  for (const int error : {ENOSPC, EIO, EACCES}) {
+    Failing<&vek::OssCalls::open>::eachInTurn(error, creating);
+    Failing<&vek::OssCalls::ftruncate>::eachInTurn(error, creating);
+    Failing<&vek::OssCalls::fallocate>::eachInTurn(error, creating);
+    Failing<&vek::OssCalls::pwrite>::eachInTurn(error, creating);
+    Failing<&vek::OssCalls::rename>::eachInTurn(error, creating);
+  }
+  Failing<&vek::OssCalls::fallocate>::eachInTurn(EINTR, creating);
 }
 
-TEST(TraceRefused, EachCallOfDumpingFailsAndLeavesTheOldFile) {
-  const TraceInstance instance;
-  inProcess([&instance] {
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    for (std::uint64_t i = 0; i < 3000; ++i) pdtEvent(kFunction, 1, i);
-    const Dumping dumping{instance, instance.path("dump")};
-    for (const int error : {ENOSPC, EIO}) {
-      Failing<&vek::OssCalls::open>::eachInTurn(error, dumping);
-      Failing<&vek::OssCalls::fsync>::eachInTurn(error, dumping);
-      Failing<&vek::OssCalls::rename>::eachInTurn(error, dumping);
-    }
-    Failing<&vek::OssCalls::pwrite>::eachInTurn(ENOSPC, dumping);
-  });
+TEST_APART(TraceRefused, EachCallOfDumpingFailsAndLeavesTheOldFile) {
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  for (std::uint64_t i = 0; i < 3000; ++i) pdtEvent(kFunction, 1, i);
+  const Dumping dumping{instance, instance.path("dump")};
+  for (const int error : {ENOSPC, EIO}) {
+    Failing<&vek::OssCalls::open>::eachInTurn(error, dumping);
+    Failing<&vek::OssCalls::fsync>::eachInTurn(error, dumping);
+    Failing<&vek::OssCalls::rename>::eachInTurn(error, dumping);
+  }
+  Failing<&vek::OssCalls::pwrite>::eachInTurn(ENOSPC, dumping);
 }
 
-TEST(TraceRefused, PointsGoOnWithoutARingThatCannotBeMapped) {
-  const TraceInstance instance;
-  inProcess([] {
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    static unsigned tried = 0;
-    vek::ossCalls().mmap = [](void*, std::size_t, int, int, int, off_t) { return ++tried, errno = ENOMEM, MAP_FAILED; };
-    for (std::uint64_t i = 0; i < 1000; ++i) pdtEvent(kFunction, 1, i);
-    EXPECT_LT(tried, 20U) << "not at every point";
-    vek::ossCalls().mmap = ::mmap;
-    for (std::uint64_t i = 0; i < 100; ++i) pdtEvent(kFunction, 2, i);
-    EXPECT_EQ(readInstance().back().value, 99);
-  });
+TEST_APART(TraceRefused, PointsGoOnWithoutARingThatCannotBeMapped) {
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  static unsigned tried = 0;
+  vek::ossCalls().mmap = [](void*, std::size_t, int, int, int, off_t) { return ++tried, errno = ENOMEM, MAP_FAILED; };
+  for (std::uint64_t i = 0; i < 1000; ++i) pdtEvent(kFunction, 1, i);
+  EXPECT_LT(tried, 20U) << "not at every point";
+  vek::ossCalls().mmap = ::mmap;
+  for (std::uint64_t i = 0; i < 100; ++i) pdtEvent(kFunction, 2, i);
+  EXPECT_EQ(readInstance().back().value, 99);
 }
 
 // A file system too small for a ring beside the region, or for a dump.

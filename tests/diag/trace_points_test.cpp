@@ -107,103 +107,94 @@ void expectItem(const ReadItem& item, const PdtItem& wanted) {
   EXPECT_EQ(item.bytes, std::string(static_cast<const char*>(wanted.data), wanted.size));
 }
 
-TEST(TracePoints, EveryMemberForwardsWhatItWasGiven) {
-  const TraceInstance instance;
-  inProcess([] {
-    const VekHost host = hostWithUnit();
-    ASSERT_EQ(vekHostInstall(&host), 0);
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    for (const Expected& each : kCalls) each.call();
-    const std::vector<ReadRecord> records = readInstance();
-    ASSERT_EQ(records.size(), std::size(kCalls));
-    for (std::size_t i = 0; i < records.size(); ++i) {
-      const Expected& wanted = kCalls[i];
-      const ReadRecord& record = records[i];
-      SCOPED_TRACE(wanted.name);
-      EXPECT_EQ(record.kind, wanted.kind);
-      EXPECT_EQ(record.function, kFunction);
-      EXPECT_EQ(record.probe, wanted.probe);
-      EXPECT_EQ(record.value, wanted.value);
-      const std::size_t first = wanted.hasText ? 1 : 0;
-      ASSERT_EQ(record.items.size(), first + wanted.items);
-      if (wanted.hasText) expectItem(record.items[0], {PD_TYPE_STRING, 8, "a marker"});
-      for (std::uint32_t item = 0; item < wanted.items; ++item) expectItem(record.items[first + item], itemAt(item));
-    }
-  });
+TEST_APART(TracePoints, EveryMemberForwardsWhatItWasGiven) {
+  const VekHost host = hostWithUnit();
+  ASSERT_EQ(vekHostInstall(&host), 0);
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  for (const Expected& each : kCalls) each.call();
+  const std::vector<ReadRecord> records = readInstance();
+  ASSERT_EQ(records.size(), std::size(kCalls));
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    const Expected& wanted = kCalls[i];
+    const ReadRecord& record = records[i];
+    SCOPED_TRACE(wanted.name);
+    EXPECT_EQ(record.kind, wanted.kind);
+    EXPECT_EQ(record.function, kFunction);
+    EXPECT_EQ(record.probe, wanted.probe);
+    EXPECT_EQ(record.value, wanted.value);
+    const std::size_t first = wanted.hasText ? 1 : 0;
+    ASSERT_EQ(record.items.size(), first + wanted.items);
+    if (wanted.hasText) expectItem(record.items[0], {PD_TYPE_STRING, 8, "a marker"});
+    for (std::uint32_t item = 0; item < wanted.items; ++item) expectItem(record.items[first + item], itemAt(item));
+  }
 }
 
-TEST(TracePoints, OlderInterfaceTranslationsAndUnitsWithoutANumber) {
-  const TraceInstance instance;
-  inProcess([] {
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    sqltEntry(kFunction);
-    sqltData(kFunction, 1, 3, "abc");
-    sqltData2(kFunction, 2, 1, "d", 2, "ef");
-    sqltData3(kFunction, 3, 1, "g", 2, "hi", 3, "jkl");
-    sqltError(kFunction, 4, 2, "mn");
-    sqltExit(kFunction, kCode);
-    pdtErrorTrans(kFunction, 5, -10, kCode);
-    struct {
-      Kind kind;
-      std::uint32_t probe;
-      std::int64_t value;
-      std::vector<std::string> items;
-    } const wanted[] = {
-        {Kind::kEntry, 0, SQLT_NO_ENGINE_UNIT, {}},
-        {Kind::kData, 1, 0, {"abc"}},
-        {Kind::kData, 2, 0, {"d", "ef"}},
-        {Kind::kData, 3, 0, {"g", "hi", "jkl"}},
-        {Kind::kError, 4, 0, {"mn"}},
-        {Kind::kExit, 0, kCode, {}},
-        {Kind::kTranslation, 5, -10, {std::string(reinterpret_cast<const char*>(&kCode), sizeof kCode)}},
-    };
-    const std::vector<ReadRecord> records = readInstance();
-    ASSERT_EQ(records.size(), std::size(wanted));
-    for (std::size_t i = 0; i < records.size(); ++i) {
-      SCOPED_TRACE(i);
-      EXPECT_EQ(records[i].kind, wanted[i].kind);
-      EXPECT_EQ(records[i].probe, wanted[i].probe);
-      EXPECT_EQ(records[i].value, wanted[i].value);
-      ASSERT_EQ(records[i].items.size(), wanted[i].items.size());
-      for (std::size_t item = 0; item < wanted[i].items.size(); ++item)
-        EXPECT_EQ(records[i].items[item].bytes, wanted[i].items[item]);
-    }
-  });
+TEST_APART(TracePoints, OlderInterfaceTranslationsAndUnitsWithoutANumber) {
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  sqltEntry(kFunction);
+  sqltData(kFunction, 1, 3, "abc");
+  sqltData2(kFunction, 2, 1, "d", 2, "ef");
+  sqltData3(kFunction, 3, 1, "g", 2, "hi", 3, "jkl");
+  sqltError(kFunction, 4, 2, "mn");
+  sqltExit(kFunction, kCode);
+  pdtErrorTrans(kFunction, 5, -10, kCode);
+  struct {
+    Kind kind;
+    std::uint32_t probe;
+    std::int64_t value;
+    std::vector<std::string> items;
+  } const wanted[] = {
+      {Kind::kEntry, 0, SQLT_NO_ENGINE_UNIT, {}},
+      {Kind::kData, 1, 0, {"abc"}},
+      {Kind::kData, 2, 0, {"d", "ef"}},
+      {Kind::kData, 3, 0, {"g", "hi", "jkl"}},
+      {Kind::kError, 4, 0, {"mn"}},
+      {Kind::kExit, 0, kCode, {}},
+      {Kind::kTranslation, 5, -10, {std::string(reinterpret_cast<const char*>(&kCode), sizeof kCode)}},
+  };
+  const std::vector<ReadRecord> records = readInstance();
+  ASSERT_EQ(records.size(), std::size(wanted));
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    SCOPED_TRACE(i);
+    EXPECT_EQ(records[i].kind, wanted[i].kind);
+    EXPECT_EQ(records[i].probe, wanted[i].probe);
+    EXPECT_EQ(records[i].value, wanted[i].value);
+    ASSERT_EQ(records[i].items.size(), wanted[i].items.size());
+    for (std::size_t item = 0; item < wanted[i].items.size(); ++item)
+      EXPECT_EQ(records[i].items[item].bytes, wanted[i].items[item]);
+  }
 }
 
-TEST(TracePoints, ItemsThatAreNullEmptyOrTooLargeShowAsSuch) {
-  const TraceInstance instance;
-  inProcess([] {
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    const std::string large(20'000'000, 'L');
-    const PdtItem odd[] = {{1, 8, nullptr}, {2, 0, nullptr}, {3, 0, "x"}, {4, 0x2000000, nullptr}, {5, 1, "y"}};
-    pdtEventVar(kFunction, 1, 1, std::size(odd), odd);
-    const PdtItem oversized[] = {{6, 20'000'000, large.data()}, {7, 5, nullptr}, {8, 3, "abc"}};
-    pdtEventVar(kFunction, 2, 1, std::size(oversized), oversized);
-    std::vector<PdtItem> many(25, PdtItem{9, 1000, large.data()});
-    pdtEventVar(kFunction, 3, 1, static_cast<std::uint32_t>(many.size()), many.data());
-    pdtEventVar(kFunction, 4, 1, 3, nullptr);
-    pdtMarker(kFunction, 5, nullptr);
+TEST_APART(TracePoints, ItemsThatAreNullEmptyOrTooLargeShowAsSuch) {
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  const std::string large(20'000'000, 'L');
+  const PdtItem odd[] = {{1, 8, nullptr}, {2, 0, nullptr}, {3, 0, "x"}, {4, 0x2000000, nullptr}, {5, 1, "y"}};
+  pdtEventVar(kFunction, 1, 1, std::size(odd), odd);
+  const PdtItem oversized[] = {{6, 20'000'000, large.data()}, {7, 5, nullptr}, {8, 3, "abc"}};
+  pdtEventVar(kFunction, 2, 1, std::size(oversized), oversized);
+  std::vector<PdtItem> many(25, PdtItem{9, 1000, large.data()});
+  pdtEventVar(kFunction, 3, 1, static_cast<std::uint32_t>(many.size()), many.data());
+  pdtEventVar(kFunction, 4, 1, 3, nullptr);
+  pdtMarker(kFunction, 5, nullptr);
 
-    const std::vector<ReadRecord> records = readInstance();
-    ASSERT_EQ(records.size(), 5U);
-    const std::vector<ReadItem> oddRead = {
-        {1, 8, true, ""}, {2, 0, true, ""}, {3, 0, false, ""}, {4, 0xFFFFFF, true, ""}, {5, 1, false, "y"}};
-    EXPECT_EQ(records[0].items, oddRead);
+  const std::vector<ReadRecord> records = readInstance();
+  ASSERT_EQ(records.size(), 5U);
+  const std::vector<ReadItem> oddRead = {
+      {1, 8, true, ""}, {2, 0, true, ""}, {3, 0, false, ""}, {4, 0xFFFFFF, true, ""}, {5, 1, false, "y"}};
+  EXPECT_EQ(records[0].items, oddRead);
 
-    ASSERT_EQ(records[1].items.size(), 3U);
-    EXPECT_EQ(records[1].items[0].size, 0xFFFFFFU);
-    EXPECT_GT(records[1].items[0].bytes.size(), 3900U) << "about half a segment";
-    EXPECT_EQ(records[1].items[0].bytes, large.substr(0, records[1].items[0].bytes.size()));
-    EXPECT_EQ(records[1].items[1], (ReadItem{7, 5, true, ""}));
-    EXPECT_EQ(records[1].items[2], (ReadItem{8, 3, false, ""})) << "nothing was left for it";
+  ASSERT_EQ(records[1].items.size(), 3U);
+  EXPECT_EQ(records[1].items[0].size, 0xFFFFFFU);
+  EXPECT_GT(records[1].items[0].bytes.size(), 3900U) << "about half a segment";
+  EXPECT_EQ(records[1].items[0].bytes, large.substr(0, records[1].items[0].bytes.size()));
+  EXPECT_EQ(records[1].items[1], (ReadItem{7, 5, true, ""}));
+  EXPECT_EQ(records[1].items[2], (ReadItem{8, 3, false, ""})) << "nothing was left for it";
 
-    ASSERT_EQ(records[2].items.size(), 20U);
-    EXPECT_EQ(records[2].items[0], (ReadItem{9, 1000, false, std::string(1000, 'L')}));
-    EXPECT_EQ(records[2].items[19], (ReadItem{9, 1000, false, ""}));
-    EXPECT_TRUE(records[3].items.empty());
-    EXPECT_TRUE(records[4].items.at(0).isNull);
-  });
+  ASSERT_EQ(records[2].items.size(), 20U);
+  EXPECT_EQ(records[2].items[0], (ReadItem{9, 1000, false, std::string(1000, 'L')}));
+  EXPECT_EQ(records[2].items[19], (ReadItem{9, 1000, false, ""}));
+  EXPECT_TRUE(records[3].items.empty());
+  EXPECT_TRUE(records[4].items.at(0).isNull);
 }
 
 // ---- the scope --------------------------------------------------------------------------------------------------
@@ -225,51 +216,45 @@ SqltTraceSettings settingsFor(std::uint8_t mask0, std::uint8_t mask1) {
   return settings;
 }
 
-TEST(TraceScope, FiresWhatItsComponentWordAsksFor) {
-  const TraceInstance instance;
-  inProcess([] {
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    for (unsigned bits = 0; bits < 32; ++bits) {
-      const SqltTraceSettings settings = settingsFor(static_cast<std::uint8_t>(bits << 1 & 0x1E), bits >> 4 & 1U);
-      ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
-      pdtClearBuffer();
-      EXPECT_EQ(tracedFunction(), -5);
-      std::vector<Kind> wanted;
-      if ((bits & 1U) != 0) wanted.push_back(Kind::kEntry);
-      if ((bits & 4U) != 0) wanted.push_back(Kind::kData);
-      if ((bits & 8U) != 0) wanted.push_back(Kind::kError);
-      if ((bits & 2U) != 0) wanted.push_back(Kind::kExit);
-      std::vector<Kind> fired;
-      for (const ReadRecord& record : readInstance()) {
-        fired.push_back(record.kind);
-        EXPECT_EQ(record.value, record.kind == Kind::kExit    ? -5
-                                : record.kind == Kind::kError ? kCode
-                                : record.kind == Kind::kEntry ? 1'000'000
-                                                              : 0);
-      }
-      EXPECT_EQ(fired, wanted) << "bits " << bits;
+TEST_APART(TraceScope, FiresWhatItsComponentWordAsksFor) {
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  for (unsigned bits = 0; bits < 32; ++bits) {
+    const SqltTraceSettings settings = settingsFor(static_cast<std::uint8_t>(bits << 1 & 0x1E), bits >> 4 & 1U);
+    ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
+    pdtClearBuffer();
+    EXPECT_EQ(tracedFunction(), -5);
+    std::vector<Kind> wanted;
+    if ((bits & 1U) != 0) wanted.push_back(Kind::kEntry);
+    if ((bits & 4U) != 0) wanted.push_back(Kind::kData);
+    if ((bits & 8U) != 0) wanted.push_back(Kind::kError);
+    if ((bits & 2U) != 0) wanted.push_back(Kind::kExit);
+    std::vector<Kind> fired;
+    for (const ReadRecord& record : readInstance()) {
+      fired.push_back(record.kind);
+      EXPECT_EQ(record.value, record.kind == Kind::kExit    ? -5
+                              : record.kind == Kind::kError ? kCode
+                              : record.kind == Kind::kEntry ? 1'000'000
+                                                            : 0);
     }
-  });
+    EXPECT_EQ(fired, wanted) << "bits " << bits;
+  }
 }
 
-TEST(TraceScope, WorkloadDisplayTellsTheHost) {
-  const TraceInstance instance;
-  inProcess([] {
-    static std::vector<std::pair<EcfFunctionId, bool>> told;
-    VekHost host = {};
-    host.size = sizeof host;
-    host.workloadDisplayEntry = [](void*, EcfFunctionId id) { told.emplace_back(id, true); };
-    host.workloadDisplayExit = [](void*, EcfFunctionId id) { told.emplace_back(id, false); };
-    ASSERT_EQ(vekHostInstall(&host), 0);
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    sqltSetWorkloadDisplay(true);
-    tracedFunction();
-    sqltSetWorkloadDisplay(false);
-    tracedFunction();
-    const std::vector<std::pair<EcfFunctionId, bool>> wanted = {{kFunction, true}, {kFunction, false}};
-    EXPECT_EQ(told, wanted);
-    EXPECT_TRUE(readInstance().empty());
-  });
+TEST_APART(TraceScope, WorkloadDisplayTellsTheHost) {
+  static std::vector<std::pair<EcfFunctionId, bool>> told;
+  VekHost host = {};
+  host.size = sizeof host;
+  host.workloadDisplayEntry = [](void*, EcfFunctionId id) { told.emplace_back(id, true); };
+  host.workloadDisplayExit = [](void*, EcfFunctionId id) { told.emplace_back(id, false); };
+  ASSERT_EQ(vekHostInstall(&host), 0);
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  sqltSetWorkloadDisplay(true);
+  tracedFunction();
+  sqltSetWorkloadDisplay(false);
+  tracedFunction();
+  const std::vector<std::pair<EcfFunctionId, bool>> wanted = {{kFunction, true}, {kFunction, false}};
+  EXPECT_EQ(told, wanted);
+  EXPECT_TRUE(readInstance().empty());
 }
 
 TEST(TraceScope, IdleProcessSeesTracingSwitchedOnLater) {
@@ -312,79 +297,70 @@ void alarmEveryMicroseconds(suseconds_t interval) {
 }
 
 // The thread's first point of all stands in a handler that interrupts the library inside its locks.
-TEST(TracePoints, PointInASignalHandlerInsideTheLibraryWaitsForNothing) {
-  const TraceInstance instance;
-  inProcess([] {
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    for (int round = 0; round < 20; ++round)
-      inProcess([] {
-        alarmEveryMicroseconds(20);
-        for (int i = 0; i < 20'000; ++i) sqltInquireTraceBufferSize();
-        alarmEveryMicroseconds(0);
-      });
-  });
+TEST_APART(TracePoints, PointInASignalHandlerInsideTheLibraryWaitsForNothing) {
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  for (int round = 0; round < 20; ++round)
+    inProcess([] {
+      alarmEveryMicroseconds(20);
+      for (int i = 0; i < 20'000; ++i) sqltInquireTraceBufferSize();
+      alarmEveryMicroseconds(0);
+    });
 }
 
-TEST(TraceScope, TextsAreRecordedAsFarAsTheyGo) {
-  const TraceInstance instance;
-  inProcess([] {
-    ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
-    SqltTraceSettings settings = {};
-    ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
-    struct {
-      char full[4] = {'f', 'u', 'l', 'l'};
-      char behind[8] = "secret";
-    } texts;
-    char cut[8] = "cut";
-    char* pointer = cut;
-    const char* none = nullptr;
-    {
-      const SqltTraceScope<kFunction> trace;
-      trace.data(1, texts.full, cut, pointer, none, std::string("string"), "literal");
-    }
-    const std::vector<ReadRecord> records = readInstance();
-    ASSERT_EQ(records.size(), 3U);
-    const char* const expected[] = {"full", "cut", "cut", "", "string", "literal"};
-    for (std::size_t i = 0; i < std::size(expected); ++i) {
-      const auto& bytes = records[1].items[i].bytes;
-      EXPECT_EQ(std::string(bytes.begin(), bytes.end()), expected[i]);
-    }
-  });
+TEST_APART(TraceScope, TextsAreRecordedAsFarAsTheyGo) {
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  SqltTraceSettings settings = {};
+  ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
+  struct {
+    char full[4] = {'f', 'u', 'l', 'l'};
+    char behind[8] = "secret";
+  } texts;
+  char cut[8] = "cut";
+  char* pointer = cut;
+  const char* none = nullptr;
+  {
+    const SqltTraceScope<kFunction> trace;
+    trace.data(1, texts.full, cut, pointer, none, std::string("string"), "literal");
+  }
+  const std::vector<ReadRecord> records = readInstance();
+  ASSERT_EQ(records.size(), 3U);
+  const char* const expected[] = {"full", "cut", "cut", "", "string", "literal"};
+  for (std::size_t i = 0; i < std::size(expected); ++i) {
+    const auto& bytes = records[1].items[i].bytes;
+    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), expected[i]);
+  }
 }
 
-TEST(TracePoints, PointInASignalHandlerInsideAPointIsLostAndCountedAndDamagesNothing) {
-  const TraceInstance instance;
-  inProcess([] {
-    ASSERT_EQ(sqltTraceFacilityCreate(0x4000000), 0);
-    pdtEvent(kFunction, 1, 0);
-    alarmEveryMicroseconds(20);
-    std::uint64_t written = 0;
-    std::uint64_t words[40] = {};
-    while (g_alarms < 2000 && written < 400'000) {
-      std::fill(std::begin(words), std::end(words), written);
-      pdtData1(kFunction, 2, 4, written % 9 == 0 ? sizeof words : 8, words);
-      ++written;
-    }
-    alarmEveryMicroseconds(0);
-    std::uint64_t events = 0;
-    std::uint64_t data = 0;
-    std::uint64_t lostBetween = 0;
-    for (const ReadRecord& record : readInstance()) {
-      EXPECT_TRUE(!record.isGap() || record.gapReason == SqltGapReason::kLost);
-      lostBetween += record.gapRecords;
-      events += record.kind == Kind::kEvent ? 1 : 0;
-      if (record.kind != Kind::kData) continue;
-      std::fill(std::begin(words), std::end(words), data);
-      ASSERT_EQ(std::memcmp(record.items[0].bytes.data(), words, record.items[0].bytes.size()), 0);
-      ++data;
-    }
-    SqltTraceReader reader;
-    ASSERT_EQ(reader.openInstance(), 0);
-    EXPECT_EQ(data, written) << "the interrupted point is never the one that is lost";
-    EXPECT_EQ(events + reader.info()->lostRecords, g_alarms + 1);
-    EXPECT_GT(reader.info()->lostRecords, 0U) << "no alarm ever came inside a point";
-    EXPECT_LE(lostBetween, reader.info()->lostRecords);
-  });
+TEST_APART(TracePoints, PointInASignalHandlerInsideAPointIsLostAndCountedAndDamagesNothing) {
+  ASSERT_EQ(sqltTraceFacilityCreate(0x4000000), 0);
+  pdtEvent(kFunction, 1, 0);
+  alarmEveryMicroseconds(20);
+  std::uint64_t written = 0;
+  std::uint64_t words[40] = {};
+  while (g_alarms < 2000 && written < 400'000) {
+    std::fill(std::begin(words), std::end(words), written);
+    pdtData1(kFunction, 2, 4, written % 9 == 0 ? sizeof words : 8, words);
+    ++written;
+  }
+  alarmEveryMicroseconds(0);
+  std::uint64_t events = 0;
+  std::uint64_t data = 0;
+  std::uint64_t lostBetween = 0;
+  for (const ReadRecord& record : readInstance()) {
+    EXPECT_TRUE(!record.isGap() || record.gapReason == SqltGapReason::kLost);
+    lostBetween += record.gapRecords;
+    events += record.kind == Kind::kEvent ? 1 : 0;
+    if (record.kind != Kind::kData) continue;
+    std::fill(std::begin(words), std::end(words), data);
+    ASSERT_EQ(std::memcmp(record.items[0].bytes.data(), words, record.items[0].bytes.size()), 0);
+    ++data;
+  }
+  SqltTraceReader reader;
+  ASSERT_EQ(reader.openInstance(), 0);
+  EXPECT_EQ(data, written) << "the interrupted point is never the one that is lost";
+  EXPECT_EQ(events + reader.info()->lostRecords, g_alarms + 1);
+  EXPECT_GT(reader.info()->lostRecords, 0U) << "no alarm ever came inside a point";
+  EXPECT_LE(lostBetween, reader.info()->lostRecords);
 }
 
 TEST(TracePoints, PointsOfAProcessThatDetachesWriteNothing) {

@@ -96,25 +96,24 @@ void inProcess(Body body) {
   EXPECT_EQ(runInProcess(body), 0) << "the process of this body failed or died";
 }
 
-// TEST and TEST_F whose body runs in a process and an instance of its own: for what attaches a process on its way. The
-// fixture is set up in the process of the program; of its members the body sees the static ones.
-#define TEST_APART(suite, name)                             \
-  static void suite##_##name##_apart();                     \
-  TEST(suite, name) {                                       \
-    const ::vek::platformtest::Instance instance;           \
-    ::vek::platformtest::inProcess(suite##_##name##_apart); \
-  }                                                         \
-  static void suite##_##name##_apart()
+inline void inInstance(void (*body)(const Instance& instance)) {
+  const Instance instance;
+  inProcess([&] { body(instance); });
+}
 
-#define TEST_APART_F(fixture, name)                                \
-  struct fixture##_##name##_Apart : fixture {                      \
-    static void run();                                             \
-  };                                                               \
-  TEST_F(fixture, name) {                                          \
-    const ::vek::platformtest::Instance instance;                  \
-    ::vek::platformtest::inProcess(fixture##_##name##_Apart::run); \
-  }                                                                \
-  void fixture##_##name##_Apart::run()
+// TEST and TEST_F whose body runs in a process and an instance of its own, `instance`: for what attaches a process on
+// its way. The fixture is set up in the process of the program; of its members the body sees the static ones.
+#define TEST_APART(suite, name)                                                      \
+  static void suite##_##name##_apart(const ::vek::platformtest::Instance& instance); \
+  TEST(suite, name) { ::vek::platformtest::inInstance(suite##_##name##_apart); }     \
+  static void suite##_##name##_apart([[maybe_unused]] const ::vek::platformtest::Instance& instance)
+
+#define TEST_APART_F(fixture, name)                                                         \
+  struct fixture##_##name##_Apart : fixture {                                               \
+    static void run(const ::vek::platformtest::Instance& instance);                         \
+  };                                                                                        \
+  TEST_F(fixture, name) { ::vek::platformtest::inInstance(fixture##_##name##_Apart::run); } \
+  void fixture##_##name##_Apart::run([[maybe_unused]] const ::vek::platformtest::Instance& instance)
 
 // Counted signals between processes. A take that nobody answers fails instead of hanging.
 class Baton {

@@ -132,6 +132,31 @@ TEST_F(Log, TellsEveryFieldInJson) {
   EXPECT_STREQ(record["code"]["name"].GetString(), "SQLO_NOMEM");
   ASSERT_EQ(record["sections"].Size(), 5U);
   EXPECT_STREQ(record["sections"][3]["text"].GetString(), "String, 3 bytes\nabc");
+  EXPECT_TRUE(record["message_escaped"].GetBool() && record["sections"][0]["text_escaped"].GetBool());
+  EXPECT_FALSE(record.HasMember("called_escaped"));
+}
+
+// What is told of a text leads back to its bytes, and to no other.
+TEST_F(Log, NoTwoTextsLookTheSameInJson) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"a\\xFF", "a\\xFF"},
+      {"a\xFF", "a\\xFF*"},
+      {"a\xFF\\xFF", "a\\xFF\\\\xFF*"},
+      {"a\r\nb", "a\nb"},
+      {"a\nb",
+       "a\\x0A"
+       "b*"},
+      {"a\rb",
+       "a\\x0D"
+       "b*"},
+      {"\xC3\xBC\xC2\x80", "\xC3\xBC\\xC2\\x80*"},
+      {"\xED\xA0\x80", "\\xED\\xA0\\x80*"},
+  };
+  for (const auto& [text, shown] : cases) {
+    const std::vector<Told> one = numbered(1, 1, std::string("MESSAGE : ") + text + "\r\n");
+    const auto record = json(log({write("a", logOf(one)), "--json"}).out);
+    EXPECT_EQ(record["message"].GetString() + std::string(record.HasMember("message_escaped") ? "*" : ""), shown);
+  }
 }
 
 // What a line shows of a record is what tells most of it.

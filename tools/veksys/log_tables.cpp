@@ -167,11 +167,7 @@ class LogFoldView : public LogView {
     json_.member("level_name", logLevelName(fold.level));
     const std::pair<std::string_view, const std::string*> texts[] = {
         {"function", &fold.function}, {"probe", &fold.probe}, {"code", &fold.code}, {"gist", &fold.gist}};
-    for (const auto& [name, text] : texts) {
-      scratch_.clear();
-      putJsonSafe(scratch_, *text);
-      json_.member(name, scratch_.view());
-    }
+    for (const auto& [name, text] : texts) putJsonText(json_, scratch_, name, *text);
     json_.EndObject();
     command_->out.lineEnd();
   }
@@ -248,9 +244,7 @@ class LogCountView : public LogView {
 
   void putAsJson(const std::string& value, const Span& span) {
     json_.begin(command_->out);
-    scratch_.clear();
-    putJsonSafe(scratch_, value);
-    json_.member(field_.name, scratch_.view());
+    putJsonText(json_, scratch_, field_.name, value);
     putSpanMembers(json_, scratch_, span);
     json_.EndObject();
     command_->out.lineEnd();

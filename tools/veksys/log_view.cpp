@@ -189,11 +189,7 @@ class LogJsonView : public LogView {
   }
 
  private:
-  void text(std::string_view name, std::string_view content) {
-    safe_.clear();
-    putJsonSafe(safe_, content);
-    json_.member(name, safe_.view());
-  }
+  void text(std::string_view name, std::string_view content) { putJsonText(json_, safe_, name, content); }
 
   void putHead(const LogHead& head) {
     safe_.clear();
@@ -262,7 +258,7 @@ class LogJsonView : public LogView {
 
   void putSection(std::string_view label, std::string_view content) {
     while (label.ends_with(' ')) label.remove_suffix(1);
-    while (content.ends_with('\n') || content.ends_with('\r')) content.remove_suffix(1);
+    if (content.ends_with('\n')) content.remove_suffix(content.ends_with("\r\n") ? 2 : 1);
     json_.StartObject();
     json_.member("label", label);
     text("text", content);
@@ -360,6 +356,65 @@ std::string_view logCodeName(LogRecord& record) {
   return entry != nullptr ? std::string_view(entry->name) : shown.substr(4, 10);
 }
 
+namespace {
+
+// How many bytes at the beginning of a text are one character of JSON: CR LF is one, the end of a line. 0: a byte that
+// is none, be it no UTF-8, a control character of two bytes, or half of a line end.
+std::size_t characterBytes(std::string_view text) noexcept {
+  if (text[0] == '\r') return text.starts_with("\r\n") ? 2 : 0;
+  if (text[0] == '\n') return 0;
+  return static_cast<unsigned char>(text[0]) < 0x80 ? 1 : wideCharacter(text);
+}
+
+void putHex(Text& text, char byte) {
+  text.put("\\x");
+  text.hex(static_cast<unsigned char>(byte), 2);
+}
+
+// Puts a text with line feeds at its line ends, up to the first byte that is no character. True: there is none.
+bool putWhileText(Text& text, std::string_view foreign) {
+  const auto isPlain = [](char c) { return static_cast<unsigned char>(c) < 0x80 && c != '\r' && c != '\n'; };
+  while (!foreign.empty()) {
+    std::size_t plain = 0;
+    while (plain < foreign.size() && isPlain(foreign[plain])) ++plain;
+    text.put(foreign.substr(0, plain));
+    foreign.remove_prefix(plain);
+    if (foreign.empty()) return true;
+    const std::size_t bytes = characterBytes(foreign);
+    if (bytes == 0) return false;
+    text.put(foreign[0] == '\r' ? std::string_view("\n") : foreign.substr(0, bytes));
+    foreign.remove_prefix(bytes);
+  }
+  return true;
+}
+
+// Puts a text that holds such bytes: they become \xNN, and a backslash becomes two.
+void putEscaped(Text& text, std::string_view foreign) {
+  while (!foreign.empty()) {
+    const std::size_t bytes = characterBytes(foreign);
+    if (bytes == 0)
+      putHex(text, foreign[0]);
+    else
+      (void)putWhileText(text, foreign.substr(0, bytes));
+    if (foreign[0] == '\\') text.put('\\');
+    foreign.remove_prefix(std::max<std::size_t>(bytes, 1));
+  }
+}
+
+// Bytes that are no character become \xNN.
+void putCsvText(Text& text, std::string_view foreign) {
+  while (!foreign.empty()) {
+    const std::size_t bytes = foreign[0] == '\n' ? 1 : characterBytes(foreign);
+    if (bytes == 0)
+      putHex(text, foreign[0]);
+    else
+      text.put(foreign[0] == '\r' ? std::string_view("\n") : foreign.substr(0, bytes));
+    foreign.remove_prefix(std::max<std::size_t>(bytes, 1));
+  }
+}
+
+}  // namespace
+
 // Control characters stay out even of quoted fields: programs that show tables show them to a terminal.
 void putCsv(Text& text, std::string_view field) {
   const bool quoted = field.find_first_of(",\"\r\n") != std::string_view::npos;
@@ -367,7 +422,7 @@ void putCsv(Text& text, std::string_view field) {
   while (!field.empty()) {
     std::size_t plain = 0;
     while (plain < field.size() && field[plain] != '"' && !isControl(field[plain])) ++plain;
-    putJsonSafe(text, field.substr(0, plain));
+    putCsvText(text, field.substr(0, plain));
     if (plain < field.size()) {
       text.put(field[plain] == '"' ? "\"\"" : "\\x");
       if (field[plain] != '"') text.hex(static_cast<unsigned char>(field[plain]), 2);
@@ -378,23 +433,19 @@ void putCsv(Text& text, std::string_view field) {
   if (quoted) text.put('"');
 }
 
-void putJsonSafe(Text& text, std::string_view foreign) {
-  const auto isPlain = [](char c) { return static_cast<unsigned char>(c) < 0x80 && c != '\r'; };
-  while (!foreign.empty()) {
-    std::size_t plain = 0;
-    while (plain < foreign.size() && isPlain(foreign[plain])) ++plain;
-    text.put(foreign.substr(0, plain));
-    foreign.remove_prefix(plain);
-    if (foreign.empty()) return;
-    const std::size_t wide = foreign[0] == '\r' ? 0 : wideCharacter(foreign);
-    if (wide != 0) {
-      text.put(foreign.substr(0, wide));
-    } else if (foreign[0] != '\r' || !foreign.starts_with("\r\n")) {
-      text.put("\\x");
-      text.hex(static_cast<unsigned char>(foreign[0]), 2);
-    }
-    foreign.remove_prefix(wide != 0 ? wide : 1);
+void putJsonText(JsonLine& json, Text& scratch, std::string_view name, std::string_view foreign) {
+  scratch.clear();
+  const bool isText = putWhileText(scratch, foreign);
+  if (!isText) {
+    scratch.clear();
+    putEscaped(scratch, foreign);
   }
+  json.member(name, scratch.view());
+  if (isText) return;
+  scratch.clear();
+  scratch.put(name);
+  scratch.put("_escaped");
+  json.member(scratch.view(), true);
 }
 
 std::string_view logColour(const Command& command, std::uint32_t level) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "command.h"
+#include "json_line.h"
 #include "log_file.h"
 #include "log_query.h"
 #include "log_record.h"
@@ -54,8 +55,10 @@ std::string_view logCodeName(LogRecord& record);
 // A field of CSV, in quotes where it needs them.
 void putCsv(Text& text, std::string_view field);
 
-// Text of any bytes as valid UTF-8 with line feeds at its line ends: bytes that are no character become \xNN.
-void putJsonSafe(Text& text, std::string_view foreign);
+// A member of a JSON object for a text of any bytes: with line feeds at its line ends. One that holds bytes which are
+// no character has them as \xNN and each backslash as two, and a member <name>_escaped tells so: no two texts look the
+// same. `scratch` is overwritten.
+void putJsonText(JsonLine& json, Text& scratch, std::string_view name, std::string_view foreign);
 
 // The colour of a level on a terminal, and the end of it; empty texts when there are no colours.
 std::string_view logColour(const Command& command, std::uint32_t level);

@@ -16,6 +16,9 @@
 //                            record that can be written, together with the number of those that were lost
 //       SQLO_INV_PARM        a record that is described wrongly (PdLogCall of another size, null where a pointer must
 //                            be)
+//   - A call takes up to 32 KB of stack in a process that has not written before, or whose files are in trouble; after
+//     that 8 KB, and 24 KB where the event goes to the notification log. Formatters and call-backs of the host come on
+//     top of it. One above the level of the log takes none.
 //   - A data item is three arguments: its PD type (32 bits), its size in bytes (32 bits) and a pointer to its value.
 //     Those arguments are not checked by the compiler; veksys/diag/log_items.h is the form that is. Values are read
 //     during the call. A type with PD_ITEM_ARGUMENT added is printed as an argument of the function.
