@@ -18,7 +18,7 @@ void* at(std::uint64_t address) noexcept { return std::bit_cast<void*>(address);
 int mapAt(std::uint64_t address, std::size_t bytes, int protection, int flags, int fd, std::uint64_t offset) noexcept {
   void* mapped = ossCalls().mmap(at(address), bytes, protection, flags, fd, static_cast<off_t>(offset));
   if (mapped == MAP_FAILED) return errno;
-  if (mapped == at(address)) return 0;
+  if (reinterpret_cast<std::uintptr_t>(mapped) == address) return 0;
   // A kernel that does not know the flag takes the address as a hint.
   ossCalls().munmap(mapped, bytes);
   return EEXIST;

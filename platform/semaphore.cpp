@@ -11,7 +11,8 @@
 namespace vek {
 namespace {
 
-static_assert(sizeof(sem_t) <= sizeof(OssSemaphore) && alignof(sem_t) <= alignof(OssSemaphore));
+static_assert(sizeof(sem_t) <= sizeof(OssSemaphore));
+static_assert(alignof(sem_t) <= alignof(OssSemaphore));
 
 sem_t* real(OssSemaphore* semaphore) noexcept { return reinterpret_cast<sem_t*>(semaphore); }
 

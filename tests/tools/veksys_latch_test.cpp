@@ -21,7 +21,7 @@ std::vector<LatchSight> sightsOf(const std::string& text) {
     LatchSight sight = {};
     sight.entry.owner = sight.entry.threadId = static_cast<std::uint32_t>(word[0] - '0');
     sight.entry.state = word[1] == '+' ? SQLO_LATCH_ENTRY_HELD : SQLO_LATCH_ENTRY_WAITING;
-    sight.entry.latch = static_cast<std::uint64_t>(word[2]);
+    sight.entry.latch = static_cast<unsigned char>(word[2]);
     sight.entry.request = word[3] == 'X' ? SQLO_LATCH_EXCLUSIVE : SQLO_LATCH_SHARED;
     sight.entry.sequence = sights.size();
     sight.entry.processIsDead = holds(word, "!");
