@@ -192,7 +192,7 @@ std::size_t forItems(const PdLogCall& call, std::size_t most, Take take) noexcep
   std::va_list arguments;
   va_copy(arguments, *call.arguments);  // NOLINT(clang-analyzer-valist.Uninitialized): the caller has started it
   for (std::size_t i = 0; i < count; ++i) {
-    const auto type = va_arg(arguments, std::uint32_t);
+    const auto type = va_arg(arguments, std::uint32_t);  // NOLINT(clang-analyzer-valist.Uninitialized): as above
     const auto size = va_arg(arguments, std::uint32_t);
     take(i, type, size, va_arg(arguments, const void*));
   }
