@@ -29,7 +29,7 @@ using Access = SqloMemControllerAccess;
 constexpr std::uint32_t kAttempts = 10;
 constexpr unsigned kRegionWaitMs = 2000;
 
-// ---- the controller of this process ------------------------------------------------------------------------------
+// ---- the controller of this process ----------------------------------------------------------------------------
 
 constinit MappedSection g_section = {RegionSectionId::kMemoryController, MEMORY_CONTROLLER_ADDRESS,
                                      REGION_MEMORY_CONTROLLER_BYTES, [] {
@@ -37,7 +37,7 @@ constinit MappedSection g_section = {RegionSectionId::kMemoryController, MEMORY_
                                                                      SQLO_LATCH_DEATH_REPAIR, Access::repair, nullptr);
                                      }};
 
-// ---- reports -----------------------------------------------------------------------------------------------------
+// ---- reports ---------------------------------------------------------------------------------------------------
 
 // What the record of a refused request tells.
 struct Refusal {
@@ -95,7 +95,7 @@ SqlzZrc sqloi_requestMemory(SqloMemController& controller, MemRequest request, b
 
 }  // namespace vek
 
-// ---- requests ------------------------------------------------------------------------------------------------------
+// ---- requests --------------------------------------------------------------------------------------------------
 
 // Asks the others, one after the other, until there is room.
 void SqloMemControllerAccess::reclaim(Controller& controller, const Consumer& requester, std::uint32_t bytes) noexcept {
@@ -186,8 +186,7 @@ void SqloMemController::setCachedMemory(SqloMemoryConsumer* consumer, std::uint3
   set();
 }
 
-// ---- beginning, bounds
-// -----------------------------------------------------------------------------------------------
+// ---- beginning, bounds -----------------------------------------------------------------------------------------
 
 SqloMemController& SqloMemControllerAccess::theController() noexcept {
   return *std::bit_cast<SqloMemController*>(vek::MEMORY_CONTROLLER_ADDRESS);

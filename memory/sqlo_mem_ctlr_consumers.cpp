@@ -34,7 +34,7 @@ bool sqloi_isInMemCallback() noexcept {
 
 }  // namespace vek
 
-// ---- the counters --------------------------------------------------------------------------------------------------
+// ---- the counters ----------------------------------------------------------------------------------------------
 
 void SqloMemControllerAccess::grant(Controller& controller, Consumer& consumer, std::uint32_t bytes) noexcept {
   consumer.m_currentSize += bytes;
@@ -93,7 +93,7 @@ void SqloMemControllerAccess::clear(Controller& controller, std::uint32_t bound,
   std::memset(controller.m_noted, 0, sizeof controller.m_noted);
 }
 
-// ---- consumers -----------------------------------------------------------------------------------------------------
+// ---- consumers -------------------------------------------------------------------------------------------------
 
 std::uint32_t SqloMemControllerAccess::numberOf(const Controller& controller, const Consumer* consumer) noexcept {
   const auto distance = reinterpret_cast<std::uintptr_t>(consumer) -
@@ -186,7 +186,7 @@ SqlzZrc SqloMemController::deregisterConsumer(SqloMemoryConsumer* consumer) noex
   return trace.exit(0);
 }
 
-// ---- releasing -----------------------------------------------------------------------------------------------------
+// ---- releasing -------------------------------------------------------------------------------------------------
 
 // A consumer of this process is asked at once, one of another process when that calls next.
 void SqloMemControllerAccess::askToRelease(Controller& controller, Consumer& consumer, std::uint32_t bytes) noexcept {

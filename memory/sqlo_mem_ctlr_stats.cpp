@@ -53,7 +53,7 @@ std::size_t formatConsumer(SqloMemStatsLayout layout, const char* name, std::uin
 }  // namespace
 }  // namespace vek
 
-// ---- records -------------------------------------------------------------------------------------------------------
+// ---- records ---------------------------------------------------------------------------------------------------
 
 SqlzZrc SqloMemController::queryStats(SqloMemPartitionStats* partitionStats) noexcept {
   SqloMemStatsSummary summary;
@@ -102,7 +102,7 @@ SqlzZrc SqloMemController::getPartitionStatsSummary(const char* databaseName, Sq
   return 0;
 }
 
-// ---- text ----------------------------------------------------------------------------------------------------------
+// ---- text ------------------------------------------------------------------------------------------------------
 
 // `position` counts the records that have been looked at, plus one.
 std::size_t SqloMemController::formatStatistics(SqloMemStatsLayout layout, char* buffer, std::size_t bytes,

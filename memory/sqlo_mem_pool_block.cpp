@@ -31,7 +31,9 @@ MemPool* sqloi_poolOf(SQLO_MEM_POOL* handle) noexcept {
 
 namespace {
 
-// ---- from a block to its pool ---------------------------------------------------------------------------------------
+// ---- from a block to its pool ----------------------------------------------------------------------------------
+
+constexpr std::size_t kMostBytes = std::size_t{SQLO_SET_CHUNKS_MOST - 1} << SQLO_CHUNK_SHIFT;
 
 enum class BlockFault { kNone, kNotABlock, kNoPool };
 
@@ -57,8 +59,7 @@ const char* nameOfFile(std::uint32_t key) noexcept {
   return name == nullptr ? "?" : name;
 }
 
-// ---- complaints
-// ------------------------------------------------------------------------------------------------------
+// ---- complaints ------------------------------------------------------------------------------------------------
 
 SqlzZrc complainOfBlock(std::uint32_t probe, const char* text, const void* block, const char* file,
                         std::uint32_t line) noexcept {
@@ -76,8 +77,7 @@ SqlzZrc complainOfHeader(std::uint32_t probe, const char* text, const void* bloc
   return SQLO_INV_MEM;
 }
 
-// ---- allocating
-// ------------------------------------------------------------------------------------------------------
+// ---- allocating ------------------------------------------------------------------------------------------------
 
 // Everything that the pool may still have kept somewhere.
 void gatherKept(MemPool& pool) noexcept {
@@ -123,58 +123,74 @@ SqlzZrc allocateLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place, Bl
   }
 }
 
-// What a thread keeps is filled first, so that most requests go the short way.
-Block allocateFast(FastThread* thread, SQLO_MEM_POOL* pool, std::uint32_t bytes, const char* file,
-                   std::uint32_t line) noexcept {
-  const FastInside inside(thread, pool);
-  FastCache* const cache = inside.cache();
-  if (cache == nullptr) [[unlikely]]
-    return 0;
+// From what the thread keeps; 0 when it keeps nothing of that size and the pool has none at hand.
+[[gnu::always_inline]] inline Block takeFast(FastThread& thread, FastCache& cache, std::uint32_t bytes,
+                                             const char* file, std::uint32_t line) noexcept {
   const std::uint32_t stride = strideFor(bytes);
-  FastBin& bin = cache->bins[listOf(stride)];
-  if (bin.head == 0 && sqloi_fastFill(*cache, stride) == 0) [[unlikely]]
+  FastBin& bin = cache.bins[listOf(stride)];
+  if (bin.head == 0 && sqloi_fastFill(cache, stride) == 0) [[unlikely]]
     return 0;
-  const Block block = windowOf(blockOf(cache)) | bin.head;
+  const Block block = windowOf(blockOf(&cache)) | bin.head;
   bin.head = linkOf(block);
   bin.resize(bin.size() - 1U);
   unpoison(block, bytes);
-  setPlace(block, {fastFileKey(*thread, file), line}, ++thread->sequence);
+  setPlace(block, {fastFileKey(thread, file), line}, ++thread.sequence);
   setState(block, BLOCK_USED, bytes);
   return block;
 }
 
-SqlzZrc allocateSlow(SQLO_MEM_POOL* handle, std::uint32_t bytes, const char* file, std::uint32_t line,
-                     Block* block) noexcept {
+constexpr bool isSmall(std::size_t bytes) noexcept { return bytes - 1 < KEPT_MOST_STRIDE - SQLO_BLOCK_HEADER_BYTES; }
+
+// A pool of which the thread knows nothing: everything is looked at, and learned.
+[[gnu::noinline]] SqlzZrc allocateUnknown(SQLO_MEM_POOL* handle, std::uint32_t bytes, const char* file,
+                                          std::uint32_t line, Block* block) noexcept {
   MemPool* const pool = sqloi_poolOf(handle);
   if (pool == nullptr) return SQLO_INV_MEM;
-  if (bytes <= KEPT_MOST_STRIDE - SQLO_BLOCK_HEADER_BYTES && sqloi_fastCacheFor(*pool) != nullptr) {
-    *block = allocateFast(t_fast, handle, bytes, file, line);
+  FastThread::Entry* const entry = sqloi_fastLearn(*pool);
+  if (entry != nullptr && entry->cache != nullptr && isSmall(bytes)) {
+    const FastInside inside(*t_fast);
+    *block = inside.knows() ? takeFast(*t_fast, *entry->cache, bytes, file, line) : 0;
     if (*block != 0) return 0;
   }
   return allocateLatched(*pool, bytes, {sqloi_fileKey(file), line}, block);
 }
 
-// ---- freeing
-// ---------------------------------------------------------------------------------------------------------
+// The short way: the thread knows the pool.
+[[gnu::always_inline]] inline SqlzZrc allocate(SQLO_MEM_POOL* handle, std::size_t bytes, const char* file,
+                                               std::uint32_t line, Block* block) noexcept {
+  FastThread* const thread = t_fast;
+  MemPool* known = nullptr;
+  if (thread != nullptr) [[likely]] {
+    const FastInside inside(*thread);
+    const FastThread::Entry* const entry = inside.knows() ? fastEntryOf(*thread, handle) : nullptr;
+    if (entry != nullptr) [[likely]] {
+      if (entry->cache != nullptr && isSmall(bytes)) {
+        *block = takeFast(*thread, *entry->cache, static_cast<std::uint32_t>(bytes), file, line);
+        if (*block != 0) [[likely]]
+          return 0;
+      }
+      known = entry->pool;
+    }
+  }
+  if (bytes == 0 || bytes > kMostBytes) return SQLO_MEM_SIZE;
+  if (known == nullptr) [[unlikely]]
+    return allocateUnknown(handle, static_cast<std::uint32_t>(bytes), file, line, block);
+  return allocateLatched(*known, static_cast<std::uint32_t>(bytes), {fastFileKey(*thread, file), line}, block);
+}
 
-bool freeFast(FastThread* thread, Block block, BlockHeader header, SQLO_MEM_POOL* pool, const char* file,
-              std::uint32_t line) noexcept {
-  const std::uint32_t stride = strideOf(header.code, header.size);
-  if (stride > KEPT_MOST_STRIDE || (header.code & BLOCK_GUARDED) != 0) return false;
-  const FastInside inside(thread, pool);
-  FastCache* const cache = inside.cache();
-  if (cache == nullptr) [[unlikely]]
-    return false;
-  FastBin& bin = cache->bins[listOf(stride)];
+// ---- freeing ---------------------------------------------------------------------------------------------------
+
+[[gnu::always_inline]] inline void keepFast(FastThread& thread, FastCache& cache, Block block, std::uint32_t stride,
+                                            const char* file, std::uint32_t line) noexcept {
+  FastBin& bin = cache.bins[listOf(stride)];
   if (bin.size() >= bin.most) [[unlikely]]
-    sqloi_fastSpill(*cache, stride);
-  setPlace(block, {fastFileKey(*thread, file), line}, header.sequence);
+    sqloi_fastSpill(cache, stride);
+  setPlace(block, {fastFileKey(thread, file), line}, thread.sequence);
   setLink(block, bin.head);
   setState(block, BLOCK_KEPT, stride - SQLO_BLOCK_HEADER_BYTES);
   poison(block, stride);
   bin.head = shortOf(block);
   bin.resize(bin.size() + 1U);
-  return true;
 }
 
 // Another thread has the latch: whoever has it next puts the block where it belongs.
@@ -198,39 +214,49 @@ void freeLatched(MemPool& pool, Block block, std::uint32_t stride) noexcept {
   sqloi_takeDeferred(pool, operation);
 }
 
+[[gnu::noinline]] SqlzZrc complainOfGuard(MemPool& pool, Block block, const char* file, std::uint32_t line) noexcept {
+  if (pool.isDebugged()) ++pool.m_debug->overruns;
+  return complainOfHeader(30, "A block was written beyond its end. Freed here, allocated there:", pointerTo(block),
+                          readHeader(block), file, line);
+}
+
 // A block in use, of a pool that is there.
-SqlzZrc freeUsed(MemPool& pool, Block block, const BlockHeader& header, const char* file, std::uint32_t line) noexcept {
+SqlzZrc freeUsed(MemPool& pool, Block block, BlockPlace place, const char* file) noexcept {
+  const BlockHeader header = readHeader(block);
   const std::uint32_t stride = strideOf(header.code, header.size);
-  if ((header.code & BLOCK_GUARDED) != 0 && !sqloi_isGuardWhole(block, header.size, stride)) {
-    if (pool.isDebugged()) ++pool.m_debug->overruns;
-    return complainOfHeader(30, "A block was written beyond its end. Freed here, allocated there:", pointerTo(block),
-                            header, file, line);
-  }
+  if ((header.code & BLOCK_GUARDED) != 0 && !sqloi_isGuardWhole(block, header.size, stride)) [[unlikely]]
+    return complainOfGuard(pool, block, file, place.line);
   if (pool.m_set->m_fillsFreed) std::memset(pointerTo(block), kFreedFill, header.size);
-  setPlace(block, {sqloi_fileKey(file), line}, header.sequence);
+  setPlace(block, place, header.sequence);
   freeLatched(pool, block, stride);
   return 0;
 }
 
-SqlzZrc freeSlow(void* pointer, const char* file, std::uint32_t line) noexcept {
+// Keeps a block of a pool that the thread has just learned of; false: it keeps none of that pool.
+bool keepLearned(const MemPool& pool, Block block, std::uint32_t stride, const char* file, std::uint32_t line,
+                 const FastThread::Entry& entry) noexcept {
+  if (!pool.m_set->isPrivate()) return false;
+  const FastInside inside(*t_fast);
+  if (!inside.knows()) return false;
+  fastLearnChunk(*t_fast, chunkNumber(block - SQLO_BLOCK_HEADER_BYTES), entry);
+  if (entry.cache == nullptr || stride > KEPT_MOST_STRIDE) return false;
+  keepFast(*t_fast, *entry.cache, block, stride, file, line);
+  return true;
+}
+
+// A pointer of which the thread knows nothing: everything is looked at, and learned.
+[[gnu::noinline]] SqlzZrc freeUnknown(void* pointer, const char* file, std::uint32_t line) noexcept {
   BlockHeader header;
   SQLO_MEM_POOL* handle = nullptr;
   if (lookUp(pointer, &header, &handle) != BlockFault::kNone || handle == nullptr)
     return complainOfBlock(10, "Freed here, but not a block of a memory pool:", pointer, file, line);
-  const std::uint32_t kind = kindOf(header.code);
-  if (kind != BLOCK_USED)
+  if (kindOf(header.code) != BLOCK_USED)
     return complainOfHeader(20, "Freed twice: here, and there before:", pointer, header, file, line);
   auto& pool = static_cast<MemPool&>(*handle);
-  const bool isSmall = strideOf(header.code, header.size) <= KEPT_MOST_STRIDE;
-  if (isSmall && sqloi_fastCacheFor(pool) != nullptr && freeFast(t_fast, blockOf(pointer), header, handle, file, line))
-    return 0;
-  return freeUsed(pool, blockOf(pointer), header, file, line);
-}
-
-// Whether a pointer may be looked at as a block of a private set: it is aligned, and its header is committed.
-bool isNearPrivate(Block block) noexcept {
-  return block % SQLO_BLOCK_ALIGNMENT == 0 &&
-         sqloi_isCommitted(block - SQLO_BLOCK_HEADER_BYTES, SQLO_BLOCK_HEADER_BYTES);
+  const Block block = blockOf(pointer);
+  const FastThread::Entry* const entry = sqloi_fastLearn(pool);
+  if (entry != nullptr && keepLearned(pool, block, strideOf(header.code, header.size), file, line, *entry)) return 0;
+  return freeUsed(pool, block, {sqloi_fileKey(file), line}, file);
 }
 
 constexpr const char* named(const char* file) noexcept { return file == nullptr ? "" : file; }
@@ -242,35 +268,35 @@ SqlzZrc sqloMemPoolAllocate(SQLO_MEM_POOL* pool, std::size_t bytes, std::uint32_
                             std::uint32_t line, void** block) noexcept {
   if (block == nullptr || (options & ~SQLO_MEM_ZERO) != 0) [[unlikely]]
     return SQLO_INV_PARM;
-  *block = nullptr;
   vek::Block found = 0;
-  if (bytes - 1 < vek::KEPT_MOST_STRIDE - SQLO_BLOCK_HEADER_BYTES) [[likely]]
-    found = vek::allocateFast(vek::t_fast, pool, static_cast<std::uint32_t>(bytes), vek::named(file), line);
-  if (found == 0) [[unlikely]] {
-    if (bytes == 0 || bytes > std::size_t{SQLO_SET_CHUNKS_MOST - 1} << SQLO_CHUNK_SHIFT) return SQLO_MEM_SIZE;
-    const SqlzZrc result = vek::allocateSlow(pool, static_cast<std::uint32_t>(bytes), vek::named(file), line, &found);
-    if (result != 0) return result;
-  }
+  const SqlzZrc result = vek::allocate(pool, bytes, vek::named(file), line, &found);
   *block = vek::pointerTo(found);
-  if ((options & SQLO_MEM_ZERO) != 0) std::memset(*block, 0, bytes);
-  return 0;
+  if (options != 0 && result == 0) std::memset(*block, 0, bytes);
+  return result;
 }
 
-SqlzZrc sqloMemPoolFree(void* block, const char* file, std::uint32_t line) noexcept {
-  if (block == nullptr) return 0;
-  const vek::Block at = vek::blockOf(block);
-  if (vek::t_fast != nullptr && vek::isNearPrivate(at)) [[likely]] {
-    const vek::BlockHeader header = vek::readHeader(at);
-    const bool isUsed = vek::kindOf(header.code) == vek::BLOCK_USED &&
-                        (header.chunk & vek::CHUNK_REFERENCE_MASK) == vek::CHUNK_REFERENCE_MARKER;
-    if (isUsed) [[likely]] {
-      const SqloMemSubgroup* subgroup = vek::subgroupOf(at, header.chunk);
-      if (vek::sqloi_isCommitted(vek::blockOf(subgroup), sizeof *subgroup) &&
-          vek::freeFast(vek::t_fast, at, header, subgroup->pool, vek::named(file), line))
+// The short way: the thread knows the pool of the chunk that the header lies in. What is no block in use, or one that
+// is guarded, goes the long way.
+SqlzZrc sqloMemPoolFree(void* pointer, const char* file, std::uint32_t line) noexcept {
+  const vek::Block block = vek::blockOf(pointer);
+  vek::FastThread* const thread = vek::t_fast;
+  vek::MemPool* known = nullptr;
+  if (thread != nullptr && block % SQLO_BLOCK_ALIGNMENT == 0) [[likely]] {
+    const vek::FastInside inside(*thread);
+    const vek::FastThread::Entry* const entry =
+        inside.knows() ? vek::fastEntryOfChunk(*thread, vek::chunkNumber(block - SQLO_BLOCK_HEADER_BYTES)) : nullptr;
+    if (entry != nullptr && (vek::codeOf(block) & ~vek::BLOCK_SLACK) == vek::BLOCK_USED) [[likely]] {
+      const std::uint32_t stride = vek::strideOf(block);
+      if (entry->cache != nullptr && stride <= vek::KEPT_MOST_STRIDE) [[likely]] {
+        vek::keepFast(*thread, *entry->cache, block, stride, vek::named(file), line);
         return 0;
+      }
+      known = entry->pool;
     }
   }
-  return vek::freeSlow(block, vek::named(file), line);
+  if (known != nullptr)
+    return vek::freeUsed(*known, block, {vek::fastFileKey(*thread, vek::named(file)), line}, vek::named(file));
+  return pointer == nullptr ? 0 : vek::freeUnknown(pointer, vek::named(file), line);
 }
 
 SqlzZrc sqloGetPoolHandleFromBlkPointer(const void* block, SQLO_MEM_POOL** outPool) noexcept {

@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "diag/base/traced.h"
-#include "memory/sqlo_mem_pool.h"
+#include "memory/sqlo_mem_pool_fast.h"
 #include "veksys/codes.h"
 
 namespace vek {
@@ -116,6 +116,7 @@ void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexc
 void sqloi_retireSubgroup(MemPool& pool, SqloMemSubgroup* subgroup, PoolOperation& operation) noexcept {
   MemPool& base = pool.base();
   const std::uint32_t chunks = subgroup->chunks;
+  fastForgetKnowledge();
   unpoison(blockOf(subgroup), std::uint64_t{chunks} << SQLO_CHUNK_SHIFT);
   unlinkSubgroup(pool, subgroup);
   pool.m_ownChunks -= chunks;

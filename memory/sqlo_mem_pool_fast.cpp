@@ -61,8 +61,7 @@ std::uint32_t mostFor(const MemPool& pool, std::uint32_t stride) noexcept {
   return std::max(1U, std::min(pool.m_fastMost, FAST_BIN_BYTES / stride));
 }
 
-// ---- giving back
-// -----------------------------------------------------------------------------------------------------
+// ---- giving back -----------------------------------------------------------------------------------------------
 
 // Gives the first `count` blocks of a bin back. Needs the pool latch.
 void giveBack(FastCache& cache, FastBin& bin, std::uint32_t count, PoolOperation& operation) noexcept {
@@ -91,23 +90,26 @@ void removeCache(FastCache& cache, PoolOperation& operation) noexcept {
   sqloi_putBlock(pool, block, operation);
 }
 
-// ---- a thread's table
-// ------------------------------------------------------------------------------------------------
+// ---- a thread's table ------------------------------------------------------------------------------------------
 
-void addEntry(FastThread& thread, FastThread::Entry entry) noexcept {
+FastThread::Entry* addEntry(FastThread& thread, FastThread::Entry entry) noexcept {
   std::uint32_t at = fastHash(entry.pool);
   while (thread.entries[at].pool != nullptr) at = (at + 1) % FAST_ENTRIES;
   thread.entries[at] = entry;
+  ++thread.entryCount;
+  return &thread.entries[at];
 }
 
-// Drops entries of pools that are fast no more: their caches have been taken away.
+// Forgets everything but its caches of pools that are still fast: the others have been taken away.
 void revise(FastThread& thread) noexcept {
   FastThread::Entry old[FAST_ENTRIES];
   std::copy(std::begin(thread.entries), std::end(thread.entries), old);
   std::fill(std::begin(thread.entries), std::end(thread.entries), FastThread::Entry{});
+  std::fill(std::begin(thread.chunks), std::end(thread.chunks), FastThread::Chunk{});
+  thread.entryCount = 0;
+  thread.epoch = g_fastEpoch.load(std::memory_order_acquire);
   for (const FastThread::Entry& entry : old)
-    if (entry.cache != nullptr && isRegistered(entry.pool)) addEntry(thread, entry);
-  thread.epoch = g_fastEpoch.load(std::memory_order_relaxed);
+    if (entry.cache != nullptr && isRegistered(entry.pool)) (void)addEntry(thread, entry);
 }
 
 FastThread* makeThread() noexcept {
@@ -125,28 +127,21 @@ void setLimits(FastCache& cache) noexcept {
     cache.bins[list].most = static_cast<std::uint16_t>(mostFor(*cache.pool, list * SQLO_BLOCK_ALIGNMENT));
 }
 
-// A block of the pool for the cache; null when it has none left.
+// A block of the pool for the cache; null when it has none: it does not grow for that.
 FastCache* makeCache(MemPool& pool) noexcept {
-  const std::uint32_t stride = strideFor(sizeof(FastCache));
-  for (int attempt = 0;; ++attempt) {
-    {
-      const PoolOperation operation(pool);
-      if (const Block block = sqloi_takeBlock(pool, stride); block != 0) {
-        sqloi_cutAndUse(pool, block, sizeof(FastCache), BLOCK_OWN, {sqloi_fileKey(__FILE__), __LINE__});
-        auto* cache = new (pointerTo(block)) FastCache{};
-        cache->pool = &pool;
-        setLimits(*cache);
-        cache->next = pool.m_caches;
-        pool.m_caches = cache;
-        return cache;
-      }
-    }
-    if (attempt != 0 || sqloi_growPool(pool, stride) != 0) return nullptr;
-  }
+  const PoolOperation operation(pool);
+  const Block block = sqloi_takeBlock(pool, strideFor(sizeof(FastCache)));
+  if (block == 0) return nullptr;
+  sqloi_cutAndUse(pool, block, sizeof(FastCache), BLOCK_OWN, {0, 0});
+  auto* cache = new (pointerTo(block)) FastCache{};
+  cache->pool = &pool;
+  setLimits(*cache);
+  cache->next = pool.m_caches;
+  pool.m_caches = cache;
+  return cache;
 }
 
-// ---- other threads' caches
-// -------------------------------------------------------------------------------------------
+// ---- other threads' caches -------------------------------------------------------------------------------------
 
 // From here on a thread that is inside knew the old epoch, and will be out soon; one that comes in sees the new one.
 void raiseEpoch() noexcept {
@@ -186,18 +181,20 @@ std::uint32_t sqloi_fileKey(const char* file) noexcept {
 
 bool sqloi_isFast(const MemPool& pool) noexcept { return __atomic_load_n(&pool.m_fastMost, __ATOMIC_RELAXED) != 0; }
 
-FastCache* sqloi_fastCacheFor(MemPool& pool) noexcept {
-  if (!sqloi_isFast(pool)) return nullptr;
+FastThread::Entry* sqloi_fastLearn(MemPool& pool) noexcept {
   const RegistryOperation operation;
-  if (!isRegistered(&pool)) return nullptr;
   if (t_fast == nullptr) t_fast = makeThread();
-  if (t_fast == nullptr) return nullptr;
-  revise(*t_fast);
-  FastCache* cache = fastCacheOf(*t_fast, &pool);
-  if (cache != nullptr) return cache;
-  cache = makeCache(pool);
-  if (cache != nullptr) addEntry(*t_fast, {&pool, cache});
-  return cache;
+  FastThread* const thread = t_fast;
+  if (thread == nullptr) return nullptr;
+  if (thread->epoch != g_fastEpoch.load(std::memory_order_acquire) || thread->entryCount > FAST_POOLS) revise(*thread);
+  const bool isFast = isRegistered(&pool);
+  FastThread::Entry* const entry = fastEntryOf(*thread, &pool);
+  if (entry != nullptr && (!isFast || entry->cache != nullptr)) return entry;
+  FastCache* const cache = isFast ? makeCache(pool) : nullptr;
+  if (isFast && cache == nullptr) return nullptr;
+  if (entry == nullptr) return addEntry(*thread, {&pool, cache});
+  entry->cache = cache;
+  return entry;
 }
 
 std::uint32_t sqloi_fastFill(FastCache& cache, std::uint32_t stride) noexcept {
@@ -300,6 +297,7 @@ SqlzZrc sqloEnableFastMemoryBlocks(SQLO_MEM_POOL* handle, bool on) noexcept {
   vek::MemPool** const place = vek::placeOf(nullptr);
   if (place == std::end(vek::g_registry.pools)) return trace.exit(SQLO_NOTAVAIL);
   *place = pool;
+  vek::fastForgetKnowledge();
   vek::setMost(*pool, vek::FAST_MOST_DEFAULT);
   return trace.exit(0);
 }

@@ -21,6 +21,7 @@ namespace vek {
 inline constexpr std::uint32_t FAST_POOLS = 64;     // of a process at one time
 inline constexpr std::uint32_t FAST_ENTRIES = 128;  // of a thread; more than pools, so that a probe ends
 inline constexpr std::uint32_t FAST_FILES = 64;     // names of files that a thread remembers
+inline constexpr std::uint32_t FAST_CHUNKS = 512;   // chunks of which a thread remembers the pool
 inline constexpr std::uint32_t FAST_BIN_BYTES = 64 * 1024;
 inline constexpr std::uint32_t FAST_MOST_DEFAULT = 64;
 inline constexpr std::uint32_t FAST_MOST_HIGHEST = 4096;
@@ -42,6 +43,7 @@ struct FastCache {
   FastBin bins[KEPT_LISTS];
 };
 
+// What a thread knows of pools. It is true as long as the epoch is the one that it was learned in.
 struct FastThread {
   std::atomic<std::uint32_t> inside;  // 1: the thread looks at its caches
   std::uint32_t sequence;
@@ -49,9 +51,14 @@ struct FastThread {
   FastThread* next;  // of all threads that have one
   FastThread* previous;
   struct Entry {
-    MemPool* pool;
-    FastCache* cache;
+    MemPool* pool;     // that is there
+    FastCache* cache;  // null: its blocks are not kept
   } entries[FAST_ENTRIES];
+  std::uint32_t entryCount;
+  struct Chunk {
+    std::uint32_t chunk;  // number in the address space; 0: none
+    std::uint32_t entry;  // of the pool that it belongs to
+  } chunks[FAST_CHUNKS];
   struct File {
     const char* file;
     std::uint32_t key;
@@ -77,43 +84,54 @@ inline std::uint32_t fastHash(const SQLO_MEM_POOL* pool) noexcept {
   return static_cast<std::uint32_t>((address >> SQLO_CHUNK_SHIFT) ^ (address >> 32)) % FAST_ENTRIES;
 }
 
-// The calling thread's cache of a pool while it is inside; null when it has none.
-inline FastCache* fastCacheOf(FastThread& thread, const SQLO_MEM_POOL* pool) noexcept {
+inline std::uint32_t chunkNumber(Block block) noexcept { return static_cast<std::uint32_t>(block >> SQLO_CHUNK_SHIFT); }
+
+// What the thread knows of a pool; null: nothing.
+inline FastThread::Entry* fastEntryOf(FastThread& thread, const SQLO_MEM_POOL* pool) noexcept {
   for (std::uint32_t at = fastHash(pool);; at = (at + 1) % FAST_ENTRIES) {
-    if (thread.entries[at].pool == pool) [[likely]]
-      return thread.entries[at].cache;
-    if (thread.entries[at].pool == nullptr) return nullptr;
+    FastThread::Entry& entry = thread.entries[at];
+    if (entry.pool == pool) [[likely]]
+      return pool == nullptr ? nullptr : &entry;
+    if (entry.pool == nullptr) return nullptr;
   }
 }
 
-// A thread between entering and leaving: nobody else touches its caches. `cache` is null when it must go the long way.
+// What it knows of the pool of a chunk.
+inline FastThread::Entry* fastEntryOfChunk(FastThread& thread, std::uint32_t number) noexcept {
+  const FastThread::Chunk& chunk = thread.chunks[number % FAST_CHUNKS];
+  return chunk.chunk == number ? &thread.entries[chunk.entry] : nullptr;
+}
+
+// A thread between entering and leaving: nobody else touches its caches, and what it knows is true when `knows`.
 class FastInside {
  public:
-  FastInside(FastThread* thread, const SQLO_MEM_POOL* pool) noexcept : thread_(thread) {
-    if (thread == nullptr) [[unlikely]]
-      return;
-    thread->inside.store(1, std::memory_order_relaxed);
+  explicit FastInside(FastThread& thread) noexcept : thread_(thread) {
+    thread.inside.store(1, std::memory_order_relaxed);
     std::atomic_signal_fence(std::memory_order_seq_cst);  // the other half is a membarrier
-    if (thread->epoch == g_fastEpoch.load(std::memory_order_acquire)) [[likely]]
-      cache_ = fastCacheOf(*thread, pool);
   }
-  ~FastInside() {
-    if (thread_ != nullptr) thread_->inside.store(0, std::memory_order_release);
-  }
+  ~FastInside() { thread_.inside.store(0, std::memory_order_release); }
   FastInside(const FastInside&) = delete;
   FastInside& operator=(const FastInside&) = delete;
-  FastCache* cache() const noexcept { return cache_; }
+  bool knows() const noexcept { return thread_.epoch == g_fastEpoch.load(std::memory_order_acquire); }
 
  private:
-  FastThread* thread_;
-  FastCache* cache_ = nullptr;
+  FastThread& thread_;
 };
 
 // Whether threads keep blocks of a pool.
 bool sqloi_isFast(const MemPool& pool) noexcept;
 
-// Makes the calling thread's cache of a pool, or finds out that there is none any more. Without a latch.
-FastCache* sqloi_fastCacheFor(MemPool& pool) noexcept;
+// Learns about a pool that is there, and makes the calling thread's cache of it when it is to have one. Null: there is
+// no memory for that at the moment. Without a latch.
+FastThread::Entry* sqloi_fastLearn(MemPool& pool) noexcept;
+
+// Learns that a chunk, of a private set, belongs to a pool that the thread knows.
+inline void fastLearnChunk(FastThread& thread, std::uint32_t number, const FastThread::Entry& entry) noexcept {
+  thread.chunks[number % FAST_CHUNKS] = {number, static_cast<std::uint32_t>(&entry - thread.entries)};
+}
+
+// What threads know of chunks and pools is no longer true.
+inline void fastForgetKnowledge() noexcept { g_fastEpoch.fetch_add(1, std::memory_order_release); }
 
 // Fetches blocks of that stride into the cache, of the calling thread; how many.
 std::uint32_t sqloi_fastFill(FastCache& cache, std::uint32_t stride) noexcept;

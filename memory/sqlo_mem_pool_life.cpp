@@ -30,8 +30,7 @@ SqlzZrc complain(std::uint32_t probe, SqlzZrc zrc, const char* text, std::uint32
 
 bool isPoolId(std::uint32_t id) noexcept { return id < SQLO_POOL_MAXHEAPID && sqloGetMemPoolName(id)[0] != '\0'; }
 
-// ---- making
-// ----------------------------------------------------------------------------------------------------------
+// ---- making ----------------------------------------------------------------------------------------------------
 
 // Makes a pool of a block of kind KEPT, which becomes the block of its control.
 MemPool* placeControl(Block block) noexcept {
@@ -118,8 +117,7 @@ SqlzZrc createPool(const SqloMemPoolRequest& request, SQLO_MEM_POOL** out) noexc
   return 0;
 }
 
-// ---- freeing
-// ---------------------------------------------------------------------------------------------------------
+// ---- freeing ---------------------------------------------------------------------------------------------------
 
 void unlinkSub(MemPool& pool) noexcept {
   for (MemPool** at = &pool.m_parent->m_firstSub; *at != nullptr; at = &(*at)->m_next) {
@@ -144,6 +142,7 @@ void freeSub(MemPool& pool, PoolOperation& operation) noexcept {
   MemPool& parent = *pool.m_parent;
   empty(pool, operation);
   unlinkSub(pool);
+  fastForgetKnowledge();
   pool.m_eyeCatcher = 0;
   const Block block = blockOf(&pool);
   setState(block, BLOCK_KEPT, strideOf(block) - SQLO_BLOCK_HEADER_BYTES);
@@ -159,6 +158,7 @@ void freeSubsOf(MemPool& pool, PoolOperation& operation) noexcept {
 // All chunks go back, the one with the control block last.
 void freeBase(MemPool& pool) noexcept {
   SMemSet& set = *pool.m_set;
+  fastForgetKnowledge();
   leaveSet(set, pool);
   SqloMemSubgroup* runs = nullptr;
   const auto collect = [&runs](SqloMemSubgroup* first) {

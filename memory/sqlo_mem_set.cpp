@@ -65,8 +65,7 @@ SetOperation::~SetOperation() {
 
 }  // namespace vek
 
-// ---- failures
-// --------------------------------------------------------------------------------------------------------
+// ---- failures --------------------------------------------------------------------------------------------------
 
 // The first failure of an operation is what caused the others.
 void SMemSet::notePendingFailure(vek::SetFailure kind, int osError, SqlzZrc zrc, vek::ChunkRange range) noexcept {
@@ -83,8 +82,7 @@ bool SMemSet::takePendingFailure(vek::PendingFailure* out) noexcept {
   return true;
 }
 
-// ---- thresholds
-// ------------------------------------------------------------------------------------------------------
+// ---- thresholds ------------------------------------------------------------------------------------------------
 
 SqlzZrc sqloUpdateMemorySetFreeThreshold(SQLO_MEM_SET* set, std::uint32_t percent) noexcept {
   vek::VekTrace<vek::FID_sqloUpdateMemorySetFreeThreshold> trace;
@@ -122,8 +120,7 @@ void sqloEnableCriticalOptionForMemSet(SQLO_MEM_SET* set) noexcept {
     vek::sqloi_visitPools(*pool, [](vek::MemPool& each) { each.m_options |= SQLO_POOL_CRITICAL; });
 }
 
-// ---- questions
-// -------------------------------------------------------------------------------------------------------
+// ---- questions -------------------------------------------------------------------------------------------------
 
 SqlzZrc sqloGetSetInfo(SQLO_MEM_SET* set, SqloMemSetInfo* info) noexcept {
   if (info == nullptr) return SQLO_INV_PARM;
@@ -171,8 +168,7 @@ std::uint32_t sqloMemSetPageSize(SQLO_MEM_SET* set) noexcept {
   return set->has(SQLO_SET_LARGE_PAGES) ? vek::ossLargePageBytes() : kPageBytes;
 }
 
-// ---- background commit
-// -----------------------------------------------------------------------------------------------
+// ---- background commit -----------------------------------------------------------------------------------------
 
 bool sqloBgCommitIsNeeded(const SQLO_MEM_SET* set) noexcept {
   return vek::sqloi_readBoolean("VEK_ENABLE_BG_COMMIT", true) && set != nullptr && set->m_setType == SQLO_SET_DBM_DB &&

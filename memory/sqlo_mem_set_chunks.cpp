@@ -36,7 +36,7 @@ std::uint32_t findRun(std::uint32_t count, std::uint32_t end, Word word) noexcep
 }  // namespace
 }  // namespace vek
 
-// ---- groups --------------------------------------------------------------------------------------------------------
+// ---- groups ----------------------------------------------------------------------------------------------------
 
 std::uint32_t SMemSet::growthFor(std::uint32_t chunks) const noexcept {
   if (!has(SQLO_SET_GROWABLE)) return 0;
@@ -118,7 +118,7 @@ bool SMemSet::isLastGroupIdle() const noexcept {
   return unused >= std::uint64_t{m_maxFreeChunks} + m_groups[m_groupCount - 1].chunks;
 }
 
-// ---- chunks --------------------------------------------------------------------------------------------------------
+// ---- chunks ----------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -224,8 +224,7 @@ SqlzZrc SMemSet::returnContiguousChunks(vek::ChunkRange range) noexcept {
   return 0;
 }
 
-// ---- for those who live in a set
-// -------------------------------------------------------------------------------------
+// ---- for those who live in a set -------------------------------------------------------------------------------
 
 namespace vek {
 namespace {

@@ -75,8 +75,7 @@ int commitMissing(SMemSet& set, ChunkRange range) noexcept {
 
 }  // namespace
 
-// ---- committing
-// ------------------------------------------------------------------------------------------------------
+// ---- committing ------------------------------------------------------------------------------------------------
 
 // What was committed before the system refused stays committed, free for the next request.
 SqlzZrc SMemSet::commitMemory(ChunkRange range) noexcept {
@@ -166,8 +165,7 @@ std::uint32_t SMemSet::commitAhead(std::uint32_t most) noexcept {
   return m_committedChunks - before;
 }
 
-// ---- thresholds
-// ------------------------------------------------------------------------------------------------------
+// ---- thresholds ------------------------------------------------------------------------------------------------
 
 std::int64_t SMemSet::excessChunks() const noexcept {
   return std::int64_t{m_committedChunks} - std::max(m_usedChunks, m_keepCommitChunks);
@@ -232,7 +230,7 @@ std::uint32_t SMemSet::increaseUseableMemory(std::uint32_t chunks) noexcept {
   return regained;
 }
 
-// ---- after a death -----------------------------------------------------------------------------------------------
+// ---- after a death ---------------------------------------------------------------------------------------------
 
 // Makes the counters anew from the bits. A commit or decommit that had begun is brought to what the bits say.
 void SMemSet::repair() noexcept {

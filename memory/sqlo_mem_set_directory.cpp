@@ -126,8 +126,7 @@ void sqloi_dropProcess(SetEntry& entry) noexcept {
   std::replace(std::begin(entry.connected), std::end(entry.connected), regionProcessOwner(), std::uint64_t{0});
 }
 
-// ---- this process's own
-// ----------------------------------------------------------------------------------------------
+// ---- this process's own ----------------------------------------------------------------------------------------
 
 std::uint32_t sqloi_sharedEntries() noexcept { return std::min(MEM_SET_ENTRIES, SHARED_WINDOWS.windows - 1); }
 

@@ -41,7 +41,7 @@ void warn(const char* text, std::uint32_t setType) noexcept {
   (void)pdLogCallValues(call, sqloMemSetTypeName(setType));
 }
 
-// ---- how large ---------------------------------------------------------------------------------------------------
+// ---- how large -------------------------------------------------------------------------------------------------
 
 // What a set is going to be, in chunks.
 struct SetPlan {
@@ -145,7 +145,7 @@ SqlzZrc makePlan(const SqloMemSetRequest& request, SetPlan* plan) noexcept {
   return 0;
 }
 
-// ---- making the set in its window ---------------------------------------------------------------------------------
+// ---- making the set in its window ------------------------------------------------------------------------------
 
 void buildRecords(SMemSet* set, std::uint32_t window, const SetPlan& plan) noexcept {
   set->m_window = window;
@@ -185,7 +185,7 @@ SqlzZrc registerNew(SMemSet& set) noexcept {
   return complain(FID_sqlocshr, 30, SQLO_NO_INS_MEM, "Insufficient INSTANCE_MEMORY to allocate new memory set.");
 }
 
-// ---- private sets --------------------------------------------------------------------------------------------------
+// ---- private sets ----------------------------------------------------------------------------------------------
 
 std::size_t bytesWithRecords(std::uint32_t chunks) noexcept { return (std::size_t{chunks} + 1) << SQLO_CHUNK_SHIFT; }
 
@@ -230,7 +230,7 @@ SqlzZrc createPrivate(const SetPlan& plan, SMemSet** out) noexcept {
   return 0;
 }
 
-// ---- shared sets ---------------------------------------------------------------------------------------------------
+// ---- shared sets -----------------------------------------------------------------------------------------------
 
 std::uint64_t sharedAddress(std::uint32_t entry) noexcept { return addressOfWindow(SHARED_WINDOWS, entry + 1); }
 
@@ -365,8 +365,7 @@ SqlzZrc checkSet(EcfFunctionId function, const SMemSet* set) noexcept {
 
 std::uint32_t entryOf(const SMemSet& set) noexcept { return set.m_window - 1; }
 
-// ---- the memory controller
-// ---------------------------------------------------------------------------------------------
+// ---- the memory controller -------------------------------------------------------------------------------------
 
 SqloMemConsumerKind consumerKindOf(std::uint32_t setType) noexcept {
   switch (setType) {
@@ -433,8 +432,7 @@ void sqloi_setFreeMemory(SMemSet& set, std::uint32_t chunks) noexcept {
 
 }  // namespace vek
 
-// ---- life
-// ------------------------------------------------------------------------------------------------------------
+// ---- life ------------------------------------------------------------------------------------------------------
 
 SqlzZrc sqlocshr(const SqloMemSetRequest* request, SQLO_MEM_SET** set) noexcept {
   vek::VekTrace<vek::FID_sqlocshr> trace;
@@ -504,6 +502,7 @@ SqlzZrc sqlofshr(SQLO_MEM_SET* set) noexcept {
   (void)sqloDeRegisterSet(set);
   if (set->isPrivate()) {
     for (vek::MemPool* pool = set->m_pools; pool != nullptr; pool = pool->m_next) vek::sqloi_fastForget(*pool);
+    vek::fastForgetKnowledge();
     vek::unpoison(set->addressOf(0), std::uint64_t{info.allocatedChunks} << SQLO_CHUNK_SHIFT);
     set->m_eyeCatcher = 0;
     vek::destroyPrivate(set->m_window, info.allocatedChunks);
@@ -517,8 +516,7 @@ SqlzZrc sqlofshr(SQLO_MEM_SET* set) noexcept {
   return trace.exit(0);
 }
 
-// ---- the memory controller
-// -------------------------------------------------------------------------------------------
+// ---- the memory controller -------------------------------------------------------------------------------------
 
 SqlzZrc sqloRegisterMemorySetWithPMC(SQLO_MEM_SET* set) noexcept {
   vek::VekTrace<vek::FID_sqloRegisterMemorySetWithPMC> trace;

@@ -6,8 +6,7 @@
 
 namespace vek {
 
-// ---- the latch
-// -------------------------------------------------------------------------------------------------------
+// ---- the latch -------------------------------------------------------------------------------------------------
 
 PoolOperation::PoolOperation(MemPool& pool, std::uint32_t line) noexcept : base_(pool.base()) {
   if (isLatched(base_)) (void)base_.m_latch.captureLatch(kPoolLatchFile, line);
@@ -41,8 +40,7 @@ namespace {
 
 Block fullAddress(const MemPool& pool, std::uint32_t low) noexcept { return windowOf(blockOf(&pool)) | low; }
 
-// ---- taking
-// ----------------------------------------------------------------------------------------------------------
+// ---- taking ----------------------------------------------------------------------------------------------------
 
 Block takeKept(MemPool& pool, std::uint32_t stride) noexcept {
   if (stride > KEPT_MOST_STRIDE) return 0;
@@ -107,8 +105,7 @@ void sqloi_cutAndUse(MemPool& pool, Block block, std::uint32_t bytes, std::uint3
   setState(block, kind | guarded | slack, bytes);
 }
 
-// ---- putting back
-// ----------------------------------------------------------------------------------------------------
+// ---- putting back ----------------------------------------------------------------------------------------------
 
 namespace {
 
