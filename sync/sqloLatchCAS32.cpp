@@ -206,6 +206,7 @@ class Wait {
     }
     if (reference_ == 0 && anotherUpgrades()) return Look::kUpgradeConflict;
     if (!isQueued_) lineUp();
+    if (reference_ == 0 && request_.isUpgrade()) return Look::kUpgradeConflict;  // nothing would tell another one
     return Look::kQueued;
   }
 
@@ -434,6 +435,18 @@ SqlzZrc get(SQLO_SLATCH_CAS32& latch, SqloLatchRequest request, const char* file
   return 0;
 }
 
+// Who only tries leaves no mark on a latch that is not to be had: tried again and again it would hide that the holder
+// is dead.
+template <class Fast>
+SqlzZrc tryGet(SQLO_SLATCH_CAS32& latch, SqloLatchRequest request, const char* file, std::uint32_t line,
+               Fast fast) noexcept {
+  ossPrefetchToWrite(&latch);
+  const std::uint32_t state = latch.state();
+  check(latch, state, LatchUse::kOther);
+  if ((state & latchConflictMask(request, latch.flags())) != 0) return SQLO_NOTAVAIL;
+  return get(latch, request | SQLO_LATCH_CONDITIONAL, file, line, fast);
+}
+
 std::uint32_t takeHold(SQLO_SLATCH_CAS32& latch, std::uint32_t state) noexcept {
   check(latch, state, LatchUse::kReleases);
   if ((state & SQLO_SLATCH_HELD_X) != 0) return state - SQLO_SLATCH_HELD_X;
@@ -542,10 +555,10 @@ SqlzZrc SQLO_SLATCH_CAS32::getExclusive(const char* file, std::uint32_t line) no
   return vek::get(*this, SQLO_LATCH_EXCLUSIVE, file, line, vek::fastExclusive);
 }
 SqlzZrc SQLO_SLATCH_CAS32::tryGetShared(const char* file, std::uint32_t line) noexcept {
-  return vek::get(*this, SQLO_LATCH_SHARED | SQLO_LATCH_CONDITIONAL, file, line, vek::fastShared);
+  return vek::tryGet(*this, SQLO_LATCH_SHARED, file, line, vek::fastShared);
 }
 SqlzZrc SQLO_SLATCH_CAS32::tryGetExclusive(const char* file, std::uint32_t line) noexcept {
-  return vek::get(*this, SQLO_LATCH_EXCLUSIVE | SQLO_LATCH_CONDITIONAL, file, line, vek::fastExclusive);
+  return vek::tryGet(*this, SQLO_LATCH_EXCLUSIVE, file, line, vek::fastExclusive);
 }
 
 void SQLO_SLATCH_CAS32::release() noexcept {

@@ -16,11 +16,12 @@ namespace {
 constexpr std::uint32_t kTypes = SQLO_LATCH_TYPE_COUNT;
 constexpr std::uint32_t kRowWords = (kTypes + 63) / 64;
 constexpr std::uint32_t kPlaces = 8192;
+constexpr std::uint32_t kProbes = 64;
 constexpr std::uint32_t kReports = 16;
 
-// Where two latch types were first taken one inside the other.
+// Where two latch types, or two latches of one type, were first taken one inside the other.
 struct Place {
-  std::atomic<std::uint32_t> key;  // 0 free; placeKey
+  std::atomic<std::uint64_t> key;  // 0 free; typesKey or latchesKey
   std::uint32_t heldFile;          // regionTextOf
   std::uint32_t heldLine;
   std::uint32_t line;
@@ -41,15 +42,28 @@ struct LockOrder {
 
 constinit std::atomic<LockOrder*> g_order{nullptr};
 
-std::uint32_t placeKey(std::uint32_t held, std::uint32_t taken) noexcept { return (held + 1) << 16 | (taken + 1); }
+std::uint64_t typesKey(std::uint32_t held, std::uint32_t taken) noexcept { return (held + 1) << 16 | (taken + 1); }
 
-Place* findPlace(LockOrder& order, std::uint32_t key, bool reserve) noexcept {
-  for (std::uint32_t i = 0, at = key * 2654435761U % kPlaces; i < kPlaces; ++i, at = (at + 1) % kPlaces) {
-    std::uint32_t found = order.places[at].key.load(std::memory_order_acquire);
-    if (found == key) return &order.places[at];
-    if (found != 0) continue;
-    if (!reserve) return nullptr;
-    if (order.places[at].key.compare_exchange_strong(found, key) || found == key) return &order.places[at];
+// Two addresses mixed into one word, differently in either order.
+std::uint64_t latchesKey(std::uint64_t held, std::uint64_t taken) noexcept {
+  return ((held * 0x9E3779B97F4A7C15U ^ taken) * 0xC2B2AE3D27D4EB4FU) | (1ULL << 63);
+}
+
+Place* findPlace(LockOrder& order, std::uint64_t key) noexcept {
+  for (std::uint32_t probe = 0; probe < kProbes; ++probe) {
+    Place& place = order.places[((key * 0x9E3779B97F4A7C15U >> 32) + probe) % kPlaces];
+    if (place.key.load(std::memory_order_acquire) == key) return &place;
+  }
+  return nullptr;
+}
+
+// A place for a key that has none. Null: it has one, or there is no room.
+Place* newPlace(LockOrder& order, std::uint64_t key) noexcept {
+  for (std::uint32_t probe = 0; probe < kProbes; ++probe) {
+    Place& place = order.places[((key * 0x9E3779B97F4A7C15U >> 32) + probe) % kPlaces];
+    std::uint64_t found = 0;
+    if (place.key.compare_exchange_strong(found, key)) return &place;
+    if (found == key) return nullptr;
   }
   return nullptr;
 }
@@ -97,9 +111,8 @@ const char* fileName(std::uint32_t number) noexcept {
   return name == nullptr ? "?" : name;
 }
 
-std::size_t appendPlace(LockOrder& order, std::uint32_t held, std::uint32_t taken, char* text,
+std::size_t appendPlace(const Place* place, std::uint32_t held, std::uint32_t taken, char* text,
                         std::size_t room) noexcept {
-  const Place* place = findPlace(order, placeKey(held, taken), false);
   const std::size_t length =
       ossSnprintf(text, room, "\n%s inside %s", sqloLatchTypeName(taken), sqloLatchTypeName(held));
   if (place == nullptr) return length;
@@ -116,33 +129,76 @@ Report* reserveReport(LockOrder& order, const SqloLatchTable* table) noexcept {
   return nullptr;  // what is not written now is met again in the next process
 }
 
+// A report that says where each type of `way` was taken inside the one before, the first one inside the last.
 void noteInversion(LockOrder& order, SqloLatchTable* table, const std::uint16_t* way, std::uint32_t length) noexcept {
   Report* report = reserveReport(order, table);
   if (report == nullptr) return;
-  const std::uint32_t from = way[0];
-  const std::uint32_t to = way[length - 1];
   constexpr std::size_t kRoom = sizeof report->text;
   std::size_t at =
       ossSnprintf(report->text, kRoom, "Latches are captured in orders that can block each other for good:");
-  at += appendPlace(order, to, from, report->text + at, kRoom - at);
-  for (std::uint32_t i = 0; i + 1 < length; ++i)
-    at += appendPlace(order, way[i], way[i + 1], report->text + at, kRoom - at);
+  for (std::uint32_t i = 0; i < length; ++i) {
+    const std::uint32_t held = way[i == 0 ? length - 1 : i - 1];
+    at += appendPlace(findPlace(order, typesKey(held, way[i])), held, way[i], report->text + at, kRoom - at);
+  }
   table->hasReports = true;
 }
 
-void checkEdge(LockOrder& order, SqloLatchTable* table, std::uint64_t heldWord, std::uint32_t taken, const char* file,
-               std::uint32_t line) noexcept {
-  const std::uint32_t held = markType(heldWord);
-  if (held == taken || held >= kTypes || !addEdge(order, held, taken)) return;
-  if (Place* place = findPlace(order, placeKey(held, taken), true); place != nullptr) {
-    place->heldFile = markFile(heldWord);
-    place->heldLine = markLine(heldWord);
-    place->line = line;
-    place->file = file;
+// The same for two latches of one type.
+void noteSwap(LockOrder& order, SqloLatchTable* table, std::uint32_t type, const Place& one,
+              const Place& other) noexcept {
+  Report* report = reserveReport(order, table);
+  if (report == nullptr) return;
+  constexpr std::size_t kRoom = sizeof report->text;
+  std::size_t at =
+      ossSnprintf(report->text, kRoom, "Two latches of one type are captured in orders that can block each other:");
+  for (const Place* place : {&one, &other}) at += appendPlace(place, type, type, report->text + at, kRoom - at);
+  table->hasReports = true;
+}
+
+// A capture inside a hold.
+struct Nesting {
+  const LatchMark& held;
+  const LatchSubject& subject;
+  const char* file;
+  std::uint32_t line;
+
+  std::uint32_t heldType() const noexcept { return markType(held.word.load(std::memory_order_relaxed)); }
+  std::uint64_t heldLatch() const noexcept { return held.latch.load(std::memory_order_relaxed); }
+  std::uint64_t takenLatch() const noexcept { return reinterpret_cast<std::uint64_t>(subject.latch); }
+
+  void tell(Place& place) const noexcept {
+    const std::uint64_t word = held.word.load(std::memory_order_relaxed);
+    place.heldFile = markFile(word);
+    place.heldLine = markLine(word);
+    place.line = line;
+    place.file = file;
   }
+};
+
+void checkTypes(LockOrder& order, SqloLatchTable* table, const Nesting& nesting, std::uint32_t taken) noexcept {
+  const std::uint32_t held = nesting.heldType();
+  if (!addEdge(order, held, taken)) return;
+  if (Place* place = newPlace(order, typesKey(held, taken)); place != nullptr) nesting.tell(*place);
   std::uint16_t way[32];
   const std::uint32_t length = findWay(order, taken, held, way, 32);
   if (length != 0) noteInversion(order, table, way, length);
+}
+
+// Of one type the latches themselves have an order, as far as there is room to note it.
+void checkLatches(LockOrder& order, SqloLatchTable* table, const Nesting& nesting, std::uint32_t type) noexcept {
+  Place* place = newPlace(order, latchesKey(nesting.heldLatch(), nesting.takenLatch()));
+  if (place == nullptr) return;
+  nesting.tell(*place);
+  const Place* other = findPlace(order, latchesKey(nesting.takenLatch(), nesting.heldLatch()));
+  if (other != nullptr) noteSwap(order, table, type, *place, *other);
+}
+
+void checkOrder(LockOrder& order, SqloLatchTable* table, const Nesting& nesting, std::uint32_t taken) noexcept {
+  const std::uint32_t held = nesting.heldType();
+  if (held == taken)
+    checkLatches(order, table, nesting, taken);
+  else if (held < kTypes)
+    checkTypes(order, table, nesting, taken);
 }
 
 // ---- what blocks the thread at once -----------------------------------------------------------------------------
@@ -196,7 +252,7 @@ void sqloi_debugCapture(SqloLatchTable* table, const LatchSubject& subject, cons
     const std::uint64_t word = mark.word.load(std::memory_order_relaxed);
     if ((word & MARK_STATE) != MARK_ACTIVE) continue;
     if (mark.latch.load(std::memory_order_relaxed) != reinterpret_cast<std::uint64_t>(subject.latch)) {
-      if (subject.way == LatchWay::kWaits) checkEdge(*order, table, word, taken, file, line);
+      if (subject.way == LatchWay::kWaits) checkOrder(*order, table, {mark, subject, file, line}, taken);
     } else if (const char* what = selfConflict(subject, word); what != nullptr && reported == nullptr) {
       reported = what;
       reportSelfConflict(what, subject, word, file, line);

@@ -35,6 +35,17 @@ class LivingProcesses {
   Answer answers_[REGION_PROCESS_SLOTS] = {};
 };
 
+// Reads one mark; false when it is free. One that changes meanwhile is read again: it may be that of a holder, who
+// notes since when it holds.
+inline bool readMark(const LatchMark& mark, std::uint64_t* latch, std::uint64_t* word) noexcept {
+  do {
+    *word = mark.word.load(std::memory_order_acquire);
+    if ((*word & MARK_STATE) == 0) return false;
+    *latch = mark.latch.load(std::memory_order_acquire);
+  } while (mark.word.load(std::memory_order_relaxed) != *word);
+  return true;
+}
+
 // Visits every mark that is not free.
 template <class Visit>
 void visitMarks(LivingProcesses& processes, Visit visit) noexcept {
@@ -45,11 +56,10 @@ void visitMarks(LivingProcesses& processes, Visit visit) noexcept {
     if (page == nullptr) continue;
     const bool ended = threads[slot].hasEnded.load(std::memory_order_acquire) != 0;
     for (std::uint32_t index = 0; index < LATCH_MARKS; ++index) {
-      const std::uint64_t word = page->marks[index].word.load(std::memory_order_acquire);
-      if ((word & MARK_STATE) == 0) continue;
-      const std::uint64_t latch = page->marks[index].latch.load(std::memory_order_acquire);
-      if (page->marks[index].word.load(std::memory_order_relaxed) != word) continue;  // it changed under our eyes
-      visit(LatchMarkSeen{latch, word, owner, slot, index, !processes.lives(owner), ended});
+      std::uint64_t latch = 0;
+      std::uint64_t word = 0;
+      if (readMark(page->marks[index], &latch, &word))
+        visit(LatchMarkSeen{latch, word, owner, slot, index, !processes.lives(owner), ended});
     }
   }
 }

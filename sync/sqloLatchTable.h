@@ -2,11 +2,12 @@
 //
 // A capture publishes its mark before it touches the latch and takes it away after it has given the latch back:
 //
-//     mark ACTIVE -> take the word -> count the hold        give the word back -> mark FREE
+//     mark ACTIVE -> pin -> take the word -> count the hold        give the word back -> unpin -> mark FREE
 //
 // so that a thread killed at any instruction in between leaves a mark: the ACTIVE marks of living threads are never
 // fewer than the holds of living threads. A thread that goes to sleep on a latch turns its mark to WAITING, and back to
-// ACTIVE before each attempt to take the word.
+// ACTIVE before each attempt to take the word. The pin keeps the slot of a thread that was killed for whoever takes
+// over what it held; there is none without a mark, since nobody would take it away.
 //
 // The marks lie in the page of the thread's slot in the instance region. A thread without a slot keeps them in its own
 // memory, where nobody else sees them; of latches between processes that is noted in the region, because whoever judges
@@ -159,14 +160,14 @@ inline std::uint64_t latchMarkBit(const SqloLatchTable& table, const LatchMark& 
 
 inline void latchPublish(SqloLatchTable& table, LatchMark& mark, const void* latch, std::uint32_t flags,
                          std::uint64_t mode, std::uint64_t fileBits, std::uint32_t line) noexcept {
-  if ((flags & SQLO_LATCH_BETWEEN_PROCESSES) != 0 && table.slot != nullptr)
-    table.slot->pins.store(table.slot->pins.load(std::memory_order_relaxed) | latchMarkBit(table, mark),
-                           std::memory_order_relaxed);
   const std::uint64_t sequence = (mark.word.load(std::memory_order_relaxed) + MARK_SEQUENCE_STEP) & MARK_SEQUENCE;
   mark.latch.store(reinterpret_cast<std::uint64_t>(latch), std::memory_order_relaxed);
   mark.word.store(fileBits | (std::uint64_t{latchLine(line)} << MARK_LINE_SHIFT) |
                       (std::uint64_t{flags & 0xFFFF} << MARK_FLAGS_SHIFT) | sequence | mode | MARK_ACTIVE,
                   std::memory_order_release);
+  if ((flags & SQLO_LATCH_BETWEEN_PROCESSES) != 0 && table.slot != nullptr)
+    table.slot->pins.store(table.slot->pins.load(std::memory_order_relaxed) | latchMarkBit(table, mark),
+                           std::memory_order_release);
 }
 
 inline bool isFree(const LatchMark& mark) noexcept {
@@ -208,10 +209,10 @@ inline void latchUncount(SqloLatchTable& table, std::uint32_t typeId) noexcept {
 // Nobody but the thread itself takes its marks away while it lives.
 inline void latchWithdraw(SqloLatchTable& table, LatchMark& mark) noexcept {
   const std::uint64_t word = mark.word.load(std::memory_order_relaxed);
-  mark.word.store(word & ~MARK_STATE, std::memory_order_release);
   if ((word & MARK_SHARED_MEMORY) != 0 && table.slot != nullptr)
     table.slot->pins.store(table.slot->pins.load(std::memory_order_relaxed) & ~latchMarkBit(table, mark),
                            std::memory_order_release);
+  mark.word.store(word & ~MARK_STATE, std::memory_order_release);
   while (isFree(table.top[-1])) --table.top;
 }
 

@@ -124,6 +124,7 @@ SqlzZrc SqloSpinLatch::captureLatch(const char* file, std::uint32_t line) noexce
 }
 
 SqlzZrc SqloSpinLatch::tryCaptureLatch(const char* file, std::uint32_t line) noexcept {
+  if (isHeld()) return SQLO_NOTAVAIL;  // without a mark: a thread that tries for ever would look like a holder
   const vek::LatchHold hold(vek::Access::subject(*this, vek::LatchWay::kConditional), file, line);
   if (!vek::takeIfFree(*this)) {
     hold.cancelled();

@@ -24,27 +24,19 @@ namespace {
 
 constexpr EcfFunctionId kFunction = ecfFunctionId(0x0F, 1);
 
-class Logs : public ::testing::Test {
- protected:
-  std::string log(const char* name = "vekdiag") const {
-    std::ifstream file(instance_.directory() + "/instance/diag/" + name + ".log", std::ios::binary);
-    return (std::ostringstream() << file.rdbuf()).str();
-  }
-  // What was written to the log since the last call of this.
-  std::string news() {
-    const std::string all = log();
-    const std::string fresh = all.substr(seen_);
-    seen_ = all.size();
-    return fresh;
-  }
+std::string log(const char* name = "vekdiag") {
+  std::ifstream file(std::string(::getenv("VEK_INSTANCE_DIR")) + "/diag/" + name + ".log", std::ios::binary);
+  return (std::ostringstream() << file.rdbuf()).str();
+}
 
-  const Instance instance_;
-  std::size_t seen_ = 0;
-};
-
-using FacilityLogs = Logs;
-using OlderInterface = Logs;
-using OSSeMessages = Logs;
+// What was written to the log since the last call of this.
+std::string news() {
+  static std::size_t seen = 0;
+  const std::string all = log();
+  const std::string fresh = all.substr(seen);
+  seen = all.size();
+  return fresh;
+}
 
 bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
@@ -56,138 +48,127 @@ SqlzZrc write(std::uint32_t facility, std::uint32_t level, const char* text) {
 
 // ---- facilities -------------------------------------------------------------------------------------------------
 
-TEST_F(FacilityLogs, EachHasItsFileAndItsLevel) {
-  inProcess([this] {
-    std::uint32_t audit = 0;
-    std::uint32_t again = 0;
-    std::uint32_t fast = 0;
-    ASSERT_EQ(pdLogFacOpen("audit", PD_LEVEL_WARNING, &audit), 0);
-    ASSERT_EQ(pdLogFacOpen("fast.path", PD_LEVEL_EVENT, &fast), 0);
-    ASSERT_EQ(pdLogFacOpen("audit", PD_LEVEL_EVENT, &again), 0);
-    EXPECT_EQ(again, audit);
-    EXPECT_NE(fast, audit);
-    EXPECT_EQ(write(audit, PD_LEVEL_ERROR, "one"), 0);
-    EXPECT_EQ(write(audit, PD_LEVEL_INFO, "two"), SQLT_NOLOG) << "opening again leaves the level";
-    EXPECT_EQ(write(fast, PD_LEVEL_INFO, "three"), 0);
-    EXPECT_EQ(pdLogFacSetLevel(audit, PD_LEVEL_INFO), 0);
-    EXPECT_EQ(write(audit, PD_LEVEL_INFO, "four"), 0);
-    EXPECT_TRUE(has(log("audit"), "one") && !has(log("audit"), "two") && has(log("audit"), "four"));
-    EXPECT_TRUE(has(log("fast.path"), "three") && !has(log("fast.path"), "one"));
-    for (const char* text : {"one", "two", "three", "four"}) EXPECT_FALSE(has(log(), text)) << text;
+TEST_APART(FacilityLogs, EachHasItsFileAndItsLevel) {
+  std::uint32_t audit = 0;
+  std::uint32_t again = 0;
+  std::uint32_t fast = 0;
+  ASSERT_EQ(pdLogFacOpen("audit", PD_LEVEL_WARNING, &audit), 0);
+  ASSERT_EQ(pdLogFacOpen("fast.path", PD_LEVEL_EVENT, &fast), 0);
+  ASSERT_EQ(pdLogFacOpen("audit", PD_LEVEL_EVENT, &again), 0);
+  EXPECT_EQ(again, audit);
+  EXPECT_NE(fast, audit);
+  EXPECT_EQ(write(audit, PD_LEVEL_ERROR, "one"), 0);
+  EXPECT_EQ(write(audit, PD_LEVEL_INFO, "two"), SQLT_NOLOG) << "opening again leaves the level";
+  EXPECT_EQ(write(fast, PD_LEVEL_INFO, "three"), 0);
+  EXPECT_EQ(pdLogFacSetLevel(audit, PD_LEVEL_INFO), 0);
+  EXPECT_EQ(write(audit, PD_LEVEL_INFO, "four"), 0);
+  EXPECT_TRUE(has(log("audit"), "one") && !has(log("audit"), "two") && has(log("audit"), "four"));
+  EXPECT_TRUE(has(log("fast.path"), "three") && !has(log("fast.path"), "one"));
+  for (const char* text : {"one", "two", "three", "four"}) EXPECT_FALSE(has(log(), text)) << text;
 
-    EXPECT_EQ(pdLogFacClose(audit), 0);
-    EXPECT_EQ(write(audit, PD_LEVEL_ERROR, "five"), SQLT_DIAGERR_LOGERR);
-    EXPECT_EQ(pdLogFacClose(audit), SQLO_INV_PARM);
-    EXPECT_EQ(pdLogFacSetLevel(audit, 1), SQLO_INV_PARM);
-    EXPECT_EQ(write(audit + fast + 1, PD_LEVEL_ERROR, "six"), SQLT_DIAGERR_LOGERR) << "never opened";
-    ASSERT_EQ(pdLogFacOpen("audit", PD_LEVEL_EVENT, &again), 0);
-    EXPECT_EQ(again, audit) << "a name keeps its number";
-    pdCloseOpenedFacility();
-    for (const std::uint32_t each : {audit, fast}) EXPECT_EQ(pdLogFacClose(each), SQLO_INV_PARM);
-  });
+  EXPECT_EQ(pdLogFacClose(audit), 0);
+  EXPECT_EQ(write(audit, PD_LEVEL_ERROR, "five"), SQLT_DIAGERR_LOGERR);
+  EXPECT_EQ(pdLogFacClose(audit), SQLO_INV_PARM);
+  EXPECT_EQ(pdLogFacSetLevel(audit, 1), SQLO_INV_PARM);
+  EXPECT_EQ(write(audit + fast + 1, PD_LEVEL_ERROR, "six"), SQLT_DIAGERR_LOGERR) << "never opened";
+  ASSERT_EQ(pdLogFacOpen("audit", PD_LEVEL_EVENT, &again), 0);
+  EXPECT_EQ(again, audit) << "a name keeps its number";
+  pdCloseOpenedFacility();
+  for (const std::uint32_t each : {audit, fast}) EXPECT_EQ(pdLogFacClose(each), SQLO_INV_PARM);
 }
 
 // Its file finds no other place; nobody has asked for the alternate directory, so nobody hears that there is none.
-TEST_F(FacilityLogs, OneThatCannotBeWrittenLosesItsOwnRecords) {
-  inProcess([this] {
-    std::uint32_t lost = 0;
-    ASSERT_EQ(pdLogFacOpen("lost", PD_LEVEL_EVENT, &lost), 0);
-    ASSERT_TRUE(std::filesystem::create_directories(instance_.directory() + "/instance/diag/lost.log"));
-    EXPECT_EQ(write(lost, PD_LEVEL_ERROR, "nowhere"), SQLT_DIAGERR_LOGERR);
-    EXPECT_EQ(pdLogPrintf(0, kFunction, 0, 1, PD_LEVEL_ERROR, "goes on"), 0);
-    EXPECT_TRUE(has(log(), "goes on") && !has(log(), "ALT_DIAGPATH")) << log();
-  });
+TEST_APART(FacilityLogs, OneThatCannotBeWrittenLosesItsOwnRecords) {
+  std::uint32_t lost = 0;
+  ASSERT_EQ(pdLogFacOpen("lost", PD_LEVEL_EVENT, &lost), 0);
+  ASSERT_TRUE(std::filesystem::create_directories(instance.directory() + "/instance/diag/lost.log"));
+  EXPECT_EQ(write(lost, PD_LEVEL_ERROR, "nowhere"), SQLT_DIAGERR_LOGERR);
+  EXPECT_EQ(pdLogPrintf(0, kFunction, 0, 1, PD_LEVEL_ERROR, "goes on"), 0);
+  EXPECT_TRUE(has(log(), "goes on") && !has(log(), "ALT_DIAGPATH")) << log();
 }
 
-TEST_F(FacilityLogs, NamesThatLeadElsewhereAreRefused) {
-  inProcess([] {
-    std::uint32_t facility = 0;
-    const std::string longest(64, 'x');
-    for (const std::string& name :
-         {std::string(), std::string(".hidden"), std::string("../up"), std::string("a/b"), std::string("a b"),
-          std::string("vekdiag"), std::string("vekdiag.0"), longest + "x", std::string("a\n")})
-      EXPECT_EQ(pdLogFacOpen(name.c_str(), 1, &facility), SQLO_INV_PARM) << name;
-    EXPECT_EQ(pdLogFacOpen(nullptr, 1, &facility), SQLO_INV_PARM);
-    EXPECT_EQ(pdLogFacOpen("a", 1, nullptr), SQLO_INV_PARM);
-    EXPECT_EQ(facility, 0U);
-    for (const std::string& name : {longest, std::string("vekdiag2"), std::string("A-b_9.c")})
-      EXPECT_EQ(pdLogFacOpen(name.c_str(), 1, &facility), 0) << name;
-  });
+TEST_APART(FacilityLogs, NamesThatLeadElsewhereAreRefused) {
+  std::uint32_t facility = 0;
+  const std::string longest(64, 'x');
+  for (const std::string& name :
+       {std::string(), std::string(".hidden"), std::string("../up"), std::string("a/b"), std::string("a b"),
+        std::string("vekdiag"), std::string("vekdiag.0"), longest + "x", std::string("a\n")})
+    EXPECT_EQ(pdLogFacOpen(name.c_str(), 1, &facility), SQLO_INV_PARM) << name;
+  EXPECT_EQ(pdLogFacOpen(nullptr, 1, &facility), SQLO_INV_PARM);
+  EXPECT_EQ(pdLogFacOpen("a", 1, nullptr), SQLO_INV_PARM);
+  EXPECT_EQ(facility, 0U);
+  for (const std::string& name : {longest, std::string("vekdiag2"), std::string("A-b_9.c")})
+    EXPECT_EQ(pdLogFacOpen(name.c_str(), 1, &facility), 0) << name;
 }
 
-TEST_F(FacilityLogs, ThreadsThatOpenAtOnceAgreeOnTheNumbers) {
-  inProcess([] {
-    constexpr std::uint32_t kThreads = 8;
-    constexpr std::uint32_t kNames = 40;
-    std::uint32_t numbers[kThreads][kNames] = {};
-    EXPECT_EQ(pdLogFacOpen("first", 1, &numbers[0][0]), 0);  // the first traced call maps the trace words
-    std::atomic<std::uint32_t> ready = 0;
-    std::vector<std::thread> threads;
-    for (auto& each : numbers)
-      threads.emplace_back([&ready, &each] {
-        ++ready;
-        while (ready < kThreads) std::this_thread::yield();
-        for (std::uint32_t name = 0; name < kNames; ++name)
-          EXPECT_EQ(pdLogFacOpen(("name" + std::to_string(name)).c_str(), 1, &each[name]), 0);
-      });
-    for (std::thread& thread : threads) thread.join();
-    const std::set<std::uint32_t> different(numbers[0], numbers[0] + kNames);
-    EXPECT_EQ(different.size(), kNames);
-    for (const auto& each : numbers) EXPECT_EQ(std::memcmp(each, numbers[0], sizeof each), 0);
-  });
+TEST_APART(FacilityLogs, ThreadsThatOpenAtOnceAgreeOnTheNumbers) {
+  constexpr std::uint32_t kThreads = 8;
+  constexpr std::uint32_t kNames = 40;
+  std::uint32_t numbers[kThreads][kNames] = {};
+  EXPECT_EQ(pdLogFacOpen("first", 1, &numbers[0][0]), 0);  // the first traced call maps the trace words
+  std::atomic<std::uint32_t> ready = 0;
+  std::vector<std::thread> threads;
+  for (auto& each : numbers)
+    threads.emplace_back([&ready, &each] {
+      ++ready;
+      while (ready < kThreads) std::this_thread::yield();
+      for (std::uint32_t name = 0; name < kNames; ++name)
+        EXPECT_EQ(pdLogFacOpen(("name" + std::to_string(name)).c_str(), 1, &each[name]), 0);
+    });
+  for (std::thread& thread : threads) thread.join();
+  const std::set<std::uint32_t> different(numbers[0], numbers[0] + kNames);
+  EXPECT_EQ(different.size(), kNames);
+  for (const auto& each : numbers) EXPECT_EQ(std::memcmp(each, numbers[0], sizeof each), 0);
 }
 
-TEST_F(FacilityLogs, WithoutMemoryTheAnswerIsACode) {
-  inProcess([] {
-    std::uint32_t facility = 0;
-    EXPECT_EQ(pdLogFacOpen("first", 1, &facility), 0);
-    makeFail<&OssCalls::mmap>(0, ENOMEM);
-    EXPECT_EQ(pdLogFacOpen("a", 1, &facility), SQLT_DIAGERR_LOGERR);
-    EXPECT_EQ(pdLogFacOpen("a", 1, &facility), 0);
-  });
+TEST_APART(FacilityLogs, WithoutMemoryTheAnswerIsACode) {
+  std::uint32_t facility = 0;
+  EXPECT_EQ(pdLogFacOpen("first", 1, &facility), 0);
+  makeFail<&OssCalls::mmap>(0, ENOMEM);
+  EXPECT_EQ(pdLogFacOpen("a", 1, &facility), SQLT_DIAGERR_LOGERR);
+  EXPECT_EQ(pdLogFacOpen("a", 1, &facility), 0);
 }
 
 // ---- the older interface ----------------------------------------------------------------------------------------
 
-TEST_F(OlderInterface, EachCallWritesOneRecord) {
-  inProcess([this] {
-    const char bytes[] = "ABCD";
-    (void)sqlt_logerr_string(kFunction, 1, PD_LEVEL_INFO, "the first record brings the file's own with it");
-    (void)news();
-    const struct {
-      SqlzZrc result;
-      std::vector<std::string> parts;
-    } cases[] = {
-        {sqlt_logerr_zrc(kFunction, 11, PD_LEVEL_ERROR, SQLO_NOMEM), {"RETCODE : ZRC=0x8B0F0000", "probe:11"}},
-        {sqlt_logerr_string(kFunction, 12, PD_LEVEL_ERROR, "words"), {"MESSAGE : words", "probe:12"}},
-        {sqlt_logerr_string(kFunction, 13, PD_LEVEL_ERROR, nullptr), {"probe:13"}},
-        {sqlt_logerr_data(kFunction, 14, PD_LEVEL_ERROR, 4, bytes), {"DATA #1 : Hexdump, 4 bytes", "4142 4344"}},
-        {sqlt_logerr_data(kFunction, 15, PD_LEVEL_ERROR, 4, nullptr), {"DATA #1 : Hexdump, 4 bytes"}},
-        {sqlt_logerr_dump(kFunction, 16, PD_LEVEL_ERROR, "object", 4, bytes),
-         {"Dumped object of size 4 bytes at offset"}},
-        {sqlt_logerr_snmp(kFunction, 17, PD_LEVEL_ERROR, 4711, "disk"), {"ALERT   : disk", "unsigned integer", "4711"}},
-        {sqlt_logerr(kFunction, 18, PD_LEVEL_ERROR, SQLO_NOMEM, "all", 4, bytes),
-         {"MESSAGE : all", "RETCODE : ZRC=0x8B0F0000", "4142 4344"}},
-        {sqlt_logerr(kFunction, 19, PD_LEVEL_ERROR, 0, nullptr, 0, nullptr), {"probe:19"}},
-    };
-    const std::string text = news();
-    std::size_t at = 0;
-    for (const auto& each : cases) {
-      SCOPED_TRACE(each.parts.front());
-      EXPECT_EQ(each.result, 0);
-      const std::size_t end = std::min(text.find("\r\n\r\n", at), text.size());
-      const std::string record = text.substr(at, end - at);
-      for (const std::string& part : each.parts) EXPECT_TRUE(has(record, part)) << part << "\n" << record;
-      at = std::min(end + 2, text.size());
-    }
-    EXPECT_FALSE(has(text.substr(at), "LEVEL: ")) << "one record each";
-  });
+TEST_APART(OlderInterface, EachCallWritesOneRecord) {
+  const char bytes[] = "ABCD";
+  (void)sqlt_logerr_string(kFunction, 1, PD_LEVEL_INFO, "the first record brings the file's own with it");
+  (void)news();
+  const struct {
+    SqlzZrc result;
+    std::vector<std::string> parts;
+  } cases[] = {
+      {sqlt_logerr_zrc(kFunction, 11, PD_LEVEL_ERROR, SQLO_NOMEM), {"RETCODE : ZRC=0x8B0F0000", "probe:11"}},
+      {sqlt_logerr_string(kFunction, 12, PD_LEVEL_ERROR, "words"), {"MESSAGE : words", "probe:12"}},
+      {sqlt_logerr_string(kFunction, 13, PD_LEVEL_ERROR, nullptr), {"probe:13"}},
+      {sqlt_logerr_data(kFunction, 14, PD_LEVEL_ERROR, 4, bytes), {"DATA #1 : Hexdump, 4 bytes", "4142 4344"}},
+      {sqlt_logerr_data(kFunction, 15, PD_LEVEL_ERROR, 4, nullptr), {"DATA #1 : Hexdump, 4 bytes"}},
+      {sqlt_logerr_dump(kFunction, 16, PD_LEVEL_ERROR, "object", 4, bytes),
+       {"Dumped object of size 4 bytes at offset"}},
+      {sqlt_logerr_snmp(kFunction, 17, PD_LEVEL_ERROR, 4711, "disk"), {"ALERT   : disk", "unsigned integer", "4711"}},
+      {sqlt_logerr(kFunction, 18, PD_LEVEL_ERROR, SQLO_NOMEM, "all", 4, bytes),
+       {"MESSAGE : all", "RETCODE : ZRC=0x8B0F0000", "4142 4344"}},
+      {sqlt_logerr(kFunction, 19, PD_LEVEL_ERROR, 0, nullptr, 0, nullptr), {"probe:19"}},
+  };
+  const std::string text = news();
+  std::size_t at = 0;
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.parts.front());
+    EXPECT_EQ(each.result, 0);
+    const std::size_t end = std::min(text.find("\r\n\r\n", at), text.size());
+    const std::string record = text.substr(at, end - at);
+    for (const std::string& part : each.parts) EXPECT_TRUE(has(record, part)) << part << "\n" << record;
+    at = std::min(end + 2, text.size());
+  }
+  EXPECT_FALSE(has(text.substr(at), "LEVEL: ")) << "one record each";
 }
 
 // ---- messages of the OS-services layer --------------------------------------------------------------------------
 
-TEST_F(OSSeMessages, WhatNobodyIsToldOfBecomesARecord) {
-  inProcess([this] {
+TEST(OSSeMessages, WhatNobodyIsToldOfBecomesARecord) {
+  const Instance instance;
+  inProcess([&] {
     static bool isFailing = true;
     ossCalls().close = [](int fd) {
       const int result = ::close(fd);

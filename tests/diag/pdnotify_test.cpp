@@ -47,10 +47,8 @@ class NotifyLog : public ::testing::Test {
     ::setenv("VEK_MESSAGE_DIR", std::filesystem::path(VEKSYS_TEST_MESSAGES).parent_path().c_str(), 1);
     ::unsetenv("VEK_EVENT_LOG_CONFIG");
   }
-  std::string file() const { return instance_.directory() + "/instance/diag/platformtest.nfy"; }
-  std::string entries() const { return contentsOf(file()); }
-
-  const Instance instance_;
+  static std::string file() { return std::string(::getenv("VEK_INSTANCE_DIR")) + "/diag/platformtest.nfy"; }
+  static std::string entries() { return contentsOf(file()); }
 };
 
 constexpr char kHead[] = R"(\d{4}-\d\d-\d\d-\d\d\.\d\d\.\d\d\.\d{6}[+-]\d{3} Error    platformtest/000 )"
@@ -61,6 +59,7 @@ bool isHead(const std::string& line) { return std::regex_match(line, std::regex(
 // ---- entries ----------------------------------------------------------------------------------------------------
 
 TEST_F(NotifyLog, TokensStandInTheirPlacesInTheMessage) {
+  const Instance instance;
   const struct {
     std::int32_t sqlcode;
     std::vector<const char*> tokens;
@@ -93,98 +92,90 @@ TEST_F(NotifyLog, TokensStandInTheirPlacesInTheMessage) {
     });
 }
 
-TEST_F(NotifyLog, ACommunicationsAreaIsWrittenWithTheTokensItHolds) {
-  inProcess([this] {
-    sqlca area;
-    sqlzInitSqlca(&area);
-    EXPECT_EQ(sqlt_logadmin_api(kFunction, 20, 1, &area), SQLT_NOLOG);
-    for (const sqlca* none : {static_cast<const sqlca*>(nullptr), reinterpret_cast<const sqlca*>(8)})
-      EXPECT_EQ(sqlt_logadmin_api(kFunction, 20, 1, none), SQLO_INV_PARM);
-    area.sqlcode = -107;
-    std::memcpy(area.sqlerrmc,
-                "T\xFF"
-                "18xxxx",
-                8);
-    area.sqlerrml = 4;
-    EXPECT_EQ(sqlt_logadmin_api(kFunction, 20, 1, &area), 0);
-    std::memset(area.sqlerrmc, 'z', sizeof area.sqlerrmc);
-    area.sqlerrml = 32000;  // damaged: the area has 70 bytes
-    EXPECT_EQ(sqlt_logadmin_api(kFunction, 20, 1, &area), 0);
-    const std::string text = entries();
-    EXPECT_NE(text.find("The name T is too long. The maximum length is 18."), std::string::npos);
-    EXPECT_NE(text.find("The name " + std::string(70, 'z') + " is too long."), std::string::npos);
-  });
+TEST_APART_F(NotifyLog, ACommunicationsAreaIsWrittenWithTheTokensItHolds) {
+  sqlca area;
+  sqlzInitSqlca(&area);
+  EXPECT_EQ(sqlt_logadmin_api(kFunction, 20, 1, &area), SQLT_NOLOG);
+  for (const sqlca* none : {static_cast<const sqlca*>(nullptr), reinterpret_cast<const sqlca*>(8)})
+    EXPECT_EQ(sqlt_logadmin_api(kFunction, 20, 1, none), SQLO_INV_PARM);
+  area.sqlcode = -107;
+  std::memcpy(area.sqlerrmc,
+              "T\xFF"
+              "18xxxx",
+              8);
+  area.sqlerrml = 4;
+  EXPECT_EQ(sqlt_logadmin_api(kFunction, 20, 1, &area), 0);
+  std::memset(area.sqlerrmc, 'z', sizeof area.sqlerrmc);
+  area.sqlerrml = 32000;  // damaged: the area has 70 bytes
+  EXPECT_EQ(sqlt_logadmin_api(kFunction, 20, 1, &area), 0);
+  const std::string text = entries();
+  EXPECT_NE(text.find("The name T is too long. The maximum length is 18."), std::string::npos);
+  EXPECT_NE(text.find("The name " + std::string(70, 'z') + " is too long."), std::string::npos);
 }
 
-TEST_F(NotifyLog, TheInstancesLevelDecides) {
+TEST_APART_F(NotifyLog, TheInstancesLevelDecides) {
   static VekInstanceControl control;
   control = *vekInstanceControl();
-  inProcess([this] {
-    VekHost host = {};
-    host.size = sizeof host;
-    host.instanceControl = [](void*) -> const VekInstanceControl* { return &control; };
-    ASSERT_EQ(vekHostInstall(&host), 0);
-    std::size_t written = 0;
-    for (std::int32_t instanceLevel = 0; instanceLevel <= 4; ++instanceLevel)
-      for (std::uint32_t level = 0; level <= 5; ++level) {
-        SCOPED_TRACE(testing::Message() << level << " at " << instanceLevel);
-        control.NOTIFYLEVEL = instanceLevel;
-        const bool isKnown = level >= 1 && level <= 4;
-        const bool passes = isKnown && static_cast<std::int32_t>(level) <= instanceLevel;
-        EXPECT_EQ(sqltTestNotifyLevel(pdLogNotify(level)), static_cast<std::int32_t>(level) <= instanceLevel);
-        EXPECT_EQ(sqlt_logadmin(kFunction, 1, level, -104, 0, nullptr), passes    ? 0
-                                                                        : isKnown ? SQLT_NOLOG
-                                                                                  : SQLT_NOTIFY_LEVEL_RANGE);
-        written += passes ? 1 : 0;
-      }
-    const std::vector<std::string> lines = linesOf(entries());
-    EXPECT_EQ(static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), isHead)), written);
-  });
+  VekHost host = {};
+  host.size = sizeof host;
+  host.instanceControl = [](void*) -> const VekInstanceControl* { return &control; };
+  ASSERT_EQ(vekHostInstall(&host), 0);
+  std::size_t written = 0;
+  for (std::int32_t instanceLevel = 0; instanceLevel <= 4; ++instanceLevel)
+    for (std::uint32_t level = 0; level <= 5; ++level) {
+      SCOPED_TRACE(testing::Message() << level << " at " << instanceLevel);
+      control.NOTIFYLEVEL = instanceLevel;
+      const bool isKnown = level >= 1 && level <= 4;
+      const bool passes = isKnown && static_cast<std::int32_t>(level) <= instanceLevel;
+      EXPECT_EQ(sqltTestNotifyLevel(pdLogNotify(level)), static_cast<std::int32_t>(level) <= instanceLevel);
+      EXPECT_EQ(sqlt_logadmin(kFunction, 1, level, -104, 0, nullptr), passes    ? 0
+                                                                      : isKnown ? SQLT_NOLOG
+                                                                                : SQLT_NOTIFY_LEVEL_RANGE);
+      written += passes ? 1 : 0;
+    }
+  const std::vector<std::string> lines = linesOf(entries());
+  EXPECT_EQ(static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), isHead)), written);
 }
 
 // Whatever a text holds, no line of it can be taken for the beginning of another entry, and a long one is cut visibly.
-TEST_F(NotifyLog, NoTextForgesAnEntry) {
-  inProcess([this] {
-    const std::string forged = "2026-01-01-00.00.00.000000+000 Error    platformtest/000 x[1.1]";
-    const std::string text = "first\r\n" + forged + "\n\r" + forged + "\v\x7F\x1B[31m\n\n" + std::string(20000, 'y');
-    EXPECT_EQ(pdi_writeNotification({PD_LEVEL_ERROR, kFunction, 1, text.c_str()}), 0);
-    EXPECT_EQ(pdi_writeNotification({PD_LEVEL_ERROR, kFunction, 1, "second"}), 0);
-    std::size_t heads = 0;
-    bool afterEmpty = true;
-    for (const std::string& line : linesOf(entries())) {
-      EXPECT_TRUE(std::none_of(line.begin(), line.end(), [](char c) { return c < ' '; })) << line;
-      if (isHead(line)) ++heads;
-      EXPECT_TRUE(line.empty() || isHead(line) == afterEmpty) << line;
-      EXPECT_TRUE(line.empty() || isHead(line) || line.starts_with("    ")) << line;
-      afterEmpty = line.empty();
-    }
-    EXPECT_EQ(heads, 2U);
-    EXPECT_NE(entries().find("y...(cut)\r\n\r\n2"), std::string::npos);
-  });
+TEST_APART_F(NotifyLog, NoTextForgesAnEntry) {
+  const std::string forged = "2026-01-01-00.00.00.000000+000 Error    platformtest/000 x[1.1]";
+  const std::string text = "first\r\n" + forged + "\n\r" + forged + "\v\x7F\x1B[31m\n\n" + std::string(20000, 'y');
+  EXPECT_EQ(pdi_writeNotification({PD_LEVEL_ERROR, kFunction, 1, text.c_str()}), 0);
+  EXPECT_EQ(pdi_writeNotification({PD_LEVEL_ERROR, kFunction, 1, "second"}), 0);
+  std::size_t heads = 0;
+  bool afterEmpty = true;
+  for (const std::string& line : linesOf(entries())) {
+    EXPECT_TRUE(std::none_of(line.begin(), line.end(), [](char c) { return c < ' '; })) << line;
+    if (isHead(line)) ++heads;
+    EXPECT_TRUE(line.empty() || isHead(line) == afterEmpty) << line;
+    EXPECT_TRUE(line.empty() || isHead(line) || line.starts_with("    ")) << line;
+    afterEmpty = line.empty();
+  }
+  EXPECT_EQ(heads, 2U);
+  EXPECT_NE(entries().find("y...(cut)\r\n\r\n2"), std::string::npos);
 }
 
 // ---- with a record of the log -----------------------------------------------------------------------------------
 
-TEST_F(NotifyLog, ARecordThatCarriesALevelStandsInBothLogs) {
-  inProcess([this] {
-    const std::uint32_t pages = 77;
-    const std::uint64_t flags = PD_LOG_RC_ZRC | pdLogNotify(3);
-    EXPECT_EQ(pdLog(flags, kFunction, SQLO_NOMEM, 5, PD_LEVEL_ERROR, 3, PD_TYPE_STRING, 9, "no memory", PD_TYPE_UINT, 4,
-                    &pages, PD_TYPE_STRUCTURES + 9, 4, &pages),
-              0);
-    EXPECT_EQ(pdLog(PD_LOG_RC_ZRC | pdLogNotify(4), kFunction, SQLO_NOMEM, 6, PD_LEVEL_ERROR, 0), 0);
-    EXPECT_EQ(pdLogPrintf(pdLogNotify(1), kFunction, 0, 7, PD_LEVEL_ERROR, "%d of %s", 7, "eight"), 0);
-    const std::vector<std::string> lines = linesOf(entries());
-    ASSERT_EQ(lines.size(), 11U) << entries();
-    EXPECT_EQ(lines[9], "    7 of eight");
-    EXPECT_EQ(lines[2], "    ZRC=0x8B0F0000=-1961951232=SQLO_NOMEM \"No Memory Available\"");
-    EXPECT_EQ(lines[3], "    no memory");
-    EXPECT_EQ(lines[4], "    unsigned integer: 77");
-    EXPECT_EQ(lines[5].find("    "), 0U) << "bytes of a structure without a formatter";
-    const std::string log = contentsOf(instance_.directory() + "/instance/diag/vekdiag.log");
-    EXPECT_NE(log.find("no memory"), std::string::npos);
-    EXPECT_NE(log.find("probe:6"), std::string::npos);
-  });
+TEST_APART_F(NotifyLog, ARecordThatCarriesALevelStandsInBothLogs) {
+  const std::uint32_t pages = 77;
+  const std::uint64_t flags = PD_LOG_RC_ZRC | pdLogNotify(3);
+  EXPECT_EQ(pdLog(flags, kFunction, SQLO_NOMEM, 5, PD_LEVEL_ERROR, 3, PD_TYPE_STRING, 9, "no memory", PD_TYPE_UINT, 4,
+                  &pages, PD_TYPE_STRUCTURES + 9, 4, &pages),
+            0);
+  EXPECT_EQ(pdLog(PD_LOG_RC_ZRC | pdLogNotify(4), kFunction, SQLO_NOMEM, 6, PD_LEVEL_ERROR, 0), 0);
+  EXPECT_EQ(pdLogPrintf(pdLogNotify(1), kFunction, 0, 7, PD_LEVEL_ERROR, "%d of %s", 7, "eight"), 0);
+  const std::vector<std::string> lines = linesOf(entries());
+  ASSERT_EQ(lines.size(), 11U) << entries();
+  EXPECT_EQ(lines[9], "    7 of eight");
+  EXPECT_EQ(lines[2], "    ZRC=0x8B0F0000=-1961951232=SQLO_NOMEM \"No Memory Available\"");
+  EXPECT_EQ(lines[3], "    no memory");
+  EXPECT_EQ(lines[4], "    unsigned integer: 77");
+  EXPECT_EQ(lines[5].find("    "), 0U) << "bytes of a structure without a formatter";
+  const std::string log = contentsOf(instance.directory() + "/instance/diag/vekdiag.log");
+  EXPECT_NE(log.find("no memory"), std::string::npos);
+  EXPECT_NE(log.find("probe:6"), std::string::npos);
 }
 
 // ---- the system log ---------------------------------------------------------------------------------------------
@@ -200,21 +191,19 @@ void catchSystemLog() {
   };
 }
 
-TEST_F(NotifyLog, GoesToTheSystemLogOnOneLineWhenAsked) {
-  inProcess([this] {
-    catchSystemLog();
-    const char* tokens[] = {"T", "18"};
-    EXPECT_EQ(sqlt_logadmin(kFunction, 2, 1, -107, 2, tokens), 0);
-    EXPECT_EQ(t_sent, "") << "nobody asked";
-    ::setenv("VEK_EVENT_LOG_CONFIG", "SYSLOG:LOCAL3", 1);
-    EXPECT_EQ(sqlt_logadmin(kFunction, 2, 1, -107, 2, tokens), 0);
-    EXPECT_TRUE(std::regex_match(
-        t_sent, std::regex(R"(<155>(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 123]\d \d\d:\d\d:\d\d )"
-                           R"(veksys\[\d+\]: platformtest: Reported by operating-system services, regionAttach, )"
-                           R"(probe 2; SQL0107N  The name T is too long\. The maximum length is 18\.)")))
-        << t_sent;
-    EXPECT_EQ(linesOf(entries()).size(), 8U) << "the file has both";
-  });
+TEST_APART_F(NotifyLog, GoesToTheSystemLogOnOneLineWhenAsked) {
+  catchSystemLog();
+  const char* tokens[] = {"T", "18"};
+  EXPECT_EQ(sqlt_logadmin(kFunction, 2, 1, -107, 2, tokens), 0);
+  EXPECT_EQ(t_sent, "") << "nobody asked";
+  ::setenv("VEK_EVENT_LOG_CONFIG", "SYSLOG:LOCAL3", 1);
+  EXPECT_EQ(sqlt_logadmin(kFunction, 2, 1, -107, 2, tokens), 0);
+  EXPECT_TRUE(std::regex_match(
+      t_sent, std::regex(R"(<155>(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) [ 123]\d \d\d:\d\d:\d\d )"
+                         R"(veksys\[\d+\]: platformtest: Reported by operating-system services, regionAttach, )"
+                         R"(probe 2; SQL0107N  The name T is too long\. The maximum length is 18\.)")))
+      << t_sent;
+  EXPECT_EQ(linesOf(entries()).size(), 8U) << "the file has both";
 }
 
 TEST(NotifySystemLog, PriorityComesFromSettingAndLevel) {
@@ -247,8 +236,9 @@ TEST(NotifySystemLog, PriorityComesFromSettingAndLevel) {
 // ---- failures ---------------------------------------------------------------------------------------------------
 
 TEST_F(NotifyLog, FailuresAreReportedOncePerStreak) {
+  const Instance instance;
   static std::vector<std::string> reported;
-  inProcess([this] {
+  inProcess([&] {
     g_ports.reportEvent = [](const PortEvent& event) { reported.emplace_back(event.message); };
     const auto write = [] { return sqlt_logadmin(kFunction, 1, 1, -104, 0, nullptr); };
     catchSystemLog();
@@ -278,13 +268,13 @@ TEST_F(NotifyLog, FailuresAreReportedOncePerStreak) {
     EXPECT_EQ(write(), SQLT_DIAGERR_LOGERR);
     EXPECT_EQ(reported.size(), 4U) << "a new streak";
   });
-  inProcess([this] {  // met inside of a log call, said behind it, and once on standard error
-    const std::string said = instance_.path("stderr");
+  inProcess([&] {  // met inside of a log call, said behind it, and once on standard error
+    const std::string said = instance.path("stderr");
     ::dup2(::open(said.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
     const auto log = [] { return pdLog(pdLogNotify(1), kFunction, 0, 1, PD_LEVEL_ERROR, 0); };
     EXPECT_EQ(log(), 0);
     EXPECT_EQ(log(), 0);
-    const std::string text = contentsOf(instance_.directory() + "/instance/diag/vekdiag.log");
+    const std::string text = contentsOf(instance.directory() + "/instance/diag/vekdiag.log");
     const std::size_t at = text.find("notification log " + file() + " cannot be written");
     EXPECT_NE(at, std::string::npos);
     EXPECT_EQ(text.find("cannot be written", at + 100), std::string::npos);

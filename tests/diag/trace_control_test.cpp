@@ -21,6 +21,8 @@
 #include "veksys/pd_types.h"
 
 using namespace vektest;
+using vek::platformtest::Failure;
+using vek::platformtest::makeFail;
 
 namespace {
 
@@ -358,39 +360,17 @@ TEST(TraceControl, CreatorsDeletersWritersAndReadersAtTheSameTime) {
 
 // ---- refused by the machine -------------------------------------------------------------------------------------
 
-// Lets the n-th call of one service fail.
-template <auto Member>
-struct Failing;
-template <class Result, class... Arguments, Result (*vek::OssCalls::*Member)(Arguments...)>
-struct Failing<Member> {
-  static inline Result (*original)(Arguments...) = nullptr;
-  static inline int left = 0;
-  static inline int error = 0;
-
-  static Result call(Arguments... arguments) {
-    if (--left != 0) return original(arguments...);
-    errno = error;
-    if constexpr (std::is_pointer_v<Result>)
-      return MAP_FAILED;
-    else
-      return -1;
+// Runs the operation with the 1st, 2nd, ... call of a service failing, until there are no more calls.
+template <auto Member, class Operation>
+void eachCallFails(int error, const Operation& operation) {
+  for (int n = 0; n < 2000; ++n) {
+    makeFail<Member>(n, error);
+    const SqlzZrc result = operation();
+    const bool failed = std::exchange(Failure::callsLeft, -1) < 0;
+    operation.check(result, failed);
+    if (!failed) return;
   }
-
-  // Runs the operation with the 1st, 2nd, ... call failing, until there are no more calls.
-  template <class Operation>
-  static void eachInTurn(int failure, Operation operation) {
-    for (int n = 1; n < 2000; ++n) {
-      original = std::exchange(vek::ossCalls().*Member, call);
-      left = n;
-      error = failure;
-      const SqlzZrc result = operation();
-      vek::ossCalls().*Member = original;
-      const bool failed = left <= 0;
-      operation.check(result, failed);
-      if (!failed) return;
-    }
-  }
-};
+}
 
 struct Creating {
   const TraceInstance& instance;
@@ -436,13 +416,13 @@ TEST_APART(TraceRefused, EachCallOfCreatingFails) {
   ASSERT_EQ(sqltinit(), (1ULL << 32) | 1U);
   const Creating creating{instance};
   for (const int error : {ENOSPC, EIO, EACCES}) {
-    Failing<&vek::OssCalls::open>::eachInTurn(error, creating);
-    Failing<&vek::OssCalls::ftruncate>::eachInTurn(error, creating);
-    Failing<&vek::OssCalls::fallocate>::eachInTurn(error, creating);
-    Failing<&vek::OssCalls::pwrite>::eachInTurn(error, creating);
-    Failing<&vek::OssCalls::rename>::eachInTurn(error, creating);
+    eachCallFails<&vek::OssCalls::open>(error, creating);
+    eachCallFails<&vek::OssCalls::ftruncate>(error, creating);
+    eachCallFails<&vek::OssCalls::fallocate>(error, creating);
+    eachCallFails<&vek::OssCalls::pwrite>(error, creating);
+    eachCallFails<&vek::OssCalls::rename>(error, creating);
   }
-  Failing<&vek::OssCalls::fallocate>::eachInTurn(EINTR, creating);
+  eachCallFails<&vek::OssCalls::fallocate>(EINTR, creating);
 }
 
 TEST_APART(TraceRefused, EachCallOfDumpingFailsAndLeavesTheOldFile) {
@@ -450,11 +430,11 @@ TEST_APART(TraceRefused, EachCallOfDumpingFailsAndLeavesTheOldFile) {
   for (std::uint64_t i = 0; i < 3000; ++i) pdtEvent(kFunction, 1, i);
   const Dumping dumping{instance, instance.path("dump")};
   for (const int error : {ENOSPC, EIO}) {
-    Failing<&vek::OssCalls::open>::eachInTurn(error, dumping);
-    Failing<&vek::OssCalls::fsync>::eachInTurn(error, dumping);
-    Failing<&vek::OssCalls::rename>::eachInTurn(error, dumping);
+    eachCallFails<&vek::OssCalls::open>(error, dumping);
+    eachCallFails<&vek::OssCalls::fsync>(error, dumping);
+    eachCallFails<&vek::OssCalls::rename>(error, dumping);
   }
-  Failing<&vek::OssCalls::pwrite>::eachInTurn(ENOSPC, dumping);
+  eachCallFails<&vek::OssCalls::pwrite>(ENOSPC, dumping);
 }
 
 TEST_APART(TraceRefused, PointsGoOnWithoutARingThatCannotBeMapped) {

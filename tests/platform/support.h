@@ -195,6 +195,7 @@ struct FailingCall {
 template <auto Member, class Result, class... Arguments>
 void makeFailing(Result (*OssCalls::*)(Arguments...)) {
   using Call = FailingCall<Member, Result, Arguments...>;
+  if (ossCalls().*Member == Call::call) return;
   Call::real = ossCalls().*Member;
   ossCalls().*Member = Call::call;
 }

@@ -1,4 +1,5 @@
 // The latches of one process: words, texts, modes, and many threads at once.
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 
@@ -140,6 +141,34 @@ TEST(Latch, OnlyOneSharerWaitsToBecomeExclusive) {
     EXPECT_GE(granted.load(), 1U);
     EXPECT_EQ(granted.load() + refused.load(), 4U);
     EXPECT_EQ(latch.state(), 0U);
+  });
+}
+
+// More private latches are waited for at once than the process has semaphore elements: who finds none gets through too.
+TEST(Latch, MoreAreWaitedForThanThereAreElements) {
+  static constexpr unsigned kLatches = 1040;
+  static constexpr unsigned kHolders = 20;  // none of which holds more than it has marks for
+  const Instance instance;
+  platformtest::inProcess([] {
+    std::vector<SQLO_SLATCH_CAS32> latches(kLatches);
+    std::atomic<unsigned> held{0};
+    std::atomic<unsigned> got{0};
+    inThreads(kHolders + kLatches, [&](unsigned number) {
+      const unsigned at = number - kHolders;
+      if (number >= kHolders) {
+        while (held.load() < kHolders) std::this_thread::yield();
+        const SqlzZrc result = at % 2 == 0 ? latches[at].getExclusive("w", 1) : latches[at].getShared("w", 2);
+        got.fetch_add(result == 0 ? 1 : 0);
+        return latches[at].release();
+      }
+      for (unsigned i = number; i < kLatches; i += kHolders) ASSERT_EQ(latches[i].getExclusive("h", 1), 0);
+      held.fetch_add(1);
+      const auto isWaitedFor = [](const SQLO_SLATCH_CAS32& latch) { return latch.state() > SQLO_SLATCH_HELD_X; };
+      while (!std::all_of(latches.begin(), latches.end(), isWaitedFor) && got.load() == 0) ::usleep(1000);
+      for (unsigned i = number; i < kLatches; i += kHolders) latches[i].release();
+    });
+    EXPECT_EQ(got.load(), kLatches);
+    for (const auto& latch : latches) EXPECT_EQ(latch.state(), 0U);
   });
 }
 

@@ -314,6 +314,33 @@ TEST(LatchDeathPolicy, HoldsForThreadsToo) {
   });
 }
 
+// Threads that try again and again, and others that wait, do not make a dead holder look alive.
+TEST(LatchDeathPolicy, TheLivingHideNobody) {
+  for (const bool spin : {false, true}) {
+    const Instance instance;
+    const platformtest::Shared<Latches> latches;
+    platformtest::inProcess([&] {
+      initialise(*latches, kFair);
+      platformtest::finish(platformtest::start([&] { (spin ? holdSpin : hold)(*latches), ::_exit(0); }));
+      std::atomic<bool> stop{false};
+      inThreads(5, [&](unsigned number) {
+        const bool tries = number < 3;
+        SqlzZrc result = SQLO_NOTAVAIL;
+        while (result == SQLO_NOTAVAIL && !(tries && stop.load())) {
+          if (spin)
+            result = tries ? latches->spin.tryCaptureLatch("t", 1) : latches->spin.captureLatch("w", 2);
+          else
+            result = tries ? latches->word.tryGetExclusive("t", 1) : latches->word.getExclusive("w", 2);
+        }
+        if (result == 0) (spin ? releaseSpin : release)(*latches);
+        stop = stop || !tries;
+      });
+      EXPECT_EQ(latches->repaired.load(), 1U);
+      expectUsable(*latches, "beside threads that try");
+    });
+  }
+}
+
 // Several processes of several threads, killed at random: an exclusive holder is always alone, and work goes on.
 void workUntilKilled(Latches& latches, std::uint32_t seed) {
   inThreads(2, [&](unsigned number) {

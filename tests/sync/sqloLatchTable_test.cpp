@@ -100,6 +100,9 @@ TEST(LatchDebug, FindsWhatCanBlockForGood) {
     nest(c, a, 400);                                                                // is broken, by way of b or not
     nest(c, a, 500);
     nest(b, a, 600);
+    SqloSpinLatch twin;
+    twin.init(11);
+    for (int i = 0; i < 2; ++i) nest(a, twin, 700), nest(twin, a, 800);
   });
   // What blocks the thread for good is written before it does.
   const pid_t again = platformtest::start([] {
@@ -126,6 +129,8 @@ TEST(LatchDebug, FindsWhatCanBlockForGood) {
   EXPECT_EQ(countOf(written, "order.cpp line 401, inside what order.cpp line 400 captured"), 1U);
   EXPECT_EQ(countOf(written, "order.cpp line 301, inside what order.cpp line 300 captured"), 1U);
   EXPECT_EQ(countOf(written, "order.cpp line 601, inside what order.cpp line 600 captured"), 1U);
+  EXPECT_EQ(countOf(written, "Two latches of one type are captured in orders that can block each other:"), 1U);
+  EXPECT_EQ(countOf(written, "order.cpp line 701, inside what order.cpp line 700 captured"), 1U);
   EXPECT_EQ(countOf(written, "A thread waits for a latch that it holds itself"), 1U);
   EXPECT_EQ(countOf(written, "captured in again.cpp line 1, asked for in again.cpp line 2"), 1U);
   EXPECT_EQ(countOf(written, "asks to share it again"), 1U);
