@@ -59,6 +59,8 @@ const char* nameOfFile(std::uint32_t key) noexcept {
   return name == nullptr ? "?" : name;
 }
 
+constexpr const char* named(const char* file) noexcept { return file == nullptr ? "" : file; }
+
 // ---- complaints ------------------------------------------------------------------------------------------------
 
 SqlzZrc complainOfBlock(std::uint32_t probe, const char* text, const void* block, const char* file,
@@ -123,69 +125,65 @@ SqlzZrc allocateLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place, Bl
   }
 }
 
-// From what the thread keeps; 0 when it keeps nothing of that size and the pool has none at hand.
-[[gnu::always_inline]] inline Block takeFast(FastThread& thread, FastCache& cache, std::uint32_t bytes,
-                                             const char* file, std::uint32_t line) noexcept {
-  const std::uint32_t stride = strideFor(bytes);
-  FastBin& bin = cache.bins[listOf(stride)];
-  if (bin.head == 0 && sqloi_fastFill(cache, stride) == 0) [[unlikely]]
-    return 0;
+constexpr bool isSmall(std::size_t bytes) noexcept { return bytes - 1 < KEPT_MOST_STRIDE - SQLO_BLOCK_HEADER_BYTES; }
+
+// A block of a bin that has one.
+[[gnu::always_inline]] inline Block takeFast(FastThread& thread, FastCache& cache, FastBin& bin, std::uint32_t bytes,
+                                             BlockPlace place) noexcept {
   const Block block = windowOf(blockOf(&cache)) | bin.head;
   bin.head = linkOf(block);
   bin.resize(bin.size() - 1U);
   unpoison(block, bytes);
-  setPlace(block, {fastFileKey(thread, file), line}, ++thread.sequence);
+  setPlace(block, place, ++thread.sequence);
   setState(block, BLOCK_USED, bytes);
   return block;
 }
 
-constexpr bool isSmall(std::size_t bytes) noexcept { return bytes - 1 < KEPT_MOST_STRIDE - SQLO_BLOCK_HEADER_BYTES; }
-
-// A pool of which the thread knows nothing: everything is looked at, and learned.
-[[gnu::noinline]] SqlzZrc allocateUnknown(SQLO_MEM_POOL* handle, std::uint32_t bytes, const char* file,
-                                          std::uint32_t line, Block* block) noexcept {
-  MemPool* const pool = sqloi_poolOf(handle);
-  if (pool == nullptr) return SQLO_INV_MEM;
-  FastThread::Entry* const entry = sqloi_fastLearn(*pool);
-  if (entry != nullptr && entry->cache != nullptr && isSmall(bytes)) {
-    const FastInside inside(*t_fast);
-    *block = inside.knows() ? takeFast(*t_fast, *entry->cache, bytes, file, line) : 0;
-    if (*block != 0) return 0;
-  }
-  return allocateLatched(*pool, bytes, {sqloi_fileKey(file), line}, block);
+// From what the thread keeps, filled first when there is nothing; 0: it keeps nothing of the pool, or the pool has
+// nothing of that size at hand.
+Block fillAndTake(const FastThread::Entry& entry, std::uint32_t bytes, BlockPlace place) noexcept {
+  const FastInside inside(*t_fast);
+  if (!inside.knows() || entry.cache == nullptr || !isSmall(bytes)) return 0;
+  FastBin& bin = entry.cache->bins[listOf(strideFor(bytes))];
+  if (bin.head == 0 && sqloi_fastFill(*entry.cache, strideFor(bytes)) == 0) return 0;
+  return takeFast(*t_fast, *entry.cache, bin, bytes, place);
 }
 
-// The short way: the thread knows the pool.
-[[gnu::always_inline]] inline SqlzZrc allocate(SQLO_MEM_POOL* handle, std::size_t bytes, const char* file,
-                                               std::uint32_t line, Block* block) noexcept {
-  FastThread* const thread = t_fast;
-  MemPool* known = nullptr;
-  if (thread != nullptr) [[likely]] {
-    const FastInside inside(*thread);
-    const FastThread::Entry* const entry = inside.knows() ? fastEntryOf(*thread, handle) : nullptr;
-    if (entry != nullptr) [[likely]] {
-      if (entry->cache != nullptr && isSmall(bytes)) {
-        *block = takeFast(*thread, *entry->cache, static_cast<std::uint32_t>(bytes), file, line);
-        if (*block != 0) [[likely]]
-          return 0;
-      }
-      known = entry->pool;
-    }
-  }
+// The pool behind a handle, and what the thread knows of it, from now on at least.
+MemPool* know(SQLO_MEM_POOL* handle, const FastThread::Entry** entry) noexcept {
+  *entry = nullptr;
+  if (t_fast != nullptr && t_fast->epoch == g_fastEpoch.load(std::memory_order_acquire))
+    *entry = fastEntryOf(*t_fast, handle);
+  if (*entry != nullptr) return (*entry)->pool;
+  MemPool* const pool = sqloi_poolOf(handle);
+  if (pool != nullptr) *entry = sqloi_fastLearn(*pool);
+  return pool;
+}
+
+// What the short way does not do.
+[[gnu::noinline]] SqlzZrc allocate(SQLO_MEM_POOL* handle, std::size_t bytes, std::uint32_t options, const char* file,
+                                   std::uint32_t line, void** out) noexcept {
+  if (out == nullptr || (options & ~SQLO_MEM_ZERO) != 0) return SQLO_INV_PARM;
+  *out = nullptr;
   if (bytes == 0 || bytes > kMostBytes) return SQLO_MEM_SIZE;
-  if (known == nullptr) [[unlikely]]
-    return allocateUnknown(handle, static_cast<std::uint32_t>(bytes), file, line, block);
-  return allocateLatched(*known, static_cast<std::uint32_t>(bytes), {fastFileKey(*thread, file), line}, block);
+  const FastThread::Entry* entry = nullptr;
+  MemPool* const pool = know(handle, &entry);
+  if (pool == nullptr) return SQLO_INV_MEM;
+  const BlockPlace place = {sqloi_fileKey(named(file)), line};
+  const auto size = static_cast<std::uint32_t>(bytes);
+  Block block = entry == nullptr ? 0 : fillAndTake(*entry, size, place);
+  const SqlzZrc result = block != 0 ? 0 : allocateLatched(*pool, size, place, &block);
+  *out = pointerTo(block);
+  if ((options & SQLO_MEM_ZERO) != 0 && result == 0) std::memset(*out, 0, bytes);
+  return result;
 }
 
 // ---- freeing ---------------------------------------------------------------------------------------------------
 
-[[gnu::always_inline]] inline void keepFast(FastThread& thread, FastCache& cache, Block block, std::uint32_t stride,
-                                            const char* file, std::uint32_t line) noexcept {
-  FastBin& bin = cache.bins[listOf(stride)];
-  if (bin.size() >= bin.most) [[unlikely]]
-    sqloi_fastSpill(cache, stride);
-  setPlace(block, {fastFileKey(thread, file), line}, thread.sequence);
+// Into a bin that has room.
+[[gnu::always_inline]] inline void keepFast(FastBin& bin, Block block, std::uint32_t stride,
+                                            BlockPlace place) noexcept {
+  setPlace(block, place, 0);
   setLink(block, bin.head);
   setState(block, BLOCK_KEPT, stride - SQLO_BLOCK_HEADER_BYTES);
   poison(block, stride);
@@ -214,89 +212,105 @@ void freeLatched(MemPool& pool, Block block, std::uint32_t stride) noexcept {
   sqloi_takeDeferred(pool, operation);
 }
 
-[[gnu::noinline]] SqlzZrc complainOfGuard(MemPool& pool, Block block, const char* file, std::uint32_t line) noexcept {
-  if (pool.isDebugged()) ++pool.m_debug->overruns;
-  return complainOfHeader(30, "A block was written beyond its end. Freed here, allocated there:", pointerTo(block),
-                          readHeader(block), file, line);
-}
-
 // A block in use, of a pool that is there.
-SqlzZrc freeUsed(MemPool& pool, Block block, BlockPlace place, const char* file) noexcept {
-  const BlockHeader header = readHeader(block);
+SqlzZrc freeUsed(MemPool& pool, Block block, const BlockHeader& header, BlockPlace place, const char* file) noexcept {
   const std::uint32_t stride = strideOf(header.code, header.size);
-  if ((header.code & BLOCK_GUARDED) != 0 && !sqloi_isGuardWhole(block, header.size, stride)) [[unlikely]]
-    return complainOfGuard(pool, block, file, place.line);
+  if ((header.code & BLOCK_GUARDED) != 0 && !sqloi_isGuardWhole(block, header.size, stride)) {
+    if (pool.isDebugged()) ++pool.m_debug->overruns;
+    return complainOfHeader(30, "A block was written beyond its end. Freed here, allocated there:", pointerTo(block),
+                            header, file, place.line);
+  }
   if (pool.m_set->m_fillsFreed) std::memset(pointerTo(block), kFreedFill, header.size);
   setPlace(block, place, header.sequence);
   freeLatched(pool, block, stride);
   return 0;
 }
 
-// Keeps a block of a pool that the thread has just learned of; false: it keeps none of that pool.
-bool keepLearned(const MemPool& pool, Block block, std::uint32_t stride, const char* file, std::uint32_t line,
-                 const FastThread::Entry& entry) noexcept {
+// Keeps a block of a pool that the thread knows, and learns of its chunk; false: the thread keeps none of that pool.
+bool keep(const MemPool& pool, Block block, std::uint32_t stride, BlockPlace place,
+          const FastThread::Entry& entry) noexcept {
   if (!pool.m_set->isPrivate()) return false;
   const FastInside inside(*t_fast);
   if (!inside.knows()) return false;
   fastLearnChunk(*t_fast, chunkNumber(block - SQLO_BLOCK_HEADER_BYTES), entry);
   if (entry.cache == nullptr || stride > KEPT_MOST_STRIDE) return false;
-  keepFast(*t_fast, *entry.cache, block, stride, file, line);
+  FastBin& bin = entry.cache->bins[listOf(stride)];
+  if (bin.size() >= bin.most) sqloi_fastSpill(*entry.cache, stride);
+  keepFast(bin, block, stride, place);
   return true;
 }
 
-// A pointer of which the thread knows nothing: everything is looked at, and learned.
-[[gnu::noinline]] SqlzZrc freeUnknown(void* pointer, const char* file, std::uint32_t line) noexcept {
+// What the short way does not do. A chunk that the thread knows need not be looked up.
+[[gnu::noinline]] SqlzZrc freeBlock(void* pointer, const char* file, std::uint32_t line) noexcept {
+  if (pointer == nullptr) return 0;
+  file = named(file);
+  const Block block = blockOf(pointer);
+  FastThread* const thread = t_fast;
+  const bool knows = thread != nullptr && thread->epoch == g_fastEpoch.load(std::memory_order_acquire) &&
+                     block % SQLO_BLOCK_ALIGNMENT == 0;
+  const FastThread::Chunk* const chunk = knows ? fastChunkOf(*thread, block - SQLO_BLOCK_HEADER_BYTES) : nullptr;
   BlockHeader header;
   SQLO_MEM_POOL* handle = nullptr;
-  if (lookUp(pointer, &header, &handle) != BlockFault::kNone || handle == nullptr)
+  if (chunk != nullptr) {
+    header = readHeader(block);
+    handle = thread->entries[chunk->entry].pool;
+  }
+  if ((chunk == nullptr || kindOf(header.code) != BLOCK_USED) &&
+      (lookUp(pointer, &header, &handle) != BlockFault::kNone || handle == nullptr))
     return complainOfBlock(10, "Freed here, but not a block of a memory pool:", pointer, file, line);
   if (kindOf(header.code) != BLOCK_USED)
     return complainOfHeader(20, "Freed twice: here, and there before:", pointer, header, file, line);
-  auto& pool = static_cast<MemPool&>(*handle);
-  const Block block = blockOf(pointer);
-  const FastThread::Entry* const entry = sqloi_fastLearn(pool);
-  if (entry != nullptr && keepLearned(pool, block, strideOf(header.code, header.size), file, line, *entry)) return 0;
-  return freeUsed(pool, block, {sqloi_fileKey(file), line}, file);
+  const FastThread::Entry* entry = nullptr;
+  MemPool* const pool = know(handle, &entry);
+  const BlockPlace place = {sqloi_fileKey(file), line};
+  const std::uint32_t stride = strideOf(header.code, header.size);
+  if (entry != nullptr && (header.code & BLOCK_GUARDED) == 0 && keep(*pool, block, stride, place, *entry)) return 0;
+  return freeUsed(*pool, block, header, place, file);
 }
-
-constexpr const char* named(const char* file) noexcept { return file == nullptr ? "" : file; }
 
 }  // namespace
 }  // namespace vek
 
+// The short way: the thread keeps a block of that size of a pool that it knows, and remembers the name of the file.
 SqlzZrc sqloMemPoolAllocate(SQLO_MEM_POOL* pool, std::size_t bytes, std::uint32_t options, const char* file,
                             std::uint32_t line, void** block) noexcept {
-  if (block == nullptr || (options & ~SQLO_MEM_ZERO) != 0) [[unlikely]]
-    return SQLO_INV_PARM;
-  vek::Block found = 0;
-  const SqlzZrc result = vek::allocate(pool, bytes, vek::named(file), line, &found);
-  *block = vek::pointerTo(found);
-  if (options != 0 && result == 0) std::memset(*block, 0, bytes);
-  return result;
+  vek::FastThread* const thread = vek::t_fast;
+  if (thread != nullptr && block != nullptr && options == 0 && vek::isSmall(bytes)) [[likely]] {
+    const vek::FastInside inside(*thread);
+    const vek::FastThread::Entry& entry = thread->entries[vek::fastHash(pool)];
+    const vek::FastThread::File& known = vek::fastFileOf(*thread, file);
+    if (inside.knows() && entry.pool == pool && entry.cache != nullptr && known.file == file) [[likely]] {
+      const auto size = static_cast<std::uint32_t>(bytes);
+      vek::FastBin& bin = entry.cache->bins[vek::listOf(vek::strideFor(size))];
+      if (bin.head != 0) [[likely]] {
+        *block = vek::pointerTo(vek::takeFast(*thread, *entry.cache, bin, size, {known.key, line}));
+        return 0;
+      }
+    }
+  }
+  return vek::allocate(pool, bytes, options, file, line, block);
 }
 
-// The short way: the thread knows the pool of the chunk that the header lies in. What is no block in use, or one that
-// is guarded, goes the long way.
+// The short way: the thread knows the pool of the chunk that the header lies in and keeps blocks of it, this one among
+// them, and remembers the name of the file.
 SqlzZrc sqloMemPoolFree(void* pointer, const char* file, std::uint32_t line) noexcept {
   const vek::Block block = vek::blockOf(pointer);
   vek::FastThread* const thread = vek::t_fast;
-  vek::MemPool* known = nullptr;
   if (thread != nullptr && block % SQLO_BLOCK_ALIGNMENT == 0) [[likely]] {
     const vek::FastInside inside(*thread);
-    const vek::FastThread::Entry* const entry =
-        inside.knows() ? vek::fastEntryOfChunk(*thread, vek::chunkNumber(block - SQLO_BLOCK_HEADER_BYTES)) : nullptr;
-    if (entry != nullptr && (vek::codeOf(block) & ~vek::BLOCK_SLACK) == vek::BLOCK_USED) [[likely]] {
+    const vek::FastThread::Chunk* const chunk = vek::fastChunkOf(*thread, block - SQLO_BLOCK_HEADER_BYTES);
+    const vek::FastThread::File& known = vek::fastFileOf(*thread, file);
+    if (inside.knows() && chunk != nullptr && chunk->cache != nullptr && known.file == file &&
+        (vek::codeOf(block) & ~vek::BLOCK_SLACK) == vek::BLOCK_USED) [[likely]] {
       const std::uint32_t stride = vek::strideOf(block);
-      if (entry->cache != nullptr && stride <= vek::KEPT_MOST_STRIDE) [[likely]] {
-        vek::keepFast(*thread, *entry->cache, block, stride, vek::named(file), line);
+      vek::FastBin& bin = chunk->cache->bins[vek::listOf(std::min(stride, vek::KEPT_MOST_STRIDE))];
+      if (stride <= vek::KEPT_MOST_STRIDE && bin.size() < bin.most) [[likely]] {
+        vek::keepFast(bin, block, stride, {known.key, line});
         return 0;
       }
-      known = entry->pool;
     }
   }
-  if (known != nullptr)
-    return vek::freeUsed(*known, block, {vek::fastFileKey(*thread, vek::named(file)), line}, vek::named(file));
-  return pointer == nullptr ? 0 : vek::freeUnknown(pointer, vek::named(file), line);
+  return vek::freeBlock(pointer, file, line);
 }
 
 SqlzZrc sqloGetPoolHandleFromBlkPointer(const void* block, SQLO_MEM_POOL** outPool) noexcept {

@@ -176,7 +176,10 @@ std::uint32_t sqloi_fileKey(const char* file) noexcept {
     const RegistryOperation operation;
     t_fast = makeThread();
   }
-  return t_fast == nullptr ? regionKeyOfText(file) : fastFileKey(*t_fast, file);
+  if (t_fast == nullptr) return regionKeyOfText(file);
+  FastThread::File& known = fastFileOf(*t_fast, file);
+  if (known.file != file) known = {file, regionKeyOfText(file)};
+  return known.key;
 }
 
 bool sqloi_isFast(const MemPool& pool) noexcept { return __atomic_load_n(&pool.m_fastMost, __ATOMIC_RELAXED) != 0; }

@@ -58,6 +58,7 @@ struct FastThread {
   struct Chunk {
     std::uint32_t chunk;  // number in the address space; 0: none
     std::uint32_t entry;  // of the pool that it belongs to
+    FastCache* cache;     // of that entry
   } chunks[FAST_CHUNKS];
   struct File {
     const char* file;
@@ -68,15 +69,12 @@ struct FastThread {
 extern thread_local constinit FastThread* t_fast __attribute__((tls_model("initial-exec")));
 extern std::atomic<std::uint64_t> g_fastEpoch;
 
-// The key of a file's name, by which other processes and dumps find it; remembered by the address of the text.
-inline std::uint32_t fastFileKey(FastThread& thread, const char* file) noexcept {
-  FastThread::File& known = thread.files[(reinterpret_cast<std::uintptr_t>(file) >> 3) % FAST_FILES];
-  if (known.file != file) [[unlikely]]
-    known = {file, regionKeyOfText(file)};
-  return known.key;
+// The place where a thread remembers the name of a file, by the address of the text.
+inline FastThread::File& fastFileOf(FastThread& thread, const char* file) noexcept {
+  return thread.files[(reinterpret_cast<std::uintptr_t>(file) >> 3) % FAST_FILES];
 }
 
-// The same for any thread. Without a latch.
+// The key of a file's name, by which other processes and dumps find it. Without a latch.
 std::uint32_t sqloi_fileKey(const char* file) noexcept;
 
 inline std::uint32_t fastHash(const SQLO_MEM_POOL* pool) noexcept {
@@ -88,18 +86,15 @@ inline std::uint32_t chunkNumber(Block block) noexcept { return static_cast<std:
 
 // What the thread knows of a pool; null: nothing.
 inline FastThread::Entry* fastEntryOf(FastThread& thread, const SQLO_MEM_POOL* pool) noexcept {
-  for (std::uint32_t at = fastHash(pool);; at = (at + 1) % FAST_ENTRIES) {
-    FastThread::Entry& entry = thread.entries[at];
-    if (entry.pool == pool) [[likely]]
-      return pool == nullptr ? nullptr : &entry;
-    if (entry.pool == nullptr) return nullptr;
-  }
+  for (std::uint32_t at = fastHash(pool); thread.entries[at].pool != nullptr; at = (at + 1) % FAST_ENTRIES)
+    if (thread.entries[at].pool == pool) return &thread.entries[at];
+  return nullptr;
 }
 
-// What it knows of the pool of a chunk.
-inline FastThread::Entry* fastEntryOfChunk(FastThread& thread, std::uint32_t number) noexcept {
-  const FastThread::Chunk& chunk = thread.chunks[number % FAST_CHUNKS];
-  return chunk.chunk == number ? &thread.entries[chunk.entry] : nullptr;
+// What it knows of a chunk.
+inline FastThread::Chunk* fastChunkOf(FastThread& thread, Block header) noexcept {
+  FastThread::Chunk* const chunk = &thread.chunks[chunkNumber(header) % FAST_CHUNKS];
+  return chunk->chunk == chunkNumber(header) ? chunk : nullptr;
 }
 
 // A thread between entering and leaving: nobody else touches its caches, and what it knows is true when `knows`.
@@ -127,7 +122,7 @@ FastThread::Entry* sqloi_fastLearn(MemPool& pool) noexcept;
 
 // Learns that a chunk, of a private set, belongs to a pool that the thread knows.
 inline void fastLearnChunk(FastThread& thread, std::uint32_t number, const FastThread::Entry& entry) noexcept {
-  thread.chunks[number % FAST_CHUNKS] = {number, static_cast<std::uint32_t>(&entry - thread.entries)};
+  thread.chunks[number % FAST_CHUNKS] = {number, static_cast<std::uint32_t>(&entry - thread.entries), entry.cache};
 }
 
 // What threads know of chunks and pools is no longer true.
