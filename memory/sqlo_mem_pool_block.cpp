@@ -128,14 +128,12 @@ SqlzZrc allocateLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place, Bl
 constexpr bool isSmall(std::size_t bytes) noexcept { return bytes - 1 < KEPT_MOST_STRIDE - SQLO_BLOCK_HEADER_BYTES; }
 
 // A block of a bin that has one.
-[[gnu::always_inline]] inline Block takeFast(FastThread& thread, FastCache& cache, FastBin& bin, std::uint32_t bytes,
-                                             BlockPlace place) noexcept {
-  const Block block = windowOf(blockOf(&cache)) | bin.head;
-  bin.head = linkOf(block);
-  bin.resize(bin.size() - 1U);
+[[gnu::always_inline]] inline Block takeFast(FastThread& thread, const FastCache& cache, FastBin& bin,
+                                             std::uint64_t word, std::uint32_t bytes, BlockPlace place) noexcept {
+  const Block block = windowOf(blockOf(&cache)) | FastBin::headOf(word);
+  bin.set(FastBin::popped(word, linkOf(block)));
   unpoison(block, bytes);
-  setPlace(block, place, ++thread.sequence);
-  setState(block, BLOCK_USED, bytes);
+  setUsedAlone(block, bytes, place, ++thread.sequence);
   return block;
 }
 
@@ -145,8 +143,8 @@ Block fillAndTake(const FastThread::Entry& entry, std::uint32_t bytes, BlockPlac
   const FastInside inside(*t_fast);
   if (!inside.knows() || entry.cache == nullptr || !isSmall(bytes)) return 0;
   FastBin& bin = entry.cache->bins[listOf(strideFor(bytes))];
-  if (bin.head == 0 && sqloi_fastFill(*entry.cache, strideFor(bytes)) == 0) return 0;
-  return takeFast(*t_fast, *entry.cache, bin, bytes, place);
+  if (bin.size() == 0 && sqloi_fastFill(*entry.cache, strideFor(bytes)) == 0) return 0;
+  return takeFast(*t_fast, *entry.cache, bin, bin.word(), bytes, place);
 }
 
 // The pool behind a handle, and what the thread knows of it, from now on at least.
@@ -180,15 +178,12 @@ MemPool* know(SQLO_MEM_POOL* handle, const FastThread::Entry** entry) noexcept {
 
 // ---- freeing ---------------------------------------------------------------------------------------------------
 
-// Into a bin that has room.
-[[gnu::always_inline]] inline void keepFast(FastBin& bin, Block block, std::uint32_t stride,
+// Into a bin that has room. The size stays that of the request: the stride is the same.
+[[gnu::always_inline]] inline void keepFast(FastBin& bin, std::uint64_t word, Block block, std::uint32_t stride,
                                             BlockPlace place) noexcept {
-  setPlace(block, place, 0);
-  setLink(block, bin.head);
-  setState(block, BLOCK_KEPT, stride - SQLO_BLOCK_HEADER_BYTES);
+  setKeptAlone(block, FastBin::headOf(word), place);
   poison(block, stride);
-  bin.head = shortOf(block);
-  bin.resize(bin.size() + 1U);
+  bin.set(FastBin::pushed(word, shortOf(block)));
 }
 
 // Another thread has the latch: whoever has it next puts the block where it belongs.
@@ -235,8 +230,9 @@ bool keep(const MemPool& pool, Block block, std::uint32_t stride, BlockPlace pla
   fastLearnChunk(*t_fast, chunkNumber(block - SQLO_BLOCK_HEADER_BYTES), entry);
   if (entry.cache == nullptr || stride > KEPT_MOST_STRIDE) return false;
   FastBin& bin = entry.cache->bins[listOf(stride)];
-  if (bin.size() >= bin.most) sqloi_fastSpill(*entry.cache, stride);
-  keepFast(bin, block, stride, place);
+  if (!FastBin::hasRoom(bin.word())) sqloi_fastSpill(*entry.cache, stride);
+  setState(block, BLOCK_KEPT, stride - SQLO_BLOCK_HEADER_BYTES);
+  keepFast(bin, bin.word(), block, stride, place);
   return true;
 }
 
@@ -282,8 +278,9 @@ SqlzZrc sqloMemPoolAllocate(SQLO_MEM_POOL* pool, std::size_t bytes, std::uint32_
     if (inside.knows() && entry.pool == pool && entry.cache != nullptr && known.file == file) [[likely]] {
       const auto size = static_cast<std::uint32_t>(bytes);
       vek::FastBin& bin = entry.cache->bins[vek::listOf(vek::strideFor(size))];
-      if (bin.head != 0) [[likely]] {
-        *block = vek::pointerTo(vek::takeFast(*thread, *entry.cache, bin, size, {known.key, line}));
+      const std::uint64_t word = bin.word();
+      if (vek::FastBin::headOf(word) != 0) [[likely]] {
+        *block = vek::pointerTo(vek::takeFast(*thread, *entry.cache, bin, word, size, {known.key, line}));
         return 0;
       }
     }
@@ -301,12 +298,15 @@ SqlzZrc sqloMemPoolFree(void* pointer, const char* file, std::uint32_t line) noe
     const vek::FastThread::Chunk* const chunk = vek::fastChunkOf(*thread, block - SQLO_BLOCK_HEADER_BYTES);
     const vek::FastThread::File& known = vek::fastFileOf(*thread, file);
     if (inside.knows() && chunk != nullptr && chunk->cache != nullptr && known.file == file &&
-        (vek::codeOf(block) & ~vek::BLOCK_SLACK) == vek::BLOCK_USED) [[likely]] {
-      const std::uint32_t stride = vek::strideOf(block);
-      vek::FastBin& bin = chunk->cache->bins[vek::listOf(std::min(stride, vek::KEPT_MOST_STRIDE))];
-      if (stride <= vek::KEPT_MOST_STRIDE && bin.size() < bin.most) [[likely]] {
-        vek::keepFast(bin, block, stride, {known.key, line});
-        return 0;
+        vek::codeOf(block) == vek::BLOCK_USED) [[likely]] {
+      const std::uint32_t stride = vek::strideFor(vek::sizeOf(block));
+      if (stride <= vek::KEPT_MOST_STRIDE) [[likely]] {
+        vek::FastBin& bin = chunk->cache->bins[vek::listOf(stride)];
+        const std::uint64_t word = bin.word();
+        if (vek::FastBin::hasRoom(word)) [[likely]] {
+          vek::keepFast(bin, word, block, stride, {known.key, line});
+          return 0;
+        }
       }
     }
   }

@@ -65,10 +65,9 @@ std::uint32_t mostFor(const MemPool& pool, std::uint32_t stride) noexcept {
 
 // Gives the first `count` blocks of a bin back. Needs the pool latch.
 void giveBack(FastCache& cache, FastBin& bin, std::uint32_t count, PoolOperation& operation) noexcept {
-  for (; count != 0 && bin.head != 0; --count) {
-    const Block block = fullAddress(cache, bin.head);
-    bin.head = linkOf(block);
-    bin.resize(bin.size() - 1U);
+  for (; count != 0; --count) {
+    const Block block = fullAddress(cache, FastBin::headOf(bin.word()));
+    bin.set(FastBin::popped(bin.word(), linkOf(block)));
     sqloi_noteUsed(*cache.pool, -std::int64_t{strideOf(block)}, -1);
     sqloi_putBlock(*cache.pool, block, operation);
   }
@@ -124,7 +123,7 @@ FastThread* makeThread() noexcept {
 
 void setLimits(FastCache& cache) noexcept {
   for (std::uint32_t list = listOf(BLOCK_LEAST_STRIDE); list < KEPT_LISTS; ++list)
-    cache.bins[list].most = static_cast<std::uint16_t>(mostFor(*cache.pool, list * SQLO_BLOCK_ALIGNMENT));
+    cache.bins[list].limit(mostFor(*cache.pool, list * SQLO_BLOCK_ALIGNMENT));
 }
 
 // A block of the pool for the cache; null when it has none: it does not grow for that.
@@ -203,22 +202,21 @@ FastThread::Entry* sqloi_fastLearn(MemPool& pool) noexcept {
 std::uint32_t sqloi_fastFill(FastCache& cache, std::uint32_t stride) noexcept {
   MemPool& pool = *cache.pool;
   FastBin& bin = cache.bins[listOf(stride)];
-  const std::uint32_t wanted = std::min(std::max(bin.most / 2U, 1U), kFillMost);
+  const std::uint32_t wanted = std::min(std::max(bin.most() / 2, 1U), kFillMost);
   PoolOperation operation(pool);
   sqloi_takeDeferred(pool, operation);
   for (std::uint32_t taken = 0; taken < wanted; ++taken) {
     const Block block = sqloi_takeBlock(pool, stride);
     if (block == 0) break;
     const std::uint32_t whole = strideOf(block);
-    if (whole > KEPT_MOST_STRIDE) {  // the last one of a free block, with what is left of that
+    FastBin& itsBin = cache.bins[std::min(listOf(whole), KEPT_LISTS - 1)];
+    if (whole > KEPT_MOST_STRIDE || !FastBin::hasRoom(itsBin.word())) {  // with what was left of a free block
       sqloi_putBlock(pool, block, operation);
       break;
     }
-    FastBin& itsBin = cache.bins[listOf(whole)];
     sqloi_noteUsed(pool, whole, 1);
-    setLink(block, itsBin.head);
-    itsBin.head = shortOf(block);
-    itsBin.resize(itsBin.size() + 1U);
+    setLink(block, FastBin::headOf(itsBin.word()));
+    itsBin.set(FastBin::pushed(itsBin.word(), shortOf(block)));
   }
   return bin.size();
 }
@@ -226,7 +224,7 @@ std::uint32_t sqloi_fastFill(FastCache& cache, std::uint32_t stride) noexcept {
 void sqloi_fastSpill(FastCache& cache, std::uint32_t stride) noexcept {
   FastBin& bin = cache.bins[listOf(stride)];
   PoolOperation operation(*cache.pool);
-  giveBack(cache, bin, (bin.size() + 1U) / 2, operation);
+  giveBack(cache, bin, (bin.size() + 1) / 2, operation);
 }
 
 void sqloi_fastTakeBack(MemPool& pool) noexcept {
@@ -313,9 +311,9 @@ SqlzZrc sqloUpdateMaxFastMemoryBlocks(SQLO_MEM_POOL* handle, std::uint32_t block
   if (!vek::isRegistered(pool)) return SQLO_NOTAVAIL;
   vek::setMost(*pool, blocks);
   vek::visitCaches(*pool, [&](const vek::FastThread::Entry& entry) {
-    vek::setLimits(*entry.cache);
     vek::PoolOperation operation(*pool);
     vek::giveBackAll(*entry.cache, operation);
+    vek::setLimits(*entry.cache);
   });
   return 0;
 }

@@ -26,14 +26,38 @@ inline constexpr std::uint32_t FAST_BIN_BYTES = 64 * 1024;
 inline constexpr std::uint32_t FAST_MOST_DEFAULT = 64;
 inline constexpr std::uint32_t FAST_MOST_HIGHEST = 4096;
 
-// Blocks of one stride. `head` is the lower half of an address, like the links. Others read the count at any time.
-struct FastBin {
-  std::uint32_t head;
-  std::atomic<std::uint16_t> count;
-  std::uint16_t most;
+// Blocks of one stride, in one word, which others may read at any time: the lower half of the address of the first one
+// (0: none), how many more there is room for, and how many there may be.
+class FastBin {
+ public:
+  constexpr FastBin() noexcept = default;
 
-  std::uint16_t size() const noexcept { return count.load(std::memory_order_relaxed); }
-  void resize(unsigned blocks) noexcept { count.store(static_cast<std::uint16_t>(blocks), std::memory_order_relaxed); }
+  std::uint64_t word() const noexcept { return word_.load(std::memory_order_relaxed); }
+  void set(std::uint64_t word) noexcept { word_.store(word, std::memory_order_relaxed); }
+
+  static constexpr std::uint32_t headOf(std::uint64_t word) noexcept { return static_cast<std::uint32_t>(word); }
+  static constexpr bool hasRoom(std::uint64_t word) noexcept { return (word & kRoom) != 0; }
+  static constexpr std::uint64_t popped(std::uint64_t word, std::uint32_t next) noexcept {
+    return ((word & ~kHead) + kOne) | next;
+  }
+  static constexpr std::uint64_t pushed(std::uint64_t word, std::uint32_t low) noexcept {
+    return ((word & ~kHead) - kOne) | low;
+  }
+
+  std::uint32_t size() const noexcept { return countOf(word()); }
+  std::uint32_t most() const noexcept { return static_cast<std::uint32_t>(word() >> 48); }
+  // Needs an empty bin.
+  void limit(std::uint32_t most) noexcept { set(std::uint64_t{most} << 48 | std::uint64_t{most} << 32); }
+
+ private:
+  static constexpr std::uint64_t kHead = 0xFFFFFFFF;
+  static constexpr std::uint64_t kOne = std::uint64_t{1} << 32;
+  static constexpr std::uint64_t kRoom = std::uint64_t{0xFFFF} << 32;
+  static constexpr std::uint32_t countOf(std::uint64_t word) noexcept {
+    return static_cast<std::uint32_t>((word >> 48) - ((word & kRoom) >> 32));
+  }
+
+  std::atomic<std::uint64_t> word_{0};
 };
 
 // What a thread keeps of a pool; a block of that pool.
