@@ -275,10 +275,11 @@ TEST_APART(PdLog, AThreadIsNotCancelledInTheMiddle) {
   EXPECT_EQ(log.records().size(), 3U);
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(NDEBUG)
 constexpr std::size_t kStackBytes = 1 << 20;
 #else
-constexpr std::size_t kStackBytes = 48 << 10;  // 32 KB are promised; the thread's own things are on it too
+constexpr std::size_t kStackBytes =
+    48 << 10;  // 32 KB are promised, of a library that is optimised; the thread's own things are on it too
 #endif
 
 void* writeAllVariants(void*) {
