@@ -72,6 +72,7 @@ struct MemPool : SQLO_MEM_POOL {
   MemPool* m_parent;  // null: a base pool
   MemPool* m_firstSub;
   std::uint32_t m_depth;
+  bool m_isPlain;  // latched, neither raw nor debugged: the short ways may be taken
   std::uint32_t m_ownChunks;
   std::uint32_t m_configuredChunks;
   std::uint32_t m_growingChunks;    // asked of the set at this moment

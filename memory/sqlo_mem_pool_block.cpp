@@ -158,9 +158,9 @@ MemPool* know(SQLO_MEM_POOL* handle, const FastThread::Entry** entry) noexcept {
   return pool;
 }
 
-// What the short way does not do.
-[[gnu::noinline]] SqlzZrc allocate(SQLO_MEM_POOL* handle, std::size_t bytes, std::uint32_t options, const char* file,
-                                   std::uint32_t line, void** out) noexcept {
+// All that there is to it.
+[[gnu::noinline]] SqlzZrc allocateAnyway(SQLO_MEM_POOL* handle, std::size_t bytes, std::uint32_t options,
+                                         const char* file, std::uint32_t line, void** out) noexcept {
   if (out == nullptr || (options & ~SQLO_MEM_ZERO) != 0) return SQLO_INV_PARM;
   *out = nullptr;
   if (bytes == 0 || bytes > kMostBytes) return SQLO_MEM_SIZE;
@@ -174,6 +174,43 @@ MemPool* know(SQLO_MEM_POOL* handle, const FastThread::Entry** entry) noexcept {
   *out = pointerTo(block);
   if ((options & SQLO_MEM_ZERO) != 0 && result == 0) std::memset(*out, 0, bytes);
   return result;
+}
+
+// Under the latch, the most frequent case: the pool has kept a block of that size. 0: it has none.
+Block takeKeptLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place) noexcept {
+  const std::uint32_t stride = strideFor(bytes);
+  std::uint32_t& head = pool.m_kept[listOf(stride)];
+  (void)pool.base().m_latch.captureLatch(kPoolLatchFile, __LINE__);
+  const Block block = head == 0 ? 0 : windowOf(blockOf(&pool)) | head;
+  if (block != 0) [[likely]] {
+    head = linkOf(block);
+    pool.m_keptBytes -= stride;
+    sqloi_noteUsed(pool, stride, 1);
+    unpoison(block, bytes);
+    setPlace(block, place, ++pool.m_sequence);
+    setState(block, BLOCK_USED, bytes);
+  }
+  pool.base().m_latch.releaseLatch();
+  return block;
+}
+
+// A pool that the thread knows and keeps nothing of.
+[[gnu::noinline]] SqlzZrc allocate(SQLO_MEM_POOL* handle, std::size_t bytes, std::uint32_t options, const char* file,
+                                   std::uint32_t line, void** out) noexcept {
+  FastThread* const thread = t_fast;
+  if (thread != nullptr && out != nullptr && options == 0 && isSmall(bytes)) [[likely]] {
+    const FastThread::Entry& entry = thread->entries[fastHash(handle)];
+    const FastThread::File& known = fastFileOf(*thread, file);
+    const bool isKnown = thread->epoch == g_fastEpoch.load(std::memory_order_acquire) && entry.pool == handle;
+    if (isKnown && entry.cache == nullptr && entry.pool->m_isPlain && known.file == file) [[likely]] {
+      const Block block = takeKeptLatched(*entry.pool, static_cast<std::uint32_t>(bytes), {known.key, line});
+      if (block != 0) [[likely]] {
+        *out = pointerTo(block);
+        return 0;
+      }
+    }
+  }
+  return allocateAnyway(handle, bytes, options, file, line, out);
 }
 
 // ---- freeing ---------------------------------------------------------------------------------------------------
@@ -236,23 +273,14 @@ bool keep(const MemPool& pool, Block block, std::uint32_t stride, BlockPlace pla
   return true;
 }
 
-// What the short way does not do. A chunk that the thread knows need not be looked up.
-[[gnu::noinline]] SqlzZrc freeBlock(void* pointer, const char* file, std::uint32_t line) noexcept {
+// All that there is to it.
+[[gnu::noinline]] SqlzZrc freeAnyway(void* pointer, const char* file, std::uint32_t line) noexcept {
   if (pointer == nullptr) return 0;
   file = named(file);
   const Block block = blockOf(pointer);
-  FastThread* const thread = t_fast;
-  const bool knows = thread != nullptr && thread->epoch == g_fastEpoch.load(std::memory_order_acquire) &&
-                     block % SQLO_BLOCK_ALIGNMENT == 0;
-  const FastThread::Chunk* const chunk = knows ? fastChunkOf(*thread, block - SQLO_BLOCK_HEADER_BYTES) : nullptr;
   BlockHeader header;
   SQLO_MEM_POOL* handle = nullptr;
-  if (chunk != nullptr) {
-    header = readHeader(block);
-    handle = thread->entries[chunk->entry].pool;
-  }
-  if ((chunk == nullptr || kindOf(header.code) != BLOCK_USED) &&
-      (lookUp(pointer, &header, &handle) != BlockFault::kNone || handle == nullptr))
+  if (lookUp(pointer, &header, &handle) != BlockFault::kNone || handle == nullptr)
     return complainOfBlock(10, "Freed here, but not a block of a memory pool:", pointer, file, line);
   if (kindOf(header.code) != BLOCK_USED)
     return complainOfHeader(20, "Freed twice: here, and there before:", pointer, header, file, line);
@@ -262,6 +290,46 @@ bool keep(const MemPool& pool, Block block, std::uint32_t stride, BlockPlace pla
   const std::uint32_t stride = strideOf(header.code, header.size);
   if (entry != nullptr && (header.code & BLOCK_GUARDED) == 0 && keep(*pool, block, stride, place, *entry)) return 0;
   return freeUsed(*pool, block, header, place, file);
+}
+
+// Under the latch, or deferred, the most frequent case: a block that the pool keeps. False: there is more to do.
+bool keepLatched(MemPool& pool, Block block, std::uint32_t stride, BlockPlace place) noexcept {
+  if (stride > KEPT_MOST_STRIDE || pool.m_deferred.load(std::memory_order_relaxed) != 0 ||
+      __atomic_load_n(&pool.m_keptBytes, __ATOMIC_RELAXED) > KEPT_LEAST_BYTES - KEPT_MOST_STRIDE)
+    return false;
+  setPlace(block, place, 0);
+  SqloSpinLatch& latch = pool.base().m_latch;
+  if (latch.tryCaptureLatch(kPoolLatchFile, __LINE__) != 0) {
+    setState(block, BLOCK_KEPT, stride - SQLO_BLOCK_HEADER_BYTES);
+    poison(block, stride);
+    defer(pool, block);
+    return true;
+  }
+  std::uint32_t& head = pool.m_kept[listOf(stride)];
+  setState(block, BLOCK_KEPT, stride - SQLO_BLOCK_HEADER_BYTES);
+  setLink(block, head);
+  poison(block, stride);
+  head = shortOf(block);
+  pool.m_keptBytes += stride;
+  sqloi_noteUsed(pool, -std::int64_t{stride}, -1);
+  latch.releaseLatch();
+  return true;
+}
+
+// A chunk of a pool that the thread knows and keeps nothing of.
+[[gnu::noinline]] SqlzZrc freeBlock(void* pointer, const char* file, std::uint32_t line) noexcept {
+  const Block block = blockOf(pointer);
+  FastThread* const thread = t_fast;
+  if (thread != nullptr && block % SQLO_BLOCK_ALIGNMENT == 0 &&
+      thread->epoch == g_fastEpoch.load(std::memory_order_acquire)) [[likely]] {
+    const FastThread::Chunk* const chunk = fastChunkOf(*thread, block - SQLO_BLOCK_HEADER_BYTES);
+    const FastThread::File& known = fastFileOf(*thread, file);
+    if (chunk != nullptr && chunk->cache == nullptr && known.file == file && codeOf(block) == BLOCK_USED) {
+      MemPool& pool = *thread->entries[chunk->entry].pool;
+      if (pool.m_isPlain && keepLatched(pool, block, strideFor(sizeOf(block)), {known.key, line})) return 0;
+    }
+  }
+  return freeAnyway(pointer, file, line);
 }
 
 }  // namespace

@@ -290,8 +290,7 @@ SqlzZrc sqloEnableFastMemoryBlocks(SQLO_MEM_POOL* handle, bool on) noexcept {
     vek::sqloi_fastForget(*pool);
     return trace.exit(0);
   }
-  const bool mayBe = pool->m_base == pool && pool->m_set->isPrivate() && vek::isLatched(*pool) && !pool->isRaw() &&
-                     !pool->isDebugged() && !pool->m_set->m_fillsFreed;
+  const bool mayBe = pool->m_base == pool && pool->m_isPlain && pool->m_set->isPrivate();
   if (!mayBe) return trace.exit(SQLO_NOTAVAIL);
   const vek::RegistryOperation registry;
   if (vek::isRegistered(pool)) return trace.exit(0);

@@ -113,6 +113,7 @@ SqlzZrc createPool(const SqloMemPoolRequest& request, SQLO_MEM_POOL** out) noexc
   MemPool* const pool = build(chunks, static_cast<std::uint32_t>(initial), request, limit);
   enterInSet(*request.set, *pool);
   sqloi_startDebugging(*pool);
+  pool->m_isPlain = isLatched(*pool) && !pool->isRaw() && !pool->isDebugged() && !request.set->m_fillsFreed;
   *out = pool;
   return 0;
 }
@@ -239,6 +240,7 @@ SqlzZrc sqloCreateMemorySubPool(SQLO_MEM_POOL* parentHandle, SQLO_MEM_POOL** sub
         pool->m_parent = parent;
         pool->m_depth = parent->m_depth + 1;
         pool->m_options = parent->m_options;
+        pool->m_isPlain = parent->m_isPlain;
         pool->m_poolId = parent->m_poolId;
         pool->m_set = parent->m_set;
         pool->m_debug = parent->base().m_debug;
