@@ -179,6 +179,13 @@ std::uint64_t regionNextThreadSerial() noexcept;
 // instance; the others return false at once, and so does a process without a slot.
 bool regionSweep() noexcept;
 
+// The text that tells a region from every other one, of all users and times, in names of what belongs to it: user, name
+// of the instance, when it was made. Returns the characters.
+std::size_t regionIdentity(const RegionHeader& header, char* text, std::size_t bytes) noexcept;
+
+// What the names of a region's semaphores begin with: this, its identity and an underscore.
+inline constexpr char REGION_SEMAPHORE_PREFIX[] = "VEKSEM";
+
 // Called by the fork handlers in the child: forgets the parent's slot.
 void regionAfterFork() noexcept;
 void regionLockForFork() noexcept;
