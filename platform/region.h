@@ -15,9 +15,9 @@
 // Liveness. A process holds a record lock on the byte of its slot for life. The kernel drops it on death, whatever
 // happens to process numbers or name spaces; a slot whose byte is free belongs to a dead process (or a forked child
 // that has not called the library yet is holding nothing at all). When the parent of such a child was the last process
-// and has ended, the instance has ended as well, and the next process begins a new run of it: a server that turns itself
-// into a daemon does so before it uses the library, or has the child call it before the parent ends. The descriptor is kept open for life and opened
-// once: closing any descriptor of the object would drop the locks.
+// and has ended, the instance has ended as well, and the next process begins a new run of it: a server that turns
+// itself into a daemon does so before it uses the library, or has the child call it before the parent ends. The
+// descriptor is kept open for life and opened once: closing any descriptor of the object would drop the locks.
 //
 // Position independence. Sections are found by (identifier, version); they hold offsets, slots and interned ids, never
 // a pointer, a vtable or a function address.

@@ -5,10 +5,10 @@
  * and judgeSpin for the cs, which is a spin latch and has holders that die as well; in sync/sqloLatchCAS32.cpp: who
  * takes the two, and when.
  *
- * Three threads, each a process, capture once: exclusively, the second in either mode; the first only tries. The first and the second
- * are killed between any two steps, or are not. Repair and refusal are open each time; a panic ends a rescue as a
- * refusal does. The latch lets readers pass; who wakes whom is left to latch_cas32.pml: here a waiter sees by itself
- * that its conflict is over. A sharer that takes a dead one's exclusive hold over keeps it so.
+ * Three threads, each a process, capture once: exclusively, the second in either mode; the first only tries. The first
+ * and the second are killed between any two steps, or are not. Repair and refusal are open each time; a panic ends a
+ * rescue as a refusal does. The latch lets readers pass; who wakes whom is left to latch_cas32.pml: here a waiter sees
+ * by itself that its conflict is over. A sharer that takes a dead one's exclusive hold over keeps it so.
  *
  * Looking again and again at what does not change shows nothing new. The third looks LOOKS times at any moment, and
  * each once more whenever all others sleep, are gone or have come to their end. When nobody can move after that,
@@ -87,7 +87,7 @@ inline ownCs() {
   holder = self + 1
 }
 
-/* Within the census: the next thread's mark, as the word that is read twice and the question whether its owner lives. */
+/* Within the census, where each mark is read, read again, and its owner asked for. */
 #define NEXT at++; seen = FREE
 
 inline clearMark(which) {
@@ -102,7 +102,10 @@ inline takeBack(whose) {
   fi
 }
 
-inline forget() { at = 0; seen = FREE; living = 0; gone = 0; goneWaiters = 0; lost = 0; wordX = false; wordS = 0; hadBit = false }
+inline forget() {
+  at = 0; seen = FREE; living = 0; gone = 0; goneWaiters = 0; lost = 0;
+  wordX = false; wordS = 0; hadBit = false
+}
 
 inline sleepUntil(condition, level) {
   atomic { rests[self] = true }
@@ -200,7 +203,12 @@ haveRescue:
     :: wordX && living == 0 && gone != 0 -> goto isLost
     :: !(wordX && living == 0 && gone != 0) && lost == 0 && goneWaiters == 0 ->
       waiterBit = waiterBit && hadBit; region = 0; forget(); back = 5; goto giveCs
-    :: else -> seen = sharers - lost; takeBack(0); takeBack(1); takeBack(2); assert(sharers == seen); seen = FREE; changed()
+    :: else ->
+      seen = sharers - lost;
+      takeBack(0); takeBack(1); takeBack(2);
+      assert(sharers == seen);
+      seen = FREE;
+      changed()
     fi
   }
   do
@@ -292,7 +300,12 @@ restCs:
   do
   :: at == THREADS -> break
   :: atomic { at < THREADS && (at == self || !IS_ACTIVE(csMark[at])) -> at++ }
-  :: atomic { at < THREADS && at != self && IS_ACTIVE(csMark[at]) -> gone = gone + dead[at]; living = living + !dead[at]; at++ }
+  :: atomic {
+      at < THREADS && at != self && IS_ACTIVE(csMark[at]) ->
+      gone = gone + dead[at];
+      living = living + !dead[at];
+      at++
+    }
   od;
   atomic {
     at = 0;
