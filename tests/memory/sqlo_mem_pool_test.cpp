@@ -59,7 +59,7 @@ TEST_APART(MemPool, TellsWhatItHas) {
   EXPECT_EQ(info.maximumAllowed, 20U << SQLO_CHUNK_SHIFT);
   EXPECT_EQ(info.currentOwned, pool->m_currentOwned << SQLO_CHUNK_SHIFT);
   EXPECT_EQ(info.poolBlocks, 1U);
-  EXPECT_EQ(info.poolUsed, 1024U + strideFor(200'000)) << "of a base pool: its sub-pools as well";
+  EXPECT_EQ(info.poolUsed, 1024U + strideFor(200'000U)) << "of a base pool: its sub-pools as well";
   EXPECT_EQ(info.poolId, SQLO_POOL_UTILH);
   EXPECT_EQ(info.isRaw, 0U);
   EXPECT_EQ(info.available, info.maximumAllowed - info.currentOwned);
@@ -67,7 +67,7 @@ TEST_APART(MemPool, TellsWhatItHas) {
   const SqloMemPoolInfo ofSub = infoOf(sub);
   EXPECT_EQ(ofSub.currentOwned, info.currentOwned);
   EXPECT_EQ(ofSub.poolOwned, 4U << SQLO_CHUNK_SHIFT);
-  EXPECT_EQ(ofSub.poolUsed, strideFor(200'000));
+  EXPECT_EQ(ofSub.poolUsed, strideFor(200'000U));
   SqloMemPoolStats stats;
   ASSERT_EQ(sqloGetMemPoolStatsUnlatched(sub, &stats), 0);
   const SqloMemPoolStats wanted = {info.maximumAllowed, info.maximumOwned, info.currentOwned, info.growths,
