@@ -32,8 +32,6 @@ MemberAnswer ownMember(std::int16_t partition, const char* host, PortMember* out
   return MemberAnswer::kFound;
 }
 
-
-
 }  // namespace
 
 constinit Ports g_ports = {

@@ -75,7 +75,6 @@ struct MemPool : SQLO_MEM_POOL {
   bool m_isPlain;  // latched, neither raw nor debugged: the short ways may be taken
   std::uint32_t m_ownChunks;
   std::uint32_t m_configuredChunks;
-  std::uint32_t m_growingChunks;    // asked of the set at this moment
   SqloMemSubgroup* m_cachedChunks;  // whole runs without a block
   std::uint32_t m_cachedChunkCount;
   std::uint32_t m_growths;
@@ -179,9 +178,13 @@ SqlzZrc sqloi_growPool(MemPool& pool, std::uint32_t stride) noexcept;
 // A run without a block, from the cache or to it. Need the latch.
 void sqloi_retireSubgroup(MemPool& pool, SqloMemSubgroup* subgroup, PoolOperation& operation) noexcept;
 void sqloi_releaseCached(MemPool& base, std::uint32_t chunks, PoolOperation& operation) noexcept;
+bool sqloi_hasCachedRun(const MemPool& base, std::uint32_t chunks) noexcept;  // of at least so many
 
 // Makes a subgroup of chunks, one free block in it. Needs the latch.
 void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexcept;
+
+// Counts a request that could not be met. Without the latch.
+void sqloi_noteRefusal(MemPool& pool) noexcept;
 
 // ---- counters; need the latch
 

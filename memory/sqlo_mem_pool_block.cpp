@@ -81,7 +81,8 @@ SqlzZrc complainOfHeader(std::uint32_t probe, const char* text, const void* bloc
 
 // ---- allocating ------------------------------------------------------------------------------------------------
 
-// Everything that the pool may still have kept somewhere.
+// Everything that the pool may still have kept somewhere is joined, and chunks without a block go back to the set,
+// where they may be a part of a longer run.
 void gatherKept(MemPool& pool) noexcept {
   sqloi_fastTakeBack(pool);
   PoolOperation operation(pool);
@@ -89,6 +90,7 @@ void gatherKept(MemPool& pool) noexcept {
     sqloi_takeDeferred(each, operation);
     sqloi_joinKept(each, operation);
   });
+  sqloi_releaseCached(pool.base(), pool.base().m_cachedChunkCount, operation);
 }
 
 bool isWorthJoining(const MemPool& pool, std::uint32_t stride) noexcept {
@@ -110,19 +112,27 @@ Block takeAndUse(MemPool& pool, std::uint32_t stride, std::uint32_t bytes, Block
   return block;
 }
 
+// Of a raw pool: as many bytes as its chunks hold, and so the walk over its subgroup finds its end.
+std::uint32_t fillingChunks(std::uint32_t bytes, std::uint32_t overhead) noexcept {
+  const std::uint32_t chunks = chunksFor(strideFor(std::uint64_t{bytes} + overhead));
+  return (chunks << SQLO_CHUNK_SHIFT) - BLOCK_FIRST_OFFSET + SQLO_BLOCK_ALIGNMENT - SQLO_BLOCK_HEADER_BYTES - overhead;
+}
+
 SqlzZrc allocateLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place, Block* out) noexcept {
-  const std::uint32_t exact = strideFor(std::uint64_t{bytes} + pool.debugOverhead());
-  const std::uint32_t stride =
-      pool.isRaw() ? (chunksFor(exact) << SQLO_CHUNK_SHIFT) - BLOCK_FIRST_OFFSET + SQLO_BLOCK_ALIGNMENT : exact;
+  const std::uint32_t overhead = pool.debugOverhead();
+  if (pool.isRaw()) bytes = fillingChunks(bytes, overhead);
+  const std::uint32_t stride = strideFor(std::uint64_t{bytes} + overhead);
   bool hasGathered = false;
   for (;;) {
     *out = takeAndUse(pool, stride, bytes, place);
     if (*out != 0) return 0;
     if (sqloi_growPool(pool, stride) == 0) continue;
-    if (hasGathered) return SQLO_NOMEM;
+    if (hasGathered) break;
     gatherKept(pool);
     hasGathered = true;
   }
+  sqloi_noteRefusal(pool);
+  return SQLO_NOMEM;
 }
 
 constexpr bool isSmall(std::size_t bytes) noexcept { return bytes - 1 < KEPT_MOST_STRIDE - SQLO_BLOCK_HEADER_BYTES; }
@@ -280,7 +290,8 @@ bool keep(const MemPool& pool, Block block, std::uint32_t stride, BlockPlace pla
   const Block block = blockOf(pointer);
   BlockHeader header;
   SQLO_MEM_POOL* handle = nullptr;
-  if (lookUp(pointer, &header, &handle) != BlockFault::kNone || handle == nullptr)
+  const bool isBlock = lookUp(pointer, &header, &handle) == BlockFault::kNone && handle != nullptr;
+  if (!isBlock || kindOf(header.code) == BLOCK_OWN)
     return complainOfBlock(10, "Freed here, but not a block of a memory pool:", pointer, file, line);
   if (kindOf(header.code) != BLOCK_USED)
     return complainOfHeader(20, "Freed twice: here, and there before:", pointer, header, file, line);

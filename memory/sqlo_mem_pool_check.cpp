@@ -13,14 +13,18 @@ namespace {
 
 // ---- after a death ---------------------------------------------------------------------------------------------
 
-// Visits the runs of chunks that a base pool has, as their own headers tell.
+// Visits the runs of chunks that a base pool has, as their own headers tell. A run begins where the set says that one
+// does, or behind another one of the pool: it may have cut one in two.
 template <class Visit>
 void visitRuns(MemPool& base, const Visit& visit) noexcept {
   const SMemSet& set = *base.m_set;
+  std::uint32_t end = 0;  // of the run before
   for (std::uint32_t chunk = 0; chunk < set.m_allocatedChunks; ++chunk) {
-    if (!set.m_starts.has(chunk) || !set.m_used.has(chunk) || !set.m_committed.has(chunk)) continue;
+    if (chunk < end || (chunk != end && !set.m_starts.has(chunk)) || !set.m_used.has(chunk)) continue;
     auto* run = std::bit_cast<SqloMemSubgroup*>(set.addressOf(chunk));
-    if (run->eyeCatcher == MEM_SUBGROUP_EYE_CATCHER && run->base == shortOf(blockOf(&base))) visit(run);
+    if (run->eyeCatcher != MEM_SUBGROUP_EYE_CATCHER || run->base != shortOf(blockOf(&base))) continue;
+    end = chunk + run->chunks;
+    visit(run);
   }
 }
 
@@ -122,7 +126,6 @@ void sqloi_repairPool(MemPool& base) noexcept {
   base.m_cachedChunks = nullptr;
   base.m_cachedChunkCount = 0;
   base.m_currentOwned = 0;
-  base.m_growingChunks = 0;
   bool isWhole = true;
   visitRuns(base, [&](SqloMemSubgroup* run) { isWhole = takeOver(base, run) && isWhole; });
   base.m_maximumOwned = std::max(base.m_maximumOwned, base.m_currentOwned);

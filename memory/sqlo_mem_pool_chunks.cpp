@@ -1,7 +1,8 @@
 // Memory pools: the chunks that a pool has of its set.
 //
-// The set logs its failures when it has released its own latch, so it is asked without the pool latch; what a pool has
-// asked for counts against its limit meanwhile.
+// The set logs its failures when it has released its own latch, so it is asked without the pool latch. Whether the
+// limit admits what it gave is decided when that is there: a thread that dies in between leaves nothing behind in the
+// pool.
 #include <algorithm>
 
 #include "diag/base/traced.h"
@@ -37,7 +38,13 @@ void cacheRun(MemPool& base, SqloMemSubgroup* run, std::uint32_t chunks) noexcep
   base.m_cachedChunkCount += chunks;
 }
 
-// The smallest run of the cache that has room for a block of that stride.
+// What of a run begins with that chunk.
+SqloMemSubgroup* partOf(SqloMemSubgroup* run, std::uint32_t chunk) noexcept {
+  return std::bit_cast<SqloMemSubgroup*>(blockOf(run) + (std::uint64_t{chunk} << SQLO_CHUNK_SHIFT));
+}
+
+// The smallest run of the cache that is long enough. A raw pool takes no more of it than it needs: the header of what
+// is left is there before the run becomes shorter.
 SqloMemSubgroup* takeCachedRun(MemPool& base, std::uint32_t chunks) noexcept {
   SqloMemSubgroup** best = nullptr;
   for (SqloMemSubgroup** at = &base.m_cachedChunks; *at != nullptr; at = &(*at)->next)
@@ -46,13 +53,16 @@ SqloMemSubgroup* takeCachedRun(MemPool& base, std::uint32_t chunks) noexcept {
   SqloMemSubgroup* const run = *best;
   *best = run->next;
   base.m_cachedChunkCount -= run->chunks;
+  if (base.isRaw() && run->chunks != chunks) {
+    cacheRun(base, partOf(run, chunks), run->chunks - chunks);
+    run->chunks = chunks;
+  }
   return run;
 }
 
 // Chunks that may still be asked of the set.
 std::uint32_t roomOf(const MemPool& base) noexcept {
-  const std::uint64_t taken = std::uint64_t{base.m_currentOwned} + base.m_growingChunks;
-  return taken >= base.m_maximumAllowed ? 0 : base.m_maximumAllowed - static_cast<std::uint32_t>(taken);
+  return base.m_maximumAllowed - std::min(base.m_maximumAllowed, base.m_currentOwned);
 }
 
 // How many chunks to ask for when `needed` must be had; 0: the limit does not admit it.
@@ -72,15 +82,17 @@ SqlzZrc askSet(SMemSet& set, std::uint32_t needed, std::uint32_t* step, void** a
   return sqloi_setGetChunks(set, needed, address);
 }
 
-// Counts what the set gave, whatever became of the request meanwhile.
-void noteGrowth(MemPool& base, std::uint32_t asked, std::uint32_t got) noexcept {
-  base.m_growingChunks -= std::min(asked, base.m_growingChunks);
-  if (got == 0) {
-    ++base.m_refusals;
-    return;
+// Counts chunks that the set gave, unless others have used up the limit meanwhile: then they go back.
+bool admit(MemPool& base, void* address, std::uint32_t chunks, PoolOperation& operation) noexcept {
+  if (chunks > roomOf(base) && !sqloi_allowsGrowth(base)) {
+    auto* run = static_cast<SqloMemSubgroup*>(address);
+    run->chunks = chunks;
+    operation.giveBack(run);
+    return false;
   }
   ++base.m_growths;
-  sqloi_noteOwned(base, got);
+  sqloi_noteOwned(base, chunks);
+  return true;
 }
 
 }  // namespace
@@ -96,6 +108,11 @@ void sqloi_noteOwned(MemPool& base, std::int64_t chunks) noexcept {
   base.m_maximumOwned = std::max(base.m_maximumOwned, base.m_currentOwned);
   if (base.m_currentOwned > base.m_maximumAllowed && sqloi_allowsGrowth(base))
     base.m_maximumAllowed = base.m_currentOwned;
+}
+
+void sqloi_noteRefusal(MemPool& pool) noexcept {
+  const PoolOperation operation(pool);
+  ++pool.base().m_refusals;
 }
 
 void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexcept {
@@ -125,6 +142,12 @@ void sqloi_retireSubgroup(MemPool& pool, SqloMemSubgroup* subgroup, PoolOperatio
   operation.giveBack(subgroup);
 }
 
+bool sqloi_hasCachedRun(const MemPool& base, std::uint32_t chunks) noexcept {
+  const SqloMemSubgroup* run = base.m_cachedChunks;
+  while (run != nullptr && run->chunks < chunks) run = run->next;
+  return run != nullptr;
+}
+
 // Of a run that is larger than what is left to give back, the end goes.
 void sqloi_releaseCached(MemPool& base, std::uint32_t chunks, PoolOperation& operation) noexcept {
   while (chunks != 0 && base.m_cachedChunks != nullptr) {
@@ -134,7 +157,7 @@ void sqloi_releaseCached(MemPool& base, std::uint32_t chunks, PoolOperation& ope
       base.m_cachedChunks = run->next;
     } else {
       run->chunks -= part;
-      run = std::bit_cast<SqloMemSubgroup*>(blockOf(run) + (std::uint64_t{run->chunks} << SQLO_CHUNK_SHIFT));
+      run = partOf(run, run->chunks);
       run->chunks = part;
     }
     base.m_cachedChunkCount -= part;
@@ -161,21 +184,18 @@ SqlzZrc sqloi_growPool(MemPool& pool, std::uint32_t stride) noexcept {
       sqloi_releaseCached(base, needed, operation);
       step = growthStep(base, needed);
     }
-    if (step == 0) ++base.m_refusals;
-    base.m_growingChunks += step;
   }
   if (step == 0) {
     trace.data(10, "Exceeded max chunks");
     return trace.exit(SQLO_NOMEM);
   }
-  const std::uint32_t asked = step;
   void* address = nullptr;
   const SqlzZrc result = askSet(*base.m_set, needed, &step, &address);
   if (result != 0) trace.data(20, "Raw chunk commit failed");
-  const PoolOperation operation(pool);
-  noteGrowth(base, asked, result == 0 ? step : 0);
-  if (result == 0) sqloi_addSubgroup(pool, address, step);
-  return trace.exit(result == 0 ? 0 : SQLO_NOMEM);
+  if (result != 0) return trace.exit(SQLO_NOMEM);
+  PoolOperation operation(pool);
+  if (admit(base, address, step, operation)) sqloi_addSubgroup(pool, address, step);
+  return trace.exit(0);
 }
 
 }  // namespace vek
@@ -187,37 +207,31 @@ SqlzZrc SQLO_MEM_POOL::commitRawChunks(std::uint32_t count, std::uint32_t* commi
   vek::MemPool* const pool = vek::sqloi_poolOf(this);
   if (pool == nullptr) return trace.exit(SQLO_INV_MEM);
   vek::MemPool& base = pool->base();
+  bool mayGrow = false;
   {
     const vek::PoolOperation operation(base);
-    if (count > vek::roomOf(base) && !vek::sqloi_allowsGrowth(base)) {
-      ++base.m_refusals;
-      count = UINT32_MAX;
-    } else {
-      base.m_growingChunks += count;
-    }
+    mayGrow = count <= vek::roomOf(base) || vek::sqloi_allowsGrowth(base);
   }
-  if (count == UINT32_MAX) {
+  if (!mayGrow) {
+    vek::sqloi_noteRefusal(base);
     trace.data(10, "Exceeded max chunks");
     return trace.exit(SQLO_NOMEM);
   }
   std::uint32_t got = 0;
   for (std::uint32_t step = count; got < count && step != 0;) {
     void* address = nullptr;
-    if (vek::sqloi_setGetChunks(*m_set, step, &address) != 0) {
+    if (vek::sqloi_setGetChunks(*base.m_set, step, &address) != 0) {
       step = step == 1 ? 0 : 1;
       continue;
     }
-    const vek::PoolOperation operation(base);
-    vek::noteGrowth(base, step, step);
+    vek::PoolOperation operation(base);
+    if (!vek::admit(base, address, step, operation)) break;
     vek::cacheRun(base, static_cast<SqloMemSubgroup*>(address), step);
     got += step;
   }
-  if (got < count) {
-    const vek::PoolOperation operation(base);
-    vek::noteGrowth(base, count - got, 0);
-  }
   if (committed != nullptr) *committed = got;
   if (got == count) return trace.exit(0);
+  vek::sqloi_noteRefusal(base);
   trace.data(20, "Raw chunk commit failed");
   return trace.exit(SQLO_NOMEM);
 }

@@ -184,6 +184,7 @@ std::uint32_t sqloi_fileKey(const char* file) noexcept {
 bool sqloi_isFast(const MemPool& pool) noexcept { return __atomic_load_n(&pool.m_fastMost, __ATOMIC_RELAXED) != 0; }
 
 FastThread::Entry* sqloi_fastLearn(MemPool& pool) noexcept {
+  if (!pool.m_set->isPrivate()) return nullptr;  // another process may destroy it, and no epoch here tells of that
   const RegistryOperation operation;
   if (t_fast == nullptr) t_fast = makeThread();
   FastThread* const thread = t_fast;

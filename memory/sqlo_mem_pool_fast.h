@@ -141,7 +141,7 @@ class FastInside {
 bool sqloi_isFast(const MemPool& pool) noexcept;
 
 // Learns about a pool that is there, and makes the calling thread's cache of it when it is to have one. Null: there is
-// no memory for that at the moment. Without a latch.
+// no memory for that at the moment, or the pool is one that processes share. Without a latch.
 FastThread::Entry* sqloi_fastLearn(MemPool& pool) noexcept;
 
 // Learns that a chunk, of a private set, belongs to a pool that the thread knows.

@@ -112,16 +112,18 @@ bool sqloMemPoolHasSpace(SQLO_MEM_POOL* pool, std::size_t bytes) noexcept {
   vek::MemPool* const found = vek::sqloi_poolOf(pool);
   if (found == nullptr || bytes > UINT32_MAX - SQLO_CHUNK_BYTES) return false;
   vek::MemPool& base = found->base();
+  const std::uint32_t needed = vek::chunksFor(vek::strideFor(bytes + found->debugOverhead()));
   std::uint32_t room = 0;
+  std::uint32_t cached = 0;
   {
     vek::PoolOperation operation(*found);
     vek::settle(*found, operation);
-    if (vek::availableIn(*found) >= bytes) return true;
+    if (vek::availableIn(*found) >= bytes || vek::sqloi_hasCachedRun(base, needed)) return true;
     const std::uint32_t limit = vek::sqloi_allowsGrowth(base) ? UINT32_MAX : base.m_maximumAllowed;
-    room = limit - std::min(limit, base.m_currentOwned - base.m_cachedChunkCount);
+    cached = base.m_cachedChunkCount;
+    room = limit - std::min(limit, base.m_currentOwned - cached);
   }
-  const std::uint32_t needed = vek::chunksFor(vek::strideFor(bytes + found->debugOverhead()));
-  return needed <= room && needed <= vek::remainingOf(*base.m_set);
+  return needed <= room && needed <= vek::remainingOf(*base.m_set) + cached;
 }
 
 std::uint32_t sqloGetLargestFreeBlockSize(SQLO_MEM_POOL* pool) noexcept {

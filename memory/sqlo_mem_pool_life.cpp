@@ -28,6 +28,11 @@ SqlzZrc complain(std::uint32_t probe, SqlzZrc zrc, const char* text, std::uint32
   return zrc;
 }
 
+SqlzZrc complainOfInitialSize(const SqloMemPoolRequest& request) noexcept {
+  return complain(20, SQLO_NOMEM, "Unable to allocate memory for the initial pool size.", request.poolId,
+                  request.initialBytes);
+}
+
 bool isPoolId(std::uint32_t id) noexcept { return id < SQLO_POOL_MAXHEAPID && sqloGetMemPoolName(id)[0] != '\0'; }
 
 // ---- making ----------------------------------------------------------------------------------------------------
@@ -106,12 +111,18 @@ SqlzZrc createPool(const SqloMemPoolRequest& request, SQLO_MEM_POOL** out) noexc
   const auto limit = wanted == 0 ? std::max(giveable, 1U) : static_cast<std::uint32_t>(wanted);
   const std::uint64_t initial =
       std::max<std::uint64_t>((request.initialBytes + SQLO_CHUNK_BYTES - 1) >> SQLO_CHUNK_SHIFT, 1);
+  // Blocks of a raw pool do not share chunks with its control block.
+  const std::uint64_t first = (request.options & SQLO_POOL_RAW) != 0 ? 1 : initial;
   void* chunks = nullptr;
-  if (initial > limit || sqloi_setGetChunks(*request.set, static_cast<std::uint32_t>(initial), &chunks) != 0)
-    return complain(20, SQLO_NOMEM, "Unable to allocate memory for the initial pool size.", request.poolId,
-                    request.initialBytes);
-  MemPool* const pool = build(chunks, static_cast<std::uint32_t>(initial), request, limit);
+  if (initial > limit || sqloi_setGetChunks(*request.set, static_cast<std::uint32_t>(first), &chunks) != 0)
+    return complainOfInitialSize(request);
+  MemPool* const pool = build(chunks, static_cast<std::uint32_t>(first), request, limit);
   enterInSet(*request.set, *pool);
+  if (pool->commitRawChunks(static_cast<std::uint32_t>(initial - first), nullptr) != 0) {
+    SQLO_MEM_POOL* const failed = pool;
+    (void)sqloMemFreePools(&failed, 1);
+    return complainOfInitialSize(request);
+  }
   sqloi_startDebugging(*pool);
   pool->m_isPlain = isLatched(*pool) && !pool->isRaw() && !pool->isDebugged() && !request.set->m_fillsFreed;
   *out = pool;
@@ -251,8 +262,10 @@ SqlzZrc sqloCreateMemorySubPool(SQLO_MEM_POOL* parentHandle, SQLO_MEM_POOL** sub
         return trace.exit(0);
       }
     }
-    if (vek::sqloi_growPool(*parent, kStride) != 0) return trace.exit(SQLO_NOMEM);
+    if (vek::sqloi_growPool(*parent, kStride) != 0) break;
   }
+  vek::sqloi_noteRefusal(*parent);
+  return trace.exit(SQLO_NOMEM);
 }
 
 SqlzZrc sqloFreeMemorySubPool(SQLO_MEM_POOL* subPool) noexcept {

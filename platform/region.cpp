@@ -14,6 +14,7 @@
 #include "platform/library_mutex.h"
 #include "platform/osse.h"
 #include "platform/ports.h"
+#include "platform/semaphore.h"
 #include "platform/thread.h"
 #include "platform/trcapi.h"
 #include "platform/wint.h"
@@ -147,6 +148,21 @@ Found inspectFile(int fd, std::uint64_t fileBytes) noexcept {
   return found == Found::kUsable && fileBytes < header.bytes ? Found::kDamaged : found;
 }
 
+// The semaphores of a region that is about to be replaced: nobody else will know their names.
+void removeSemaphoresOf(int fd) noexcept {
+  alignas(RegionHeader) char copy[sizeof(RegionHeader)] = {};
+  std::size_t count = 0;
+  if (ossReadAt(fd, copy, sizeof copy, 0, &count) != 0 || count != sizeof copy) return;
+  RegionHeader& header = *headerAt(copy);
+  if (std::memcmp(header.magic, kMagic, sizeof kMagic) != 0) return;
+  header.instanceName[sizeof header.instanceName - 1] = '\0';
+  char identity[96];
+  char prefix[128];
+  regionIdentity(header, identity, sizeof identity);
+  ossSnprintf(prefix, sizeof prefix, "/%s%s_", REGION_SEMAPHORE_PREFIX, identity);
+  ossRemoveSemaphoresOf(prefix);
+}
+
 bool anybodyLivesIn(int fd) noexcept { return ossByteLockedElsewhere(fd, REGION_SLOT_LOCK_BASE, REGION_PROCESS_SLOTS); }
 
 char* mapRegion(int fd) noexcept {
@@ -216,6 +232,7 @@ Step settle(const char* path, int fd, SqlzZrc* result) noexcept {
     return Step::kDone;
   }
   // A left-over. It is replaced, not rebuilt: a process that still maps it must keep what it sees.
+  removeSemaphoresOf(fd);
   ossCalls().unlink(path);
   return Step::kAgain;
 }
@@ -419,6 +436,11 @@ void regionReportOnce() noexcept {
   const SqlzZrc status = g_region.sharedStatus;
   if (status == 0 || g_region.reported.exchange(true)) return;
   g_ports.reportEvent({FID_regionAttach, 10, 3, status, explain(status)});
+}
+
+std::size_t regionIdentity(const RegionHeader& header, char* text, std::size_t bytes) noexcept {
+  return ossSnprintf(text, bytes, "%u.%s.%llx", header.ownerUser, header.instanceName,
+                     static_cast<unsigned long long>(header.createdRealtimeNs));
 }
 
 const RegionHeader* regionHeader() noexcept {

@@ -14,8 +14,10 @@
 //
 // Liveness. A process holds a record lock on the byte of its slot for life. The kernel drops it on death, whatever
 // happens to process numbers or name spaces; a slot whose byte is free belongs to a dead process (or a forked child
-// that has not called the library yet is holding nothing at all). The descriptor is kept open for life and opened
-// once: closing any descriptor of the object would drop the locks.
+// that has not called the library yet is holding nothing at all). When the parent of such a child was the last process
+// and has ended, the instance has ended as well, and the next process begins a new run of it: a server that turns
+// itself into a daemon does so before it uses the library, or has the child call it before the parent ends. The
+// descriptor is kept open for life and opened once: closing any descriptor of the object would drop the locks.
 //
 // Position independence. Sections are found by (identifier, version); they hold offsets, slots and interned ids, never
 // a pointer, a vtable or a function address.
@@ -178,6 +180,13 @@ std::uint64_t regionNextThreadSerial() noexcept;
 // Frees what dead processes left: their thread slots, then their process slots. At most one sweeper works in the
 // instance; the others return false at once, and so does a process without a slot.
 bool regionSweep() noexcept;
+
+// The text that tells a region from every other one, of all users and times, in names of what belongs to it: user, name
+// of the instance, when it was made. Returns the characters.
+std::size_t regionIdentity(const RegionHeader& header, char* text, std::size_t bytes) noexcept;
+
+// What the names of a region's semaphores begin with: this, its identity and an underscore.
+inline constexpr char REGION_SEMAPHORE_PREFIX[] = "VEKSEM";
 
 // Called by the fork handlers in the child: forgets the parent's slot.
 void regionAfterFork() noexcept;

@@ -1,8 +1,10 @@
 #include "platform/semaphore.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <semaphore.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -10,6 +12,11 @@
 
 namespace vek {
 namespace {
+
+// Where the C library keeps named semaphores, and what it puts before their names.
+constexpr char kDirectory[] = "/dev/shm";
+constexpr char kBefore[] = "sem.";
+constexpr std::size_t kBeforeLength = sizeof kBefore - 1;
 
 static_assert(sizeof(sem_t) <= sizeof(OssSemaphore));
 static_assert(alignof(sem_t) <= alignof(OssSemaphore));
@@ -19,7 +26,7 @@ sem_t* real(OssSemaphore* semaphore) noexcept { return reinterpret_cast<sem_t*>(
 // Whether the file behind a named semaphore, where it is there, is one of ours.
 bool isOurs(const char* name) noexcept {
   char path[280];
-  ossSnprintf(path, sizeof path, "/dev/shm/sem.%s", name + 1);
+  ossSnprintf(path, sizeof path, "%s/%s%s", kDirectory, kBefore, name + 1);
   struct stat status;
   if (ossCalls().lstat(path, &status) != 0) return errno == ENOENT;
   return S_ISREG(status.st_mode) && status.st_uid == ossUserId() && (status.st_mode & 077) == 0;
@@ -41,6 +48,18 @@ int ossOpenSemaphore(const char* name, OssSemaphore** out) noexcept {
 
 void ossCloseSemaphore(OssSemaphore* semaphore) noexcept { ::sem_close(real(semaphore)); }
 void ossRemoveSemaphore(const char* name) noexcept { ::sem_unlink(name); }
+
+void ossRemoveSemaphoresOf(const char* prefix) noexcept {
+  DIR* directory = ::opendir(kDirectory);
+  if (directory == nullptr) return;
+  const std::size_t length = ::strlen(prefix + 1);
+  while (const dirent* entry = ::readdir(directory)) {
+    if (::strncmp(entry->d_name, kBefore, kBeforeLength) != 0) continue;
+    const char* name = entry->d_name + kBeforeLength;
+    if (::strncmp(name, prefix + 1, length) == 0) ::sem_unlink(name);
+  }
+  ::closedir(directory);
+}
 void ossInitSemaphore(OssSemaphore* semaphore) noexcept { ::sem_init(real(semaphore), 0, 0); }
 void ossPostSemaphore(OssSemaphore* semaphore) noexcept { ::sem_post(real(semaphore)); }
 

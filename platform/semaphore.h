@@ -20,6 +20,9 @@ int ossOpenSemaphore(const char* name, OssSemaphore** out) noexcept;
 void ossCloseSemaphore(OssSemaphore* semaphore) noexcept;
 void ossRemoveSemaphore(const char* name) noexcept;
 
+// Removes every named semaphore whose name begins with `prefix` ("/" first): what dead processes left behind.
+void ossRemoveSemaphoresOf(const char* prefix) noexcept;
+
 // One of this process, with count 0, in memory of the caller's.
 void ossInitSemaphore(OssSemaphore* semaphore) noexcept;
 

@@ -39,12 +39,9 @@ struct Name {
   char text[128];
 };
 
-// The instance part tells user, name and the region itself: two regions never share a semaphore.
 Name nameOf(std::uint32_t index, std::uint32_t generation, std::uint32_t kind) noexcept {
-  const RegionHeader* header = regionHeader();
   char instance[96];
-  ossSnprintf(instance, sizeof instance, "%u.%s.%llx", header->ownerUser, header->instanceName,
-              static_cast<unsigned long long>(header->createdRealtimeNs));
+  regionIdentity(*regionHeader(), instance, sizeof instance);  // two regions never share a semaphore
   Name name;
   const std::uintptr_t offset = (std::uintptr_t{index} + 1) * sizeof(SemElement);
   const void* address = reinterpret_cast<const void*>(offset);  // NOLINT(performance-no-int-to-ptr): only printed
@@ -185,7 +182,8 @@ void sqloi_closeSemaphores() noexcept {
 std::size_t sqloConstructResourceNameForAddress(char* buffer, std::size_t bytes, const char* prefix,
                                                 const char* instance, int number, const void* address) noexcept {
   char whole[512];
-  const std::size_t length = ossSnprintf(whole, sizeof whole, "%sVEKSEM%s_%d%p", prefix, instance, number, address);
+  const std::size_t length =
+      ossSnprintf(whole, sizeof whole, "%s%s%s_%d%p", prefix, REGION_SEMAPHORE_PREFIX, instance, number, address);
   if (length >= bytes) return 0;
   ossCopyText(buffer, bytes, whole);
   return length;

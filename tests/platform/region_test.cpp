@@ -18,6 +18,7 @@
 
 #include "platform/host.h"
 #include "platform/ports.h"
+#include "platform/semaphore.h"
 #include "platform/support.h"
 #include "platform/thread.h"
 #include "platform/trcapi.h"
@@ -174,6 +175,32 @@ TEST(RegionAttach, RacingProcessesShareOneRegionWhateverWasLeft) {
     EXPECT_EQ(status.st_nlink == 0, leftOver.replaced) << leftOver.what;
     ::close(old);
   }
+}
+
+TEST(RegionAttach, TakesTheSemaphoresOfAReplacedRegionAway) {
+  const Instance instance;
+  char name[200];
+  const auto attachAndTell = [&] {
+    const Shared<std::array<char, 96>> identity;
+    EXPECT_EQ(runInProcess([&] {
+                attachExpecting(0);
+                regionIdentity(*regionHeader(), identity->data(), identity->size());
+              }),
+              0);
+    ossSnprintf(name, sizeof name, "/%s%s_7", REGION_SEMAPHORE_PREFIX, identity->data());
+  };
+  const auto isThere = [&] { return ::access((std::string("/dev/shm/sem.") + (name + 1)).c_str(), F_OK) == 0; };
+  attachAndTell();
+  OssSemaphore* semaphore = nullptr;
+  ASSERT_EQ(ossOpenSemaphore(name, &semaphore), 0);
+  ossCloseSemaphore(semaphore);
+  const std::string old = name;
+  attachAndTell();
+  EXPECT_EQ(name, old);
+  EXPECT_TRUE(isThere());
+  patch(instance.region(), kVersionAt, REGION_LAYOUT_VERSION + 1);
+  EXPECT_EQ(runInProcess([] { attachExpecting(0); }), 0);
+  EXPECT_FALSE(isThere());
 }
 
 int g_events;

@@ -1,16 +1,16 @@
 // Latches of holders and waiters that are killed: at any instruction of a capture or a release, asleep, and just woken.
-#include <sys/ptrace.h>
-
 #include <algorithm>
 #include <atomic>
-#include <fstream>
 #include <functional>
 
 #include "diag/pdlog_support.h"
+#include "platform/victim.h"
 #include "sync/latch_support.h"
 
 namespace vek::synctest {
 namespace {
+
+using platformtest::Victim;
 
 constexpr std::uint16_t kFair = SQLO_LATCH_NO_X_STARVATION;
 constexpr std::uint16_t kShared = SQLO_LATCH_BETWEEN_PROCESSES;
@@ -37,70 +37,12 @@ void initialise(Latches& latches, std::uint16_t policy) {
 
 constexpr char kVictim[] = "victim";  // the file it captures in, as it says
 
-// A process that stops before it runs `body`, and can be led through it instruction by instruction.
-class Victim {
- public:
-  explicit Victim(const std::function<void()>& body) : process_(::fork()) {
-    if (process_ == 0) {
-      SqloSpinLatch
-          own;  // a process's first capture attaches it, and in a file interns its name: not what is looked at here
-      (void)own.captureLatch(kVictim, 1);
-      own.releaseLatch();
-      if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) ::_exit(kSkip);
-      ::raise(SIGSTOP);
-      body();
-      ::_exit(0);
-    }
-    int status = 0;
-    ::waitpid(process_, &status, 0);
-    canRun_ = WIFSTOPPED(status);
-  }
-  ~Victim() {
-    if (!gone_) platformtest::finishKilled(process_);
-  }
-  Victim(const Victim&) = delete;
-  Victim& operator=(const Victim&) = delete;
-
-  bool canRun() const { return canRun_; }
-
-  // Leads it on; returns how many instructions it did before it ended.
-  unsigned step(unsigned instructions) {
-    for (unsigned done = 0; done < instructions; ++done) {
-      if (!resume(PTRACE_SINGLESTEP)) return done;
-    }
-    return instructions;
-  }
-
-  // Lets it run until it sleeps on a semaphore, and stops it there; a stopped thread that held a latch of the library's
-  // own would be waited for like any other.
-  void runUntilAsleep() {
-    ::ptrace(PTRACE_CONT, process_, nullptr, nullptr);
-    while (!sleepsOnFutex()) ::usleep(200);
-    ::kill(process_, SIGSTOP);
-    int status = 0;
-    ::waitpid(process_, &status, 0);
-  }
-
- private:
-  static constexpr int kSkip = 77;
-
-  bool sleepsOnFutex() const {
-    std::ifstream in("/proc/" + std::to_string(process_) + "/syscall");
-    long number = -1;
-    return in >> number && number == SYS_futex;
-  }
-
-  bool resume(__ptrace_request how) {
-    int status = 0;
-    if (::ptrace(how, process_, nullptr, nullptr) != 0 || ::waitpid(process_, &status, 0) < 0) return false;
-    gone_ = WIFEXITED(status) || WIFSIGNALED(status);
-    return !gone_;
-  }
-
-  pid_t process_;
-  bool canRun_ = false;
-  bool gone_ = false;
-};
+// A process's first capture attaches it, and in a file interns its name: not what is looked at here.
+void captureOnce() {
+  SqloSpinLatch own;
+  (void)own.captureLatch(kVictim, 1);
+  own.releaseLatch();
+}
 
 // Whoever is left gets the latch, in both modes, and finds it free afterwards.
 void expectUsable(Latches& latches, const std::string& what) {
@@ -156,7 +98,7 @@ constexpr unsigned kStride = 2;
 void killAt(Latches& latches, const Scenario& scenario, unsigned instruction) {
   scenario.before(latches);
   {
-    Victim victim([&] { scenario.victim(latches); });
+    Victim victim(captureOnce, [&] { scenario.victim(latches); });
     if (!victim.canRun()) ::exit(platformtest::kSkip);
     victim.step(instruction);
   }
@@ -168,7 +110,7 @@ unsigned lengthOf(Latches& latches, const Scenario& scenario) {
   scenario.before(latches);
   unsigned length = 0;
   {
-    Victim victim([&] { scenario.victim(latches); });
+    Victim victim(captureOnce, [&] { scenario.victim(latches); });
     if (!victim.canRun()) ::exit(platformtest::kSkip);
     length = victim.step(scenario.before == nothing ? kStepsMost : 3000);  // a waiter would wait for ever
   }
@@ -211,7 +153,7 @@ TEST_P(LatchDeath, JustWoken) {
     for (unsigned i = 0; i < 40; ++i) {
       hold(*latches);
       {
-        Victim victim([&] { (void)latches->word.getExclusive(kVictim, 1), latches->word.release(); });
+        Victim victim(captureOnce, [&] { (void)latches->word.getExclusive(kVictim, 1), latches->word.release(); });
         if (!victim.canRun()) ::exit(platformtest::kSkip);
         victim.runUntilAsleep();
         latches->word.release();

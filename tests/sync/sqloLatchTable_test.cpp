@@ -8,12 +8,9 @@ namespace vek::synctest {
 namespace {
 
 using logtest::countOf;
-using logtest::recordsOf;
-
-std::vector<std::string> records(const logtest::Log& log) { return recordsOf(logtest::readFile(log.path())); }
 
 TEST(LatchTable, CountsHoldsByType) {
-  const logtest::Log log;
+  const Instance instance;
   platformtest::inProcess([] {
     SqloSpinLatch first;
     SqloSpinLatch second;
@@ -42,7 +39,7 @@ TEST(LatchTable, CountsHoldsByType) {
 
 // More latches than the list has room for: all are taken and given back, the counts stay right.
 TEST(LatchTable, TakesMoreLatchesThanItLists) {
-  const logtest::Log log;
+  const Instance instance;
   platformtest::inProcess([] {
     SQLO_SLATCH_CAS32 latches[100];
     for (auto& latch : latches) {
@@ -61,7 +58,8 @@ TEST(LatchTable, TakesMoreLatchesThanItLists) {
 }
 
 TEST(LatchTable, WhatAThreadLeavesHeldIsReported) {
-  const logtest::Log log;
+  const Instance instance;
+  const logtest::Log log{instance};
   platformtest::inProcess([] {
     SQLO_SLATCH_CAS32 latch;
     ASSERT_EQ(latch.init(1, 0), 0);
@@ -72,7 +70,7 @@ TEST(LatchTable, WhatAThreadLeavesHeldIsReported) {
     });
     sqloCheckLatchTable(nullptr);
   });
-  const auto written = records(log);
+  const auto written = log.records();
   EXPECT_EQ(countOf(written, "Latch leaked on EDU termination: File leak.cpp : Line 4713 (Identity: 1) HoldCount: 2"),
             1U);
   EXPECT_EQ(countOf(written, "Latch still held: "), 2U);
@@ -81,7 +79,8 @@ TEST(LatchTable, WhatAThreadLeavesHeldIsReported) {
 
 // Everything that hangs on the debug setting, in a process that has it.
 TEST(LatchDebug, FindsWhatCanBlockForGood) {
-  const logtest::Log log;
+  const Instance instance;
+  const logtest::Log log{instance};
   ::setenv("VEK_LATCH_DEBUG", "on", 1);
   platformtest::inProcess([] {
     SqloSpinLatch a;
@@ -124,7 +123,7 @@ TEST(LatchDebug, FindsWhatCanBlockForGood) {
   EXPECT_EQ(platformtest::finish(again), -SIGALRM);
   EXPECT_EQ(platformtest::finish(behind), -SIGALRM);
   ::unsetenv("VEK_LATCH_DEBUG");
-  const auto written = records(log);
+  const auto written = log.records();
   EXPECT_EQ(countOf(written, "Latches are captured in orders that can block each other for good:"), 2U);
   EXPECT_EQ(countOf(written, "order.cpp line 401, inside what order.cpp line 400 captured"), 1U);
   EXPECT_EQ(countOf(written, "order.cpp line 301, inside what order.cpp line 300 captured"), 1U);
@@ -138,7 +137,8 @@ TEST(LatchDebug, FindsWhatCanBlockForGood) {
 }
 
 TEST(LatchTuning, SaysWhatItDoesNotUnderstand) {
-  const logtest::Log log;
+  const Instance instance;
+  const logtest::Log log{instance};
   ::setenv("VEK_LATCH_TUNE", "XLOOP=80, 12.SLOOP=7 ENABLE_ADAPTIVE_SLEEP,OUTER=x,NONSENSE=1,SLEEP_MIN", 1);
   ::setenv("VEKSPINLATCHES", "sometimes", 1);
   platformtest::inProcess([] { EXPECT_EQ(sqloInitializeLatchTuningInfo(), SQLO_INV_PARM); });
@@ -147,7 +147,7 @@ TEST(LatchTuning, SaysWhatItDoesNotUnderstand) {
   platformtest::inProcess([] { EXPECT_EQ(sqloInitializeLatchTuningInfo(), 0); });
   ::unsetenv("VEK_LATCH_TUNE");
   ::unsetenv("VEKSPINLATCHES");
-  const auto written = records(log);
+  const auto written = log.records();
   for (const char* word : {"\"OUTER=x\"", "\"NONSENSE=1\"", "\"SLEEP_MIN\"", "VEKSPINLATCHES: \"sometimes\""})
     EXPECT_EQ(countOf(written, word), 1U) << word;
   EXPECT_EQ(countOf(written, "is not understood"), 4U);

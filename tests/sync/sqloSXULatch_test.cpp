@@ -112,7 +112,8 @@ TEST(SXULatch, UpgradesOnlyWhoHasUAndIsAlone) {
 }
 
 TEST(SXULatch, ReportsMisuse) {
-  const vek::logtest::Log log;
+  const Instance instance;
+  const vek::logtest::Log log{instance};
   inProcess([&] {
     sqloSXULatch latch;
     ASSERT_EQ(latch.init(kType, 0), 0);

@@ -40,7 +40,7 @@ inline constexpr std::uint32_t SQLO_POOL_CRITICAL = 0x2;       // set through it
 inline constexpr std::uint32_t SQLO_POOL_UNLATCHED = 0x4;      // used without its latch
 inline constexpr std::uint32_t SQLO_POOL_AUTOMATIC = 0x8;      // grows beyond its limit as far as the set allows
 inline constexpr std::uint32_t SQLO_POOL_SEARCHABLE = 0x20;    // state: it keeps a tree of free blocks; not a raw pool
-inline constexpr std::uint32_t SQLO_POOL_RAW = 0x40;           // each block has whole chunks of its own
+inline constexpr std::uint32_t SQLO_POOL_RAW = 0x40;           // each block has whole chunks of its own, and their size
 inline constexpr std::uint32_t SQLO_POOL_REPORT_LEAKS = 0x80;  // freed with blocks in use: they are logged
 
 // Eye-catchers of pools. A raw pool is of the distinguished kind, which sqloGetPoolInfo tells.

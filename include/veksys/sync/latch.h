@@ -20,9 +20,8 @@
 //     of the caller (__FILE__ and __LINE__, or any text that lives as long as the process). `veksys latch` shows them,
 //     and a thread that ends with latches held is reported. See latch_control.h.
 //   - A word that no sequence of operations can have produced is corruption: the process stops (sqloPanic).
-//   - A latch whose holder has died is not waited for in silence. A shared hold of a dead thread is taken back: a
-//   reader
-//     leaves the data as they were. What becomes of an exclusive one is told by the type of the latch
+//   - A latch whose holder has died is not waited for in silence. A shared hold of a dead thread is taken back, since
+//     a reader leaves the data as they were. What becomes of an exclusive one is told by the type of the latch
 //     (sqloSetLatchDeathPolicy); without a policy the process stops, since the data may be half changed.
 //
 // Result of every capture
