@@ -60,6 +60,8 @@ inline constexpr std::uint32_t BLOCK_OWN = 0xE4DCAF30;   // of the pool itself: 
 inline constexpr std::uint32_t BLOCK_FLAGS = 0xF;
 inline constexpr std::uint32_t BLOCK_SLACK = 0x1;    // 16 bytes longer than its size asks for
 inline constexpr std::uint32_t BLOCK_GUARDED = 0x2;  // with a guard behind it
+inline constexpr std::uint32_t BLOCK_NAMED =
+    0x4;  // kept by a thread: its place is the line and the address of the name
 
 inline constexpr std::uint32_t CHUNK_REFERENCE_MARKER = 0xFAB00000;
 inline constexpr std::uint32_t CHUNK_REFERENCE_MASK = 0xFFF00000;
@@ -144,13 +146,23 @@ VEK_MAY_TOUCH_POISONED inline void setUsedAlone(Block block, std::uint32_t size,
   header.line = static_cast<std::uint16_t>(place.line);
   header.sequence = static_cast<std::uint16_t>(sequence);
 }
-VEK_MAY_TOUCH_POISONED inline void setKeptAlone(Block block, std::uint32_t next, BlockPlace place) noexcept {
+VEK_MAY_TOUCH_POISONED inline void setKeptAlone(Block block, std::uint32_t next, const char* file,
+                                                std::uint32_t line) noexcept {
   BlockHeader& header = *headerOf(block);
-  header.code = BLOCK_KEPT;
-  header.file = place.file;
-  header.line = static_cast<std::uint16_t>(place.line);
+  header.code = BLOCK_KEPT | BLOCK_NAMED;
+  const std::uint64_t place = std::uint64_t{reinterpret_cast<std::uintptr_t>(file)} << 16 | (line & 0xFFFFU);
+  __builtin_memcpy(&header.file, &place, sizeof place);
   header.link = next;
 }
+
+// The file of a block that is NAMED, and the line.
+inline const char* namedFileOf(const BlockHeader& header, std::uint32_t* line) noexcept {
+  std::uint64_t place;
+  __builtin_memcpy(&place, &header.file, sizeof place);
+  *line = static_cast<std::uint32_t>(place & 0xFFFFU);
+  return std::bit_cast<const char*>(place >> 16);
+}
+
 VEK_MAY_TOUCH_POISONED inline void setChunk(Block block, std::uint32_t reference) noexcept {
   headerOf(block)->chunk = reference;
 }

@@ -75,7 +75,9 @@ SqlzZrc complainOfHeader(std::uint32_t probe, const char* text, const void* bloc
                          const char* file, std::uint32_t line) noexcept {
   PdLogCall call = pdLogDescribe(PD_LOG_RC_ZRC, FID_sqloMemPoolFree, SQLO_INV_MEM, probe, PD_LEVEL_ERROR);
   call.message = text;
-  (void)pdLogCallValues(call, block, file, line, nameOfFile(header.file), std::uint32_t{header.line}, header.size);
+  std::uint32_t itsLine = header.line;
+  const char* itsFile = (header.code & BLOCK_NAMED) != 0 ? namedFileOf(header, &itsLine) : nameOfFile(header.file);
+  (void)pdLogCallValues(call, block, file, line, named(itsFile), itsLine, header.size);
   return SQLO_INV_MEM;
 }
 
@@ -138,10 +140,10 @@ SqlzZrc allocateLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place, Bl
 constexpr bool isSmall(std::size_t bytes) noexcept { return bytes - 1 < KEPT_MOST_STRIDE - SQLO_BLOCK_HEADER_BYTES; }
 
 // A block of a bin that has one.
-[[gnu::always_inline]] inline Block takeFast(FastThread& thread, const FastCache& cache, FastBin& bin,
-                                             std::uint64_t word, std::uint32_t bytes, BlockPlace place) noexcept {
-  const Block block = windowOf(blockOf(&cache)) | FastBin::headOf(word);
-  bin.set(FastBin::popped(word, linkOf(block)));
+[[gnu::always_inline]] inline Block takeFast(FastThread& thread, FastCache& cache, FastBin& bin, std::uint32_t bytes,
+                                             BlockPlace place) noexcept {
+  const Block block = cache.window | bin.head();
+  bin.pop(linkOf(block));
   unpoison(block, bytes);
   setUsedAlone(block, bytes, place, ++thread.sequence);
   return block;
@@ -149,22 +151,21 @@ constexpr bool isSmall(std::size_t bytes) noexcept { return bytes - 1 < KEPT_MOS
 
 // From what the thread keeps, filled first when there is nothing; 0: it keeps nothing of the pool, or the pool has
 // nothing of that size at hand.
-Block fillAndTake(const FastThread::Entry& entry, std::uint32_t bytes, BlockPlace place) noexcept {
+Block fillAndTake(FastCache* cache, std::uint32_t bytes, BlockPlace place) noexcept {
+  if (cache == nullptr || cache == &g_noCache || !isSmall(bytes)) return 0;
   const FastInside inside(*t_fast);
-  if (!inside.knows() || entry.cache == nullptr || !isSmall(bytes)) return 0;
-  FastBin& bin = entry.cache->bins[listOf(strideFor(bytes))];
-  if (bin.size() == 0 && sqloi_fastFill(*entry.cache, strideFor(bytes)) == 0) return 0;
-  return takeFast(*t_fast, *entry.cache, bin, bin.word(), bytes, place);
+  if (!inside.knows()) return 0;
+  FastBin& bin = cache->bins[listOf(strideFor(bytes))];
+  if (bin.head() == 0 && sqloi_fastFill(*cache, strideFor(bytes)) == 0) return 0;
+  return takeFast(*t_fast, *cache, bin, bytes, place);
 }
 
-// The pool behind a handle, and what the thread knows of it, from now on at least.
-MemPool* know(SQLO_MEM_POOL* handle, const FastThread::Entry** entry) noexcept {
-  *entry = nullptr;
-  if (t_fast != nullptr && t_fast->epoch == g_fastEpoch.load(std::memory_order_acquire))
-    *entry = fastEntryOf(*t_fast, handle);
-  if (*entry != nullptr) return (*entry)->pool;
+// The pool behind a handle, and the thread's cache of it, as of now at least.
+MemPool* know(SQLO_MEM_POOL* handle, FastCache** cache) noexcept {
+  *cache = sqloi_fastKnown(handle);
+  if (*cache != nullptr) return static_cast<MemPool*>(handle);
   MemPool* const pool = sqloi_poolOf(handle);
-  if (pool != nullptr) *entry = sqloi_fastLearn(*pool);
+  if (pool != nullptr) *cache = sqloi_fastLearn(*pool);
   return pool;
 }
 
@@ -174,12 +175,12 @@ MemPool* know(SQLO_MEM_POOL* handle, const FastThread::Entry** entry) noexcept {
   if (out == nullptr || (options & ~SQLO_MEM_ZERO) != 0) return SQLO_INV_PARM;
   *out = nullptr;
   if (bytes == 0 || bytes > kMostBytes) return SQLO_MEM_SIZE;
-  const FastThread::Entry* entry = nullptr;
-  MemPool* const pool = know(handle, &entry);
+  FastCache* cache = nullptr;
+  MemPool* const pool = know(handle, &cache);
   if (pool == nullptr) return SQLO_INV_MEM;
   const BlockPlace place = {sqloi_fileKey(named(file)), line};
   const auto size = static_cast<std::uint32_t>(bytes);
-  Block block = entry == nullptr ? 0 : fillAndTake(*entry, size, place);
+  Block block = fillAndTake(cache, size, place);
   const SqlzZrc result = block != 0 ? 0 : allocateLatched(*pool, size, place, &block);
   *out = pointerTo(block);
   if ((options & SQLO_MEM_ZERO) != 0 && result == 0) std::memset(*out, 0, bytes);
@@ -207,17 +208,18 @@ Block takeKeptLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place) noex
 // A pool that the thread knows and keeps nothing of.
 [[gnu::noinline]] SqlzZrc allocate(SQLO_MEM_POOL* handle, std::size_t bytes, std::uint32_t options, const char* file,
                                    std::uint32_t line, void** out) noexcept {
-  FastThread* const thread = t_fast;
-  if (thread != nullptr && out != nullptr && options == 0 && isSmall(bytes)) [[likely]] {
-    const FastThread::Entry& entry = thread->entries[fastHash(handle)];
-    const FastThread::File& known = fastFileOf(*thread, file);
-    const bool isKnown = thread->epoch == g_fastEpoch.load(std::memory_order_acquire) && entry.pool == handle;
-    if (isKnown && entry.cache == nullptr && entry.pool->m_isPlain && known.file == file) [[likely]] {
-      const Block block = takeKeptLatched(*entry.pool, static_cast<std::uint32_t>(bytes), {known.key, line});
-      if (block != 0) [[likely]] {
-        *out = pointerTo(block);
-        return 0;
-      }
+  FastThread& thread = *t_fast;
+  const std::uint32_t at = fastHash(handle);
+  const std::uint32_t name = fastFileAt(file);
+  if (thread.epoch == g_fastEpoch.load(std::memory_order_acquire) && thread.pools[at] == handle && handle != nullptr &&
+      thread.caches[at] == &g_noCache && thread.files[name] == file && out != nullptr && options == 0 && isSmall(bytes))
+      [[likely]] {
+    MemPool& pool = *thread.pools[at];
+    const Block block =
+        pool.m_isPlain ? takeKeptLatched(pool, static_cast<std::uint32_t>(bytes), {thread.fileKeys[name], line}) : 0;
+    if (block != 0) [[likely]] {
+      *out = pointerTo(block);
+      return 0;
     }
   }
   return allocateAnyway(handle, bytes, options, file, line, out);
@@ -226,11 +228,11 @@ Block takeKeptLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place) noex
 // ---- freeing ---------------------------------------------------------------------------------------------------
 
 // Into a bin that has room. The size stays that of the request: the stride is the same.
-[[gnu::always_inline]] inline void keepFast(FastBin& bin, std::uint64_t word, Block block, std::uint32_t stride,
-                                            BlockPlace place) noexcept {
-  setKeptAlone(block, FastBin::headOf(word), place);
+[[gnu::always_inline]] inline void keepFast(FastBin& bin, Block block, std::uint32_t stride, const char* file,
+                                            std::uint32_t line) noexcept {
+  setKeptAlone(block, bin.head(), file, line);
   poison(block, stride);
-  bin.set(FastBin::pushed(word, shortOf(block)));
+  bin.push(shortOf(block));
 }
 
 // Another thread has the latch: whoever has it next puts the block where it belongs.
@@ -269,17 +271,16 @@ SqlzZrc freeUsed(MemPool& pool, Block block, const BlockHeader& header, BlockPla
 }
 
 // Keeps a block of a pool that the thread knows, and learns of its chunk; false: the thread keeps none of that pool.
-bool keep(const MemPool& pool, Block block, std::uint32_t stride, BlockPlace place,
-          const FastThread::Entry& entry) noexcept {
-  if (!pool.m_set->isPrivate()) return false;
+bool keep(MemPool& pool, Block block, std::uint32_t stride, const char* file, std::uint32_t line,
+          FastCache& cache) noexcept {
   const FastInside inside(*t_fast);
   if (!inside.knows()) return false;
-  fastLearnChunk(*t_fast, chunkNumber(block - SQLO_BLOCK_HEADER_BYTES), entry);
-  if (entry.cache == nullptr || stride > KEPT_MOST_STRIDE) return false;
-  FastBin& bin = entry.cache->bins[listOf(stride)];
-  if (!FastBin::hasRoom(bin.word())) sqloi_fastSpill(*entry.cache, stride);
+  fastLearnChunk(*t_fast, chunkNumber(block - SQLO_BLOCK_HEADER_BYTES), pool, cache);
+  if (&cache == &g_noCache || stride > KEPT_MOST_STRIDE) return false;
+  FastBin& bin = cache.bins[listOf(stride)];
+  if (!bin.hasRoom()) sqloi_fastSpill(cache, stride);
   setState(block, BLOCK_KEPT, stride - SQLO_BLOCK_HEADER_BYTES);
-  keepFast(bin, bin.word(), block, stride, place);
+  keepFast(bin, block, stride, file, line);
   return true;
 }
 
@@ -295,11 +296,12 @@ bool keep(const MemPool& pool, Block block, std::uint32_t stride, BlockPlace pla
     return complainOfBlock(10, "Freed here, but not a block of a memory pool:", pointer, file, line);
   if (kindOf(header.code) != BLOCK_USED)
     return complainOfHeader(20, "Freed twice: here, and there before:", pointer, header, file, line);
-  const FastThread::Entry* entry = nullptr;
-  MemPool* const pool = know(handle, &entry);
+  FastCache* cache = nullptr;
+  MemPool* const pool = know(handle, &cache);
   const BlockPlace place = {sqloi_fileKey(file), line};
   const std::uint32_t stride = strideOf(header.code, header.size);
-  if (entry != nullptr && (header.code & BLOCK_GUARDED) == 0 && keep(*pool, block, stride, place, *entry)) return 0;
+  if (cache != nullptr && (header.code & BLOCK_GUARDED) == 0 && keep(*pool, block, stride, file, line, *cache))
+    return 0;
   return freeUsed(*pool, block, header, place, file);
 }
 
@@ -330,15 +332,15 @@ bool keepLatched(MemPool& pool, Block block, std::uint32_t stride, BlockPlace pl
 // A chunk of a pool that the thread knows and keeps nothing of.
 [[gnu::noinline]] SqlzZrc freeBlock(void* pointer, const char* file, std::uint32_t line) noexcept {
   const Block block = blockOf(pointer);
-  FastThread* const thread = t_fast;
-  if (thread != nullptr && block % SQLO_BLOCK_ALIGNMENT == 0 &&
-      thread->epoch == g_fastEpoch.load(std::memory_order_acquire)) [[likely]] {
-    const FastThread::Chunk* const chunk = fastChunkOf(*thread, block - SQLO_BLOCK_HEADER_BYTES);
-    const FastThread::File& known = fastFileOf(*thread, file);
-    if (chunk != nullptr && chunk->cache == nullptr && known.file == file && codeOf(block) == BLOCK_USED) {
-      MemPool& pool = *thread->entries[chunk->entry].pool;
-      if (pool.m_isPlain && keepLatched(pool, block, strideFor(sizeOf(block)), {known.key, line})) return 0;
-    }
+  const FastThread& thread = *t_fast;
+  const std::uint32_t number = chunkNumber(block - SQLO_BLOCK_HEADER_BYTES);
+  const std::uint32_t at = number % FAST_CHUNKS;
+  const std::uint32_t name = fastFileAt(file);
+  if (thread.epoch == g_fastEpoch.load(std::memory_order_acquire) && thread.chunks[at] == number &&
+      pointer != nullptr && thread.chunkCaches[at] == &g_noCache && thread.files[name] == file &&
+      block % SQLO_BLOCK_ALIGNMENT == 0 && codeOf(block) == BLOCK_USED) [[likely]] {
+    MemPool& pool = *thread.chunkPools[at];
+    if (pool.m_isPlain && keepLatched(pool, block, strideFor(sizeOf(block)), {thread.fileKeys[name], line})) return 0;
   }
   return freeAnyway(pointer, file, line);
 }
@@ -349,17 +351,17 @@ bool keepLatched(MemPool& pool, Block block, std::uint32_t stride, BlockPlace pl
 // The short way: the thread keeps a block of that size of a pool that it knows, and remembers the name of the file.
 SqlzZrc sqloMemPoolAllocate(SQLO_MEM_POOL* pool, std::size_t bytes, std::uint32_t options, const char* file,
                             std::uint32_t line, void** block) noexcept {
-  vek::FastThread* const thread = vek::t_fast;
-  if (thread != nullptr && block != nullptr && options == 0 && vek::isSmall(bytes)) [[likely]] {
-    const vek::FastInside inside(*thread);
-    const vek::FastThread::Entry& entry = thread->entries[vek::fastHash(pool)];
-    const vek::FastThread::File& known = vek::fastFileOf(*thread, file);
-    if (inside.knows() && entry.pool == pool && entry.cache != nullptr && known.file == file) [[likely]] {
+  vek::FastThread& thread = *vek::t_fast;
+  if (options == 0 && block != nullptr && vek::isSmall(bytes)) [[likely]] {
+    const vek::FastInside inside(thread);
+    const std::uint32_t at = vek::fastHash(pool);
+    const std::uint32_t name = vek::fastFileAt(file);
+    if (inside.knows() && thread.pools[at] == pool && thread.files[name] == file) [[likely]] {
+      vek::FastCache& cache = *thread.caches[at];
       const auto size = static_cast<std::uint32_t>(bytes);
-      vek::FastBin& bin = entry.cache->bins[vek::listOf(vek::strideFor(size))];
-      const std::uint64_t word = bin.word();
-      if (vek::FastBin::headOf(word) != 0) [[likely]] {
-        *block = vek::pointerTo(vek::takeFast(*thread, *entry.cache, bin, word, size, {known.key, line}));
+      vek::FastBin& bin = cache.bins[vek::listOf(vek::strideFor(size))];
+      if (bin.head() != 0) [[likely]] {
+        *block = vek::pointerTo(vek::takeFast(thread, cache, bin, size, {thread.fileKeys[name], line}));
         return 0;
       }
     }
@@ -368,22 +370,20 @@ SqlzZrc sqloMemPoolAllocate(SQLO_MEM_POOL* pool, std::size_t bytes, std::uint32_
 }
 
 // The short way: the thread knows the pool of the chunk that the header lies in and keeps blocks of it, this one among
-// them, and remembers the name of the file.
+// them.
 SqlzZrc sqloMemPoolFree(void* pointer, const char* file, std::uint32_t line) noexcept {
   const vek::Block block = vek::blockOf(pointer);
-  vek::FastThread* const thread = vek::t_fast;
-  if (thread != nullptr && block % SQLO_BLOCK_ALIGNMENT == 0) [[likely]] {
-    const vek::FastInside inside(*thread);
-    const vek::FastThread::Chunk* const chunk = vek::fastChunkOf(*thread, block - SQLO_BLOCK_HEADER_BYTES);
-    const vek::FastThread::File& known = vek::fastFileOf(*thread, file);
-    if (inside.knows() && chunk != nullptr && chunk->cache != nullptr && known.file == file &&
-        vek::codeOf(block) == vek::BLOCK_USED) [[likely]] {
+  vek::FastThread& thread = *vek::t_fast;
+  if (block % SQLO_BLOCK_ALIGNMENT == 0) [[likely]] {
+    const vek::FastInside inside(thread);
+    const std::uint32_t number = vek::chunkNumber(block - SQLO_BLOCK_HEADER_BYTES);
+    const std::uint32_t at = number % vek::FAST_CHUNKS;
+    if (inside.knows() && thread.chunks[at] == number && vek::codeOf(block) == vek::BLOCK_USED) [[likely]] {
       const std::uint32_t stride = vek::strideFor(vek::sizeOf(block));
       if (stride <= vek::KEPT_MOST_STRIDE) [[likely]] {
-        vek::FastBin& bin = chunk->cache->bins[vek::listOf(stride)];
-        const std::uint64_t word = bin.word();
-        if (vek::FastBin::hasRoom(word)) [[likely]] {
-          vek::keepFast(bin, word, block, stride, {known.key, line});
+        vek::FastBin& bin = thread.chunkCaches[at]->bins[vek::listOf(stride)];
+        if (bin.hasRoom()) [[likely]] {
+          vek::keepFast(bin, block, stride, file, line);
           return 0;
         }
       }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "diag/base/traced.h"
 #include "platform/osse.h"
@@ -15,7 +16,9 @@
 
 namespace vek {
 
-thread_local constinit FastThread* t_fast __attribute__((tls_model("initial-exec"))) = nullptr;
+thread_local constinit FastThread* t_fast __attribute__((tls_model("initial-exec"))) = &g_nobody;
+constinit FastThread g_nobody = {};
+constinit FastCache g_noCache = {};
 constinit std::atomic<std::uint64_t> g_fastEpoch{1};
 
 namespace {
@@ -51,8 +54,6 @@ MemPool** placeOf(const MemPool* pool) noexcept {
 }
 bool isRegistered(const MemPool* pool) noexcept { return placeOf(pool) != std::end(g_registry.pools); }
 
-Block fullAddress(const FastCache& cache, std::uint32_t low) noexcept { return windowOf(blockOf(&cache)) | low; }
-
 void setMost(MemPool& pool, std::uint32_t blocks) noexcept {
   __atomic_store_n(&pool.m_fastMost, blocks, __ATOMIC_RELAXED);
 }
@@ -66,8 +67,8 @@ std::uint32_t mostFor(const MemPool& pool, std::uint32_t stride) noexcept {
 // Gives the first `count` blocks of a bin back. Needs the pool latch.
 void giveBack(FastCache& cache, FastBin& bin, std::uint32_t count, PoolOperation& operation) noexcept {
   for (; count != 0; --count) {
-    const Block block = fullAddress(cache, FastBin::headOf(bin.word()));
-    bin.set(FastBin::popped(bin.word(), linkOf(block)));
+    const Block block = cache.window | bin.head();
+    bin.pop(linkOf(block));
     sqloi_noteUsed(*cache.pool, -std::int64_t{strideOf(block)}, -1);
     sqloi_putBlock(*cache.pool, block, operation);
   }
@@ -91,33 +92,48 @@ void removeCache(FastCache& cache, PoolOperation& operation) noexcept {
 
 // ---- a thread's table ------------------------------------------------------------------------------------------
 
-FastThread::Entry* addEntry(FastThread& thread, FastThread::Entry entry) noexcept {
-  std::uint32_t at = fastHash(entry.pool);
-  while (thread.entries[at].pool != nullptr) at = (at + 1) % FAST_ENTRIES;
-  thread.entries[at] = entry;
-  ++thread.entryCount;
-  return &thread.entries[at];
+void addPool(FastThread& thread, MemPool& pool, FastCache& cache) noexcept {
+  std::uint32_t at = fastHash(&pool);
+  while (thread.pools[at] != nullptr && thread.pools[at] != &pool) at = (at + 1) % FAST_ENTRIES;
+  if (thread.pools[at] == nullptr) ++thread.poolCount;
+  thread.pools[at] = &pool;
+  thread.caches[at] = &cache;
+}
+
+FastCache* cacheIn(const FastThread& thread, const SQLO_MEM_POOL* pool) noexcept {
+  for (std::uint32_t at = fastHash(pool); thread.pools[at] != nullptr; at = (at + 1) % FAST_ENTRIES)
+    if (thread.pools[at] == pool) return thread.caches[at];
+  return nullptr;
 }
 
 // Forgets everything but its caches of pools that are still fast: the others have been taken away.
 void revise(FastThread& thread) noexcept {
-  FastThread::Entry old[FAST_ENTRIES];
-  std::copy(std::begin(thread.entries), std::end(thread.entries), old);
-  std::fill(std::begin(thread.entries), std::end(thread.entries), FastThread::Entry{});
-  std::fill(std::begin(thread.chunks), std::end(thread.chunks), FastThread::Chunk{});
-  thread.entryCount = 0;
+  struct Known {
+    MemPool* pool;
+    FastCache* cache;
+  } kept[FAST_ENTRIES];
+  std::size_t count = 0;
+  for (std::uint32_t at = 0; at < FAST_ENTRIES; ++at) {
+    const Known known = {std::exchange(thread.pools[at], nullptr), std::exchange(thread.caches[at], &g_noCache)};
+    if (known.pool != nullptr && known.cache != &g_noCache && isRegistered(known.pool)) kept[count++] = known;
+  }
+  std::fill(std::begin(thread.chunks), std::end(thread.chunks), 0U);
+  thread.poolCount = 0;
   thread.epoch = g_fastEpoch.load(std::memory_order_acquire);
-  for (const FastThread::Entry& entry : old)
-    if (entry.cache != nullptr && isRegistered(entry.pool)) (void)addEntry(thread, entry);
+  for (std::size_t i = 0; i < count; ++i) addPool(thread, *kept[i].pool, *kept[i].cache);
 }
 
+// Makes what the calling thread knows, unless that is there. Needs the latch.
 FastThread* makeThread() noexcept {
+  if (t_fast != &g_nobody) return t_fast;
   if (threadSelf() == nullptr) return nullptr;  // nobody would see to its end
   auto* thread = static_cast<FastThread*>(ossMapPages(sizeof(FastThread)));
   if (thread == nullptr) return nullptr;
+  std::fill(std::begin(thread->caches), std::end(thread->caches), &g_noCache);
   thread->next = g_registry.threads;
   if (thread->next != nullptr) thread->next->previous = thread;
   g_registry.threads = thread;
+  t_fast = thread;
   return thread;
 }
 
@@ -134,6 +150,7 @@ FastCache* makeCache(MemPool& pool) noexcept {
   sqloi_cutAndUse(pool, block, sizeof(FastCache), BLOCK_OWN, {0, 0});
   auto* cache = new (pointerTo(block)) FastCache{};
   cache->pool = &pool;
+  cache->window = windowOf(block);
   setLimits(*cache);
   cache->next = pool.m_caches;
   pool.m_caches = cache;
@@ -157,47 +174,55 @@ bool isOutside(const FastThread& thread) noexcept {
   return false;
 }
 
-// Calls `visit(entry)` for what each thread keeps of a pool, while that thread keeps out of it.
+// Calls `visit(cache)` for what each thread keeps of a pool, while that thread keeps out of it; `visit` answers what
+// stands in its place from then on.
 template <class Visit>
 void visitCaches(const MemPool& pool, const Visit& visit) noexcept {
   raiseEpoch();
   for (FastThread* thread = g_registry.threads; thread != nullptr; thread = thread->next) {
     if (!isOutside(*thread)) continue;
-    for (FastThread::Entry& entry : thread->entries)
-      if (entry.pool == &pool && entry.cache != nullptr) visit(entry);
+    for (std::uint32_t at = 0; at < FAST_ENTRIES; ++at)
+      if (thread->pools[at] == &pool && thread->caches[at] != &g_noCache)
+        thread->caches[at] = visit(*thread->caches[at]);
   }
 }
 
 }  // namespace
 
 std::uint32_t sqloi_fileKey(const char* file) noexcept {
-  if (t_fast == nullptr) {
+  if (t_fast == &g_nobody) {
     const RegistryOperation operation;
-    t_fast = makeThread();
+    (void)makeThread();
   }
-  if (t_fast == nullptr) return regionKeyOfText(file);
-  FastThread::File& known = fastFileOf(*t_fast, file);
-  if (known.file != file) known = {file, regionKeyOfText(file)};
-  return known.key;
+  if (t_fast == &g_nobody) return regionKeyOfText(file);
+  const std::uint32_t at = fastFileAt(file);
+  if (t_fast->files[at] != file) {
+    t_fast->fileKeys[at] = regionKeyOfText(file);
+    t_fast->files[at] = file;
+  }
+  return t_fast->fileKeys[at];
 }
 
 bool sqloi_isFast(const MemPool& pool) noexcept { return __atomic_load_n(&pool.m_fastMost, __ATOMIC_RELAXED) != 0; }
 
-FastThread::Entry* sqloi_fastLearn(MemPool& pool) noexcept {
+FastCache* sqloi_fastKnown(const SQLO_MEM_POOL* pool) noexcept {
+  return t_fast->epoch == g_fastEpoch.load(std::memory_order_acquire) ? cacheIn(*t_fast, pool) : nullptr;
+}
+
+FastCache* sqloi_fastLearn(MemPool& pool) noexcept {
   if (!pool.m_set->isPrivate()) return nullptr;  // another process may destroy it, and no epoch here tells of that
   const RegistryOperation operation;
-  if (t_fast == nullptr) t_fast = makeThread();
-  FastThread* const thread = t_fast;
+  FastThread* const thread = makeThread();
   if (thread == nullptr) return nullptr;
-  if (thread->epoch != g_fastEpoch.load(std::memory_order_acquire) || thread->entryCount > FAST_POOLS) revise(*thread);
+  if (thread->epoch != g_fastEpoch.load(std::memory_order_acquire) || thread->poolCount > FAST_POOLS) revise(*thread);
+  FastCache* cache = cacheIn(*thread, &pool);
+  if (cache != nullptr && cache != &g_noCache) return cache;
   const bool isFast = isRegistered(&pool);
-  FastThread::Entry* const entry = fastEntryOf(*thread, &pool);
-  if (entry != nullptr && (!isFast || entry->cache != nullptr)) return entry;
-  FastCache* const cache = isFast ? makeCache(pool) : nullptr;
-  if (isFast && cache == nullptr) return nullptr;
-  if (entry == nullptr) return addEntry(*thread, {&pool, cache});
-  entry->cache = cache;
-  return entry;
+  cache = isFast ? makeCache(pool) : nullptr;
+  if (isFast && cache == nullptr) return &g_noCache;  // and it is asked for again
+  if (cache == nullptr) cache = &g_noCache;
+  addPool(*thread, pool, *cache);
+  return cache;
 }
 
 std::uint32_t sqloi_fastFill(FastCache& cache, std::uint32_t stride) noexcept {
@@ -211,13 +236,13 @@ std::uint32_t sqloi_fastFill(FastCache& cache, std::uint32_t stride) noexcept {
     if (block == 0) break;
     const std::uint32_t whole = strideOf(block);
     FastBin& itsBin = cache.bins[std::min(listOf(whole), KEPT_LISTS - 1)];
-    if (whole > KEPT_MOST_STRIDE || !FastBin::hasRoom(itsBin.word())) {  // with what was left of a free block
+    if (whole > KEPT_MOST_STRIDE || !itsBin.hasRoom()) {  // with what was left of a free block
       sqloi_putBlock(pool, block, operation);
       break;
     }
     sqloi_noteUsed(pool, whole, 1);
-    setLink(block, FastBin::headOf(itsBin.word()));
-    itsBin.set(FastBin::pushed(itsBin.word(), shortOf(block)));
+    setLink(block, itsBin.head());
+    itsBin.push(shortOf(block));
   }
   return bin.size();
 }
@@ -232,9 +257,10 @@ void sqloi_fastTakeBack(MemPool& pool) noexcept {
   MemPool& base = pool.base();
   if (!sqloi_isFast(base)) return;
   const RegistryOperation registry;
-  visitCaches(base, [&](const FastThread::Entry& entry) {
+  visitCaches(base, [&](FastCache& cache) {
     PoolOperation operation(base);
-    giveBackAll(*entry.cache, operation);
+    giveBackAll(cache, operation);
+    return &cache;
   });
 }
 
@@ -244,10 +270,10 @@ void sqloi_fastForget(MemPool& pool) noexcept {
   MemPool** const place = placeOf(&pool);
   if (place != std::end(g_registry.pools)) *place = nullptr;
   setMost(pool, 0);
-  visitCaches(pool, [&](FastThread::Entry& entry) {
+  visitCaches(pool, [&](FastCache& cache) {
     PoolOperation operation(pool);
-    removeCache(*entry.cache, operation);
-    entry.cache = nullptr;
+    removeCache(cache, operation);
+    return &g_noCache;
   });
 }
 
@@ -264,18 +290,18 @@ FastKept sqloi_fastKept(const MemPool& pool) noexcept {
 
 void sqloi_fastThreadEnds() noexcept {
   FastThread* const thread = t_fast;
-  if (thread == nullptr) return;
+  if (thread == &g_nobody) return;
   {
     const RegistryOperation registry;
     revise(*thread);
-    for (const FastThread::Entry& entry : thread->entries) {
-      if (entry.cache == nullptr) continue;
-      PoolOperation operation(*entry.pool);
-      removeCache(*entry.cache, operation);
+    for (FastCache* const cache : thread->caches) {
+      if (cache == &g_noCache) continue;
+      PoolOperation operation(*cache->pool);
+      removeCache(*cache, operation);
     }
     if (thread->next != nullptr) thread->next->previous = thread->previous;
     (thread->previous != nullptr ? thread->previous->next : g_registry.threads) = thread->next;
-    t_fast = nullptr;
+    t_fast = &g_nobody;
   }
   ossUnmapPages(thread, sizeof(FastThread));
 }
@@ -310,10 +336,11 @@ SqlzZrc sqloUpdateMaxFastMemoryBlocks(SQLO_MEM_POOL* handle, std::uint32_t block
   const vek::RegistryOperation registry;
   if (!vek::isRegistered(pool)) return SQLO_NOTAVAIL;
   vek::setMost(*pool, blocks);
-  vek::visitCaches(*pool, [&](const vek::FastThread::Entry& entry) {
+  vek::visitCaches(*pool, [&](vek::FastCache& cache) {
     vek::PoolOperation operation(*pool);
-    vek::giveBackAll(*entry.cache, operation);
-    vek::setLimits(*entry.cache);
+    vek::giveBackAll(cache, operation);
+    vek::setLimits(cache);
+    return &cache;
   });
   return 0;
 }

@@ -10,6 +10,7 @@
 // threads keep is counted.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 
@@ -26,99 +27,85 @@ inline constexpr std::uint32_t FAST_BIN_BYTES = 64 * 1024;
 inline constexpr std::uint32_t FAST_MOST_DEFAULT = 64;
 inline constexpr std::uint32_t FAST_MOST_HIGHEST = 4096;
 
-// Blocks of one stride, in one word, which others may read at any time: the lower half of the address of the first one
-// (0: none), how many more there is room for, and how many there may be.
+// Blocks of one stride. `head` is the lower half of the address of the first one, 0 when there is none. Others may read
+// how many there are at any time.
 class FastBin {
  public:
   constexpr FastBin() noexcept = default;
 
-  std::uint64_t word() const noexcept { return word_.load(std::memory_order_relaxed); }
-  void set(std::uint64_t word) noexcept { word_.store(word, std::memory_order_relaxed); }
-
-  static constexpr std::uint32_t headOf(std::uint64_t word) noexcept { return static_cast<std::uint32_t>(word); }
-  static constexpr bool hasRoom(std::uint64_t word) noexcept { return (word & kRoom) != 0; }
-  static constexpr std::uint64_t popped(std::uint64_t word, std::uint32_t next) noexcept {
-    return ((word & ~kHead) + kOne) | next;
+  std::uint32_t head() const noexcept { return head_; }
+  bool hasRoom() const noexcept { return room_.load(std::memory_order_relaxed) != 0; }
+  void pop(std::uint32_t next) noexcept {
+    head_ = next;
+    setRoom(room_.load(std::memory_order_relaxed) + 1U);
   }
-  static constexpr std::uint64_t pushed(std::uint64_t word, std::uint32_t low) noexcept {
-    return ((word & ~kHead) - kOne) | low;
+  void push(std::uint32_t low) noexcept {
+    head_ = low;
+    setRoom(room_.load(std::memory_order_relaxed) - 1U);
   }
 
-  std::uint32_t size() const noexcept { return countOf(word()); }
-  std::uint32_t most() const noexcept { return static_cast<std::uint32_t>(word() >> 48); }
+  std::uint32_t size() const noexcept {
+    return most_ - std::min(most_, std::uint32_t{room_.load(std::memory_order_relaxed)});
+  }
+  std::uint32_t most() const noexcept { return most_; }
   // Needs an empty bin.
-  void limit(std::uint32_t most) noexcept { set(std::uint64_t{most} << 48 | std::uint64_t{most} << 32); }
+  void limit(std::uint32_t most) noexcept {
+    most_ = most;
+    setRoom(most);
+  }
 
  private:
-  static constexpr std::uint64_t kHead = 0xFFFFFFFF;
-  static constexpr std::uint64_t kOne = std::uint64_t{1} << 32;
-  static constexpr std::uint64_t kRoom = std::uint64_t{0xFFFF} << 32;
-  static constexpr std::uint32_t countOf(std::uint64_t word) noexcept {
-    return static_cast<std::uint32_t>((word >> 48) - ((word & kRoom) >> 32));
-  }
+  void setRoom(std::uint32_t room) noexcept { room_.store(room, std::memory_order_relaxed); }
 
-  std::atomic<std::uint64_t> word_{0};
+  std::uint32_t head_ = 0;
+  std::atomic<std::uint32_t> room_{0};
+  std::uint32_t most_ = 0;
 };
 
 // What a thread keeps of a pool; a block of that pool.
 struct FastCache {
+  FastBin bins[KEPT_LISTS];
+  Block window;     // of the pool
   FastCache* next;  // of the pool's
   MemPool* pool;
-  FastBin bins[KEPT_LISTS];
 };
 
-// What a thread knows of pools. It is true as long as the epoch is the one that it was learned in.
+// What a thread knows of pools, of private sets. It is true as long as the epoch is the one that it was learned in.
 struct FastThread {
   std::atomic<std::uint32_t> inside;  // 1: the thread looks at its caches
   std::uint32_t sequence;
   std::uint64_t epoch;
   FastThread* next;  // of all threads that have one
   FastThread* previous;
-  struct Entry {
-    MemPool* pool;     // that is there
-    FastCache* cache;  // null: its blocks are not kept
-  } entries[FAST_ENTRIES];
-  std::uint32_t entryCount;
-  struct Chunk {
-    std::uint32_t chunk;  // number in the address space; 0: none
-    std::uint32_t entry;  // of the pool that it belongs to
-    FastCache* cache;     // of that entry
-  } chunks[FAST_CHUNKS];
-  struct File {
-    const char* file;
-    std::uint32_t key;
-  } files[FAST_FILES];
+  MemPool* pools[FAST_ENTRIES];     // that are there
+  FastCache* caches[FAST_ENTRIES];  // of these pools; g_noCache: their blocks are not kept
+  std::uint32_t poolCount;
+  std::uint32_t chunks[FAST_CHUNKS];  // numbers in the address space, 0: none
+  FastCache* chunkCaches[FAST_CHUNKS];
+  MemPool* chunkPools[FAST_CHUNKS];
+  const char* files[FAST_FILES];
+  std::uint32_t fileKeys[FAST_FILES];
 };
+
+// Stands for a cache where there is none, and for a thread that knows nothing.
+extern FastCache g_noCache;
+extern FastThread g_nobody;
 
 extern thread_local constinit FastThread* t_fast __attribute__((tls_model("initial-exec")));
 extern std::atomic<std::uint64_t> g_fastEpoch;
 
-// The place where a thread remembers the name of a file, by the address of the text.
-inline FastThread::File& fastFileOf(FastThread& thread, const char* file) noexcept {
-  return thread.files[(reinterpret_cast<std::uintptr_t>(file) >> 3) % FAST_FILES];
-}
-
 // The key of a file's name, by which other processes and dumps find it. Without a latch.
 std::uint32_t sqloi_fileKey(const char* file) noexcept;
 
+// Multiplicative hashing: pools stand at the same places of different windows.
 inline std::uint32_t fastHash(const SQLO_MEM_POOL* pool) noexcept {
-  const auto address = reinterpret_cast<std::uintptr_t>(pool);
-  return static_cast<std::uint32_t>((address >> SQLO_CHUNK_SHIFT) ^ (address >> 32)) % FAST_ENTRIES;
+  return static_cast<std::uint32_t>((reinterpret_cast<std::uintptr_t>(pool) * 0x9E3779B97F4A7C15U) >> 57);
 }
+static_assert(FAST_ENTRIES == 1U << (64 - 57));
 
 inline std::uint32_t chunkNumber(Block block) noexcept { return static_cast<std::uint32_t>(block >> SQLO_CHUNK_SHIFT); }
-
-// What the thread knows of a pool; null: nothing.
-inline FastThread::Entry* fastEntryOf(FastThread& thread, const SQLO_MEM_POOL* pool) noexcept {
-  for (std::uint32_t at = fastHash(pool); thread.entries[at].pool != nullptr; at = (at + 1) % FAST_ENTRIES)
-    if (thread.entries[at].pool == pool) return &thread.entries[at];
-  return nullptr;
-}
-
-// What it knows of a chunk.
-inline FastThread::Chunk* fastChunkOf(FastThread& thread, Block header) noexcept {
-  FastThread::Chunk* const chunk = &thread.chunks[chunkNumber(header) % FAST_CHUNKS];
-  return chunk->chunk == chunkNumber(header) ? chunk : nullptr;
+inline std::uint32_t fastFileAt(const char* file) noexcept {
+  return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(file) >> 3) % FAST_FILES;
 }
 
 // A thread between entering and leaving: nobody else touches its caches, and what it knows is true when `knows`.
@@ -140,13 +127,20 @@ class FastInside {
 // Whether threads keep blocks of a pool.
 bool sqloi_isFast(const MemPool& pool) noexcept;
 
-// Learns about a pool that is there, and makes the calling thread's cache of it when it is to have one. Null: there is
-// no memory for that at the moment, or the pool is one that processes share. Without a latch.
-FastThread::Entry* sqloi_fastLearn(MemPool& pool) noexcept;
+// The calling thread's cache of a pool that is there, made when it is to have one; g_noCache when it is not, or when
+// the pool has no block for it. Null: the thread cannot know about it, since processes share it or there is no memory.
+// Without a latch.
+FastCache* sqloi_fastLearn(MemPool& pool) noexcept;
 
-// Learns that a chunk, of a private set, belongs to a pool that the thread knows.
-inline void fastLearnChunk(FastThread& thread, std::uint32_t number, const FastThread::Entry& entry) noexcept {
-  thread.chunks[number % FAST_CHUNKS] = {number, static_cast<std::uint32_t>(&entry - thread.entries), entry.cache};
+// What the thread knows of a pool already; null: nothing.
+FastCache* sqloi_fastKnown(const SQLO_MEM_POOL* pool) noexcept;
+
+// Learns that a chunk belongs to a pool that the thread knows. Inside.
+inline void fastLearnChunk(FastThread& thread, std::uint32_t number, MemPool& pool, FastCache& cache) noexcept {
+  const std::uint32_t at = number % FAST_CHUNKS;
+  thread.chunks[at] = number;
+  thread.chunkPools[at] = &pool;
+  thread.chunkCaches[at] = &cache;
 }
 
 // What threads know of chunks and pools is no longer true.

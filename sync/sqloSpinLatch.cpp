@@ -93,6 +93,17 @@ SqlzZrc wait(SqloSpinLatch& latch, LatchHold& hold, const char* file, std::uint3
   return 0;
 }
 
+// The same of a request that does not wait.
+[[gnu::noinline, gnu::cold]] SqlzZrc tryLong(SqloSpinLatch& latch, const char* file, std::uint32_t line) noexcept {
+  const LatchHold hold(Access::subject(latch, LatchWay::kConditional), file, line);
+  if (!takeIfFree(latch)) {
+    hold.cancelled();
+    return SQLO_NOTAVAIL;
+  }
+  hold.granted(file, line);
+  return 0;
+}
+
 // A latch that was not the last one captured, that the thread has no mark of, or with debug checks on.
 [[gnu::noinline, gnu::cold]] void releaseLong(SqloSpinLatch& latch) noexcept {
   const std::uint32_t flags = Access::latchFlags(latch);  // once the byte is 0 the memory may be somebody else's
@@ -125,12 +136,16 @@ SqlzZrc SqloSpinLatch::captureLatch(const char* file, std::uint32_t line) noexce
 
 SqlzZrc SqloSpinLatch::tryCaptureLatch(const char* file, std::uint32_t line) noexcept {
   if (isHeld()) return SQLO_NOTAVAIL;  // without a mark: a thread that tries for ever would look like a holder
-  const vek::LatchHold hold(vek::Access::subject(*this, vek::LatchWay::kConditional), file, line);
-  if (!vek::takeIfFree(*this)) {
-    hold.cancelled();
+  SqloLatchTable* table = vek::t_latchTable;
+  const std::uint32_t flags = vek::Access::latchFlags(*this);
+  vek::LatchMark* mark = vek::latchPublishShortly(table, this, flags, vek::MARK_EXCLUSIVE, file, line);
+  if (mark == nullptr) [[unlikely]]
+    return vek::tryLong(*this, file, line);
+  if (!vek::take(*this)) [[unlikely]] {
+    vek::LatchHold(table, mark, vek::Access::subject(*this, vek::LatchWay::kConditional)).cancelled();
     return SQLO_NOTAVAIL;
   }
-  hold.granted(file, line);
+  vek::latchCount(*table, this, flags, file, line);
   return 0;
 }
 
