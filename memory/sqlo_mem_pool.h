@@ -156,6 +156,17 @@ Block sqloi_takeBlock(MemPool& pool, std::uint32_t stride) noexcept;
 // Puts a block of kind KEPT where it belongs.
 void sqloi_putBlock(MemPool& pool, Block block, PoolOperation& operation) noexcept;
 
+// Kept blocks of one stride that hang together: they go to the pool, which keeps them, or come from it. Both count
+// them.
+struct KeptChain {
+  std::uint32_t first;
+  Block last;
+  std::uint32_t count;
+};
+void sqloi_keepChain(MemPool& pool, std::uint32_t first, Block last, std::uint32_t count, std::uint32_t stride,
+                     PoolOperation& operation) noexcept;
+KeptChain sqloi_takeChain(MemPool& pool, std::uint32_t stride, std::uint32_t most) noexcept;
+
 // Joins all kept blocks with their neighbours; the carve goes back to the tree.
 void sqloi_joinKept(MemPool& pool, PoolOperation& operation) noexcept;
 

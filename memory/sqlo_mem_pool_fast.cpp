@@ -64,18 +64,24 @@ std::uint32_t mostFor(const MemPool& pool, std::uint32_t stride) noexcept {
 
 // ---- giving back -----------------------------------------------------------------------------------------------
 
-// Gives the first `count` blocks of a bin back. Needs the pool latch.
-void giveBack(FastCache& cache, FastBin& bin, std::uint32_t count, PoolOperation& operation) noexcept {
-  for (; count != 0; --count) {
-    const Block block = cache.window | bin.head();
-    bin.pop(linkOf(block));
-    sqloi_noteUsed(*cache.pool, -std::int64_t{strideOf(block)}, -1);
-    sqloi_putBlock(*cache.pool, block, operation);
-  }
+// The block that stands `count` - 1 places behind one.
+Block lastOf(Block block, std::uint32_t count) noexcept {
+  for (; count > 1; --count) block = windowOf(block) | linkOf(block);
+  return block;
+}
+
+// Gives the first `count` blocks of a bin back, as they hang together. Needs the pool latch.
+void giveBack(FastCache& cache, std::uint32_t list, std::uint32_t count, PoolOperation& operation) noexcept {
+  if (count == 0) return;
+  FastBin& bin = cache.bins[list];
+  const std::uint32_t first = bin.head();
+  const Block last = lastOf(cache.window | first, count);
+  bin.take(count, linkOf(last));
+  sqloi_keepChain(*cache.pool, first, last, count, list * SQLO_BLOCK_ALIGNMENT, operation);
 }
 
 void giveBackAll(FastCache& cache, PoolOperation& operation) noexcept {
-  for (FastBin& bin : cache.bins) giveBack(cache, bin, bin.size(), operation);
+  for (std::uint32_t list = 0; list < KEPT_LISTS; ++list) giveBack(cache, list, cache.bins[list].size(), operation);
 }
 
 // The cache itself goes, too. Needs the pool latch.
@@ -231,7 +237,12 @@ std::uint32_t sqloi_fastFill(FastCache& cache, std::uint32_t stride) noexcept {
   const std::uint32_t wanted = std::min(std::max(bin.most() / 2, 1U), kFillMost);
   PoolOperation operation(pool);
   sqloi_takeDeferred(pool, operation);
-  for (std::uint32_t taken = 0; taken < wanted; ++taken) {
+  const KeptChain chain = sqloi_takeChain(pool, stride, wanted);
+  if (chain.count != 0) {
+    setLink(chain.last, bin.head());
+    bin.add(chain.count, chain.first);
+  }
+  for (std::uint32_t taken = chain.count; taken < wanted; ++taken) {
     const Block block = sqloi_takeBlock(pool, stride);
     if (block == 0) break;
     const std::uint32_t whole = strideOf(block);
@@ -248,9 +259,9 @@ std::uint32_t sqloi_fastFill(FastCache& cache, std::uint32_t stride) noexcept {
 }
 
 void sqloi_fastSpill(FastCache& cache, std::uint32_t stride) noexcept {
-  FastBin& bin = cache.bins[listOf(stride)];
+  const FastBin& bin = cache.bins[listOf(stride)];
   PoolOperation operation(*cache.pool);
-  giveBack(cache, bin, (bin.size() + 1) / 2, operation);
+  giveBack(cache, listOf(stride), (bin.size() + 1) / 2, operation);
 }
 
 void sqloi_fastTakeBack(MemPool& pool) noexcept {

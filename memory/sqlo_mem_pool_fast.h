@@ -34,33 +34,34 @@ class FastBin {
   constexpr FastBin() noexcept = default;
 
   std::uint32_t head() const noexcept { return head_; }
-  bool hasRoom() const noexcept { return room_.load(std::memory_order_relaxed) != 0; }
-  void pop(std::uint32_t next) noexcept {
-    head_ = next;
-    setRoom(room_.load(std::memory_order_relaxed) + 1U);
-  }
-  void push(std::uint32_t low) noexcept {
-    head_ = low;
-    setRoom(room_.load(std::memory_order_relaxed) - 1U);
-  }
+  bool hasRoom() const noexcept { return room() != 0; }
+  void pop(std::uint32_t next) noexcept { set(next, room() + 1U); }
+  void push(std::uint32_t low) noexcept { set(low, room() - 1U); }
 
-  std::uint32_t size() const noexcept {
-    return most_ - std::min(most_, std::uint32_t{room_.load(std::memory_order_relaxed)});
-  }
+  // The first one from now on, behind some that were taken away or before some that were added.
+  void take(std::uint32_t count, std::uint32_t next) noexcept { set(next, room() + count); }
+  void add(std::uint32_t count, std::uint32_t low) noexcept { set(low, room() - count); }
+
+  std::uint32_t size() const noexcept { return std::uint32_t{most_} - std::min(most_, room()); }
   std::uint32_t most() const noexcept { return most_; }
   // Needs an empty bin.
   void limit(std::uint32_t most) noexcept {
-    most_ = most;
-    setRoom(most);
+    most_ = static_cast<std::uint16_t>(most);
+    set(0, most);
   }
 
  private:
-  void setRoom(std::uint32_t room) noexcept { room_.store(room, std::memory_order_relaxed); }
+  std::uint16_t room() const noexcept { return room_.load(std::memory_order_relaxed); }
+  void set(std::uint32_t head, std::uint32_t room) noexcept {
+    head_ = head;
+    room_.store(static_cast<std::uint16_t>(room), std::memory_order_relaxed);
+  }
 
   std::uint32_t head_ = 0;
-  std::atomic<std::uint32_t> room_{0};
-  std::uint32_t most_ = 0;
+  std::atomic<std::uint16_t> room_{0};
+  std::uint16_t most_ = 0;
 };
+static_assert(sizeof(FastBin) == 8);
 
 // What a thread keeps of a pool; a block of that pool.
 struct FastCache {

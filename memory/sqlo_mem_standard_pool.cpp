@@ -147,6 +147,14 @@ void sqloi_joinBlock(MemPool& pool, Block block, PoolOperation& operation) noexc
     sqloi_treeInsert(&pool.m_freeTree, block);
 }
 
+namespace {
+
+bool isKeptTooMuch(const MemPool& pool) noexcept {
+  return pool.m_keptBytes > KEPT_LEAST_BYTES + pool.m_currentUsed / 8;
+}
+
+}  // namespace
+
 void sqloi_putBlock(MemPool& pool, Block block, PoolOperation& operation) noexcept {
   const std::uint32_t stride = strideOf(block);
   if (stride > KEPT_MOST_STRIDE) return sqloi_joinBlock(pool, block, operation);
@@ -155,7 +163,30 @@ void sqloi_putBlock(MemPool& pool, Block block, PoolOperation& operation) noexce
   setLink(block, head);
   head = shortOf(block);
   pool.m_keptBytes += stride;
-  if (pool.m_keptBytes > KEPT_LEAST_BYTES + pool.m_currentUsed / 8) sqloi_joinKept(pool, operation);
+  if (isKeptTooMuch(pool)) sqloi_joinKept(pool, operation);
+}
+
+void sqloi_keepChain(MemPool& pool, std::uint32_t first, Block last, std::uint32_t count, std::uint32_t stride,
+                     PoolOperation& operation) noexcept {
+  std::uint32_t& head = pool.m_kept[listOf(stride)];
+  setLink(last, head);
+  head = first;
+  pool.m_keptBytes += count * stride;
+  sqloi_noteUsed(pool, -std::int64_t{count} * stride, -static_cast<std::int32_t>(count));
+  if (isKeptTooMuch(pool)) sqloi_joinKept(pool, operation);
+}
+
+KeptChain sqloi_takeChain(MemPool& pool, std::uint32_t stride, std::uint32_t most) noexcept {
+  std::uint32_t& head = pool.m_kept[listOf(stride)];
+  KeptChain chain = {head, 0, 0};
+  while (head != 0 && chain.count < most) {
+    chain.last = fullAddress(pool, head);
+    head = linkOf(chain.last);
+    ++chain.count;
+  }
+  pool.m_keptBytes -= chain.count * stride;
+  sqloi_noteUsed(pool, std::int64_t{chain.count} * stride, static_cast<std::int32_t>(chain.count));
+  return chain;
 }
 
 void sqloi_joinKept(MemPool& pool, PoolOperation& operation) noexcept {
