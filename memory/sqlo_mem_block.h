@@ -138,7 +138,7 @@ VEK_MAY_TOUCH_POISONED inline void setPlace(Block block, BlockPlace place, std::
 VEK_MAY_TOUCH_POISONED inline void setUsedAlone(Block block, std::uint32_t size, BlockPlace place,
                                                 std::uint32_t sequence) noexcept {
   BlockHeader& header = *headerOf(block);
-  header.code = BLOCK_USED;
+  __atomic_store_n(&header.code, BLOCK_USED, __ATOMIC_RELAXED);  // the owner of a neighbour looks at it
   header.size = size;
   header.file = place.file;
   header.line = static_cast<std::uint16_t>(place.line);
@@ -146,7 +146,7 @@ VEK_MAY_TOUCH_POISONED inline void setUsedAlone(Block block, std::uint32_t size,
 }
 VEK_MAY_TOUCH_POISONED inline void setKeptAlone(Block block, std::uint32_t next, BlockPlace place) noexcept {
   BlockHeader& header = *headerOf(block);
-  header.code = BLOCK_KEPT;
+  __atomic_store_n(&header.code, BLOCK_KEPT, __ATOMIC_RELAXED);
   header.file = place.file;
   header.line = static_cast<std::uint16_t>(place.line);
   header.link = next;

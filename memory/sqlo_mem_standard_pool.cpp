@@ -48,7 +48,7 @@ Block takeKept(MemPool& pool, std::uint32_t stride) noexcept {
   if (head == 0) return 0;
   const Block block = fullAddress(pool, head);
   head = linkOf(block);
-  pool.m_keptBytes -= stride;
+  sqloi_add(pool.m_keptBytes, -std::int64_t{stride});
   return block;
 }
 
@@ -169,7 +169,7 @@ void sqloi_putBlock(MemPool& pool, Block block, PoolOperation& operation) noexce
   std::uint32_t& head = pool.m_kept[listOf(stride)];
   setLink(block, head);
   head = shortOf(block);
-  pool.m_keptBytes += stride;
+  sqloi_add(pool.m_keptBytes, stride);
   if (pool.m_keptBytes > KEPT_LEAST_BYTES + pool.m_currentUsed / 8) sqloi_joinKept(pool, operation);
 }
 
@@ -182,7 +182,7 @@ void sqloi_joinKept(MemPool& pool, PoolOperation& operation) noexcept {
     }
     list = 0;
   }
-  pool.m_keptBytes = 0;
+  sqloi_set(pool.m_keptBytes, 0);
   if (pool.m_carve == 0) return;
   sqloi_treeInsert(&pool.m_freeTree, pool.m_carve);
   pool.m_carve = 0;
