@@ -85,7 +85,8 @@ struct MemPool : SQLO_MEM_POOL {
   Block m_carve;
   FastCache* m_caches;  // of threads
   std::uint32_t m_fastMost;
-  std::uint32_t m_row;  // in the instance's list of pools; 0: none
+  std::uint32_t m_fastGeneration;  // counts pools that became fast
+  std::uint32_t m_row;             // in the instance's list of pools; 0: none
   std::atomic<std::uint32_t> m_deferred;
   std::uint32_t m_kept[KEPT_LISTS];
 

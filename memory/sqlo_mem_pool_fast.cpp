@@ -28,6 +28,7 @@ struct FastRegistry {
   SqloSpinLatch latch;
   bool isReady;
   bool hasBarrier;
+  std::uint32_t generations;
   MemPool* pools[FAST_POOLS];
   FastThread* threads;
 };
@@ -108,7 +109,8 @@ void revise(FastThread& thread) noexcept {
   thread.entryCount = 0;
   thread.epoch = g_fastEpoch.load(std::memory_order_acquire);
   for (const FastThread::Entry& entry : old)
-    if (entry.cache != nullptr && isRegistered(entry.pool)) (void)addEntry(thread, entry);
+    if (entry.cache != nullptr && isRegistered(entry.pool) && entry.generation == entry.pool->m_fastGeneration)
+      (void)addEntry(thread, entry);
 }
 
 FastThread* makeThread() noexcept {
@@ -195,8 +197,9 @@ FastThread::Entry* sqloi_fastLearn(MemPool& pool) noexcept {
   if (entry != nullptr && (!isFast || entry->cache != nullptr)) return entry;
   FastCache* const cache = isFast ? makeCache(pool) : nullptr;
   if (isFast && cache == nullptr) return nullptr;
-  if (entry == nullptr) return addEntry(*thread, {&pool, cache});
+  if (entry == nullptr) return addEntry(*thread, {&pool, cache, pool.m_fastGeneration});
   entry->cache = cache;
+  entry->generation = pool.m_fastGeneration;
   return entry;
 }
 
@@ -298,6 +301,7 @@ SqlzZrc sqloEnableFastMemoryBlocks(SQLO_MEM_POOL* handle, bool on) noexcept {
   vek::MemPool** const place = vek::placeOf(nullptr);
   if (place == std::end(vek::g_registry.pools)) return trace.exit(SQLO_NOTAVAIL);
   *place = pool;
+  pool->m_fastGeneration = ++vek::g_registry.generations;
   vek::fastForgetKnowledge();
   vek::setMost(*pool, vek::FAST_MOST_DEFAULT);
   return trace.exit(0);

@@ -75,8 +75,9 @@ struct FastThread {
   FastThread* next;  // of all threads that have one
   FastThread* previous;
   struct Entry {
-    MemPool* pool;     // that is there
-    FastCache* cache;  // null: its blocks are not kept
+    MemPool* pool;             // that is there
+    FastCache* cache;          // null: its blocks are not kept
+    std::uint32_t generation;  // of the pool: another one may come to stand in its place
   } entries[FAST_ENTRIES];
   std::uint32_t entryCount;
   struct Chunk {

@@ -135,5 +135,34 @@ TEST_APART(MemPoolFast, CountsWhatThreadsKeep) {
             SQLO_NOTAVAIL);
 }
 
+// A thread that is stopped in the middle keeps what it has, and comes back to another pool in the same place.
+TEST_APART(MemPoolFast, AreOfOnePoolOnly) {
+  SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, 100));
+  MemPool* pool = createPool(poolRequest(set, 50));
+  EXPECT_EQ(sqloEnableFastMemoryBlocks(pool, true), 0);
+  std::atomic<int> step{0};
+  const auto waitFor = [&](int number) {
+    while (step.load() != number) std::this_thread::yield();
+  };
+  std::thread thread([&] {
+    EXPECT_EQ(release(allocate(pool, 100)), 0);
+    t_fast->inside.store(1);
+    step.store(1);
+    waitFor(2);
+    t_fast->inside.store(0);
+    for (int i = 0; i < 1000; ++i) std::memset(allocate(pool, 100), 1, 100);
+  });
+  waitFor(1);
+  EXPECT_EQ(freePool(pool), 0);
+  ASSERT_EQ(createPool(poolRequest(set, 50)), pool);
+  EXPECT_EQ(sqloEnableFastMemoryBlocks(pool, true), 0);
+  void* own = allocate(pool, 50'000);
+  std::memset(own, 2, 50'000);
+  step.store(2);
+  thread.join();
+  EXPECT_EQ(infoOf(pool).poolBlocks, 1001U);
+  expectSums(instance, *set);
+}
+
 }  // namespace
 }  // namespace vek::memorytest
