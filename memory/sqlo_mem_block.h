@@ -140,7 +140,7 @@ VEK_MAY_TOUCH_POISONED inline void setPlace(Block block, BlockPlace place, std::
 VEK_MAY_TOUCH_POISONED inline void setUsedAlone(Block block, std::uint32_t size, BlockPlace place,
                                                 std::uint32_t sequence) noexcept {
   BlockHeader& header = *headerOf(block);
-  header.code = BLOCK_USED;
+  __atomic_store_n(&header.code, BLOCK_USED, __ATOMIC_RELAXED);  // the owner of a neighbour looks at it
   header.size = size;
   header.file = place.file;
   header.line = static_cast<std::uint16_t>(place.line);
@@ -149,7 +149,7 @@ VEK_MAY_TOUCH_POISONED inline void setUsedAlone(Block block, std::uint32_t size,
 VEK_MAY_TOUCH_POISONED inline void setKeptAlone(Block block, std::uint32_t next, const char* file,
                                                 std::uint32_t line) noexcept {
   BlockHeader& header = *headerOf(block);
-  header.code = BLOCK_KEPT | BLOCK_NAMED;
+  __atomic_store_n(&header.code, BLOCK_KEPT | BLOCK_NAMED, __ATOMIC_RELAXED);
   const std::uint64_t place = std::uint64_t{reinterpret_cast<std::uintptr_t>(file)} << 16 | (line & 0xFFFFU);
   __builtin_memcpy(&header.file, &place, sizeof place);
   header.link = next;

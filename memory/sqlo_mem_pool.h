@@ -85,7 +85,8 @@ struct MemPool : SQLO_MEM_POOL {
   Block m_carve;
   FastCache* m_caches;  // of threads
   std::uint32_t m_fastMost;
-  std::uint32_t m_row;  // in the instance's list of pools; 0: none
+  std::uint32_t m_fastGeneration;  // counts pools that became fast
+  std::uint32_t m_row;             // in the instance's list of pools; 0: none
   std::atomic<std::uint32_t> m_deferred;
   std::uint32_t m_kept[KEPT_LISTS];
 
@@ -199,11 +200,19 @@ void sqloi_noteRefusal(MemPool& pool) noexcept;
 
 // ---- counters; need the latch
 
+// Counters are read without the latch, too: a change is one store.
+inline void sqloi_set(std::uint32_t& counter, std::uint32_t value) noexcept {
+  __atomic_store_n(&counter, value, __ATOMIC_RELAXED);
+}
+inline void sqloi_add(std::uint32_t& counter, std::int64_t change) noexcept {
+  sqloi_set(counter, counter + static_cast<std::uint32_t>(change));
+}
+
 void sqloi_noteOwned(MemPool& pool, std::int64_t chunks) noexcept;
 inline void sqloi_noteUsed(MemPool& pool, std::int64_t bytes, std::int32_t blocks) noexcept {
-  pool.m_currentUsed += static_cast<std::uint32_t>(bytes);
+  sqloi_add(pool.m_currentUsed, bytes);
   pool.m_blocks += static_cast<std::uint32_t>(blocks);
-  if (pool.m_base != &pool) pool.base().m_currentUsed += static_cast<std::uint32_t>(bytes);
+  if (pool.m_base != &pool) sqloi_add(pool.base().m_currentUsed, bytes);
 }
 bool sqloi_allowsGrowth(MemPool& base) noexcept;
 

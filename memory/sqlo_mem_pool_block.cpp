@@ -195,7 +195,7 @@ Block takeKeptLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place) noex
   const Block block = head == 0 ? 0 : windowOf(blockOf(&pool)) | head;
   if (block != 0) [[likely]] {
     head = linkOf(block);
-    pool.m_keptBytes -= stride;
+    sqloi_add(pool.m_keptBytes, -std::int64_t{stride});
     sqloi_noteUsed(pool, stride, 1);
     unpoison(block, bytes);
     setPlace(block, place, ++pool.m_sequence);
@@ -323,7 +323,7 @@ bool keepLatched(MemPool& pool, Block block, std::uint32_t stride, BlockPlace pl
   setLink(block, head);
   poison(block, stride);
   head = shortOf(block);
-  pool.m_keptBytes += stride;
+  sqloi_add(pool.m_keptBytes, stride);
   sqloi_noteUsed(pool, -std::int64_t{stride}, -1);
   latch.releaseLatch();
   return true;

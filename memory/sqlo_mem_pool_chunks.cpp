@@ -90,7 +90,7 @@ bool admit(MemPool& base, void* address, std::uint32_t chunks, PoolOperation& op
     operation.giveBack(run);
     return false;
   }
-  ++base.m_growths;
+  sqloi_add(base.m_growths, 1);
   sqloi_noteOwned(base, chunks);
   return true;
 }
@@ -104,15 +104,15 @@ bool sqloi_allowsGrowth(MemPool& base) noexcept {
 
 // A pool that may grow beyond its limit has a limit that follows.
 void sqloi_noteOwned(MemPool& base, std::int64_t chunks) noexcept {
-  base.m_currentOwned += static_cast<std::uint32_t>(chunks);
-  base.m_maximumOwned = std::max(base.m_maximumOwned, base.m_currentOwned);
+  sqloi_add(base.m_currentOwned, chunks);
+  sqloi_set(base.m_maximumOwned, std::max(base.m_maximumOwned, base.m_currentOwned));
   if (base.m_currentOwned > base.m_maximumAllowed && sqloi_allowsGrowth(base))
-    base.m_maximumAllowed = base.m_currentOwned;
+    sqloi_set(base.m_maximumAllowed, base.m_currentOwned);
 }
 
 void sqloi_noteRefusal(MemPool& pool) noexcept {
   const PoolOperation operation(pool);
-  ++pool.base().m_refusals;
+  sqloi_add(pool.base().m_refusals, 1);
 }
 
 void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexcept {
@@ -126,7 +126,7 @@ void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexc
   subgroup->pool = &pool;
   subgroup->eyeCatcher = MEM_SUBGROUP_EYE_CATCHER;
   linkSubgroup(pool, subgroup);
-  pool.m_ownChunks += chunks;
+  sqloi_add(pool.m_ownChunks, chunks);
   sqloi_treeInsert(&pool.m_freeTree, block);
 }
 
@@ -136,7 +136,7 @@ void sqloi_retireSubgroup(MemPool& pool, SqloMemSubgroup* subgroup, PoolOperatio
   fastForgetKnowledge();
   unpoison(blockOf(subgroup), std::uint64_t{chunks} << SQLO_CHUNK_SHIFT);
   unlinkSubgroup(pool, subgroup);
-  pool.m_ownChunks -= chunks;
+  sqloi_add(pool.m_ownChunks, -std::int64_t{chunks});
   if (base.m_cachedChunkCount + chunks <= CACHED_CHUNKS_MOST) return cacheRun(base, subgroup, chunks);
   sqloi_noteOwned(base, -std::int64_t{chunks});
   operation.giveBack(subgroup);

@@ -31,6 +31,7 @@ struct FastRegistry {
   SqloSpinLatch latch;
   bool isReady;
   bool hasBarrier;
+  std::uint32_t generations;
   MemPool* pools[FAST_POOLS];
   FastThread* threads;
 };
@@ -104,6 +105,7 @@ void addPool(FastThread& thread, MemPool& pool, FastCache& cache) noexcept {
   if (thread.pools[at] == nullptr) ++thread.poolCount;
   thread.pools[at] = &pool;
   thread.caches[at] = &cache;
+  thread.generations[at] = pool.m_fastGeneration;
 }
 
 FastCache* cacheIn(const FastThread& thread, const SQLO_MEM_POOL* pool) noexcept {
@@ -121,7 +123,8 @@ void revise(FastThread& thread) noexcept {
   std::size_t count = 0;
   for (std::uint32_t at = 0; at < FAST_ENTRIES; ++at) {
     const Known known = {std::exchange(thread.pools[at], nullptr), std::exchange(thread.caches[at], &g_noCache)};
-    if (known.pool != nullptr && known.cache != &g_noCache && isRegistered(known.pool)) kept[count++] = known;
+    const bool isThere = known.pool != nullptr && known.cache != &g_noCache && isRegistered(known.pool);
+    if (isThere && thread.generations[at] == known.pool->m_fastGeneration) kept[count++] = known;
   }
   std::fill(std::begin(thread.chunks), std::end(thread.chunks), 0U);
   thread.poolCount = 0;
@@ -335,6 +338,7 @@ SqlzZrc sqloEnableFastMemoryBlocks(SQLO_MEM_POOL* handle, bool on) noexcept {
   vek::MemPool** const place = vek::placeOf(nullptr);
   if (place == std::end(vek::g_registry.pools)) return trace.exit(SQLO_NOTAVAIL);
   *place = pool;
+  pool->m_fastGeneration = ++vek::g_registry.generations;
   vek::fastForgetKnowledge();
   vek::setMost(*pool, vek::FAST_MOST_DEFAULT);
   return trace.exit(0);

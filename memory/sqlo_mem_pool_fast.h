@@ -78,8 +78,9 @@ struct FastThread {
   std::uint64_t epoch;
   FastThread* next;  // of all threads that have one
   FastThread* previous;
-  MemPool* pools[FAST_ENTRIES];     // that are there
-  FastCache* caches[FAST_ENTRIES];  // of these pools; g_noCache: their blocks are not kept
+  MemPool* pools[FAST_ENTRIES];             // that are there
+  FastCache* caches[FAST_ENTRIES];          // of these pools; g_noCache: their blocks are not kept
+  std::uint32_t generations[FAST_ENTRIES];  // of these pools: another one may come to stand in its place
   std::uint32_t poolCount;
   std::uint32_t chunks[FAST_CHUNKS];  // numbers in the address space, 0: none
   FastCache* chunkCaches[FAST_CHUNKS];

@@ -66,7 +66,8 @@ std::uint32_t sqloGetMemPoolId(const SQLO_MEM_POOL* pool) noexcept {
 
 std::uint64_t sqloMemPoolGetMaxSize(SQLO_MEM_POOL* pool) noexcept {
   vek::MemPool* const found = vek::sqloi_poolOf(pool);
-  return found == nullptr ? 0 : std::uint64_t{found->base().m_maximumAllowed} << SQLO_CHUNK_SHIFT;
+  if (found == nullptr) return 0;
+  return std::uint64_t{__atomic_load_n(&found->base().m_maximumAllowed, __ATOMIC_RELAXED)} << SQLO_CHUNK_SHIFT;
 }
 
 std::uint32_t sqloMemPoolGetCurrentSize(SQLO_MEM_POOL* pool) noexcept {
@@ -90,7 +91,7 @@ SqlzZrc sqloMemPoolChangeSize(SQLO_MEM_POOL* pool, std::uint64_t bytes) noexcept
   if (bytes == 0 || bytes > std::uint64_t{base.m_set->m_maxChunksAllowed} << SQLO_CHUNK_SHIFT) return SQLO_MEM_SIZE;
   const vek::PoolOperation operation(base);
   base.m_configuredChunks = sqloChunksOf(bytes);
-  base.m_maximumAllowed = base.m_configuredChunks;
+  vek::sqloi_set(base.m_maximumAllowed, base.m_configuredChunks);
   return 0;
 }
 

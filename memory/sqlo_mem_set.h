@@ -35,13 +35,22 @@ inline constexpr std::uint32_t MEM_SET_LEAST_FREE = 257;  // chunks that a thres
 struct ChunkBits {
   std::uint64_t words[MEM_SET_WORDS];
 
-  bool has(std::uint32_t chunk) const noexcept { return (words[chunk / 64] >> (chunk % 64) & 1) != 0; }
-  void add(std::uint32_t chunk) noexcept { words[chunk / 64] |= std::uint64_t{1} << (chunk % 64); }
-  void drop(std::uint32_t chunk) noexcept { words[chunk / 64] &= ~(std::uint64_t{1} << (chunk % 64)); }
+  bool has(std::uint32_t chunk) const noexcept { return (word(chunk) >> (chunk % 64) & 1) != 0; }
+  void add(std::uint32_t chunk) noexcept { put(chunk, word(chunk) | std::uint64_t{1} << (chunk % 64)); }
+  void drop(std::uint32_t chunk) noexcept { put(chunk, word(chunk) & ~(std::uint64_t{1} << (chunk % 64))); }
   std::uint32_t count() const noexcept {
     std::uint32_t total = 0;
-    for (const std::uint64_t word : words) total += static_cast<std::uint32_t>(__builtin_popcountll(word));
+    for (const std::uint64_t bits : words) total += static_cast<std::uint32_t>(__builtin_popcountll(bits));
     return total;
+  }
+
+ private:
+  // Whether a chunk is committed is looked at without the latch.
+  std::uint64_t word(std::uint32_t chunk) const noexcept {
+    return __atomic_load_n(&words[chunk / 64], __ATOMIC_RELAXED);
+  }
+  void put(std::uint32_t chunk, std::uint64_t bits) noexcept {
+    __atomic_store_n(&words[chunk / 64], bits, __ATOMIC_RELAXED);
   }
 };
 

@@ -1,5 +1,6 @@
 // Memory pools: where blocks come from and where they go.
 #include <algorithm>
+#include <utility>
 
 #include "memory/sqlo_mem_pool.h"
 #include "veksys/codes.h"
@@ -43,12 +44,11 @@ Block fullAddress(const MemPool& pool, std::uint32_t low) noexcept { return wind
 // ---- taking ----------------------------------------------------------------------------------------------------
 
 Block takeKept(MemPool& pool, std::uint32_t stride) noexcept {
-  if (stride > KEPT_MOST_STRIDE) return 0;
   std::uint32_t& head = pool.m_kept[listOf(stride)];
   if (head == 0) return 0;
   const Block block = fullAddress(pool, head);
   head = linkOf(block);
-  pool.m_keptBytes -= stride;
+  sqloi_add(pool.m_keptBytes, -std::int64_t{stride});
   return block;
 }
 
@@ -73,24 +73,39 @@ Block takeFromCarve(MemPool& pool, std::uint32_t stride) noexcept {
   return block;
 }
 
-// The rest becomes the carve when it is larger than that.
-Block takeFromTree(MemPool& pool, std::uint32_t stride) noexcept {
+void putInTree(MemPool& pool, Block block) noexcept {
+  if (block != 0) sqloi_treeInsert(&pool.m_freeTree, block);
+}
+
+// A small block is cut from the carve. When that is used up, the smallest free block that fits is cut from next: small
+// blocks fill small gaps, and leave large ones for large blocks.
+Block takeSmall(MemPool& pool, std::uint32_t stride) noexcept {
+  if (const Block block = takeFromCarve(pool, stride); block != 0) return block;
   const Block block = sqloi_treeFind(pool.m_freeTree, stride);
   if (block == 0) return 0;
   sqloi_treeRemove(&pool.m_freeTree, block);
-  Block rest = cutFront(block, stride);
-  if (rest == 0) return block;
-  if (pool.m_carve == 0 || strideOf(rest) > strideOf(pool.m_carve)) std::swap(rest, pool.m_carve);
-  if (rest != 0) sqloi_treeInsert(&pool.m_freeTree, rest);
+  putInTree(pool, std::exchange(pool.m_carve, cutFront(block, stride)));
+  return block;
+}
+
+// A large one from what fits best, the carve among it.
+Block takeLarge(MemPool& pool, std::uint32_t stride) noexcept {
+  const Block block = sqloi_treeFind(pool.m_freeTree, stride);
+  const bool carveIsLess = block == 0 || (pool.m_carve != 0 && strideOf(pool.m_carve) < strideOf(block));
+  if (carveIsLess)
+    if (const Block carved = takeFromCarve(pool, stride); carved != 0) return carved;
+  if (block == 0) return 0;
+  sqloi_treeRemove(&pool.m_freeTree, block);
+  putInTree(pool, cutFront(block, stride));
   return block;
 }
 
 }  // namespace
 
 Block sqloi_takeBlock(MemPool& pool, std::uint32_t stride) noexcept {
-  Block block = takeKept(pool, stride);
-  if (block == 0) block = takeFromCarve(pool, stride);
-  return block != 0 ? block : takeFromTree(pool, stride);
+  if (stride > KEPT_MOST_STRIDE) return takeLarge(pool, stride);
+  const Block block = takeKept(pool, stride);
+  return block != 0 ? block : takeSmall(pool, stride);
 }
 
 void sqloi_cutAndUse(MemPool& pool, Block block, std::uint32_t bytes, std::uint32_t kind, BlockPlace place) noexcept {
@@ -162,7 +177,7 @@ void sqloi_putBlock(MemPool& pool, Block block, PoolOperation& operation) noexce
   std::uint32_t& head = pool.m_kept[listOf(stride)];
   setLink(block, head);
   head = shortOf(block);
-  pool.m_keptBytes += stride;
+  sqloi_add(pool.m_keptBytes, stride);
   if (isKeptTooMuch(pool)) sqloi_joinKept(pool, operation);
 }
 
@@ -171,7 +186,7 @@ void sqloi_keepChain(MemPool& pool, std::uint32_t first, Block last, std::uint32
   std::uint32_t& head = pool.m_kept[listOf(stride)];
   setLink(last, head);
   head = first;
-  pool.m_keptBytes += count * stride;
+  sqloi_add(pool.m_keptBytes, count * stride);
   sqloi_noteUsed(pool, -std::int64_t{count} * stride, -static_cast<std::int32_t>(count));
   if (isKeptTooMuch(pool)) sqloi_joinKept(pool, operation);
 }
@@ -184,7 +199,7 @@ KeptChain sqloi_takeChain(MemPool& pool, std::uint32_t stride, std::uint32_t mos
     head = linkOf(chain.last);
     ++chain.count;
   }
-  pool.m_keptBytes -= chain.count * stride;
+  sqloi_add(pool.m_keptBytes, 0U - chain.count * stride);
   sqloi_noteUsed(pool, std::int64_t{chain.count} * stride, static_cast<std::int32_t>(chain.count));
   return chain;
 }
@@ -198,7 +213,7 @@ void sqloi_joinKept(MemPool& pool, PoolOperation& operation) noexcept {
     }
     list = 0;
   }
-  pool.m_keptBytes = 0;
+  sqloi_set(pool.m_keptBytes, 0);
   if (pool.m_carve == 0) return;
   sqloi_treeInsert(&pool.m_freeTree, pool.m_carve);
   pool.m_carve = 0;

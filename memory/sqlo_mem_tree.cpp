@@ -1,5 +1,7 @@
 #include "memory/sqlo_mem_tree.h"
 
+#include <iterator>
+
 namespace vek {
 namespace {
 
@@ -103,19 +105,45 @@ void sqloi_treeRemove(FreeTree* tree, Block block) noexcept {
   place.hang(left != 0 ? left : right);
 }
 
-Block sqloi_treeFind(FreeTree tree, std::uint32_t stride) noexcept {
-  Block at = blockOf(tree);
-  if (at == 0 || strideOf(at) < stride) return 0;
-  for (;;) {
-    const Block left = leftOf(at);
-    const Block right = rightOf(at);
-    const std::uint32_t leftStride = left == 0 ? 0 : strideOf(left);
-    const std::uint32_t rightStride = right == 0 ? 0 : strideOf(right);
-    const bool leftFits = leftStride >= stride;
-    const bool rightFits = rightStride >= stride;
-    if (!leftFits && !rightFits) return at;
-    at = leftFits && (!rightFits || leftStride <= rightStride) ? left : right;
+namespace {
+
+// Nodes with room, passed by on the way down. When there are too many of them, later ones are forgotten.
+class Bypassed {
+ public:
+  void add(Block block) noexcept {
+    if (count_ < std::size(blocks_)) blocks_[count_++] = block;
   }
+  Block next() noexcept { return count_ == 0 ? 0 : blocks_[--count_]; }
+
+ private:
+  Block blocks_[32];
+  std::size_t count_ = 0;
+};
+
+// Ways down that are tried at most. One alone leaves twice as much unused between large blocks; more than this gain
+// little.
+constexpr unsigned kWaysMost = 16;
+
+}  // namespace
+
+Block sqloi_treeFind(FreeTree tree, std::uint32_t stride) noexcept {
+  const auto fitting = [stride](Block block) { return block != 0 && strideOf(block) >= stride ? strideOf(block) : 0; };
+  Block best = 0;
+  Bypassed bypassed;
+  Block at = fitting(blockOf(tree)) == 0 ? 0 : blockOf(tree);
+  for (unsigned ways = 0; at != 0 && ways < kWaysMost; ++ways, at = bypassed.next()) {
+    for (Block below = at; below != 0;) {
+      at = below;
+      const std::uint32_t left = fitting(leftOf(at));
+      const std::uint32_t right = fitting(rightOf(at));
+      const bool goesLeft = left != 0 && (right == 0 || left <= right);
+      if (left != 0 && right != 0) bypassed.add(goesLeft ? rightOf(at) : leftOf(at));
+      below = goesLeft ? leftOf(at) : right != 0 ? rightOf(at) : 0;
+    }
+    if (best == 0 || strideOf(at) < strideOf(best)) best = at;
+    if (strideOf(best) == stride) break;
+  }
+  return best;
 }
 
 Block sqloi_treeBelow(FreeTree tree, Block block) noexcept {

@@ -22,8 +22,8 @@ using FreeTree = SqloMemFreeBlock*;
 void sqloi_treeInsert(FreeTree* tree, Block block) noexcept;
 void sqloi_treeRemove(FreeTree* tree, Block block) noexcept;
 
-// A free block of at least that stride: the smallest of those that the sizes on the way down lead to ("better fit"). 0
-// when there is none. It stays in the tree.
+// A free block of at least that stride: the smallest at the ends of some ways down, each towards smaller ones ("better
+// fit", tried several times). 0 when there is none. It stays in the tree.
 Block sqloi_treeFind(FreeTree tree, std::uint32_t stride) noexcept;
 
 // The last free block that begins below an address, 0 when there is none.
