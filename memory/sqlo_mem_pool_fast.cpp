@@ -1,9 +1,5 @@
 #include "memory/sqlo_mem_pool_fast.h"
 
-#include <linux/membarrier.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -42,7 +38,7 @@ class RegistryOperation {
   RegistryOperation() noexcept {
     (void)g_registry.latch.captureLatch("sqlo_mem_pool_fast", __LINE__);
     if (g_registry.isReady) return;
-    g_registry.hasBarrier = ::syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+    g_registry.hasBarrier = ossRegisterBarrier();
     g_registry.isReady = true;
   }
   ~RegistryOperation() { g_registry.latch.releaseLatch(); }
@@ -171,7 +167,7 @@ FastCache* makeCache(MemPool& pool) noexcept {
 // From here on a thread that is inside knew the old epoch, and will be out soon; one that comes in sees the new one.
 void raiseEpoch() noexcept {
   g_fastEpoch.fetch_add(1, std::memory_order_seq_cst);
-  if (g_registry.hasBarrier) (void)::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0);
+  if (g_registry.hasBarrier) ossBarrier();
 }
 
 bool isOutside(const FastThread& thread) noexcept {

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/membarrier.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -229,6 +230,10 @@ std::uint64_t ossMeasureTicksPerSecond() noexcept {
 
 void ossSleepMs(unsigned milliseconds) noexcept { sleepFor(milliseconds / 1000, milliseconds % 1000 * 1'000'000); }
 void ossSleepUs(unsigned microseconds) noexcept { sleepFor(microseconds / 1'000'000, microseconds % 1'000'000 * 1000); }
+bool ossRegisterBarrier() noexcept {
+  return ::syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
+}
+void ossBarrier() noexcept { (void)::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0); }
 void ossYield() noexcept { ::sched_yield(); }
 
 unsigned ossProcessors() noexcept {

@@ -137,6 +137,11 @@ inline void ossPrefetchToWrite(const void* address) noexcept {
 // Lets another thread have the processor.
 void ossYield() noexcept;
 
+// A barrier on the processors that run other threads of this process, for protocols whose frequent side makes do with a
+// barrier for the compiler (membarrier). It must be registered first; false: the system has none.
+bool ossRegisterBarrier() noexcept;
+void ossBarrier() noexcept;
+
 // How many processors this process may use, 1 when that is not known.
 unsigned ossProcessors() noexcept;
 
