@@ -53,7 +53,7 @@ std::size_t formatConsumer(SqloMemStatsLayout layout, const char* name, std::uin
 }  // namespace
 }  // namespace vek
 
-// ---- for those who watch -----------------------------------------------------------------------------------------
+// ---- for those who watch ----------------------------------------------------------------------------------------
 
 namespace {
 
@@ -91,7 +91,7 @@ SqloMemPartitionStats SqloMemControllerAccess::look(const Controller& controller
   return stats;
 }
 
-// ---- records ---------------------------------------------------------------------------------------------------
+// ---- records ----------------------------------------------------------------------------------------------------
 
 SqlzZrc SqloMemController::queryStats(SqloMemPartitionStats* partitionStats) noexcept {
   SqloMemStatsSummary summary;
@@ -140,7 +140,7 @@ SqlzZrc SqloMemController::getPartitionStatsSummary(const char* databaseName, Sq
   return 0;
 }
 
-// ---- text ------------------------------------------------------------------------------------------------------
+// ---- text -------------------------------------------------------------------------------------------------------
 
 // `position` counts the records that have been looked at, plus one.
 std::size_t SqloMemController::formatStatistics(SqloMemStatsLayout layout, char* buffer, std::size_t bytes,

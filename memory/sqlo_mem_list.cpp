@@ -63,8 +63,7 @@ void nameProcess(SqloMemEntry* entry, std::uint64_t owner, Lives& lives) noexcep
   }
 }
 
-// ---- sets and pools
-// ---------------------------------------------------------------------------------------------------
+// ---- sets and pools ---------------------------------------------------------------------------------------------
 
 struct RowSeen {
   std::uint64_t owner;  // without READY
@@ -149,8 +148,7 @@ void listRows(Entries& entries, Lives& lives) noexcept {
   });
 }
 
-// ---- shared sets: who is connected
-// ------------------------------------------------------------------------------------
+// ---- shared sets: who is connected ------------------------------------------------------------------------------
 
 void listConnections(Entries& entries, Lives& lives) noexcept {
   const auto& directory = *static_cast<const SetDirectory*>(regionSection(RegionSectionId::kMemorySets));
@@ -172,8 +170,7 @@ void listConnections(Entries& entries, Lives& lives) noexcept {
   }
 }
 
-// ---- the controller
-// ---------------------------------------------------------------------------------------------------
+// ---- the controller ---------------------------------------------------------------------------------------------
 
 // The set that a consumer counts, 0: none.
 std::uint64_t setOfConsumer(std::uint32_t number, std::uint64_t owner) noexcept {
