@@ -154,7 +154,7 @@ void listConnections(Entries& entries, Lives& lives) noexcept {
   const auto& directory = *static_cast<const SetDirectory*>(regionSection(RegionSectionId::kMemorySets));
   for (std::uint32_t number = 0; number < MEM_SET_ENTRIES; ++number) {
     const SetEntry& set = directory.entries[number];
-    if (__atomic_load_n(&set.state, __ATOMIC_ACQUIRE) == SetState::kFree) continue;
+    if (static_cast<const volatile SetState&>(set.state) == SetState::kFree) continue;
     for (const std::uint64_t& connected : set.connected) {
       const std::uint64_t owner = __atomic_load_n(&connected, __ATOMIC_RELAXED);
       if (owner == 0) continue;
