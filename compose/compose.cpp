@@ -4,6 +4,7 @@
 #include "diag/base/pdlog.h"
 #include "diag/base/sqltfast.h"
 #include "memory/sqlo_mem_pool_fast.h"
+#include "memory/sqlo_mem_rows.h"
 #include "platform/osse.h"
 #include "platform/ports.h"
 #include "sync/sqloLatchTable.h"
@@ -43,6 +44,7 @@ constinit Ports g_ports = {
     .attachTrace = sqlti_attachAtPoint,
     .flushMemoryCaches = sqloi_fastThreadEnds,
     .checkLatches = sqloi_latchThreadEnds,
+    .freeMemoryRows = sqloi_rowsProcessEnds,
 };
 
 }  // namespace vek

@@ -96,6 +96,7 @@ void Client::addTotals(const Slot& slot) {
   ++worker.requests;
   worker.stanzas += reply.stanzas;
   worker.busyNs += reply.busyNs;
+  worker.poolPeakBytes = std::max(worker.poolPeakBytes, reply.poolPeakBytes);
 }
 
 void Client::addToShown(const Slot& slot) {

@@ -25,6 +25,7 @@ struct WorkerTotal {
   std::uint64_t requests = 0;
   std::uint64_t stanzas = 0;
   std::uint64_t busyNs = 0;
+  std::uint64_t poolPeakBytes = 0;
 };
 
 // The reply that the report shows: the last with an error, else the last with a warning, else the last.

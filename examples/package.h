@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory_resource>
 #include <string>
 #include <string_view>
 
@@ -12,13 +13,16 @@
 namespace demo {
 
 struct Package {
+  explicit Package(std::pmr::memory_resource* memory)
+      : name(memory), architecture(memory), section(memory), provides(memory), depends(memory), recommends(memory) {}
+
   std::uint64_t line = 0;  // of its stanza
-  std::string name;        // lower case; empty: the stanza has none and there is no package
-  std::string architecture;
-  std::string section;   // without the archive area before a slash
-  std::string provides;  // lists as written, their control characters replaced
-  std::string depends;   // Pre-Depends and Depends
-  std::string recommends;
+  std::pmr::string name;   // lower case; empty: the stanza has none and there is no package
+  std::pmr::string architecture;
+  std::pmr::string section;   // without the archive area before a slash
+  std::pmr::string provides;  // lists as written, their control characters replaced
+  std::pmr::string depends;   // Pre-Depends and Depends
+  std::pmr::string recommends;
   std::uint64_t installedKib = 0;
   bool installed = false;  // its files are there, so it provides and needs something
 };

@@ -72,6 +72,12 @@ const char* verifiedText(const Outcome& outcome) {
   return "not verified: part of the file is missing from the index";
 }
 
+std::string memoryText(const Outcome& outcome) {
+  std::uint64_t bytes = 0;
+  for (const WorkerTotal& worker : outcome.workers) bytes += worker.poolPeakBytes;
+  return joined(bytesText(bytes), " at most, in a pool per worker; `veksys memory` shows them while they run");
+}
+
 void printSummary(const Facts& facts) {
   const Outcome& outcome = facts.outcome;
   const std::uint64_t clean = outcome.requests - outcome.requestsWithError - outcome.requestsWithWarning;
@@ -83,6 +89,7 @@ void printSummary(const Facts& facts) {
   line("  Requests      ", figure(outcome.requests), grouped(clean), " clean, ", grouped(outcome.requestsWithWarning),
        " with a warning, ", grouped(outcome.requestsWithError), " failed; ", timeText(facts.elapsed));
   line("  Dependencies  ", verifiedText(outcome));
+  line("  Memory        ", memoryText(outcome));
   line("  Trace         ", traceText(facts.trace));
 }
 

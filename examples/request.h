@@ -43,6 +43,7 @@ struct Reply {
   std::uint64_t packages;
   std::uint64_t installedKib;
   std::uint64_t busyNs;
+  std::uint64_t poolPeakBytes;  // the most that the worker's pool ever owned
   std::uint32_t sectionCount;
   SectionRow sections[kSectionRows];
   FindingTable findings;

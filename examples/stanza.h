@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory_resource>
 #include <string_view>
 #include <vector>
 
@@ -21,8 +22,10 @@ struct Field {
 };
 
 struct Stanza {
-  std::uint64_t line;
-  std::vector<Field> fields;
+  explicit Stanza(std::pmr::memory_resource* memory) : fields(memory) {}
+
+  std::uint64_t line = 0;
+  std::pmr::vector<Field> fields;
 
   // The first field of that name, whatever its case; null when there is none.
   [[nodiscard]] const Field* find(std::string_view name) const noexcept;

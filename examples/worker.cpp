@@ -13,6 +13,7 @@
 
 #include "functions.h"
 #include "host.h"
+#include "memory.h"
 #include "package.h"
 #include "verify.h"
 
@@ -20,6 +21,7 @@ namespace demo {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Packages = std::pmr::vector<Package>;
 
 // The row of a section, a new one if need be. When the table is full the last row takes all others.
 SectionRow& sectionRow(Reply& reply, std::string_view section) noexcept {
@@ -36,7 +38,8 @@ SectionRow& sectionRow(Reply& reply, std::string_view section) noexcept {
 // The state that the threads of one worker process share.
 class Worker {
  public:
-  explicit Worker(const WorkerSetup& setup) noexcept : setup_(setup), index_(setup.index) {}
+  Worker(const WorkerSetup& setup, WorkerMemory& memory) noexcept
+      : setup_(setup), memory_(memory), index_(setup.index) {}
 
   // One thread: takes a slot, serves it, sends it back.
   void runThread(unsigned thread) {
@@ -70,6 +73,7 @@ class Worker {
       load(slot.request, {slot.text, slot.request.textBytes}, slot.reply);
     else
       verify(slot.request, slot.reply);
+    slot.reply.poolPeakBytes = memory_.peakBytes();
     slot.reply.busyNs = static_cast<std::uint64_t>(std::chrono::nanoseconds(Clock::now() - begin).count());
     return trace.exit(slot.reply.area.sqlerrd[0]);
   }
@@ -77,14 +81,14 @@ class Worker {
   void load(const Request& request, std::string_view text, Reply& reply) {
     SqltTraceScope<FID_loadBlock> trace;
     Findings findings(reply.findings, reply.area);
-    std::vector<Package> packages;
-    Stanza stanza;
+    Packages packages(memory_.resource());
+    Stanza stanza(memory_.resource());
     for (StanzaReader stanzas(text, request.firstLine); stanzas.next();) {
       findings.beginStanza();
       parseStanza(stanzas.text(), stanzas.line(), findings, &stanza);
       if (request.cut && stanzas.isLast())
         findings.note(trace, Condition::kStanzaCut, stanzas.line(), "its end is missing");
-      Package package;
+      Package package(memory_.resource());
       makePackage(stanza, findings, &package);
       count(package, reply);
       if (package.name.empty()) continue;
@@ -92,7 +96,7 @@ class Worker {
       packages.push_back(std::move(package));
     }
     const std::lock_guard guard(lock_);
-    blocks_[request.number] = std::move(packages);
+    blocks_.emplace(request.number, std::move(packages));
     trace.exit(reply.area.sqlerrd[0]);
   }
 
@@ -119,19 +123,20 @@ class Worker {
     trace.exit(reply.area.sqlerrd[0]);
   }
 
-  std::vector<Package> packagesOf(std::uint32_t block) {
+  Packages packagesOf(std::uint32_t block) {
     const std::lock_guard guard(lock_);
     const auto found = blocks_.find(block);
-    if (found == blocks_.end()) return {};
-    std::vector<Package> packages = std::move(found->second);
+    if (found == blocks_.end()) return Packages(memory_.resource());
+    Packages packages = std::move(found->second);
     blocks_.erase(found);
     return packages;
   }
 
   const WorkerSetup& setup_;
+  WorkerMemory& memory_;
   Index index_;
   std::mutex lock_;
-  std::map<std::uint32_t, std::vector<Package>> blocks_;  // by number of their load request
+  std::map<std::uint32_t, Packages> blocks_;  // by number of their load request
 };
 
 }  // namespace
@@ -139,7 +144,9 @@ class Worker {
 int runWorker(const WorkerSetup& setup) {
   const EngineUnit unit(workerUnit(setup.number), "worker-" + std::to_string(setup.number));
   SqltTraceScope<FID_runWorker> trace;
-  Worker worker(setup);
+  WorkerMemory memory;
+  if (const SqlzZrc code = memory.open(); code != 0) return trace.exit(1);
+  Worker worker(setup, memory);
   std::vector<std::jthread> threads;
   for (unsigned thread = 1; thread <= setup.threads; ++thread)
     threads.emplace_back([&worker, thread] { worker.runThread(thread); });

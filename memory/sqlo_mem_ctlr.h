@@ -86,6 +86,18 @@ struct SqloMemControllerAccess {
     return slot != vek::REGION_NO_SLOT && (controller.m_noted[slot / 64] >> (slot % 64) & 1) != 0;
   }
 
+  // ---- without the latch: each number as it stands at the moment it is read
+  struct Seen {
+    std::uint64_t owner;  // 0: no consumer
+    std::uint32_t kind;
+    std::uint32_t currentSize;
+    std::uint32_t highWater;
+    std::uint32_t cached;
+    char name[SQLO_MEM_CONSUMER_NAME_BYTES];
+  };
+  static Seen look(const Controller& controller, std::uint32_t number) noexcept;
+  static SqloMemPartitionStats look(const Controller& controller) noexcept;
+
   // ---- requests
   static vek::MemAttempt attempt(Controller& controller, const vek::MemRequest& request) noexcept;
   static void reclaim(Controller& controller, const Consumer& requester, std::uint32_t bytes) noexcept;

@@ -53,7 +53,45 @@ std::size_t formatConsumer(SqloMemStatsLayout layout, const char* name, std::uin
 }  // namespace
 }  // namespace vek
 
-// ---- records ---------------------------------------------------------------------------------------------------
+// ---- for those who watch ----------------------------------------------------------------------------------------
+
+namespace {
+
+template <class Number>
+Number now(const Number& counter) noexcept {
+  return __atomic_load_n(&counter, __ATOMIC_RELAXED);
+}
+
+}  // namespace
+
+SqloMemControllerAccess::Seen SqloMemControllerAccess::look(const Controller& controller,
+                                                            std::uint32_t number) noexcept {
+  const Consumer& consumer = controller.m_consumers[number - 1];
+  Seen seen = {now(consumer.m_owner),     now(consumer.m_kind),   now(consumer.m_currentSize),
+               now(consumer.m_highWater), now(consumer.m_cached), {}};
+  std::memcpy(seen.name, consumer.m_name, sizeof seen.name - 1);
+  return seen;
+}
+
+SqloMemPartitionStats SqloMemControllerAccess::look(const Controller& controller) noexcept {
+  SqloMemPartitionStats stats = {};
+  stats.active = controller.isActive();
+  if (!stats.active) return stats;
+  stats.automatic = now(controller.m_automatic) != 0;
+  stats.boundFixed = now(controller.m_boundFixed) != 0;
+  stats.strict = now(controller.m_strict) != 0;
+  stats.upperBound = now(controller.m_upperBound);
+  stats.initialBound = now(controller.m_initialBound);
+  stats.desiredMax = now(controller.m_desiredMax);
+  stats.currentSize = now(controller.m_currentSize);
+  stats.usageHighWater = now(controller.m_usageHighWater);
+  stats.cachedMemory = now(controller.m_cachedMemory);
+  stats.cachedDatabaseMemory = now(controller.m_cachedDatabaseMemory);
+  for (const Consumer& consumer : controller.m_consumers) stats.consumers += now(consumer.m_owner) != 0 ? 1U : 0U;
+  return stats;
+}
+
+// ---- records ----------------------------------------------------------------------------------------------------
 
 SqlzZrc SqloMemController::queryStats(SqloMemPartitionStats* partitionStats) noexcept {
   SqloMemStatsSummary summary;
@@ -102,7 +140,7 @@ SqlzZrc SqloMemController::getPartitionStatsSummary(const char* databaseName, Sq
   return 0;
 }
 
-// ---- text ------------------------------------------------------------------------------------------------------
+// ---- text -------------------------------------------------------------------------------------------------------
 
 // `position` counts the records that have been looked at, plus one.
 std::size_t SqloMemController::formatStatistics(SqloMemStatsLayout layout, char* buffer, std::size_t bytes,

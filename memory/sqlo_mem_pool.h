@@ -86,7 +86,8 @@ struct MemPool : SQLO_MEM_POOL {
   FastCache* m_caches;  // of threads
   std::uint32_t m_fastMost;
   std::uint32_t m_fastGeneration;  // counts pools that became fast
-  std::uint32_t m_row;             // in the instance's list of pools; 0: none
+  std::uint32_t m_row;             // of a base pool in the instance's list; 0: none
+  std::uint32_t m_usedTold;        // m_currentUsed as it stands there
   std::atomic<std::uint32_t> m_deferred;
   std::uint32_t m_kept[KEPT_LISTS];
 

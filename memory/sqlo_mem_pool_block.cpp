@@ -4,6 +4,7 @@
 
 #include "diag/base/traced.h"
 #include "memory/sqlo_mem_pool_fast.h"
+#include "memory/sqlo_mem_rows.h"
 #include "memory/sqlo_mem_set_directory.h"
 #include "platform/region.h"
 #include "veksys/codes.h"
@@ -201,6 +202,7 @@ Block takeKeptLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place) noex
     setPlace(block, place, ++pool.m_sequence);
     setState(block, BLOCK_USED, bytes);
   }
+  sqloi_tellPoolWhenMoved(pool.base());
   pool.base().m_latch.releaseLatch();
   return block;
 }
@@ -325,6 +327,7 @@ bool keepLatched(MemPool& pool, Block block, std::uint32_t stride, BlockPlace pl
   head = shortOf(block);
   sqloi_add(pool.m_keptBytes, stride);
   sqloi_noteUsed(pool, -std::int64_t{stride}, -1);
+  sqloi_tellPoolWhenMoved(pool.base());
   latch.releaseLatch();
   return true;
 }
@@ -390,6 +393,14 @@ SqlzZrc sqloMemPoolFree(void* pointer, const char* file, std::uint32_t line) noe
     }
   }
   return vek::freeBlock(pointer, file, line);
+}
+
+SqlzZrc sqloMemPoolFreeOf(SQLO_MEM_POOL* pool, void* block, const char* file, std::uint32_t line) noexcept {
+  SQLO_MEM_POOL* owner = pool;
+  if (sqloGetPoolHandleFromBlkPointer(block, &owner) == 0 && owner != pool)
+    return vek::complainOfBlock(40, "Freed here as a block of one memory pool, and belongs to another:", block,
+                                vek::named(file), line);
+  return sqloMemPoolFree(block, file, line);
 }
 
 SqlzZrc sqloGetPoolHandleFromBlkPointer(const void* block, SQLO_MEM_POOL** outPool) noexcept {

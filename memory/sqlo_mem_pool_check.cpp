@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "memory/sqlo_mem_pool_fast.h"
+#include "memory/sqlo_mem_rows.h"
 #include "platform/region.h"
 #include "veksys/codes.h"
 #include "veksys/diag/log_items.h"
@@ -130,6 +131,7 @@ void sqloi_repairPool(MemPool& base) noexcept {
   visitRuns(base, [&](SqloMemSubgroup* run) { isWhole = takeOver(base, run) && isWhole; });
   base.m_maximumOwned = std::max(base.m_maximumOwned, base.m_currentOwned);
   if (!isWhole) base.m_eyeCatcher = 0;
+  sqloi_tellPool(base);
 }
 
 std::uint32_t sqloi_reportLeaks(MemPool& pool) noexcept {

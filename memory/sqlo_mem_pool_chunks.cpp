@@ -7,6 +7,7 @@
 
 #include "diag/base/traced.h"
 #include "memory/sqlo_mem_pool_fast.h"
+#include "memory/sqlo_mem_rows.h"
 #include "veksys/codes.h"
 
 namespace vek {
@@ -108,11 +109,13 @@ void sqloi_noteOwned(MemPool& base, std::int64_t chunks) noexcept {
   sqloi_set(base.m_maximumOwned, std::max(base.m_maximumOwned, base.m_currentOwned));
   if (base.m_currentOwned > base.m_maximumAllowed && sqloi_allowsGrowth(base))
     sqloi_set(base.m_maximumAllowed, base.m_currentOwned);
+  sqloi_tellPool(base);
 }
 
 void sqloi_noteRefusal(MemPool& pool) noexcept {
   const PoolOperation operation(pool);
   sqloi_add(pool.base().m_refusals, 1);
+  sqloi_tellPool(pool.base());
 }
 
 void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexcept {

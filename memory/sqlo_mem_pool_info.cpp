@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "memory/sqlo_mem_pool_fast.h"
+#include "memory/sqlo_mem_rows.h"
 #include "platform/osse.h"
 #include "veksys/codes.h"
 
@@ -92,6 +93,7 @@ SqlzZrc sqloMemPoolChangeSize(SQLO_MEM_POOL* pool, std::uint64_t bytes) noexcept
   const vek::PoolOperation operation(base);
   base.m_configuredChunks = sqloChunksOf(bytes);
   vek::sqloi_set(base.m_maximumAllowed, base.m_configuredChunks);
+  vek::sqloi_tellPool(base);
   return 0;
 }
 

@@ -6,6 +6,7 @@
 
 #include "diag/base/traced.h"
 #include "memory/sqlo_mem_pool_fast.h"
+#include "memory/sqlo_mem_rows.h"
 #include "memory/sqlo_mem_set_directory.h"
 #include "platform/region.h"
 #include "veksys/codes.h"
@@ -117,6 +118,7 @@ SqlzZrc createPool(const SqloMemPoolRequest& request, SQLO_MEM_POOL** out) noexc
   if (initial > limit || sqloi_setGetChunks(*request.set, static_cast<std::uint32_t>(first), &chunks) != 0)
     return complainOfInitialSize(request);
   MemPool* const pool = build(chunks, static_cast<std::uint32_t>(first), request, limit);
+  sqloi_listPool(*pool);
   enterInSet(*request.set, *pool);
   if (pool->commitRawChunks(static_cast<std::uint32_t>(initial - first), nullptr) != 0) {
     SQLO_MEM_POOL* const failed = pool;
@@ -172,6 +174,7 @@ void freeBase(MemPool& pool) noexcept {
   SMemSet& set = *pool.m_set;
   fastForgetKnowledge();
   leaveSet(set, pool);
+  sqloi_unlistPool(pool);
   SqloMemSubgroup* runs = nullptr;
   const auto collect = [&runs](SqloMemSubgroup* first) {
     while (first != nullptr) {

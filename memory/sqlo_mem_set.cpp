@@ -6,6 +6,7 @@
 
 #include "diag/base/traced.h"
 #include "memory/sqlo_mem_pool.h"
+#include "memory/sqlo_mem_rows.h"
 #include "memory/sqlo_mem_settings.h"
 #include "platform/address_space.h"
 #include "platform/osse.h"
@@ -54,6 +55,7 @@ SetOperation::~SetOperation() {
   const bool isPending = set_.takePendingFailure(&failure);
   const bool pinningLost = set_.m_pinningLost;
   set_.m_pinningLost = false;
+  sqloi_tellSet(set_);
   set_.releaseLatch();
   if (isPending) report(failure, setType);
   if (pinningLost) {

@@ -167,6 +167,9 @@ class SMemSet {
   vek::ChunkRange m_begun;         // being committed or decommitted at this moment
   SqloMemoryConsumer* m_consumer;  // with the memory controller, and the process it belongs to
   std::uint64_t m_consumerOwner;
+  std::uint32_t m_consumerNumber;
+  std::uint32_t m_row;          // in the instance's list of sets; 0: none
+  std::uint64_t m_sharedOwner;  // of that row and those of its pools, when it is shared
   char m_name[SQLO_SET_NAME_BYTES];
   vek::ChunkBits m_used;
   vek::ChunkBits m_starts;  // of handed-out runs
@@ -190,7 +193,7 @@ struct SetEntry {
   SetState state;
   std::uint32_t setType;
   std::uint32_t options;
-  std::uint32_t reserved;
+  std::uint32_t serial;  // counts the sets that this entry stood for
   char name[SQLO_SET_NAME_BYTES];
   std::uint64_t connected[MEM_SET_PROCESSES];  // lives of processes; the creator's stands first
 };

@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "memory/sqlo_mem_pool.h"
+#include "memory/sqlo_mem_rows.h"
 #include "memory/sqlo_mem_section.h"
 #include "platform/address_windows.h"
 #include "platform/dirs.h"
@@ -68,6 +69,7 @@ void freeEntry(SetDirectory& directory, SetEntry& entry) noexcept {
   const auto number = static_cast<std::uint32_t>(&entry - directory.entries);
   if (sqloi_setPath(number, path, sizeof path)) ossCalls().unlink(path);
   std::memset(entry.connected, 0, sizeof entry.connected);
+  sqloi_freeRowsOf(sharedRowOwner(number, entry.serial));
   entry.state = SetState::kFree;
 }
 

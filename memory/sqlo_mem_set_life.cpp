@@ -11,6 +11,7 @@
 #include "diag/base/traced.h"
 #include "memory/sqlo_mem_ctlr.h"
 #include "memory/sqlo_mem_pool_fast.h"
+#include "memory/sqlo_mem_rows.h"
 #include "memory/sqlo_mem_set_directory.h"
 #include "memory/sqlo_mem_settings.h"
 #include "platform/address_space.h"
@@ -226,6 +227,7 @@ SqlzZrc createPrivate(const SetPlan& plan, SMemSet** out) noexcept {
     destroyPrivate(window, plan.chunks);
     return result;
   }
+  sqloi_listSet(*set);
   *out = set;
   return 0;
 }
@@ -273,6 +275,7 @@ SqlzZrc enter(const SetPlan& plan, std::uint32_t* entryOut) noexcept {
     ossCopyText(entry.name, sizeof entry.name, plan.name);
     std::memset(entry.connected, 0, sizeof entry.connected);
     entry.connected[0] = regionProcessOwner();
+    ++entry.serial;
     entry.state = SetState::kCreating;
     *entryOut = number;
     return 0;
@@ -289,6 +292,11 @@ void changeState(std::uint32_t entry, SetState state) noexcept {
   }
 }
 
+std::uint32_t serialOf(std::uint32_t entry) noexcept {
+  const DirectoryOperation operation;
+  return operation.directory().entries[entry].serial;
+}
+
 SqlzZrc buildShared(std::uint32_t entry, const SetPlan& plan) noexcept {
   int fd = -1;
   SqlzZrc result = makeFile(entry, plan.chunks, &fd);
@@ -300,8 +308,10 @@ SqlzZrc buildShared(std::uint32_t entry, const SetPlan& plan) noexcept {
   }
   SMemSet* set = sqloi_sharedSetAt(entry);
   buildRecords(set, entry + 1, plan);
+  set->m_sharedOwner = sharedRowOwner(entry, serialOf(entry));
   result = registerNew(*set);
   if (result == 0) result = furnish(*set, plan);
+  if (result == 0) sqloi_listSet(*set);
   if (result == 0) return 0;
   (void)sqloDeRegisterSet(set);
   disconnect(entry);
@@ -401,7 +411,10 @@ ConsumerRef consumerOf(SMemSet& set) noexcept {
 }
 
 void noteConsumer(SMemSet& set, ConsumerRef consumer) noexcept {
+  const std::uint32_t number =
+      consumer.record == nullptr ? 0 : Access::numberOf(Access::theController(), consumer.record);
   const SetOperation operation(set);
+  set.m_consumerNumber = number;
   set.m_consumer = consumer.record;
   set.m_consumerOwner = consumer.owner;
 }
@@ -504,6 +517,7 @@ SqlzZrc sqlofshr(SQLO_MEM_SET* set) noexcept {
     for (vek::MemPool* pool = set->m_pools; pool != nullptr; pool = pool->m_next) vek::sqloi_fastForget(*pool);
     vek::fastForgetKnowledge();
     vek::unpoison(set->addressOf(0), std::uint64_t{info.allocatedChunks} << SQLO_CHUNK_SHIFT);
+    vek::sqloi_unlistSet(*set);
     set->m_eyeCatcher = 0;
     vek::destroyPrivate(set->m_window, info.allocatedChunks);
     return trace.exit(0);

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "memory/sqlo_mem_pool.h"
+#include "memory/sqlo_mem_rows.h"
 #include "veksys/codes.h"
 
 namespace vek {
@@ -20,6 +21,7 @@ PoolOperation::PoolOperation(MemPool& pool, std::try_to_lock_t /*tag*/, std::uin
 PoolOperation::~PoolOperation() {
   if (!holds_) return;
   SMemSet* const set = base_.m_set;
+  sqloi_tellPoolWhenMoved(base_);
   if (isLatched(base_)) base_.m_latch.releaseLatch();
   while (runs_ != nullptr) {
     SqloMemSubgroup* const run = runs_;

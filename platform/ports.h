@@ -9,7 +9,8 @@
 //   formatItem    a structure-typed data item         not formatted: the caller prints bytes
 //   member        host and partition look-up          one member: this process's own
 //   attachTrace   the first trace point of a process  diag/base: skip switch, call-backs, attach
-//   thread end    memory caches, latches              nothing to give back
+//   thread end    memory caches, latches              both give back what the thread has
+//   process end   rows of the list of memory          are freed
 //
 // The embedding engine's facts are the sixth port: include/veksys/host.h.
 #pragma once
@@ -79,6 +80,9 @@ struct Ports {
   // Given back when a thread ends, before its trace segment and its slot: memory caches first, then latches.
   void (*flushMemoryCaches)();
   void (*checkLatches)();
+
+  // Given back when the process ends in order; other threads may still run.
+  void (*freeMemoryRows)();
 };
 
 extern Ports g_ports;

@@ -47,6 +47,7 @@ constexpr SectionPlan kPlan[] = {
     {RegionSectionId::kSemaphores, 1, REGION_SEMAPHORE_BYTES},
     {RegionSectionId::kMemoryController, 1, REGION_MEMORY_CONTROLLER_BYTES},
     {RegionSectionId::kMemorySets, 1, REGION_MEMORY_SETS_BYTES},
+    {RegionSectionId::kMemoryRows, 1, REGION_MEMORY_ROWS_BYTES},
     {RegionSectionId::kThreadPages, 1, std::uint64_t{REGION_THREAD_PAGE_BYTES} * REGION_THREAD_SLOTS},
 };
 
@@ -314,6 +315,7 @@ void freeThreadsOf(std::uint32_t slot) noexcept {
 void beginRun() noexcept {
   std::memset(sectionOf<char>(RegionSectionId::kMemoryController), 0, REGION_MEMORY_CONTROLLER_BYTES);
   std::memset(sectionOf<char>(RegionSectionId::kMemorySets), 0, REGION_MEMORY_SETS_BYTES);
+  std::memset(sectionOf<char>(RegionSectionId::kMemoryRows), 0, REGION_MEMORY_ROWS_BYTES);
   auto* threads = sectionOf<RegionThread>(RegionSectionId::kThreads);
   for (std::uint32_t i = 0; i < REGION_THREAD_SLOTS; ++i) {
     threads[i].pins.store(0, std::memory_order_relaxed);

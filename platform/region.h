@@ -31,7 +31,7 @@
 
 namespace vek {
 
-inline constexpr std::uint32_t REGION_LAYOUT_VERSION = 4;
+inline constexpr std::uint32_t REGION_LAYOUT_VERSION = 5;
 inline constexpr std::uint32_t REGION_PROCESS_SLOTS = 1024;
 inline constexpr std::uint32_t REGION_THREAD_SLOTS = 8192;
 inline constexpr std::uint32_t REGION_NAME_SLOTS = 8192;
@@ -40,6 +40,7 @@ inline constexpr std::uint32_t REGION_THREAD_PAGE_BYTES = 4096;
 inline constexpr std::uint32_t REGION_SEMAPHORE_BYTES = 1024 * 1024;
 inline constexpr std::uint32_t REGION_MEMORY_CONTROLLER_BYTES = 160 * 1024;
 inline constexpr std::uint32_t REGION_MEMORY_SETS_BYTES = 160 * 1024;
+inline constexpr std::uint32_t REGION_MEMORY_ROWS_BYTES = 512 * 1024;
 inline constexpr std::uint32_t REGION_NO_SLOT = 0xFFFFFFFFU;
 
 // Bytes of the object that carry locks, far past its end: the region lock, then one byte per process slot.
@@ -56,6 +57,7 @@ enum class RegionSectionId : std::uint32_t {
   kThreadPages = 7,       // one page per thread slot, allocated when its thread first needs it
   kMemoryController = 8,  // zeroed at the beginning of each run of the instance
   kMemorySets = 9,        // the directory of shared sets, zeroed likewise
+  kMemoryRows = 10,       // counters of all sets and pools, for those who watch; zeroed likewise
 };
 
 struct RegionSection {

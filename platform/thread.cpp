@@ -55,6 +55,7 @@ extern "C" void veki_threadEnds(void* value) { giveBack(static_cast<ThreadState*
     g_ports.checkLatches();
   }
   g_ending.store(true, std::memory_order_relaxed);
+  g_ports.freeMemoryRows();
   trcDetachShared();
 }
 

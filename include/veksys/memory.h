@@ -2,5 +2,6 @@
 #pragma once
 
 #include "veksys/memory/controller.h"
+#include "veksys/memory/memory_list.h"
 #include "veksys/memory/pool.h"
 #include "veksys/memory/set.h"

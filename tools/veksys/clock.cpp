@@ -7,6 +7,8 @@
 #include <iterator>
 #include <string>
 
+#include "failure.h"
+
 namespace veksys {
 namespace {
 
@@ -248,6 +250,17 @@ std::optional<TypedMoment> parseMoment(std::string_view typed) {
   std::int64_t ofDay = 0;
   if (takeTimeOfDay(text, &ofDay) && text.empty()) return TypedMoment{TypedMoment::Kind::kTimeOfDay, ofDay};
   return parseBack(typed);
+}
+
+std::int64_t parsePause(const std::string& typed, std::string_view option) {
+  constexpr std::int64_t kShortestNs = 1'000'000;
+  constexpr std::int64_t kLongestNs = 3'600'000'000'000;
+  const bool isBare = !typed.empty() && typed.find_first_not_of("0123456789.") == std::string::npos;
+  const auto moment = parseMoment(isBare ? typed + "s" : typed);
+  if (!moment || moment->kind != TypedMoment::Kind::kBack || moment->ns < kShortestNs || moment->ns > kLongestNs)
+    wrongUse("\"" + typed + "\" is no length of time for " + std::string(option) +
+             ": a number of seconds or a length such as 200ms is, from 1ms to 1h.");
+  return moment->ns;
 }
 
 std::int64_t lastTimeOfDay(std::int64_t nsOfDay, std::int64_t before) {

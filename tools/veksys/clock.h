@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "text.h"
@@ -57,6 +58,10 @@ struct TypedMoment {
 };
 
 std::optional<TypedMoment> parseMoment(std::string_view typed);
+
+// A length of time that `option` got, in nanoseconds from 1 ms to 1 h; a bare number counts seconds. Throws Failure for
+// anything else.
+std::int64_t parsePause(const std::string& typed, std::string_view option);
 
 // The latest moment not after `before` at which local clocks showed this time of day.
 std::int64_t lastTimeOfDay(std::int64_t nsOfDay, std::int64_t before);

@@ -39,6 +39,7 @@ inline CLI::Validator notEmpty(std::string sentence) {
 
 void addLatch(CLI::App& app, Command& command);
 void addLog(CLI::App& app, Command& command);
+void addMemory(CLI::App& app, Command& command);
 void addRc(CLI::App& app, Command& command);
 void addTrace(CLI::App& app, Command& command);
 

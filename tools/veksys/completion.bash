@@ -22,6 +22,7 @@ _veksys_options() {
   case $1 in
     log) echo "$_veksys_log_tests $_veksys_log_shapes $everywhere" ;;
     latch) echo "--process --type --waiting --all --interval --watch $everywhere" ;;
+    memory) echo "--watch --openmetrics $everywhere" ;;
     rc) echo "--limit $everywhere" ;;
     on) echo "--size --component --type $everywhere" ;;
     off) echo "--discard $everywhere" ;;
@@ -48,7 +49,7 @@ _veksys_subcommand() {
   for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
     case $word in
       level) [[ $found != log ]] || found=level ;;
-      latch | log | rc | on | off | mask | dump | clear | status | format | flow | stat | export) found=$word ;;
+      latch | log | memory | rc | on | off | mask | dump | clear | status | format | flow | stat | export) found=$word ;;
       trace) [[ -n $found ]] || found=trace ;;
     esac
   done
@@ -79,7 +80,7 @@ _veksys() {
     return
   fi
   case $subcommand in
-    "") mapfile -t COMPREPLY < <(compgen -W "latch log rc trace" -- "$current") ;;
+    "") mapfile -t COMPREPLY < <(compgen -W "latch log memory rc trace" -- "$current") ;;
     trace) mapfile -t COMPREPLY < <(compgen -W "on off mask dump clear status format flow stat export" -- "$current") ;;
     rc) [[ -z $current ]] || mapfile -t COMPREPLY < <(compgen -W "$(_veksys_words codes)" -- "${current^^}") ;;
     level) mapfile -t COMPREPLY < <(compgen -W "default severe error warning info critical event" -- "$current") ;;

@@ -1,5 +1,4 @@
 // veksys latch: who holds and who awaits which latch, in all processes of an instance.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,6 +15,7 @@
 #include "latch_graph.h"
 #include "latch_view.h"
 #include "names.h"
+#include "process_state.h"
 #include "veksys/sync/latch_list.h"
 
 namespace veksys {
@@ -23,8 +23,6 @@ namespace {
 
 constexpr std::int64_t kIntervalNs = 100'000'000;
 constexpr std::int64_t kWatchNs = 2'000'000'000;
-constexpr std::int64_t kShortestNs = 1'000'000;
-constexpr std::int64_t kLongestNs = 3'600'000'000'000;
 
 struct Options {
   std::vector<std::string> processes;
@@ -62,20 +60,6 @@ LatchLook look() {
   }
 }
 
-// Whether a thread of this machine does not run because somebody stopped it (signal, debugger).
-bool isStopped(const SqloLatchEntry& entry) {
-  const std::string path =
-      "/proc/" + std::to_string(entry.processId) + "/task/" + std::to_string(entry.threadId) + "/stat";
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  char text[512];
-  const ssize_t bytes = ::read(fd, text, sizeof text);
-  ::close(fd);
-  const std::string_view stat(text, bytes < 0 ? 0 : static_cast<std::size_t>(bytes));
-  const std::size_t name = stat.rfind(')');  // the state stands two characters behind it
-  return name + 2 < stat.size() && (stat[name + 2] == 'T' || stat[name + 2] == 't');
-}
-
 // Waiters of nobody may be seen whenever a latch changes hands during a look: only several looks prove some.
 void confirm(LatchPicture* picture, const LatchLook& first) {
   confirmOrphans(&picture->graph, picture->sights, first);
@@ -95,7 +79,8 @@ LatchPicture takePicture(std::int64_t intervalNs) {
   picture.takenNs = clockNs(CLOCK_REALTIME);
   picture.spanNs = now - start;
   picture.sights = compareLooks(looks, picture.spanNs, now);
-  for (LatchSight& sight : picture.sights) sight.isStopped = !sight.isDead() && isStopped(sight.entry);
+  for (LatchSight& sight : picture.sights)
+    sight.isStopped = !sight.isDead() && isThreadStopped(sight.entry.processId, sight.entry.threadId);
   picture.graph = drawLatchGraph(picture.sights);
   confirm(&picture, looks.front());
   return picture;
@@ -120,16 +105,6 @@ int show(Command& command, const Options& options) {
   }
 }
 
-// A length of time as a person types it; a bare number counts seconds.
-std::int64_t parseLength(const std::string& typed, std::string_view option) {
-  const bool isBare = !typed.empty() && typed.find_first_not_of("0123456789.") == std::string::npos;
-  const auto moment = parseMoment(isBare ? typed + "s" : typed);
-  if (!moment || moment->kind != TypedMoment::Kind::kBack || moment->ns < kShortestNs || moment->ns > kLongestNs)
-    wrongUse("\"" + typed + "\" is no length of time for " + std::string(option) +
-             ": a number of seconds or a length such as 200ms is, from 1ms to 1h.");
-  return moment->ns;
-}
-
 std::vector<std::string> split(const std::vector<std::string>& lists) {
   std::vector<std::string> names;
   for (const std::string& list : lists)
@@ -138,8 +113,8 @@ std::vector<std::string> split(const std::vector<std::string>& lists) {
 }
 
 int runLatch(Command& command, Options& options) {
-  if (!options.interval.empty()) options.intervalNs = parseLength(options.interval, "--interval");
-  if (!options.watch.empty()) options.watchNs = parseLength(options.watch, "--watch");
+  if (!options.interval.empty()) options.intervalNs = parsePause(options.interval, "--interval");
+  if (!options.watch.empty()) options.watchNs = parsePause(options.watch, "--watch");
   options.filter.processes = split(options.processes);
   options.filter.types = split(options.types);
   attachToExisting();

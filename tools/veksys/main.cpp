@@ -17,9 +17,9 @@ namespace veksys {
 namespace {
 
 constexpr const char* kAbout =
-    "Shows the diagnostic log of an instance of the database server and who waits for which latch, explains return "
-    "codes, "
-    "and switches, reads and follows its trace.";
+    "Shows the diagnostic log of an instance of the database server, its memory and who waits for which latch, "
+    "explains "
+    "return codes, and switches, reads and follows its trace.";
 constexpr const char* kExitStatus =
     "Exit status: 0 done; 1 the answer is no, or a problem was found; 2 the command was not understood.";
 constexpr const char* kEverywhere = "Everywhere: --instance NAME for the instance, --json for JSON.\n";
@@ -27,6 +27,7 @@ constexpr const char* kExamples =
     "\nExamples:\n"
     "  veksys log --level 1-3 --since 1h    what went wrong in the last hour\n"
     "  veksys latch --waiting               who waits for whom, and what is wrong there\n"
+    "  veksys memory --watch 10             who holds how much memory, and what grows\n"
     "  veksys rc 0x8B0F0000                 what a return code means\n"
     "  veksys trace on --component SQLO     trace the operating-system services\n"
     "  veksys trace flow --errors           the call chains that ended in an error\n"
@@ -112,6 +113,7 @@ void describe(CLI::App& app, Command& command, std::string& list) {
   app.add_option("--list", list)->group("");
   addLatch(app, command);
   addLog(app, command);
+  addMemory(app, command);
   addRc(app, command);
   addTrace(app, command);
   app.footer(std::string(kExitStatus) + kExamples);

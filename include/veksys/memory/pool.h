@@ -171,6 +171,9 @@ VEK_EXPORT SqlzZrc sqloMemPoolAllocate(SQLO_MEM_POOL* pool, std::size_t bytes, s
 //            Nothing is changed then
 VEK_EXPORT SqlzZrc sqloMemPoolFree(void* block, const char* file, std::uint32_t line) noexcept;
 
+// sqloMemPoolFree for a block of that pool alone; one of another pool is reported likewise, and not freed.
+VEK_EXPORT SqlzZrc sqloMemPoolFreeOf(SQLO_MEM_POOL* pool, void* block, const char* file, std::uint32_t line) noexcept;
+
 // The pool of a block.
 //
 //   outPool  gets it; null when the chunk belongs to no pool any more, which is success

@@ -1,0 +1,294 @@
+// veksys memory: growth and sums of made-up looks; an instance of real processes, one of them stopped and one dead; the
+// grammar of its metrics.
+#include <functional>
+#include <map>
+#include <set>
+
+#include "tools/veksys/memory_picture.h"
+#include "tools/veksys_support.h"
+#include "veksys/memory.h"
+
+namespace vektest {
+namespace {
+
+using namespace veksys;
+using vek::platformtest::Baton;
+using vek::platformtest::finishKilled;
+
+constexpr std::uint32_t kMb = 1024 * 1024;
+
+SqloMemEntry entryOf(std::uint32_t kind, std::uint64_t set, std::uint64_t owner, std::uint64_t size,
+                     std::uint64_t used) {
+  SqloMemEntry entry = {};
+  entry.kind = kind;
+  entry.set = set;
+  entry.owner = owner;
+  entry.processId = static_cast<std::uint32_t>(owner);
+  entry.sizeBytes = size;
+  entry.usedBytes = used;
+  return entry;
+}
+
+TEST(MemoryPictureOf, LooksTellsSumsAndGrowth) {
+  MemoryLook look;
+  look.entries = {entryOf(SQLO_MEM_ENTRY_SET, 1, 7, 100, 60),     entryOf(SQLO_MEM_ENTRY_POOL, 1, 7, 20, 15),
+                  entryOf(SQLO_MEM_ENTRY_POOL, 1, 7, 40, 15),     entryOf(SQLO_MEM_ENTRY_SET, 2, 0, 300, 50),
+                  entryOf(SQLO_MEM_ENTRY_CONNECTION, 2, 7, 0, 0), entryOf(SQLO_MEM_ENTRY_CONNECTION, 2, 8, 0, 0),
+                  entryOf(SQLO_MEM_ENTRY_CONSUMER, 2, 8, 300, 0), entryOf(SQLO_MEM_ENTRY_CONSUMER, 0, 8, 5, 0),
+                  entryOf(SQLO_MEM_ENTRY_POOL, 99, 7, 1000, 1000)};  // its set has gone
+  look.entries[3].isShared = 1;
+  look.controller.active = true;
+  look.controller.currentSize = 305;
+  const MemoryPicture picture = drawMemory(look);
+  EXPECT_TRUE(picture.addsUp());
+  EXPECT_EQ(picture.sums.reservedBytes, 400U);
+  EXPECT_EQ(picture.sums.usedBytes, 110U);
+  ASSERT_EQ(picture.processes.size(), 2U);
+  EXPECT_EQ(picture.processes[0].owner, 8U);  // the larger one first
+  EXPECT_EQ(picture.processes[1].sets[0].pools[0].sizeBytes, 40U);
+  EXPECT_EQ(picture.processes[1].sets[0].looseBytes(), 0U);
+  ASSERT_EQ(picture.sharedSets.size(), 1U);
+  EXPECT_EQ(picture.sharedSets[0].connections.size(), 2U);
+  EXPECT_EQ(picture.sharedSets[0].looseBytes(), 50U);
+
+  // Any one of these is a sum that is none.
+  const std::function<void(MemoryLook&)> faults[] = {
+      [](MemoryLook& each) { each.controller.currentSize = 306; },
+      [](MemoryLook& each) { each.entries[1].sizeBytes = 21; },
+      [](MemoryLook& each) { each.entries[3].sizeBytes = 301; },
+  };
+  for (const auto& fault : faults) {
+    MemoryLook wrong = look;
+    fault(wrong);
+    EXPECT_FALSE(drawMemory(wrong).addsUp());
+  }
+
+  MemoryLook later = look;
+  later.entries[1].usedBytes += 3;  // two pools of one id count as one
+  later.entries[2].usedBytes += 4;
+  later.entries[3].usedBytes -= 1;
+  later.entries[7].sizeBytes += 9;
+  later.entries.push_back(entryOf(SQLO_MEM_ENTRY_SET, 3, 9, 10, 5));
+  const std::vector<MemoryGrowth> growth = compareMemory(look, later);
+  ASSERT_EQ(growth.size(), 3U);
+  EXPECT_EQ(growth[0].bytes, 9U);
+  EXPECT_EQ(growth[1].bytes, 7U);
+  EXPECT_EQ(growth[2].bytes, 5U);
+}
+
+// ---- real processes ---------------------------------------------------------------------------------------------
+
+SQLO_MEM_SET* makeSet(std::uint32_t type, const char* name, std::uint32_t bytes) {
+  SqloMemSetRequest request = {};
+  request.size = sizeof request;
+  request.setType = type;
+  request.name = name;
+  request.bytes = bytes;
+  SQLO_MEM_SET* set = nullptr;
+  EXPECT_EQ(sqlocshr(&request, &set), 0);
+  return set;
+}
+
+SQLO_MEM_POOL* makePool(SQLO_MEM_SET* set, std::uint32_t id) {
+  SqloMemPoolRequest request = {};
+  request.size = sizeof request;
+  request.set = set;
+  request.poolId = id;
+  SQLO_MEM_POOL* pool = nullptr;
+  EXPECT_EQ(sqloCreateMemoryPoolEx(&request, &pool), 0);
+  return pool;
+}
+
+void allocate(SQLO_MEM_POOL* pool, std::uint32_t bytes) {
+  void* block = nullptr;
+  EXPECT_EQ(sqloMemPoolAllocate(pool, bytes, 0, __FILE__, __LINE__, &block), 0);
+}
+
+class MemoryCommand : public ::testing::Test {
+ protected:
+  ~MemoryCommand() override {
+    for (const pid_t process : processes_) finishKilled(process);
+  }
+
+  // A process that does `body`, says so and waits for its end.
+  template <class Body>
+  pid_t live(Body body) {
+    processes_.push_back(vek::platformtest::start([&] {
+      body();
+      done_.give();
+      for (;;) ::pause();
+    }));
+    EXPECT_TRUE(done_.take());
+    return processes_.back();
+  }
+  void end(pid_t process) {
+    finishKilled(process);
+    std::erase(processes_, process);
+  }
+
+  static rapidjson::Document picture() {
+    const Answer answer = veksys({"memory", "--json"});
+    EXPECT_EQ(answer.status, 0) << answer.out << answer.err;
+    return json(answer.out);
+  }
+
+  TraceInstance instance_;
+  Baton done_;
+  std::vector<pid_t> processes_;
+};
+
+const rapidjson::Value* processIn(const rapidjson::Document& picture, pid_t number) {
+  for (const auto& process : picture["processes"].GetArray())
+    if (process["process"].GetInt() == number) return &process;
+  return nullptr;
+}
+
+std::uint64_t sumOf(const rapidjson::Value& list, const char* member) {
+  std::uint64_t sum = 0;
+  for (const auto& each : list.GetArray()) sum += each[member].GetUint64();
+  return sum;
+}
+
+void expectSumsOf(const rapidjson::Value& set) {
+  EXPECT_EQ(sumOf(set["pools"], "owned_bytes") + set["in_no_pool_bytes"].GetUint64(), set["used_bytes"].GetUint64());
+  EXPECT_EQ(set["granted_bytes"].GetUint64(), set["reserved_bytes"].GetUint64());
+  EXPECT_LE(set["used_bytes"].GetUint64(), set["committed_bytes"].GetUint64());
+}
+
+TEST_F(MemoryCommand, ShowsRunningStoppedAndDeadProcesses) {
+  expectSentence(veksys({"memory"}), 1, "no process of it has run here");
+  const pid_t keeper = live([] {
+    SqloMemController* controller = SqloMemController::instance();
+    EXPECT_EQ(controller->initialize(512 * kMb, false, true, 0, 0), 0);
+    SQLO_MEM_SET* set = makeSet(SQLO_SET_DBM_DB, "SAMPLE", 8 * kMb);
+    allocate(makePool(set, SQLO_POOL_KRCBH), 2 * kMb);
+    SqloMemoryConsumer* consumer = nullptr;
+    EXPECT_EQ(
+        controller->registerConsumer(&consumer, 3 * kMb, "sort", nullptr, nullptr, false, SQLO_MEM_CONSUMER_INSTANCE),
+        0);
+  });
+  const pid_t stopped = live([] {
+    SQLO_MEM_SET* shared = nullptr;
+    EXPECT_EQ(sqlogmshr(SQLO_SET_DBM_DB, "SAMPLE", &shared), 0);
+    SQLO_MEM_SET* set = makeSet(SQLO_SET_PRIVATE, "mine", 4 * kMb);
+    allocate(makePool(set, SQLO_POOL_APMH), kMb);
+    SQLO_MEM_POOL* gone = makePool(set, SQLO_POOL_BSUH);
+    EXPECT_EQ(sqloMemFreePools(&gone, 1), 0);
+    EXPECT_EQ(sqlofshr(makeSet(SQLO_SET_PRIVATE, "gone", kMb)), 0);
+    if (::fork() == 0) {  // has a copy, which is listed once it changes that
+      allocate(makePool(set, SQLO_POOL_DRI), kMb);
+      std::exit(0);  // in order: takes its rows along
+    }
+    ::wait(nullptr);
+  });
+  ::kill(stopped, SIGSTOP);
+  ASSERT_TRUE(waitUntilStopped(stopped));
+  const pid_t dead = live([] { allocate(makePool(makeSet(SQLO_SET_PRIVATE, "lost", kMb), SQLO_POOL_FLH), 100); });
+  end(dead);
+
+  const auto seen = picture();
+  EXPECT_TRUE(seen["adds_up"].GetBool());
+  ASSERT_EQ(seen["processes"].Size(), 3U);
+  const std::pair<pid_t, const char*> states[] = {{keeper, "running"}, {stopped, "stopped"}, {dead, "dead"}};
+  std::uint64_t granted = 0;
+  for (const auto& [number, state] : states) {
+    const rapidjson::Value* process = processIn(seen, number);
+    ASSERT_NE(process, nullptr) << state;
+    EXPECT_STREQ((*process)["state"].GetString(), state);
+    for (const auto& set : (*process)["sets"].GetArray()) expectSumsOf(set);
+    granted += sumOf((*process)["consumers"], "granted_bytes");
+  }
+  EXPECT_EQ(seen["controller"]["granted_bytes"].GetUint64(), granted);
+  const rapidjson::Value& mine = (*processIn(seen, stopped))["sets"];
+  ASSERT_EQ(mine.Size(), 1U);
+  EXPECT_STREQ(mine[0]["name"].GetString(), "mine");
+  ASSERT_EQ(mine[0]["pools"].Size(), 1U);
+  EXPECT_STREQ(mine[0]["pools"][0]["pool"].GetString(), "apmh");
+  EXPECT_GE(mine[0]["pools"][0]["used_bytes"].GetUint64(), kMb);
+  ASSERT_EQ(seen["shared_sets"].Size(), 1U);
+  expectSumsOf(seen["shared_sets"][0]);
+  EXPECT_EQ(seen["shared_sets"][0]["connections"].Size(), 2U);
+  EXPECT_EQ(seen["sums"]["reserved_bytes"].GetUint64(), 12U * kMb);
+
+  const Answer text = veksys({"memory"});
+  EXPECT_EQ(text.status, 0);
+  for (const char* part :
+       {"PROCESS IS DEAD", "stopped", "pool apmh", "shared DBM_DB SAMPLE", "connected to DBM_DB SAMPLE",
+        "consumer sort", "3 processes, 1 shared set; 12 MB reserved", "granted of 512 MB"})
+    EXPECT_TRUE(holds(text.out, part)) << part << "\n" << text.out;
+  EXPECT_FALSE(holds(text.out, "\x1b")) << "no colours but on a terminal";
+
+  // The shared set and its pools stay when who made them has died; the next process that makes a set forgets the dead.
+  end(keeper);
+  live([] { makeSet(SQLO_SET_PRIVATE, "", kMb); });
+  const auto after = picture();
+  EXPECT_EQ(processIn(after, dead) == nullptr || (*processIn(after, dead))["sets"].Size() == 0, true);
+  ASSERT_EQ(after["shared_sets"].Size(), 1U);
+  EXPECT_EQ(after["shared_sets"][0]["pools"].Size(), 1U);
+}
+
+TEST_F(MemoryCommand, ShowsWhatGrows) {
+  live([] {});
+  processes_.push_back(vek::platformtest::start([&] {
+    SQLO_MEM_POOL* pool = makePool(makeSet(SQLO_SET_PRIVATE, "leaky", 64 * kMb), SQLO_POOL_XMLCACHEH);
+    done_.give();
+    for (unsigned round = 0;; ++round) {
+      if (round < 900) allocate(pool, 60'000);
+      ::usleep(5000);
+    }
+  }));
+  ASSERT_TRUE(done_.take());
+  const Answer stream =
+      runProgram("sh", {"-c", "\"$0\" memory --json --watch 20ms | head -n 4", VEKSYS_TEST_BIN "/veksys"});
+  const auto looks = jsonLines(stream.out);
+  ASSERT_EQ(looks.size(), 4U);
+  EXPECT_FALSE(looks[0].HasMember("growth"));
+  std::set<std::string> growers;
+  for (std::size_t i = 1; i < looks.size(); ++i)
+    for (const auto& each : looks[i]["growth"].GetArray()) growers.insert(each["name"].GetString());
+  EXPECT_TRUE(growers.contains("xmlcacheh")) << stream.out;
+}
+
+// A family's name, type, unit and help stand before its samples; no sample occurs twice; the end is marked.
+TEST_F(MemoryCommand, PrintsMetricsThatFollowTheirGrammar) {
+  live([] {
+    EXPECT_EQ(SqloMemController::instance()->initialize(64 * kMb, false, true, 0, 0), 0);
+    SQLO_MEM_SET* set = makeSet(SQLO_SET_PRIVATE, "odd \"name\\\n", 2 * kMb);
+    for (const std::uint32_t id : {SQLO_POOL_APMH, SQLO_POOL_APMH, SQLO_POOL_DRI}) makePool(set, id);
+  });
+  const Answer answer = veksys({"memory", "--openmetrics"});
+  ASSERT_EQ(answer.status, 0) << answer.err;
+  const std::regex meta("# (TYPE|UNIT|HELP) ([a-z_]+) (.+)");
+  const std::regex sample(R"(([a-z_]+)\{(([a-z_]+="([^"\\\n]|\\["\\n])*",?)+)\} ([0-9]+))");
+  std::map<std::string, std::string> types;
+  std::set<std::string> samples;
+  std::string family;
+  const std::vector<std::string> lines = linesOf(answer.out);
+  ASSERT_GT(lines.size(), 20U);
+  EXPECT_EQ(lines.back(), "# EOF");
+  EXPECT_TRUE(answer.out.ends_with("# EOF\n"));
+  for (std::size_t i = 0; i + 1 < lines.size(); ++i) {
+    std::smatch match;
+    if (std::regex_match(lines[i], match, meta)) {
+      if (match[1] == "TYPE") {
+        family = match[2];
+        EXPECT_TRUE(types.emplace(family, match[3]).second) << family << " begins twice";
+      }
+      EXPECT_EQ(match[2], family) << lines[i];
+      EXPECT_TRUE(match[1] != "UNIT" || family.ends_with("_" + match[3].str())) << lines[i];
+    } else if (std::regex_match(lines[i], match, sample)) {
+      EXPECT_EQ(match[1], family + (types[family] == "counter" ? "_total" : "")) << lines[i];
+      EXPECT_TRUE(samples.insert(match[1].str() + match[2].str()).second) << lines[i];
+    } else {
+      ADD_FAILURE() << lines[i];
+    }
+  }
+  for (const char* part : {"veksys_memory_bound_bytes{", "pool=\"apmh\"", "state=\"running\"", "odd \\\"name"})
+    EXPECT_TRUE(holds(answer.out, part)) << part;
+  for (const char* other : {"--json", "--watch"})
+    expectSentence(veksys({"memory", "--openmetrics", other}), 2, "a format of its own");
+  expectSentence(veksys({"memory", "--watch=x"}), 2, "is no length of time");
+}
+
+}  // namespace
+}  // namespace vektest
