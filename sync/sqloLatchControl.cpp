@@ -1,5 +1,6 @@
 // Set-up and tear-down of latching.
 #include "platform/region.h"
+#include "sync/sqloLatchDebug.h"
 #include "sync/sqloLatchTuning.h"
 #include "sync/sqloPageLatchTracking.h"
 #include "sync/sqloSemPool.h"
@@ -7,6 +8,7 @@
 
 SqlzZrc sqlolatchinginit() noexcept {
   vek::sqloi_prepareTuning();
+  vek::sqloi_readLatchDebug();
   vek::sqloi_pageLatchReadSetting();
   const SqlzZrc attached = vek::regionAttach();
   vek::regionReportOnce();

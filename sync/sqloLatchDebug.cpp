@@ -40,7 +40,8 @@ struct LockOrder {
   Report reports[kReports];
 };
 
-constinit std::atomic<LockOrder*> g_order{nullptr};
+constinit std::atomic<LockOrder*> g_order{nullptr};   // null: the checks are off
+constinit std::atomic<bool> g_settingIsKnown{false};  // stored last
 
 std::uint64_t typesKey(std::uint32_t held, std::uint32_t taken) noexcept { return (held + 1) << 16 | (taken + 1); }
 
@@ -227,20 +228,36 @@ void reportSelfConflict(const char* what, const LatchSubject& subject, std::uint
                     markLine(heldWord), file == nullptr ? "?" : file, line);
 }
 
-}  // namespace
+// ---- the setting ------------------------------------------------------------------------------------------------
 
-void sqloi_readLatchDebug() noexcept {
+bool settingSaysOn() noexcept {
   char value[16];
-  if (!g_ports.readSetting("VEK_LATCH_DEBUG", value, sizeof value)) return;
+  if (!g_ports.readSetting("VEK_LATCH_DEBUG", value, sizeof value)) return false;
   bool on = false;
   for (const char* yes : {"YES", "ON", "TRUE", "Y", "1"}) on = on || ::strcasecmp(value, yes) == 0;
-  if (!on || g_order.load(std::memory_order_acquire) != nullptr) return;
-  void* pages = ossMapPages(sizeof(LockOrder));
-  if (pages == nullptr) return;
-  g_order.store(new (pages) LockOrder{}, std::memory_order_release);
+  return on;
 }
 
-bool sqloi_latchDebugIsOn() noexcept { return g_order.load(std::memory_order_acquire) != nullptr; }
+void switchOn() noexcept {
+  void* pages = ossMapPages(sizeof(LockOrder));
+  if (pages == nullptr) return;
+  LockOrder* none = nullptr;
+  if (!g_order.compare_exchange_strong(none, new (pages) LockOrder{}, std::memory_order_acq_rel))
+    ossUnmapPages(pages, sizeof(LockOrder));
+}
+
+}  // namespace
+
+LatchDebug sqloi_latchDebug() noexcept {
+  if (!g_settingIsKnown.load(std::memory_order_acquire)) return LatchDebug::kUnknown;
+  return g_order.load(std::memory_order_acquire) == nullptr ? LatchDebug::kOff : LatchDebug::kOn;
+}
+
+void sqloi_readLatchDebug() noexcept {
+  if (sqloi_latchDebug() != LatchDebug::kUnknown) return;
+  if (settingSaysOn()) switchOn();
+  g_settingIsKnown.store(true, std::memory_order_release);
+}
 
 void sqloi_debugCapture(SqloLatchTable* table, const LatchSubject& subject, const char* file,
                         std::uint32_t line) noexcept {

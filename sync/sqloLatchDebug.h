@@ -12,9 +12,13 @@
 
 namespace vek {
 
-// Reads the setting; tells whether the checks are on. A thread is checked from its first capture on or never.
+// Whether the checks are on; the setting is read once per process.
+enum class LatchDebug { kUnknown, kOff, kOn };
+LatchDebug sqloi_latchDebug() noexcept;
+
+// Reads the setting unless it is known. Of threads that come at once each reads, so that none waits for another and all
+// know when they return.
 void sqloi_readLatchDebug() noexcept;
-bool sqloi_latchDebugIsOn() noexcept;
 
 // A capture is about to be made.
 void sqloi_debugCapture(SqloLatchTable* table, const LatchSubject& subject, const char* file,

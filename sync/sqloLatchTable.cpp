@@ -37,13 +37,33 @@ SqloLatchTable* sqloi_makeLatchTable() noexcept {
   table->page->full.word.store(MARK_ACTIVE, std::memory_order_relaxed);
   table->top = table->page->marks;
   table->fileNames[0].file = reinterpret_cast<const char*>(table);  // no file: a capture without one takes the long way
+  table->isChecked = true;
   t_latchTable = table;
-  if (!threadIsInsideLock()) sqloi_prepareTuning();  // the thread holds no latch yet
-  table->isChecked = sqloi_latchDebugIsOn();
   return table;
 }
 
 namespace {
+
+// Reads the settings for a capture of a thread that has nothing locked. What captures the reading makes go unchecked.
+void readSettings(SqloLatchTable* table) noexcept {
+  const ErrnoKept kept;
+  table->isReading = true;
+  sqloi_prepareTuning();
+  sqloi_readLatchDebug();
+  table->isReading = false;
+}
+
+bool hasNothingLocked(const SqloLatchTable& table) noexcept {
+  return table.top == table.page->marks && table.unlisted == 0 && !threadIsInsideLock();
+}
+
+// Whether the debug checks are on. Once they are known to be off the thread's captures may take the short way.
+bool decideChecks(SqloLatchTable* table) noexcept {
+  if (sqloi_latchDebug() == LatchDebug::kUnknown && !table->isReading && hasNothingLocked(*table)) readSettings(table);
+  const LatchDebug checks = sqloi_latchDebug();
+  table->isChecked = checks != LatchDebug::kOff;
+  return checks == LatchDebug::kOn;
+}
 
 std::uint64_t fileBits(SqloLatchTable& table, const char* file) noexcept {
   SqloLatchTable::FileName& name = latchFileName(table, file);
@@ -82,7 +102,7 @@ LatchMark* freeMark(SqloLatchTable& table) noexcept {
 LatchHold::LatchHold(const LatchSubject& subject, const char* file, std::uint32_t line) noexcept
     : table_(t_latchTable != nullptr ? t_latchTable : sqloi_makeLatchTable()), subject_(subject) {
   if (table_ != nullptr) {
-    if (table_->isChecked) sqloi_debugCapture(table_, subject, file, line);
+    if (table_->isChecked && decideChecks(table_)) sqloi_debugCapture(table_, subject, file, line);
     const bool othersSeeIt = !subject.isBetweenProcesses() || table_->slot != nullptr;
     if (othersSeeIt) mark_ = freeMark(*table_);
     if (mark_ == nullptr) ++table_->unlisted;

@@ -114,7 +114,8 @@ struct SqloLatchTable {
   vek::RegionThread* slot;
   std::uint32_t slotIndex;
   std::uint32_t unlisted;  // captures that found no mark free
-  bool isChecked;          // debug checks are on: every capture and release takes the long way
+  bool isChecked;          // debug checks are on, or nobody knows yet: all captures and releases take the long way
+  bool isReading;          // the thread is reading the settings of latching
   bool hasReports;         // of those checks, to be written when no latch is held
   FileName fileNames[64];  // of names seen before, by the address of the text
   vek::LatchPage ownPage;  // of a thread without a slot

@@ -9,7 +9,6 @@
 #include "platform/osse.h"
 #include "platform/ports.h"
 #include "platform/thread.h"
-#include "sync/sqloLatchDebug.h"
 #include "veksys/codes.h"
 #include "veksys/diag/log.h"
 #include "veksys/sync/latch_control.h"
@@ -189,7 +188,6 @@ void sqloi_prepareTuning() noexcept {
   std::uint32_t expected = kUnset;
   if (!g_tunings.progress.compare_exchange_strong(expected, kReading, std::memory_order_acq_rel)) return;
   (void)readTuning();
-  sqloi_readLatchDebug();
 }
 
 // Before the settings are read, and in the thread that is reading them: nothing is asked for inside a conflict.

@@ -24,7 +24,7 @@ struct LatchTuning {
   std::uint32_t fighterCount;
 };
 
-// The tuning of a latch type. There are 128 slots; types above share the last one.
+// The tuning of a latch type. There are 128 slots; types from 127 on share the last one.
 inline constexpr std::uint32_t LATCH_TUNING_SLOTS = 128;
 const LatchTuning& sqloi_tuning(std::uint32_t typeId) noexcept;
 

@@ -1,7 +1,9 @@
 // What is noted of a thread's latches, what is said of those it leaves held, and the debug checks.
+#include <atomic>
 #include <cstring>
 
 #include "diag/pdlog_support.h"
+#include "platform/ports.h"
 #include "sync/latch_support.h"
 
 namespace vek::synctest {
@@ -134,6 +136,38 @@ TEST(LatchDebug, FindsWhatCanBlockForGood) {
   EXPECT_EQ(countOf(written, "captured in again.cpp line 1, asked for in again.cpp line 2"), 1U);
   EXPECT_EQ(countOf(written, "asks to share it again"), 1U);
   EXPECT_EQ(countOf(written, "captured in self.cpp line 1, asked for in self.cpp line 4"), 1U);
+}
+
+// Takes two latches of its own types in both orders.
+void invertOrder(std::uint16_t type) {
+  SqloSpinLatch latches[2];
+  for (std::uint16_t i = 0; i < 2; ++i) latches[i].init(static_cast<std::uint16_t>(type + i));
+  for (const int outer : {0, 1}) {
+    EXPECT_EQ(latches[outer].captureLatch("first.cpp", 1), 0);
+    EXPECT_EQ(latches[1 - outer].captureLatch("first.cpp", 2), 0);
+    latches[1 - outer].releaseLatch();
+    latches[outer].releaseLatch();
+  }
+}
+
+// Whatever a process calls first, also while another thread is still reading the setting.
+TEST(LatchDebug, WatchesEveryThreadFromItsFirstCapture) {
+  const Instance instance;
+  const logtest::Log log{instance};
+  for (SqlzZrc (*const before)() noexcept : {sqloInitializeLatchTuningInfo, sqlolatchinginit}) {
+    platformtest::inProcess([&] {
+      static constinit std::atomic<bool> isRead{false};
+      static const auto otherSettings = g_ports.readSetting;
+      g_ports.readSetting = [](const char* name, char* value, std::size_t bytes) {
+        if (std::strcmp(name, "VEK_LATCH_DEBUG") != 0) return otherSettings(name, value, bytes);
+        if (!isRead.exchange(true)) inThreads(1, [](unsigned) { invertOrder(10); });
+        return std::snprintf(value, bytes, "YES") > 0;
+      };
+      EXPECT_EQ(before(), 0);
+      invertOrder(20);
+    });
+  }
+  EXPECT_EQ(countOf(log.records(), "Latches are captured in orders that can block each other for good:"), 4U);
 }
 
 TEST(LatchTuning, SaysWhatItDoesNotUnderstand) {

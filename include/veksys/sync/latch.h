@@ -50,8 +50,8 @@ class SqloSpinLatch;
 
 extern "C" {
 // The way of a thread that found a spin latch taken: tries again with spinning, then yields the processor between
-// attempts, then rests between them, until it has the latch. The tuning of the latch's type holds; types above 127
-// share the last slot. Called by captureLatch.
+// attempts, then rests between them, until it has the latch. The tuning of the latch's type holds; types from 127
+// on share the last slot. Called by captureLatch.
 VEK_EXPORT SqlzZrc sqloSpinLockConflict(SqloSpinLatch* latch) noexcept;
 }
 
