@@ -67,6 +67,7 @@ int ossMakeMemoryFile(const char* path, std::uint64_t bytes, int* fdOut) noexcep
 int ossOpenMemoryFile(const char* path, int* fdOut) noexcept { return ossOpen(path, O_RDWR, 0, fdOut); }
 
 int ossPunchHole(int fd, std::uint64_t offset, std::uint64_t bytes) noexcept {
+  const OssUncancelled here;
   return outcome(ossCalls().fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
                                       static_cast<off_t>(bytes)));
 }

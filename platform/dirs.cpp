@@ -26,6 +26,7 @@ constexpr Place kPlaces[] = {
 
 // The home directory from the environment, else from the user database; false when there is none.
 bool homeDirectory(char* path, std::size_t bytes) noexcept {
+  const OssUncancelled here;
   const char* home = ossEnvironment("HOME");
   char storage[2048];
   passwd entry;

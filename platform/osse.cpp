@@ -79,6 +79,7 @@ constinit OssCalls g_calls = {
 // Repeats a call while it is interrupted; gives 0 or errno.
 template <class Call>
 int repeat(Call call) noexcept {
+  const OssUncancelled here;
   for (;;) {
     if (call() >= 0) return 0;
     if (errno != EINTR) return errno;
@@ -208,6 +209,7 @@ void ossCopyText(char* field, std::size_t bytes, const char* text) noexcept {
 namespace {
 
 void sleepFor(unsigned seconds, unsigned nanoseconds) noexcept {
+  const OssUncancelled here;
   timespec left = {static_cast<time_t>(seconds), static_cast<long>(nanoseconds)};
   while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
   }
@@ -302,11 +304,20 @@ void* ossMapPages(std::size_t bytes) noexcept {
 
 void ossUnmapPages(void* pages, std::size_t bytes) noexcept { g_calls.munmap(pages, bytes); }
 
+int ossAboveStandard(int fd) noexcept {
+  if (fd < 0 || fd > STDERR_FILENO) return fd;
+  const int moved = ::fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const ErrnoKept kept;
+  ossClose(fd);
+  return moved;
+}
+
 int ossOpen(const char* path, int flags, unsigned mode, int* fdOut) noexcept {
-  return repeat([&] { return *fdOut = g_calls.open(path, flags | O_CLOEXEC | O_NOFOLLOW, mode); });
+  return repeat([&] { return *fdOut = ossAboveStandard(g_calls.open(path, flags | O_CLOEXEC | O_NOFOLLOW, mode)); });
 }
 
 void ossClose(int fd) noexcept {
+  const OssUncancelled here;
   // Not repeated: Linux has released the descriptor even when it says EINTR.
   if (fd < 0 || g_calls.close(fd) == 0 || errno == EINTR) return;
   tell(FID_ossClose, errno, "A file could not be closed; what was written to it last may be lost");
@@ -324,6 +335,7 @@ int ossWriteAt(int fd, const void* bytes, std::size_t count, std::uint64_t offse
 }
 
 void ossTakeSignal(int signal) noexcept {
+  const OssUncancelled here;
   sigset_t one;
   ::sigemptyset(&one);
   ::sigaddset(&one, signal);
@@ -413,6 +425,10 @@ int ossOpenToAppend(const char* path, int* fdOut, std::uint64_t* bytesOut) noexc
   ossClose(*fdOut);
   *fdOut = -1;
   return error;
+}
+
+int ossSync(int fd) noexcept {
+  return repeat([&] { return g_calls.fsync(fd); });
 }
 
 int ossTruncate(int fd, std::uint64_t bytes) noexcept {

@@ -4,7 +4,9 @@
 //   - Nothing here throws, logs or traces. Thread-safe unless it says otherwise.
 //   - Operations that can fail return 0 or a positive errno value; a descriptor or a count comes through a pointer.
 //   - Interrupted calls (EINTR) are repeated here, so that no caller has to.
-//   - Every descriptor is close-on-exec; no symbolic link is followed as the last component of a path.
+//   - Every descriptor is close-on-exec and none is 0, 1 or 2; no symbolic link is followed as the last component of a
+//     path.
+//   - Nothing here is a cancellation point: the functions of the library end no thread, they return.
 //
 // Every system service that can fail goes through `OssCalls`, one pointer per service, so that a test can replace it
 // alone or let its n-th call fail. Reading clocks and ticks stays inline and without a table.
@@ -174,14 +176,30 @@ void ossUnmapPages(void* pages, std::size_t bytes) noexcept;
 
 // ---- threads and signals ----------------------------------------------------------------------------------------
 
-// Keeps the calling thread from being cancelled; what it answers puts the former state back.
+// Keeps the calling thread from being cancelled; what it answers puts the former state back. No system call.
 int ossDisableCancellation() noexcept;
 void ossRestoreCancellation(int state) noexcept;
+
+// The same for the length of a scope: cancelling a thread unwinds it, which no noexcept function lets pass.
+class OssUncancelled {
+ public:
+  OssUncancelled() noexcept : state_(ossDisableCancellation()) {}
+  ~OssUncancelled() { ossRestoreCancellation(state_); }
+  OssUncancelled(const OssUncancelled&) = delete;
+  OssUncancelled& operator=(const OssUncancelled&) = delete;
+
+ private:
+  int state_;
+};
 
 // "SIGSEGV", or "a signal" for a number without a name. Lives as long as the process.
 const char* ossSignalName(int signal) noexcept;
 
 // ---- files ------------------------------------------------------------------------------------------------------
+
+// Moves a descriptor that was just made (or -1, with errno) away from 0, 1 and 2, which a process that has closed them
+// goes on writing to as its standard streams. Answers the one to use; -1, with errno, when there is none.
+int ossAboveStandard(int fd) noexcept;
 
 // Opens a file. `flags` as for open(2); O_CLOEXEC and O_NOFOLLOW are added.
 int ossOpen(const char* path, int flags, unsigned mode, int* fdOut) noexcept;
@@ -228,6 +246,9 @@ int ossMayMakeFilesIn(const char* directory) noexcept;
 // Opens a file of this user's to append to it, making it with mode 0600 when it is missing, and tells its size. EPERM:
 // it is no regular file, belongs to another user or others may write in it.
 int ossOpenToAppend(const char* path, int* fdOut, std::uint64_t* bytesOut) noexcept;
+
+// Has what was written to a file, or the names in a directory, kept by its disk.
+int ossSync(int fd) noexcept;
 
 // Cuts a file.
 int ossTruncate(int fd, std::uint64_t bytes) noexcept;

@@ -65,13 +65,38 @@ struct Attachment {
   LibraryMutex lockHolders;  // record locks do not exclude threads of one process
   std::atomic<char*> base{nullptr};
   int fd = -1;
+  dev_t device = 0;  // of the region's file, with `inode`
+  ino_t inode = 0;
+  std::atomic<bool> isFdLost{false};
   SqlzZrc sharedStatus = 0;
   std::atomic<std::uint32_t> slot{REGION_NO_SLOT};
   std::atomic<std::uint64_t> owner{0};
   std::atomic<bool> reported{false};
+  std::atomic<bool> isLossReported{false};
 };
 
 constinit Attachment g_region;
+
+// Takes the descriptor of the region into use.
+void keepDescriptor(int fd) noexcept {
+  struct stat status = {};
+  (void)ossCalls().fstat(fd, &status);
+  g_region.device = status.st_dev;
+  g_region.inode = status.st_ino;
+  g_region.isFdLost.store(false, std::memory_order_relaxed);
+  g_region.fd = fd;
+}
+
+// Whether the descriptor still leads to the region: a program that closes all it did not open itself may have a file of
+// its own there by now, which must be left alone.
+bool holdsDescriptor() noexcept {
+  if (g_region.inode == 0) return true;  // it was not told
+  struct stat status;
+  const bool holds = ossCalls().fstat(g_region.fd, &status) == 0 && status.st_dev == g_region.device &&
+                     status.st_ino == g_region.inode;
+  if (!holds) g_region.isFdLost.store(true, std::memory_order_relaxed);
+  return holds;
+}
 
 RegionHeader* headerAt(char* base) noexcept { return reinterpret_cast<RegionHeader*>(base); }
 
@@ -268,7 +293,7 @@ SqlzZrc openShared(int* fdOut) noexcept {
 }
 
 SqlzZrc openPrivate(int* fdOut) noexcept {
-  *fdOut = ossCalls().memfd("veksys", MFD_CLOEXEC);
+  *fdOut = ossAboveStandard(ossCalls().memfd("veksys", MFD_CLOEXEC));
   if (*fdOut < 0) return SQLO_REGION_NO_MEMORY;
   const SqlzZrc result = buildInto(*fdOut);
   if (result != 0) ossClose(*fdOut);
@@ -292,7 +317,7 @@ SqlzZrc openAndMap() noexcept {
       return SQLO_REGION_NO_MEMORY;
     }
   }
-  g_region.fd = fd;
+  keepDescriptor(fd);
   g_region.sharedStatus = shared;
   g_region.base.store(base, std::memory_order_release);
   return 0;
@@ -341,6 +366,7 @@ void occupy(RegionProcess& process, std::uint32_t slot) noexcept {
 
 // The lock on a slot's byte is what makes it ours; of several processes only one gets it.
 SqlzZrc takeProcessSlot() noexcept {
+  if (!holdsDescriptor()) return SQLO_REGION_DENIED;
   auto* processes = sectionOf<RegionProcess>(RegionSectionId::kProcesses);
   for (std::uint32_t slot = 0; slot < REGION_PROCESS_SLOTS; ++slot) {
     if (ossLockByte(g_region.fd, REGION_SLOT_LOCK_BASE + slot) != 0) continue;
@@ -360,8 +386,8 @@ SqlzZrc replaceByPrivate(SqlzZrc why) noexcept {
     ossClose(fd);
     return SQLO_REGION_NO_MEMORY;
   }
-  ossClose(g_region.fd);
-  g_region.fd = fd;
+  if (holdsDescriptor()) ossClose(g_region.fd);
+  keepDescriptor(fd);
   g_region.sharedStatus = why;
   if (trcIsAttached()) wintMapShared(fd, offsetOf(RegionSectionId::kTraceWords));
   return 0;
@@ -435,6 +461,10 @@ SqlzZrc regionAttach() noexcept {
 SqlzZrc regionSharedStatus() noexcept { return g_region.sharedStatus; }
 
 void regionReportOnce() noexcept {
+  if (g_region.isFdLost.load(std::memory_order_relaxed) && !g_region.isLossReported.exchange(true))
+    g_ports.reportEvent({FID_regionAttach, 20, 3, SQLO_REGION_DENIED,
+                         "the descriptor of the instance region was closed by the program; threads that start now are "
+                         "not listed, and other processes may take this one for ended"});
   const SqlzZrc status = g_region.sharedStatus;
   if (status == 0 || g_region.reported.exchange(true)) return;
   g_ports.reportEvent({FID_regionAttach, 10, 3, status, explain(status)});
@@ -451,7 +481,7 @@ const RegionHeader* regionHeader() noexcept {
 }
 
 void* regionSection(RegionSectionId id) noexcept { return sectionOf<void*>(id); }
-int regionDescriptor() noexcept { return g_region.fd; }
+int regionDescriptor() noexcept { return g_region.fd >= 0 && holdsDescriptor() ? g_region.fd : -1; }
 std::uint64_t regionSectionOffset(RegionSectionId id) noexcept { return offsetOf(id); }
 std::uint32_t regionProcessSlot() noexcept { return g_region.slot.load(std::memory_order_relaxed); }
 std::uint64_t regionProcessOwner() noexcept { return g_region.owner.load(std::memory_order_relaxed); }
@@ -461,7 +491,7 @@ bool regionOwnerLives(std::uint64_t owner) noexcept {
   const std::uint32_t slot = regionOwnerSlot(owner);
   if (processes == nullptr || slot >= REGION_PROCESS_SLOTS) return false;
   if (processes[slot].generation.load(std::memory_order_acquire) != regionOwnerGeneration(owner)) return false;
-  if (slot == regionProcessSlot()) return true;
+  if (slot == regionProcessSlot() || !holdsDescriptor()) return true;  // in doubt the owner lives
   return ossByteLockedElsewhere(g_region.fd, REGION_SLOT_LOCK_BASE + slot);
 }
 
@@ -531,7 +561,7 @@ void* regionThreadPage(std::uint32_t slot) noexcept {
   char* page = threadPageAt(slot);
   if (threads[slot].paged.load(std::memory_order_relaxed) != 0) return page;
   const std::uint64_t offset = offsetOf(RegionSectionId::kThreadPages) + std::uint64_t{slot} * REGION_THREAD_PAGE_BYTES;
-  if (ossAllocateRange(g_region.fd, offset, REGION_THREAD_PAGE_BYTES) != 0) return nullptr;
+  if (!holdsDescriptor() || ossAllocateRange(g_region.fd, offset, REGION_THREAD_PAGE_BYTES) != 0) return nullptr;
   std::memset(page, 0, REGION_THREAD_PAGE_BYTES);
   threads[slot].paged.store(1, std::memory_order_release);
   return page;
@@ -696,13 +726,13 @@ const char* regionTextOf(const RegionNames& names, std::uint32_t number) noexcep
 RegionLock::RegionLock(unsigned milliseconds) noexcept {
   if (g_region.base.load(std::memory_order_acquire) == nullptr) return;
   if (milliseconds == 0 ? !g_region.lockHolders.try_lock() : (g_region.lockHolders.lock(), false)) return;
-  held_ = lockRegionByte(g_region.fd, milliseconds) == 0;
+  held_ = holdsDescriptor() && lockRegionByte(g_region.fd, milliseconds) == 0;
   if (!held_) g_region.lockHolders.unlock();
 }
 
 RegionLock::~RegionLock() {
   if (!held_) return;
-  ossUnlockByte(g_region.fd, REGION_LOCK_BYTE);
+  if (holdsDescriptor()) ossUnlockByte(g_region.fd, REGION_LOCK_BYTE);
   g_region.lockHolders.unlock();
 }
 

@@ -135,7 +135,8 @@ SqlzZrc regionAttach() noexcept;
 // 0 when this process shares a region; else why it works privately (SQLO_REGION_...).
 SqlzZrc regionSharedStatus() noexcept;
 
-// Reports a private region through the event port, once per process.
+// Reports a private region through the event port, once per process; and, once, a descriptor that the program has
+// closed.
 void regionReportOnce() noexcept;
 
 // The header, null while this process is not attached.
@@ -144,7 +145,8 @@ const RegionHeader* regionHeader() noexcept;
 // The start of a section, null when not attached. The section's size is fixed by its version.
 void* regionSection(RegionSectionId id) noexcept;
 
-// The descriptor and offset to map a section once more; -1 when not attached. Never close it.
+// The descriptor and offset to map a section once more; -1 when not attached, or when the program has closed it. Never
+// close it.
 int regionDescriptor() noexcept;
 std::uint64_t regionSectionOffset(RegionSectionId id) noexcept;
 

@@ -11,7 +11,8 @@
 namespace vek {
 
 int systemLogSend(const char* message, std::size_t bytes) noexcept {
-  const int fd = ossCalls().socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  const OssUncancelled here;
+  const int fd = ossAboveStandard(ossCalls().socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (fd < 0) return errno;
   sockaddr_un address = {};
   address.sun_family = AF_UNIX;

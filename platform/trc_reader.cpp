@@ -538,7 +538,9 @@ SqlzZrc SqltTraceReader::openFile(const char* path) noexcept {
   if (path == nullptr || path[0] == '\0') return SQLO_INV_PARM;
   return guarded([this, path] {
     auto opened = std::make_unique<Implementation>();
-    opened->fd = ::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a link to a dump is the reader's own choice
+    const OssUncancelled here;
+    // A link to a dump is the reader's own choice.
+    opened->fd = ossAboveStandard(::open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (opened->fd < 0) return codeOfOpen(errno);
     std::uint64_t bytes = 0;
     TrcDumpHeader head = {};

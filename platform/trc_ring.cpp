@@ -89,7 +89,7 @@ SqlzZrc createObject(std::uint64_t bytes, std::uint64_t generation, bool byClien
 }
 
 SqlzZrc createPrivate(std::uint64_t bytes, std::uint64_t generation, bool byClient) noexcept {
-  const int fd = ossCalls().memfd("veksys.trace", MFD_CLOEXEC);
+  const int fd = ossAboveStandard(ossCalls().memfd("veksys.trace", MFD_CLOEXEC));
   if (fd < 0) return SQLT_TRACE_CREATE_FAILED;
   const SqlzZrc result = fillRing(fd, bytes, generation, byClient);
   if (result != 0) {
@@ -274,7 +274,7 @@ int syncDirectoryOf(const char* path) noexcept {
   int fd = -1;
   const int error = ossOpen(directory, O_RDONLY | O_DIRECTORY, 0, &fd);
   if (error != 0) return error;
-  const int failed = ossCalls().fsync(fd) == 0 ? 0 : errno;
+  const int failed = ossSync(fd);
   ossClose(fd);
   return failed;
 }
@@ -288,7 +288,7 @@ int dumpToFile(const char* target, const TrcRing& ring) noexcept {
   int error = ossOpen(building, O_WRONLY | O_CREAT | O_EXCL, 0600, &fd);
   if (error != 0) return error;
   error = writeDump(fd, ring);
-  if (error == 0 && ossCalls().fsync(fd) != 0) error = errno;
+  if (error == 0) error = ossSync(fd);
   ossClose(fd);
   if (error == 0 && ossCalls().rename(building, target) != 0) error = errno;
   if (error != 0) {

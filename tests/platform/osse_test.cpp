@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <vector>
 
+#include "platform/region.h"
 #include "platform/support.h"
+#include "platform/system_log.h"
 
 namespace vek::platformtest {
 namespace {
@@ -107,6 +109,31 @@ TEST(OsFiles, NoSymbolicLinkIsFollowed) {
   int fd = -1;
   EXPECT_EQ(ossOpen((instance.directory() + "/link").c_str(), O_RDWR | O_CREAT, 0600, &fd), ELOOP);
   EXPECT_FALSE(std::filesystem::exists(instance.directory() + "/target"));
+}
+
+// A program without standard streams: what it prints must not end up in the region or in the log.
+TEST(OsFiles, NoDescriptorTakesThePlaceOfAStandardStream) {
+  for (const char* directory : {"", "/nonexistent"}) {  // a shared region, a private one
+    const Instance instance;
+    if (*directory != '\0') ::setenv("VEK_SHM_DIR", directory, 1);
+    inProcess([] {
+      const int kept = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 100);
+      for (int fd = 0; fd <= STDERR_FILENO; ++fd) ::close(fd);
+      static int sentFrom = -1;
+      ossCalls().sendto = [](int fd, const void*, std::size_t count, int, const sockaddr*, unsigned) {
+        sentFrom = fd;
+        return static_cast<ssize_t>(count);
+      };
+      const int sent = systemLogSend("x", 1);
+      const SqlzZrc attached = regionAttach();
+      int low = 0;
+      for (int fd = 0; fd <= STDERR_FILENO; ++fd) low += ::fcntl(fd, F_GETFD) >= 0 ? 1 : 0;
+      for (int fd = 0; fd <= STDERR_FILENO; ++fd) ::dup2(kept, fd);
+      EXPECT_TRUE(sent == 0 && attached == 0 && low == 0) << low << " of the library's descriptors are below 3";
+      EXPECT_GT(sentFrom, STDERR_FILENO);
+      EXPECT_EQ(::fcntl(regionDescriptor(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    });
+  }
 }
 
 TEST(OsLocks, ExcludeOtherProcessesAndEndWithTheirHolder) {

@@ -277,6 +277,31 @@ TEST(RegionAttach, ObjectsOfOthersAndOtherKindsAreRefused) {
   }
 }
 
+// A program that closes all descriptors it did not open may get that of the region for a file of its own.
+TEST(RegionAttach, AFileInThePlaceOfTheDescriptorIsLeftAlone) {
+  const Instance instance;
+  inProcess([&] {
+    ASSERT_EQ(regionAttach(), 0);
+    ASSERT_NE(regionThreadPage(regionThreadEnter(1, "before")), nullptr);
+    const int place = regionDescriptor();
+    const int fd = ::open(instance.path("data").c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_EQ(::write(fd, "hello", 5), 5);
+    ASSERT_EQ(::dup2(fd, place), place);
+    EXPECT_EQ(regionThreadPage(regionThreadEnter(2, "behind")), nullptr);
+    EXPECT_FALSE(RegionLock(0).held());
+    EXPECT_TRUE(regionOwnerLives(regionOwner(regionProcessSlot(), 1)));
+    EXPECT_EQ(regionDescriptor(), -1);
+    inProcess([] { EXPECT_EQ(regionAttach(), 0) << "a child works in a region of its own"; });
+    struct stat status;
+    ASSERT_EQ(::fstat(place, &status), 0);
+    EXPECT_EQ(status.st_size, 5);
+    static int reports = 0;
+    g_ports.reportEvent = [](const PortEvent&) { ++reports; };
+    for (int i = 0; i < 2; ++i) regionReportOnce();
+    EXPECT_EQ(reports, 1);
+  });
+}
+
 TEST(RegionAttach, DirectoryOfAnotherUserIsDenied) {
   if (::geteuid() != 0) GTEST_SKIP() << "only the superuser can become another user";
   const Instance instance;
