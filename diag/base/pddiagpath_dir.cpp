@@ -71,11 +71,13 @@ SqlzZrc pdi_makeDirectory(const char* path) noexcept {
 
 SqlzZrc pdDiagpathVerify(const char* path) noexcept {
   vek::VekTrace<vek::FID_pdDiagpathVerify> trace;
+  const vek::ErrnoKept kept;
   return trace.exit(vek::pdi_verifyDirectory(path));
 }
 
 SqlzZrc pdMkdirInternal(const char* path) noexcept {
   vek::VekTrace<vek::FID_pdMkdirInternal> trace;
+  const vek::ErrnoKept kept;
   const SqlzZrc zrc = vek::pdi_makeDirectory(path);
   if (zrc != 0) {
     vek::PdPathNotes notes;

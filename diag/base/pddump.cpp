@@ -11,6 +11,7 @@
 #include "diag/base/pdlog_state.h"
 #include "diag/base/pdrecord.h"
 #include "diag/base/traced.h"
+#include "platform/library_mutex.h"
 #include "platform/osse.h"
 #include "veksys/codes.h"
 #include "veksys/diag/rc.h"
@@ -99,7 +100,7 @@ bool tryDirectories(EcfFunctionId functionId, std::uint32_t probe, std::uint32_t
 SqlzZrc pdLogDump(std::uint64_t flags, EcfFunctionId functionId, std::int64_t returnCode, std::uint32_t probe,
                   std::uint32_t level, const char* label, std::uint32_t size, const void* data) noexcept {
   if (vek::pdi_isOver(flags, level)) return SQLT_NOLOG;
-  if (vek::pdi_isInsideLog()) return vek::pdi_drop();
+  if (vek::pdi_isInsideLog() || vek::threadIsInsideLock()) return vek::pdi_drop();
   PdLogCall call = pdLogDescribe(flags, functionId, returnCode, probe, level);
   call.message = label;
   if (!vek::pdi_hasPlace(call)) return vek::pdi_writeRecord(call);  // nobody would know of the object

@@ -44,6 +44,8 @@ struct Logger {
   AppendOutcome outcome = {};
   PdRecordHeader header;  // of the record being written; the new-file record takes its facts from it
   CallStack stack = {};
+  bool hasStack = false;
+  char salvaged[512] = {};  // the message of a call whose formatting faulted
   Fault fault = {};
 };
 
@@ -277,7 +279,12 @@ void formatRecord(Job& job) noexcept {
   }
   takeItems(job, &body);
   body.note = {g_log.note, g_log.noteBytes};
-  if ((call.flags & PD_LOG_CALL_STACK) != 0) body.callStack = &g_log.stack;
+  if ((call.flags & PD_LOG_CALL_STACK) != 0) {
+    if (g_log.hasStack)
+      body.callStack = &g_log.stack;
+    else
+      body.remark = "The call stack could not be followed.\r\n";
+  }
   job.text = pdFormatRecord(g_log.header, body, g_log.record, sizeof g_log.record, &g_log.memory);
   if (body.messageArguments != nullptr) va_end(arguments);  // NOLINT(clang-analyzer-valist.Uninitialized): as above
 }
@@ -324,22 +331,43 @@ int abandonFiles() noexcept {
   return EFAULT;
 }
 
-// The record that stands for one whose formatting faulted.
-PdRecordText formatTrap(const PdLogCall& call) noexcept {
-  char line[128];
-  ossSnprintf(line, sizeof line, "Trap %8.8lx detected in vekdiag call from [%ld,%ld] trapfile created",
-              static_cast<unsigned long>(g_log.fault.signal), static_cast<long>(call.functionId),
-              static_cast<long>(call.probe));
+// Keeps as much of the message of a call as can be read, on one line, so that it looks like no section or record.
+void salvageMessage(void* context) noexcept {
+  const auto& call = *static_cast<const PdLogCall*>(context);
+  const char* from = call.message != nullptr ? call.message : call.format;
+  for (std::size_t i = 0; from != nullptr && i + 1 < sizeof g_log.salvaged; ++i) {
+    const char c = from[i];
+    if (c == '\0') return;
+    g_log.salvaged[i] = static_cast<unsigned char>(c) < ' ' ? ' ' : c;
+    g_log.salvaged[i + 1] = '\0';
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  }
+}
+
+// The record that stands for one whose formatting faulted; `error`: why there is no trap file.
+PdRecordText formatTrap(const PdLogCall& call, int error) noexcept {
+  char line[160];
+  const std::size_t length = ossSnprintf(line, sizeof line, "Trap %8.8lx detected in vekdiag call from [%ld,%ld] ",
+                                         static_cast<unsigned long>(g_log.fault.signal),
+                                         static_cast<long>(call.functionId), static_cast<long>(call.probe));
+  ossSnprintf(line + length, sizeof line - length, error == 0 ? "trapfile created" : "no trapfile, error %d", error);
+  g_log.salvaged[0] = '\0';
+  (void)faultGuard(salvageMessage, const_cast<PdLogCall*>(&call), nullptr);
   PdRecordBody body;
   body.message = line;
+  body.codeKind = codeKindOf(call);
+  body.code = call.returnCode;
+  char remark[sizeof g_log.salvaged + 64];
+  if (g_log.salvaged[0] != '\0')
+    body.remark = {remark, ossSnprintf(remark, sizeof remark, "Message of the call: %s\r\n", g_log.salvaged)};
   body.note = {g_log.note, g_log.noteBytes};
   return pdFormatRecord(g_log.header, body, g_log.record, sizeof g_log.record);
 }
 
 void appendTrap(void* context) noexcept {
   auto& job = *static_cast<Job*>(context);
-  pdi_writeTrapFile(job.target.directory, g_log.header, g_log.fault);
-  job.text = formatTrap(job.call);
+  const int error = pdi_writeTrapFile(job.target.directory, g_log.header, g_log.fault);
+  job.text = formatTrap(job.call, error);
   appendRecord(context);
 }
 
@@ -502,6 +530,11 @@ bool isUsable(const PdLogCall& call) noexcept {
          (call.preformatted != nullptr || call.preformattedBytes == 0);
 }
 
+// Runs under the fault guard: a stack that is overwritten costs the record its call stack, and nothing else.
+void takeCallStack(void*) noexcept {
+  captureCallStack(&g_log.stack, 4);  // this function, the guard, and the two that lead to it
+}
+
 SqlzZrc write(const PdLogCall& call, const PdLogDumpFact* dump) noexcept {
   const PdInsideLog inside;
   pdi_attachLog();
@@ -512,7 +545,7 @@ SqlzZrc write(const PdLogCall& call, const PdLogDumpFact* dump) noexcept {
   collect(&facts);
   logMutexLock();
   describe(call, facts, &g_log.header);
-  if ((call.flags & PD_LOG_CALL_STACK) != 0) captureCallStack(&g_log.stack, 2);
+  g_log.hasStack = (call.flags & PD_LOG_CALL_STACK) != 0 && faultGuard(takeCallStack, nullptr, nullptr);
   const SqlzZrc result = writeLocked(call, dump, facts);
   writeRemarks(facts.target);
   logMutexUnlock();

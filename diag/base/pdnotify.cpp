@@ -39,11 +39,27 @@ void penClean(PdPen& pen, std::string_view text) noexcept {
 
 const char* nameOr(const char* name, const char* other) noexcept { return name != nullptr ? name : other; }
 
+// False: nothing is known, or a call-back of the host faulted, which costs the entry these fields and nothing else.
+bool askApplication(VekApplication* out) noexcept {
+  struct Asked {
+    VekApplication* fields;
+    bool isKnown;
+  } asked = {out, false};
+  if (!pdi_asksCallBacks()) return false;
+  const bool isWhole = faultGuard(
+      [](void* context) {
+        auto& of = *static_cast<Asked*>(context);
+        of.isKnown = pdi_applicationFields(of.fields);
+      },
+      &asked, nullptr);
+  return isWhole && asked.isKnown;
+}
+
 void penHead(PdPen& pen, std::uint32_t level, std::int64_t timeNs) noexcept {
   char process[64];
   ossProcessName(process, sizeof process);
   VekApplication application;
-  const bool hasApplication = pdi_applicationFields(&application);
+  const bool hasApplication = askApplication(&application);
   pdPenTimeStamp(pen, timeNs);
   pen.textLeft(pdLevelName(level), 9);
   pen.text(vekInstanceName());
@@ -357,6 +373,7 @@ int pdi_systemLogPriority(const char* setting, std::uint32_t level, bool* isUnde
 }
 
 SqlzZrc pdi_writeNotification(const PdNotification& notification) noexcept {
+  const PdInsideLog inside;
   char entry[kEntryBytes];
   PdPen pen(entry, sizeof entry);
   const std::int64_t timeNs = ossRealtimeNs();

@@ -161,6 +161,7 @@ SqlzZrc writeSqlcode(EcfFunctionId functionId, std::uint32_t probe, std::int32_t
 SqlzZrc sqlt_logadmin(EcfFunctionId functionId, std::uint32_t probe, std::uint32_t notifyLevel, std::int32_t sqlcode,
                       std::uint32_t tokenCount, const char* const* tokens) noexcept {
   vek::VekTrace<vek::FID_sqlt_logadmin> trace;
+  const vek::ErrnoKept kept;
   if (tokenCount != 0 && tokens == nullptr) return trace.exit(SQLO_INV_PARM);
   const SqlzZrc refusal = vek::checkLevel(notifyLevel);
   if (refusal != 0) return trace.exit(refusal);
@@ -170,6 +171,7 @@ SqlzZrc sqlt_logadmin(EcfFunctionId functionId, std::uint32_t probe, std::uint32
 SqlzZrc sqlt_logadmin_api(EcfFunctionId functionId, std::uint32_t probe, std::uint32_t notifyLevel,
                           const sqlca* area) noexcept {
   vek::VekTrace<vek::FID_sqlt_logadmin_api> trace;
+  const vek::ErrnoKept kept;
   if (area == nullptr) return trace.exit(SQLO_INV_PARM);
   const SqlzZrc refusal = vek::checkLevel(notifyLevel);
   if (refusal != 0) return trace.exit(refusal);

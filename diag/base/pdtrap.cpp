@@ -26,18 +26,18 @@ PdRecordText formatTrapRecord(const PdRecordHeader& header, const Fault& fault) 
 
 }  // namespace
 
-bool pdi_writeTrapFile(const char* directory, const PdRecordHeader& header, const Fault& fault) noexcept {
+int pdi_writeTrapFile(const char* directory, const PdRecordHeader& header, const Fault& fault) noexcept {
   char path[PD_DIAGPATH_BYTES + 64];
   ossSnprintf(path, sizeof path, "%s%u.%llu.%.3d.trap.txt", directory, header.processId,
               static_cast<unsigned long long>(header.threadId), header.partition);
   int fd = -1;
   std::uint64_t bytes = 0;
-  if (ossOpenToAppend(path, &fd, &bytes) != 0) return false;
+  if (const int refused = ossOpenToAppend(path, &fd, &bytes); refused != 0) return refused;
   const PdRecordText text = formatTrapRecord(header, fault);
   (void)pdStampIdentifier(g_text, bytes, text.length);
   const int error = ossWriteAll(fd, g_text, text.length);
   ossClose(fd);
-  return error == 0;
+  return error;
 }
 
 }  // namespace vek

@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "pdlog_support.h"
+#include "veksys/sync.h"
 
 namespace vek::logtest {
 namespace {
@@ -117,6 +118,49 @@ TEST_APART(PdLogSurvival, AForkWhileAnotherThreadLogs) {
   const auto records = log.records();
   EXPECT_EQ(countOf(records, "of a child"), 40U);
   EXPECT_EQ(countOf(records, "of a thread"), static_cast<std::size_t>(written.load()));
+}
+
+// A cancellation that waits for its thread takes effect behind a call, never inside one, which no unwinding may leave.
+TEST(PdLogSurvival, NoCallIsACancellationPoint) {
+  static char text[512];
+  static void (*const calls[])() = {
+      [] { (void)logText("of a cancelled thread"); },
+      [] { (void)pdLogDump(1, kFunction, 0, 5, 2, "object", 4, "dump"); },
+      [] { (void)sqlt_logadmin(kFunction, 1, 1, -911, 0, nullptr); },
+      [] { (void)sqltGetDiagPath(text, sizeof text, false); },
+      [] { (void)pdDiagpathVerify("/tmp"); },
+      [] { (void)pdMkdirInternal(vekInstallationPath()); },
+      [] { (void)sqlzGetSqlMessage(-911, text, sizeof text); },
+      [] { (void)vekInstanceStatus(); },
+      [] { (void)sqltTraceFacilityCreate(1 << 20); },
+      [] {
+        static SqloSpinLatch latch;
+        latch.captureLatch("here", 1);
+        latch.releaseLatch();
+      },
+  };
+  for (std::size_t i = 0; i < 2 * std::size(calls); ++i) {
+    SCOPED_TRACE(i);
+    const platformtest::Instance instance;
+    ::setenv("VEK_EVENT_LOG_CONFIG", "SYSLOG", 1);
+    inProcess([i] {
+      EXPECT_TRUE(i < std::size(calls) || vekInstanceStatus() == 0);
+      static std::atomic<bool> isBehind = false;
+      pthread_t thread;
+      const auto run = [](void* call) -> void* {
+        ::pthread_cancel(::pthread_self());
+        (*static_cast<void (*const*)()>(call))();
+        isBehind = true;
+        ::pthread_testcancel();
+        return nullptr;
+      };
+      ASSERT_EQ(::pthread_create(&thread, nullptr, run, const_cast<void (**)()>(&calls[i % std::size(calls)])), 0);
+      void* result = nullptr;
+      ::pthread_join(thread, &result);
+      EXPECT_TRUE(isBehind && result == PTHREAD_CANCELED);
+    });
+    ::unsetenv("VEK_EVENT_LOG_CONFIG");
+  }
 }
 
 // ---- places that cannot be written ------------------------------------------------------------------------------

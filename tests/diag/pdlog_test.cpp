@@ -374,6 +374,16 @@ TEST_APART(PdLog, FaultsCostTheirOwnRecordOnly) {
   EXPECT_EQ(countOf(log.records(), line), std::size(calls));
   std::snprintf(line, sizeof line, "%u.%u.000.trap.txt", ossProcessId(), ossThreadId());
   EXPECT_EQ(countOf(recordsOf(readFile(log.directory() + line)), "SIGSEGV"), std::size(calls));
+  const std::string trapFile = line;
+  std::filesystem::remove(log.directory() + trapFile);
+  std::filesystem::create_directory(log.directory() + trapFile);
+  EXPECT_EQ(pdLogSysRC(1, kFunction, SQLO_NOMEM, 5, 2, text, 2, 1, PD_TYPE_STRING, 9U, text), 0);
+  EXPECT_EQ(pdLogPrintf(1, kFunction, SQLO_NOMEM, 5, 2, "the message of %s", text), 0);
+  const auto withoutFile = log.records();
+  std::filesystem::remove(log.directory() + trapFile);
+  EXPECT_EQ(countOf(withoutFile, ",5] no trapfile, error 21"), 2U);
+  EXPECT_EQ(countOf(withoutFile, "SQLO_NOMEM"), 2U);
+  EXPECT_EQ(countOf(withoutFile, "the message of %s"), 1U);
   EXPECT_EQ(pdLogEvRecEx(1, kFunction, 0, 5, 2, static_cast<const PdRecorderEvent*>(bad), 0), 0);
   EXPECT_EQ(recorded, 1);
   const PdOSSeMessage message = {kFunction, 6, PD_LEVEL_ERROR, 0, 0, text};

@@ -235,6 +235,29 @@ TEST(NotifySystemLog, PriorityComesFromSettingAndLevel) {
 
 // ---- failures ---------------------------------------------------------------------------------------------------
 
+TEST_APART_F(NotifyLog, ACallBackThatFaultsCostsItsFieldsOnly) {
+  VekHost host = {};
+  host.size = sizeof host;
+  host.application = [](void*, VekApplication* out) {
+    std::strcpy(out->databaseName, "SAMPLE");
+    static int* volatile nowhere = nullptr;
+    *nowhere = 1;
+    return true;
+  };
+  ASSERT_EQ(vekHostInstall(&host), 0);
+  catchSystemLog();
+  t_sendError = ENOENT;
+  ::setenv("VEK_EVENT_LOG_CONFIG", "SYSLOG", 1);
+  errno = EDOM;
+  EXPECT_EQ(sqlt_logadmin(kFunction, 1, 1, -104, 0, nullptr), 0);
+  EXPECT_EQ(pdLog(pdLogNotify(1), kFunction, 0, 1, PD_LEVEL_ERROR, 0), 0);
+  EXPECT_NE(pdDiagpathVerify("/nonexistent"), 0);
+  EXPECT_NE(pdMkdirInternal("/proc/none"), 0);
+  EXPECT_EQ(errno, EDOM) << "no call changes errno";
+  const std::vector<std::string> lines = linesOf(entries());
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(), isHead), 2) << entries();
+}
+
 TEST_F(NotifyLog, FailuresAreReportedOncePerStreak) {
   const Instance instance;
   static std::vector<std::string> reported;
