@@ -120,10 +120,15 @@ VEK_MAY_TOUCH_POISONED inline std::uint32_t codeOf(Block block) noexcept {
   return __atomic_load_n(&headerOf(block)->code, __ATOMIC_RELAXED);
 }
 VEK_MAY_TOUCH_POISONED inline std::uint32_t strideOf(Block block) noexcept {
-  return strideOf(headerOf(block)->code, headerOf(block)->size);
+  return strideOf(__atomic_load_n(&headerOf(block)->code, __ATOMIC_RELAXED),
+                  __atomic_load_n(&headerOf(block)->size, __ATOMIC_RELAXED));
 }
-VEK_MAY_TOUCH_POISONED inline std::uint32_t sizeOf(Block block) noexcept { return headerOf(block)->size; }
-VEK_MAY_TOUCH_POISONED inline std::uint32_t linkOf(Block block) noexcept { return headerOf(block)->link; }
+VEK_MAY_TOUCH_POISONED inline std::uint32_t sizeOf(Block block) noexcept {
+  return __atomic_load_n(&headerOf(block)->size, __ATOMIC_RELAXED);
+}
+VEK_MAY_TOUCH_POISONED inline std::uint32_t linkOf(Block block) noexcept {
+  return __atomic_load_n(&headerOf(block)->link, __ATOMIC_RELAXED);
+}
 VEK_MAY_TOUCH_POISONED inline void setLink(Block block, std::uint32_t link) noexcept { headerOf(block)->link = link; }
 
 // What a block becomes, in one store.

@@ -18,8 +18,8 @@ constexpr std::uint64_t bytesOf(std::uint32_t chunks) noexcept { return std::uin
 // Entries on their way to the caller; those without room are counted.
 class Entries {
  public:
-  Entries(SqloMemEntry* entries, std::size_t room, std::size_t* count) noexcept
-      : entries_(entries), room_(room), count_(*count) {
+  Entries(SqloMemEntry* entries, std::size_t room, std::size_t& count) noexcept
+      : entries_(entries), room_(room), count_(count) {
     count_ = 0;
   }
   void add(const SqloMemEntry& entry) noexcept {
@@ -117,7 +117,9 @@ void visitSeen(const Visit& visit) noexcept {
 
 // A number for a set: that of its owner, with its window where a process has several.
 std::uint64_t setNumber(std::uint64_t owner, std::uint32_t window) noexcept {
-  return (owner & MEM_ROW_SHARED) != 0 ? owner : owner + (std::uint64_t{window} + 1) * (2 * REGION_PROCESS_SLOTS);
+  return (owner & MEM_ROW_SHARED) != 0
+             ? owner
+             : owner + (std::uint64_t{window} + 1) * (std::uint64_t{2} * REGION_PROCESS_SLOTS);
 }
 
 void describe(const RowSeen& seen, Lives& lives, SqloMemEntry* out) noexcept {
@@ -213,7 +215,7 @@ SqlzZrc sqloListMemory(SqloMemEntry* entries, std::size_t room, std::size_t* cou
   const auto& controller =
       *static_cast<const SqloMemController*>(vek::regionSection(vek::RegionSectionId::kMemoryController));
   if (controllerStats != nullptr) *controllerStats = vek::Access::look(controller);
-  vek::Entries out(entries, room, count);
+  vek::Entries out(entries, room, *count);
   vek::Lives lives;
   vek::listRows(out, lives);
   vek::listConnections(out, lives);

@@ -145,7 +145,7 @@ inline constexpr char kPoolLatchFile[] = "sqlo_mem_standard_pool";
 inline bool isLatched(const MemPool& base) noexcept { return (base.m_options & SQLO_POOL_UNLATCHED) == 0; }
 
 // The pool behind a handle, null when it leads to none. Reads nothing that is not there.
-MemPool* sqloi_poolOf(SQLO_MEM_POOL* pool) noexcept;
+MemPool* sqloi_poolOf(SQLO_MEM_POOL* handle) noexcept;
 
 // Whether so many bytes at an address lie in committed chunks of a set of this process.
 bool sqloi_isCommitted(std::uint64_t address, std::uint32_t bytes) noexcept;
@@ -209,7 +209,7 @@ inline void sqloi_add(std::uint32_t& counter, std::int64_t change) noexcept {
   sqloi_set(counter, counter + static_cast<std::uint32_t>(change));
 }
 
-void sqloi_noteOwned(MemPool& pool, std::int64_t chunks) noexcept;
+void sqloi_noteOwned(MemPool& base, std::int64_t chunks) noexcept;
 inline void sqloi_noteUsed(MemPool& pool, std::int64_t bytes, std::int32_t blocks) noexcept {
   sqloi_add(pool.m_currentUsed, bytes);
   pool.m_blocks += static_cast<std::uint32_t>(blocks);
