@@ -90,13 +90,17 @@ struct BlockPlace {
 // A block: the address that callers have.
 using Block = std::uint64_t;
 
+// What stands at an address.
+template <class T>
+T* pointerAs(std::uint64_t address) noexcept {
+  return reinterpret_cast<T*>(address);  // NOLINT(performance-no-int-to-ptr): addresses are what this is about
+}
+
 constexpr Block windowOf(std::uint64_t address) noexcept { return address & ~(ADDRESS_WINDOW_BYTES - 1); }
 constexpr std::uint32_t shortOf(Block block) noexcept { return static_cast<std::uint32_t>(block); }
 inline Block blockOf(const void* address) noexcept { return reinterpret_cast<std::uintptr_t>(address); }
-inline void* pointerTo(Block block) noexcept { return std::bit_cast<void*>(block); }
-inline BlockHeader* headerOf(Block block) noexcept {
-  return std::bit_cast<BlockHeader*>(block - SQLO_BLOCK_HEADER_BYTES);
-}
+inline void* pointerTo(Block block) noexcept { return pointerAs<void>(block); }
+inline BlockHeader* headerOf(Block block) noexcept { return pointerAs<BlockHeader>(block - SQLO_BLOCK_HEADER_BYTES); }
 
 constexpr std::uint32_t kindOf(std::uint32_t code) noexcept { return code & ~BLOCK_FLAGS; }
 constexpr bool isBlockKind(std::uint32_t kind) noexcept {
@@ -133,11 +137,11 @@ VEK_MAY_TOUCH_POISONED inline void setLink(Block block, std::uint32_t link) noex
 
 // What a block becomes, in one store.
 VEK_MAY_TOUCH_POISONED inline void setState(Block block, std::uint32_t code, std::uint32_t size) noexcept {
-  __atomic_store_n(std::bit_cast<std::uint64_t*>(block - SQLO_BLOCK_HEADER_BYTES), std::uint64_t{size} << 32 | code,
+  __atomic_store_n(pointerAs<std::uint64_t>(block - SQLO_BLOCK_HEADER_BYTES), std::uint64_t{size} << 32 | code,
                    __ATOMIC_RELEASE);
 }
 VEK_MAY_TOUCH_POISONED inline void setPlace(Block block, BlockPlace place, std::uint32_t sequence) noexcept {
-  __atomic_store_n(std::bit_cast<std::uint64_t*>(block - SQLO_BLOCK_HEADER_BYTES + offsetof(BlockHeader, file)),
+  __atomic_store_n(pointerAs<std::uint64_t>(block - SQLO_BLOCK_HEADER_BYTES + offsetof(BlockHeader, file)),
                    place.file | std::uint64_t{place.line & 0xFFFFU} << 32 | std::uint64_t{sequence & 0xFFFFU} << 48,
                    __ATOMIC_RELAXED);
 }
@@ -165,7 +169,7 @@ inline const char* namedFileOf(const BlockHeader& header, std::uint32_t* line) n
   std::uint64_t place;
   __builtin_memcpy(&place, &header.file, sizeof place);
   *line = static_cast<std::uint32_t>(place & 0xFFFFU);
-  return std::bit_cast<const char*>(place >> 16);
+  return pointerAs<const char>(place >> 16);
 }
 
 VEK_MAY_TOUCH_POISONED inline void setChunk(Block block, std::uint32_t reference) noexcept {
@@ -188,7 +192,7 @@ inline void unpoison(Block block, std::uint64_t bytes) noexcept {
 
 // ---- subgroups
 inline SqloMemSubgroup* subgroupOf(Block block, std::uint32_t reference) noexcept {
-  return std::bit_cast<SqloMemSubgroup*>(windowOf(block) | (reference & ~CHUNK_REFERENCE_MASK) << 12);
+  return pointerAs<SqloMemSubgroup>(windowOf(block) | (reference & ~CHUNK_REFERENCE_MASK) << 12);
 }
 inline Block firstBlock(const SqloMemSubgroup* subgroup) noexcept { return blockOf(subgroup) + BLOCK_FIRST_OFFSET; }
 // Where the block behind the last one would begin.

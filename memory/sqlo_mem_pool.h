@@ -92,7 +92,7 @@ struct MemPool : SQLO_MEM_POOL {
   std::uint32_t m_kept[KEPT_LISTS];
 
   static MemPool* ofLatch(void* latch) noexcept {
-    return std::bit_cast<MemPool*>(reinterpret_cast<std::uintptr_t>(latch) - latchOffset());
+    return pointerAs<MemPool>(reinterpret_cast<std::uintptr_t>(latch) - latchOffset());
   }
   const MemPool& base() const noexcept { return static_cast<const MemPool&>(*m_base); }
   MemPool& base() noexcept { return static_cast<MemPool&>(*m_base); }

@@ -13,7 +13,7 @@
 namespace vek {
 
 bool sqloi_isCommitted(std::uint64_t address, std::uint32_t bytes) noexcept {
-  const auto* set = std::bit_cast<const SMemSet*>(windowOf(address));
+  const auto* set = pointerAs<const SMemSet>(windowOf(address));
   if (windowOf(address + bytes - 1) != windowOf(address) || shortOf(address) < SQLO_CHUNK_BYTES || !sqloi_isSet(set))
       [[unlikely]]
     return false;

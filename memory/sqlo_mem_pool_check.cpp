@@ -22,7 +22,7 @@ void visitRuns(MemPool& base, const Visit& visit) noexcept {
   std::uint32_t end = 0;  // of the run before
   for (std::uint32_t chunk = 0; chunk < set.m_allocatedChunks; ++chunk) {
     if (chunk < end || (chunk != end && !set.m_starts.has(chunk)) || !set.m_used.has(chunk)) continue;
-    auto* run = std::bit_cast<SqloMemSubgroup*>(set.addressOf(chunk));
+    auto* run = pointerAs<SqloMemSubgroup>(set.addressOf(chunk));
     if (run->eyeCatcher != MEM_SUBGROUP_EYE_CATCHER || run->base != shortOf(blockOf(&base))) continue;
     end = chunk + run->chunks;
     visit(run);

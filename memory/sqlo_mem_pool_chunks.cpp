@@ -41,7 +41,7 @@ void cacheRun(MemPool& base, SqloMemSubgroup* run, std::uint32_t chunks) noexcep
 
 // What of a run begins with that chunk.
 SqloMemSubgroup* partOf(SqloMemSubgroup* run, std::uint32_t chunk) noexcept {
-  return std::bit_cast<SqloMemSubgroup*>(blockOf(run) + (std::uint64_t{chunk} << SQLO_CHUNK_SHIFT));
+  return pointerAs<SqloMemSubgroup>(blockOf(run) + (std::uint64_t{chunk} << SQLO_CHUNK_SHIFT));
 }
 
 // The smallest run of the cache that is long enough. A raw pool takes no more of it than it needs: the header of what

@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kGuardFill = 0xFD;
 
-SqloMemDebugControl* marker(std::uintptr_t value) noexcept { return std::bit_cast<SqloMemDebugControl*>(value); }
+SqloMemDebugControl* marker(std::uintptr_t value) noexcept { return pointerAs<SqloMemDebugControl>(value); }
 
 void complain(std::uint32_t probe, SqlzZrc zrc, const char* text) noexcept {
   PdLogCall call = pdLogDescribe(PD_LOG_RC_ZRC, FID_sqloCreateMemoryPoolEx, zrc, probe, PD_LEVEL_WARNING);

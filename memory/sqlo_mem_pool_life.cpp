@@ -193,7 +193,7 @@ void freeBase(MemPool& pool) noexcept {
     collect(pool.m_cachedChunks);
     collect(pool.m_firstSubgroup);
   }
-  pool.m_set = std::bit_cast<SMemSet*>(std::uintptr_t{SQLO_INVALID_SET});
+  pool.m_set = pointerAs<SMemSet>(std::uintptr_t{SQLO_INVALID_SET});
   while (runs != nullptr) {
     SqloMemSubgroup* const run = runs;
     runs = run->next;

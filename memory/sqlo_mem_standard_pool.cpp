@@ -188,7 +188,7 @@ void sqloi_keepChain(MemPool& pool, std::uint32_t first, Block last, std::uint32
   std::uint32_t& head = pool.m_kept[listOf(stride)];
   setLink(last, head);
   head = first;
-  sqloi_add(pool.m_keptBytes, count * stride);
+  sqloi_add(pool.m_keptBytes, std::int64_t{count} * stride);
   sqloi_noteUsed(pool, -std::int64_t{count} * stride, -static_cast<std::int32_t>(count));
   if (isKeptTooMuch(pool)) sqloi_joinKept(pool, operation);
 }
@@ -201,7 +201,7 @@ KeptChain sqloi_takeChain(MemPool& pool, std::uint32_t stride, std::uint32_t mos
     head = linkOf(chain.last);
     ++chain.count;
   }
-  sqloi_add(pool.m_keptBytes, 0U - chain.count * stride);
+  sqloi_add(pool.m_keptBytes, -std::int64_t{chain.count} * stride);
   sqloi_noteUsed(pool, std::int64_t{chain.count} * stride, static_cast<std::int32_t>(chain.count));
   return chain;
 }

@@ -16,9 +16,9 @@ VEK_MAY_TOUCH_POISONED bool standsAbove(Block block, Block other) noexcept {
   return size != otherSize ? size > otherSize : mixed(block) > mixed(other);
 }
 
-SqloMemFreeBlock* nodeOf(Block block) noexcept { return std::bit_cast<SqloMemFreeBlock*>(block); }
+SqloMemFreeBlock* nodeOf(Block block) noexcept { return pointerAs<SqloMemFreeBlock>(block); }
 Block fullOf(Block window, std::uint32_t low) noexcept { return low == 0 ? 0 : window | low; }
-FreeTree treeOf(Block block) noexcept { return std::bit_cast<FreeTree>(block); }
+FreeTree treeOf(Block block) noexcept { return pointerAs<SqloMemFreeBlock>(block); }
 
 VEK_MAY_TOUCH_POISONED Block leftOf(Block block) noexcept { return fullOf(windowOf(block), nodeOf(block)->left); }
 VEK_MAY_TOUCH_POISONED Block rightOf(Block block) noexcept { return fullOf(windowOf(block), nodeOf(block)->right); }

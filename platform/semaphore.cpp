@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <time.h>
 
+#include <string_view>
+
 #include "platform/osse.h"
 
 namespace vek {
@@ -52,11 +54,10 @@ void ossRemoveSemaphore(const char* name) noexcept { ::sem_unlink(name); }
 void ossRemoveSemaphoresOf(const char* prefix) noexcept {
   DIR* directory = ::opendir(kDirectory);
   if (directory == nullptr) return;
-  const std::size_t length = ::strlen(prefix + 1);
   while (const dirent* entry = ::readdir(directory)) {
-    if (::strncmp(entry->d_name, kBefore, kBeforeLength) != 0) continue;
+    if (!std::string_view(entry->d_name).starts_with(kBefore)) continue;
     const char* name = entry->d_name + kBeforeLength;
-    if (::strncmp(name, prefix + 1, length) == 0) ::sem_unlink(name);
+    if (std::string_view(name).starts_with(prefix + 1)) ::sem_unlink(name);
   }
   ::closedir(directory);
 }

@@ -453,7 +453,7 @@ TEST(TraceRefused, FullFileSystem) {
   const TraceInstance instance;
   const std::string small = instance.path("small");
   std::filesystem::create_directory(small);
-  if (::mount("none", small.c_str(), "tmpfs", 0, "size=3200k,mode=0700") != 0)
+  if (::mount("none", small.c_str(), "tmpfs", 0, "size=3712k,mode=0700") != 0)
     GTEST_SKIP() << "mounting needs a privilege";
   inProcess([&small] {
     ::setenv("VEK_SHM_DIR", small.c_str(), 1);
