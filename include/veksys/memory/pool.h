@@ -17,6 +17,8 @@
 //   - A handle that leads to no pool, a destroyed one among them, is SQLO_INV_MEM.
 //   - Sizes reported are bytes.
 //   - A signal handler must not allocate or free.
+//   - A child of fork has the pools of its parent's private sets as they were at that moment, and none of the threads
+//     that were about to change them: fork while no other thread allocates or frees, or exec.
 #pragma once
 
 #include <cstddef>
