@@ -316,11 +316,14 @@ TEST(TraceSurvival, WritersKilledInARecordLoseThatRecordAloneAndGiveTheirSegment
 
 // ---- nobody waits -----------------------------------------------------------------------------------------------
 
-// From here on any system call kills the process, but for its end and for looking at record locks without waiting.
+// From here on any system call kills the process, but for its end, for looking at record locks without waiting, and for
+// making sure before that whose descriptor it is.
 void forbidSystemCalls() {
   sock_filter rules[] = {
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 4, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_exit_group, 6, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_newfstatat, 5, 0),
+      BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fstat, 4, 0),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_fcntl, 0, 4),
       BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])),
       BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, F_GETLK, 1, 0),
