@@ -214,8 +214,8 @@ Block takeKeptLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place) noex
   const std::uint32_t at = fastHash(handle);
   const std::uint32_t name = fastFileAt(file);
   if (thread.epoch == g_fastEpoch.load(std::memory_order_acquire) && thread.pools[at] == handle && handle != nullptr &&
-      thread.caches[at] == &g_noCache && thread.files[name] == file && out != nullptr && options == 0 && isSmall(bytes))
-      [[likely]] {
+      fastCacheAt(thread, at) == &g_noCache && thread.files[name] == file && out != nullptr && options == 0 &&
+      isSmall(bytes)) [[likely]] {
     MemPool& pool = *thread.pools[at];
     const Block block =
         pool.m_isPlain ? takeKeptLatched(pool, static_cast<std::uint32_t>(bytes), {thread.fileKeys[name], line}) : 0;
@@ -359,7 +359,7 @@ SqlzZrc sqloMemPoolAllocate(SQLO_MEM_POOL* pool, std::size_t bytes, std::uint32_
     const vek::FastInside inside(thread);
     const std::uint32_t at = vek::fastHash(pool);
     const std::uint32_t name = vek::fastFileAt(file);
-    vek::FastCache& cache = *thread.caches[at];
+    vek::FastCache& cache = *vek::fastCacheAt(thread, at);
     if (inside.knows() && thread.pools[at] == pool && thread.files[name] == file) [[likely]] {
       const auto size = static_cast<std::uint32_t>(bytes);
       vek::FastBin& bin = cache.bins[vek::listOf(vek::strideFor(size))];

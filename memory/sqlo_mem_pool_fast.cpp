@@ -100,13 +100,13 @@ void addPool(FastThread& thread, MemPool& pool, FastCache& cache) noexcept {
   while (thread.pools[at] != nullptr && thread.pools[at] != &pool) at = (at + 1) % FAST_ENTRIES;
   if (thread.pools[at] == nullptr) ++thread.poolCount;
   thread.pools[at] = &pool;
-  thread.caches[at] = &cache;
+  thread.caches[at].store(&cache, std::memory_order_relaxed);
   thread.generations[at] = pool.m_fastGeneration;
 }
 
 FastCache* cacheIn(const FastThread& thread, const SQLO_MEM_POOL* pool) noexcept {
   for (std::uint32_t at = fastHash(pool); thread.pools[at] != nullptr; at = (at + 1) % FAST_ENTRIES)
-    if (thread.pools[at] == pool) return thread.caches[at];
+    if (thread.pools[at] == pool) return fastCacheAt(thread, at);
   return nullptr;
 }
 
@@ -118,7 +118,8 @@ void revise(FastThread& thread) noexcept {
   } kept[FAST_ENTRIES];
   std::size_t count = 0;
   for (std::uint32_t at = 0; at < FAST_ENTRIES; ++at) {
-    const Known known = {std::exchange(thread.pools[at], nullptr), std::exchange(thread.caches[at], &g_noCache)};
+    const Known known = {std::exchange(thread.pools[at], nullptr),
+                         thread.caches[at].exchange(&g_noCache, std::memory_order_relaxed)};
     const bool isThere = known.pool != nullptr && known.cache != &g_noCache && isRegistered(known.pool);
     if (isThere && thread.generations[at] == known.pool->m_fastGeneration) kept[count++] = known;
   }
@@ -134,7 +135,7 @@ FastThread* makeThread() noexcept {
   if (threadSelf() == nullptr) return nullptr;  // nobody would see to its end
   auto* thread = static_cast<FastThread*>(ossMapPages(sizeof(FastThread)));
   if (thread == nullptr) return nullptr;
-  std::fill(std::begin(thread->caches), std::end(thread->caches), &g_noCache);
+  for (auto& cache : thread->caches) cache.store(&g_noCache, std::memory_order_relaxed);
   thread->next = g_registry.threads;
   if (thread->next != nullptr) thread->next->previous = thread;
   g_registry.threads = thread;
@@ -186,9 +187,10 @@ void visitCaches(const MemPool& pool, const Visit& visit) noexcept {
   raiseEpoch();
   for (FastThread* thread = g_registry.threads; thread != nullptr; thread = thread->next) {
     if (!isOutside(*thread)) continue;
-    for (std::uint32_t at = 0; at < FAST_ENTRIES; ++at)
-      if (thread->pools[at] == &pool && thread->caches[at] != &g_noCache)
-        thread->caches[at] = visit(*thread->caches[at]);
+    for (std::uint32_t at = 0; at < FAST_ENTRIES; ++at) {
+      FastCache* const cache = thread->pools[at] == &pool ? fastCacheAt(*thread, at) : &g_noCache;
+      if (cache != &g_noCache) thread->caches[at].store(visit(*cache), std::memory_order_relaxed);
+    }
   }
 }
 
@@ -304,7 +306,8 @@ void sqloi_fastThreadEnds() noexcept {
   {
     const RegistryOperation registry;
     revise(*thread);
-    for (FastCache* const cache : thread->caches) {
+    for (std::uint32_t at = 0; at < FAST_ENTRIES; ++at) {
+      FastCache* const cache = fastCacheAt(*thread, at);
       if (cache == &g_noCache) continue;
       PoolOperation operation(*cache->pool);
       removeCache(*cache, operation);

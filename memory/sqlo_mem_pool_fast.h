@@ -78,9 +78,9 @@ struct FastThread {
   std::uint64_t epoch;
   FastThread* next;  // of all threads that have one
   FastThread* previous;
-  MemPool* pools[FAST_ENTRIES];             // that are there
-  FastCache* caches[FAST_ENTRIES];          // of these pools; g_noCache: their blocks are not kept
-  std::uint32_t generations[FAST_ENTRIES];  // of these pools: another one may come to stand in its place
+  MemPool* pools[FAST_ENTRIES];                  // that are there
+  std::atomic<FastCache*> caches[FAST_ENTRIES];  // of these pools; g_noCache: their blocks are not kept
+  std::uint32_t generations[FAST_ENTRIES];       // of these pools: another one may come to stand in its place
   std::uint32_t poolCount;
   std::uint32_t chunks[FAST_CHUNKS];  // numbers in the address space, 0: none
   FastCache* chunkCaches[FAST_CHUNKS];
@@ -128,6 +128,12 @@ class FastInside {
 
 // Whether threads keep blocks of a pool.
 bool sqloi_isFast(const MemPool& pool) noexcept;
+
+// What stands in a place of a thread's table. Whoever takes caches away may change it at any time; what is read counts
+// while the thread is inside and knows.
+inline FastCache* fastCacheAt(const FastThread& thread, std::uint32_t at) noexcept {
+  return thread.caches[at].load(std::memory_order_relaxed);
+}
 
 // The calling thread's cache of a pool that is there, made when it is to have one; g_noCache when it is not, or when
 // the pool has no block for it. Null: the thread cannot know about it, since processes share it or there is no memory.

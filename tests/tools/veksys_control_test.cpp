@@ -171,7 +171,7 @@ TEST_F(Control, MistakesGetOneSentence) {
     const char* part;
   };
   const Case cases[] = {
-      {{}, 2, "needs a subcommand: latch, log, rc, trace"},
+      {{}, 2, "needs a subcommand: latch, log, memory, rc, trace"},
       {{"trase"}, 2, "Did you mean trace"},
       {{"trace"}, 2, "needs a subcommand"},
       {{"trace", "flaw"}, 2, "Did you mean flow"},
