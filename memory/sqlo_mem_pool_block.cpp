@@ -359,12 +359,12 @@ SqlzZrc sqloMemPoolAllocate(SQLO_MEM_POOL* pool, std::size_t bytes, std::uint32_
     const vek::FastInside inside(thread);
     const std::uint32_t at = vek::fastHash(pool);
     const std::uint32_t name = vek::fastFileAt(file);
-    vek::FastCache& cache = *vek::fastCacheAt(thread, at);
+    vek::FastCache* const cache = vek::fastCacheAt(thread, at);
     if (inside.knows() && thread.pools[at] == pool && thread.files[name] == file) [[likely]] {
       const auto size = static_cast<std::uint32_t>(bytes);
-      vek::FastBin& bin = cache.bins[vek::listOf(vek::strideFor(size))];
+      vek::FastBin& bin = cache->bins[vek::listOf(vek::strideFor(size))];
       if (bin.head() != 0) [[likely]] {
-        *block = vek::pointerTo(vek::takeFast(thread, cache, bin, size, {thread.fileKeys[name], line}));
+        *block = vek::pointerTo(vek::takeFast(thread, *cache, bin, size, {thread.fileKeys[name], line}));
         return 0;
       }
     }
