@@ -183,11 +183,15 @@ inline void makeFree(Block block, std::uint32_t stride, std::uint32_t reference)
   setState(block, BLOCK_FREE, stride - SQLO_BLOCK_HEADER_BYTES);
 }
 
+// Memory that processes share is left alone: one process does not see what another one poisoned or freed.
+constexpr bool isPoisonable(Block block) noexcept {
+  return block >= PRIVATE_WINDOWS.begin && block < PRIVATE_WINDOWS.end();
+}
 inline void poison(Block block, std::uint32_t stride) noexcept {
-  ASAN_POISON_MEMORY_REGION(pointerTo(block - SQLO_BLOCK_HEADER_BYTES), stride);
+  if (isPoisonable(block)) ASAN_POISON_MEMORY_REGION(pointerTo(block - SQLO_BLOCK_HEADER_BYTES), stride);
 }
 inline void unpoison(Block block, std::uint64_t bytes) noexcept {
-  ASAN_UNPOISON_MEMORY_REGION(pointerTo(block), bytes);
+  if (isPoisonable(block)) ASAN_UNPOISON_MEMORY_REGION(pointerTo(block), bytes);
 }
 
 // ---- subgroups

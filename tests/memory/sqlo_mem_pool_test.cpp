@@ -252,6 +252,7 @@ TEST_APART(MemPool, IsFoundFromItsBlocks) {
   SQLO_MEM_POOL* found = nullptr;
   const Block at = blockOf(block);
   BlockHeader* header = headerOf(at);
+  unpoison(at - SQLO_BLOCK_HEADER_BYTES, SQLO_BLOCK_HEADER_BYTES);
   char text[120];
   char wanted[120];
   std::snprintf(wanted, sizeof wanted, "BLOCK: code: 0xe4dcafe0 size: 100 file: %u line: 4464 seq: %hu CSG: 0x%08x",
