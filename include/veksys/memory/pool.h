@@ -78,6 +78,7 @@ class VEK_EXPORT SQLO_MEM_POOL {
 
  protected:
   SQLO_MEM_POOL() = default;
+  // Where the latch stands in the control block, for whoever knows a pool by its latch.
   static constexpr std::size_t latchOffset() noexcept { return offsetof(SQLO_MEM_POOL, m_latch); }
 
   std::uint32_t m_eyeCatcher;

@@ -19,12 +19,16 @@
 
 #include "veksys/memory/pool.h"
 
+// The adaptor: two resources are equal when they are over the same pool.
 class VekMemoryResource : public std::pmr::memory_resource {
  public:
+  // Over a pool, which it does not own; a wrong handle makes every allocation throw. `file` and `line` are noted with
+  // each block, by default those of the caller.
   explicit VekMemoryResource(SQLO_MEM_POOL* pool, const char* file = __builtin_FILE(),
                              std::uint32_t line = __builtin_LINE()) noexcept
       : pool_(pool), file_(file), line_(line) {}
 
+  // The pool that it was made over.
   SQLO_MEM_POOL* pool() const noexcept { return pool_; }
 
  private:
