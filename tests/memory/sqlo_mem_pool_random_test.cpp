@@ -11,7 +11,6 @@ namespace {
 
 using platformtest::Baton;
 using platformtest::Failure;
-using platformtest::finish;
 using platformtest::finishKilled;
 using platformtest::makeFail;
 using platformtest::start;

@@ -46,7 +46,7 @@ TEST(MemPoolCatalogue, TellsEveryId) {
   EXPECT_STREQ(sqloGetMemPoolType(86), "PERSISTENT_PRIVATE");
 }
 
-TEST_APART(MemPool, TellsWhatItHas) {
+TEST_APART(MemPool, TellsWhatItHas) {  // NOLINT(readability-function-size): one pool from all sides
   SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, 100));
   MemPool* pool = createPool(poolRequest(set, 20, 0, SQLO_POOL_UTILH));
   MemPool* sub = createSub(createSub(pool));
@@ -158,7 +158,7 @@ TEST_APART(MemPool, GrowsAsFarAsItMay) {
 TEST_APART(MemPool, IsRefusedWhatTheSetCannotGive) {
   SqloMemSetRequest setRequest = requestOf(SQLO_SET_PRIVATE, 10, 0);
   SMemSet* set = create(setRequest);
-  SMemSet* none = reinterpret_cast<SMemSet*>(std::uintptr_t{SQLO_INVALID_SET});
+  auto* none = reinterpret_cast<SMemSet*>(std::uintptr_t{SQLO_INVALID_SET});
   SQLO_MEM_POOL* pool = nullptr;
   struct Row {
     SqloMemPoolRequest request;
