@@ -98,8 +98,9 @@ struct MemPool : SQLO_MEM_POOL {
   MemPool& base() noexcept { return static_cast<MemPool&>(*m_base); }
   bool isRaw() const noexcept { return m_eyeCatcher == SQLO_POOL_RAW_EYE_CATCHER; }
   bool isDebugged() const noexcept {
-    return reinterpret_cast<std::uintptr_t>(m_debug) != SQLO_POOL_DEBUG_OFF &&
-           reinterpret_cast<std::uintptr_t>(m_debug) != SQLO_POOL_DEBUG_FAILED && m_debug != nullptr;
+    const auto control = reinterpret_cast<std::uintptr_t>(m_debug);
+    return control != 0 && control != SQLO_POOL_DEBUG_OFF && control != SQLO_POOL_DEBUG_FAILED &&
+           m_debug->eyeCatcher == MEM_DEBUG_EYE_CATCHER;
   }
   std::uint32_t debugOverhead() const noexcept { return isDebugged() ? m_debug->overhead : 0; }
 };

@@ -194,8 +194,10 @@ SqlzZrc sqloi_growPool(MemPool& pool, std::uint32_t stride) noexcept {
   }
   void* address = nullptr;
   const SqlzZrc result = askSet(*base.m_set, needed, &step, &address);
-  if (result != 0) trace.data(20, "Raw chunk commit failed");
-  if (result != 0) return trace.exit(SQLO_NOMEM);
+  if (result != 0) {
+    trace.data(20, "Raw chunk commit failed");
+    return trace.exit(SQLO_NOMEM);
+  }
   PoolOperation operation(pool);
   if (admit(base, address, step, operation)) sqloi_addSubgroup(pool, address, step);
   return trace.exit(0);

@@ -235,7 +235,12 @@ void ossSleepUs(unsigned microseconds) noexcept { sleepFor(microseconds / 1'000'
 bool ossRegisterBarrier() noexcept {
   return ::syscall(SYS_membarrier, MEMBARRIER_CMD_REGISTER_PRIVATE_EXPEDITED, 0, 0) == 0;
 }
-void ossBarrier() noexcept { (void)::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0); }
+
+// A process that is not registered any more is registered anew.
+void ossBarrier() noexcept {
+  const auto barrier = [] { return ::syscall(SYS_membarrier, MEMBARRIER_CMD_PRIVATE_EXPEDITED, 0, 0) == 0; };
+  if (!barrier() && ossRegisterBarrier()) (void)barrier();
+}
 void ossYield() noexcept { ::sched_yield(); }
 
 unsigned ossProcessors() noexcept {

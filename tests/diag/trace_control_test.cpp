@@ -218,7 +218,7 @@ TEST_APART(TraceFlags, ClearingKeepsWorkloadDisplayOfTheEventWordAlone) {
 
 // ---- life cycle -------------------------------------------------------------------------------------------------
 
-TEST_APART(TraceControl, CreatingAndDeletingByEitherInterface) {
+TEST_APART(TraceControl, WithoutARingThereIsNothingToDeleteOrDump) {
   const std::string dump = instance.path("dump");
   EXPECT_EQ(sqltTraceFacilityDelete(), SQLT_TRACE_NOT_CREATED);
   EXPECT_EQ(sqlt_dump_trace(dump.c_str()), SQLT_TRACE_NOT_CREATED);
@@ -227,7 +227,9 @@ TEST_APART(TraceControl, CreatingAndDeletingByEitherInterface) {
   EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
   EXPECT_EQ(sqltInquireTraceBufferSize(), 0U);
   EXPECT_FALSE(sqltTraceActive());
+}
 
+TEST_APART(TraceControl, CreatingAndDeletingByEitherInterface) {
   ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
   EXPECT_EQ(sqltTraceFacilityCreate(kRingBytes * 2), SQLT_TRACE_ALREADY_CREATED);
   EXPECT_EQ(sqltTraceFacilityCLICreate(kRingBytes * 2), 0);

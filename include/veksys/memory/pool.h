@@ -131,7 +131,7 @@ struct SqloMemPoolStats {
   std::uint32_t currentOwned;
   std::uint32_t growths;
   std::uint32_t refusals;
-  std::uint32_t poolUsed;  // of the pool itself
+  std::uint32_t poolUsed;  // of the pool itself; what threads keep for fast reuse counts
   std::uint32_t poolOwned;
 };
 static_assert(sizeof(SqloMemPoolStats) == 28);
