@@ -63,13 +63,13 @@ inline void endAtOnce() { ::syscall(SYS_exit_group, expectationsFailed() != 0 ? 
 // hangs.
 template <class Body>
 pid_t start(Body body) {
-  std::fflush(nullptr);
+  (void)std::fflush(nullptr);
   const pid_t child = ::fork();
   if (child != 0) return child;
   ::alarm(60);
   const int before = expectationsFailed();
   body();
-  std::fflush(nullptr);
+  (void)std::fflush(nullptr);
   ::exit(expectationsFailed() != before ? 1 : 0);
 }
 
