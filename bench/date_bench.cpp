@@ -27,7 +27,6 @@ struct Probe {
   std::chrono::local_days chronoDay;
   std::array<unsigned, 7> parts = {};  // year to second, microseconds
   std::array<std::uint8_t, SQLV_TIMESTAMP_BYTES_MAX> timestamp = {};
-  std::array<char, SQLV_TIMESTAMP_TEXT_MAX> text = {};
 };
 
 std::array<Probe, kProbes> g_probes;
@@ -50,7 +49,6 @@ void fill() {
                    micros};
     const auto moment = probe.chronoDay + std::chrono::seconds(second) + std::chrono::microseconds(micros);
     sqlvTimestampFromChrono(moment, SQLV_TIMESTAMP_SCALE, probe.timestamp.data());
-    sqlvputs(probe.timestamp.data(), SQLV_TIMESTAMP_SCALE, probe.text.data());
   }
 }
 
@@ -70,19 +68,6 @@ void loop(std::uint64_t count) {
   return std::chrono::year_month_day(day);
 }
 [[gnu::noinline]] void chronoDayToDate(const Probe& probe) { bench::keep(chronoDate(probe.chronoDay)); }
-
-[[gnu::noinline]] void readTimestamp(const Probe& probe) {
-  std::uint8_t timestamp[SQLV_TIMESTAMP_BYTES_MAX];
-  sqlvstmp(probe.text.data(), sqlvTimestampText(SQLV_TIMESTAMP_SCALE), SQLV_TIMESTAMP_SCALE, timestamp);
-  bench::keep(timestamp);
-}
-[[gnu::noinline]] void scanTimestamp(const Probe& probe) {
-  unsigned parts[7];
-  // NOLINTNEXTLINE(cert-err34-c): the text is known to be right
-  std::sscanf(probe.text.data(), "%4u-%2u-%2u-%2u.%2u.%2u.%6u", &parts[0], &parts[1], &parts[2], &parts[3], &parts[4],
-              &parts[5], &parts[6]);
-  bench::keep(parts);
-}
 
 #if defined(VEKSYS_BENCH_FMT)
 [[gnu::noinline]] void timestampText(const Probe& probe) {
@@ -142,7 +127,6 @@ constexpr Comparison kComparisons[] = {
     {"date to text; {fmt}", loop<dateText>, loop<fmtDateText>, 0},
     {"time to text; {fmt}", loop<timeText>, loop<fmtTimeText>, 0},
 #endif
-    {"text to timestamp; sscanf", loop<readTimestamp>, loop<scanTimestamp>, 0},
 };
 
 }  // namespace

@@ -1,13 +1,13 @@
 // Packed decimals from anywhere: every operation on any descriptor and any bytes, in memory of exactly the size that
-// the descriptor tells. Whatever the bytes are, nothing outside is touched; where validation accepts them, what goes
-// forth and back is what it was.
+// the descriptor tells, and packed decimals made from any double and any decimal floating-point number. Whatever the
+// bytes are, nothing outside is touched; where validation accepts them, what goes forth and back is what it was.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
-#include "veksys/values/dfpal.h"
+#include "veksys/values/decimal_float.h"
 #include "veksys/values/packed_decimal.h"
 
 namespace {
@@ -30,12 +30,16 @@ bool convertible(SqlvDescriptor descriptor) {
          descriptor.scale <= descriptor.precision;
 }
 
+// What a conversion may answer, given whether the descriptors are ones that it takes.
+void requireConversion(SqlzZrc zrc, bool known) {
+  require(known ? zrc == 0 || zrc == SQLRX_DEC_OVERFLOW : zrc == SQLRX_DEC_INVALID);
+}
+
 template <class Target>
 void toInteger(const Bytes& value, SqlvDescriptor type,
                SqlzZrc (*operation)(const std::uint8_t*, SqlvDescriptor, Target*) noexcept) {
   Target target = 0;
-  const SqlzZrc zrc = operation(value.at.get(), type, &target);
-  require(convertible(type) ? zrc == 0 || zrc == SQLRX_DEC_OVERFLOW : zrc == SQLRX_DEC_INVALID);
+  requireConversion(operation(value.at.get(), type, &target), convertible(type));
 }
 
 void toEveryInteger(const Bytes& value, SqlvDescriptor type) {
@@ -46,6 +50,36 @@ void toEveryInteger(const Bytes& value, SqlvDescriptor type) {
   toInteger(value, type, sqlvpdc2ulng);
   toInteger(value, type, sqlvpdc2big);
   toInteger(value, type, sqlvpdc2ubig);
+}
+
+// To another packed type, rounded and cut. Well-formed digits that are cut are the same through a decimal
+// floating-point number, which holds all of them, or too large for both.
+void toPacked(const Bytes& value, SqlvDescriptor type, SqlvDescriptor to) {
+  const bool known = convertible(type) && convertible(to);
+  const Bytes straight(sqlvPackedBytes(to));
+  requireConversion(sqlvpdc2dec(value.at.get(), type, straight.at.get(), to), known);
+  const SqlzZrc zrc = sqlvpdc2dec_trunc(value.at.get(), type, straight.at.get(), to);
+  requireConversion(zrc, known);
+  const Bytes around(straight.size);
+  dfpal_decimal64FromPacked(value.at.get(), type);
+  const DfpalDecimal128 number = dfpal_decimal128FromPacked(value.at.get(), type);
+  const bool fits = dfpal_decimal128ToPacked(number, DFPAL_ROUND_DOWN, around.at.get(), to);
+  if (!known || sqlv_check_packed_Internal(value.at.get(), type) != 0) return;
+  require(fits == (zrc == 0));
+  require(!fits || std::memcmp(straight.at.get(), around.at.get(), straight.size) == 0);
+}
+
+// A double and any bits of a decimal floating-point number as packed values.
+void fromNumbers(const std::uint8_t* data, std::size_t size, double real, SqlvDescriptor to) {
+  const Bytes target(sqlvPackedBytes(to));
+  requireConversion(sqlvflt2dec(real, target.at.get(), to), convertible(to));
+  requireConversion(sqlvflt2dec_trunc(real, target.at.get(), to), convertible(to));
+  for (const std::uint32_t bytes : {SQLV_DECFLOAT16_BYTES, SQLV_DECFLOAT34_BYTES}) {
+    if (size < bytes) return;
+    const SqlzZrc zrc = sqlvdfp2dec(data, bytes, target.at.get(), to);
+    requireConversion(zrc, convertible(to));
+    require(zrc != 0 || sqlv_check_packed_Internal(target.at.get(), to) == 0);
+  }
 }
 
 // A well-formed value at a scale with room for all of its digits, and back.
@@ -104,13 +138,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::memcpy(&real, data + 6, sizeof real);
   data += kHeader;
   size -= kHeader;
-  const Bytes target(sqlvPackedBytes(to));
-  sqlvflt2dec(real, target.at.get(), to);
-  sqlvflt2dec_trunc(real, target.at.get(), to);
+  fromNumbers(data, size, real, to);
   if (size < sqlvPackedBytes(type)) return 0;
   const Bytes value(data, sqlvPackedBytes(type));
   toEveryInteger(value, type);
-  sqlvpdc2dec(value.at.get(), type, target.at.get(), to);
+  toPacked(value, type, to);
   sqlvpdc2flt(value.at.get(), type, &real);
   toText(value, type);
   if (convertible(type)) roundTrip(value, type);

@@ -116,7 +116,8 @@ VEK_EXPORT SqlzZrc sqlvpdc2dec_trunc(const std::uint8_t* packed, SqlvDescriptor 
 
 // ---- floating point ---------------------------------------------------------------------------------------------
 
-// Packed to the nearest double, the one with the even significand where two are equally near. Zero is positive.
+// Packed to the nearest double, the one with the even significand where two are equally near. Zero is positive. A
+// program that has set another rounding mode of the processor (fesetround) gets a neighbour of it.
 VEK_EXPORT SqlzZrc sqlvpdc2flt(const std::uint8_t* packed, SqlvDescriptor descriptor, double* target) noexcept;
 
 // A double to packed: the exact decimal expansion of the double is cut behind the target's scale (0.1 holds a little
