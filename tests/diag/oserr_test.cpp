@@ -1,9 +1,6 @@
 // Return codes for errors of the operating system.
-#include <gtest/gtest.h>
 
-#include <cerrno>
 #include <climits>
-#include <cstdint>
 
 #include "platform/support.h"
 #include "veksys/diag/rc.h"

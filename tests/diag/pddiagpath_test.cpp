@@ -2,22 +2,13 @@
 #include "diag/base/pddiagpath.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "platform/ports.h"
 #include "platform/support.h"
 #include "veksys/codes.h"
 #include "veksys/diag/log.h"
-#include "veksys/host.h"
 
 using namespace vek;
 using namespace vek::platformtest;
@@ -44,21 +35,12 @@ MemberAnswer knownMember(std::int16_t partition, const char* host, PortMember* o
 
 void noteReport(const PortEvent& event) { t_reported.emplace_back(event.message); }
 
-VekInstanceControl t_control;
-
-const VekInstanceControl* control(void*) { return &t_control; }
-
 // A process whose host configures these paths. Reports are kept instead of written.
 void configure(const std::string& path, const std::string& alternate = "", std::int16_t partition = 3) {
-  t_control = {};
-  t_control.partition = partition;
-  t_control.DIAGLEVEL = 6;
-  ossCopyText(t_control.DIAGPATH, sizeof t_control.DIAGPATH, path.c_str());
-  ossCopyText(t_control.ALT_DIAGPATH, sizeof t_control.ALT_DIAGPATH, alternate.c_str());
-  VekHost host = {};
-  host.size = sizeof host;
-  host.instanceControl = control;
-  ASSERT_EQ(vekHostInstall(&host), 0);
+  VekInstanceControl& control = installControl();
+  control.partition = partition;
+  ossCopyText(control.DIAGPATH, sizeof control.DIAGPATH, path.c_str());
+  ossCopyText(control.ALT_DIAGPATH, sizeof control.ALT_DIAGPATH, alternate.c_str());
   g_ports.member = knownMember;
   g_ports.reportEvent = noteReport;
 }
@@ -125,6 +107,7 @@ TEST_APART(DiagPathValue, NamesTheDirectoryOfAMember) {
 }
 
 TEST_APART(DiagPathValue, SaysWhyItFallsBackToThePlainPath) {
+  constexpr char kNode[] = "Node number ( 3 ) is specified when DIAGPATH is not splitted";
   constexpr char kInstead[] = "Problem of getting split-diagpath, using following diagpath instead: /d/";
   const struct {
     const char* value;
@@ -143,13 +126,7 @@ TEST_APART(DiagPathValue, SaysWhyItFallsBackToThePlainPath) {
       {"/d $h", "gamma", -1, false, "/d/", {"The specified host, gamma,does not exist in veknodes.cfg", kInstead}},
       {"/d $h$m", "gamma", 3, false, "/d/", {"The specified host, gamma,does not exist in veknodes.cfg", kInstead}},
       {"/d $m", nullptr, 3, true, "/d/", {"Failed to read veknodes.cfg", kInstead}},
-      {"/d",
-       "alpha",
-       3,
-       false,
-       "/d/",
-       {"Node number ( 3 ) is specified when DIAGPATH is not splitted",
-        "Host ( alpha ) is specified when DIAGPATH is not splitted"}},
+      {"/d", "alpha", 3, false, "/d/", {kNode, "Host ( alpha ) is specified when DIAGPATH is not splitted"}},
   };
   configure("");
   for (const auto& each : cases) {
@@ -265,9 +242,10 @@ TEST_APART(DiagPath, FollowsTheConfigurationAndMakesWhatIsMissing) {
   EXPECT_EQ(alternate().path, base + "/other/DIAG0003/");
   EXPECT_EQ(ask(sqltGetCaDiagPath).path, base + "/HOST_alpha/NODE0003/");
   EXPECT_EQ(modeOf(base + "/HOST_alpha/NODE0003"), 0700U);
-  t_control.partition = 4;
+  VekInstanceControl& control = installControl();
+  control.partition = 4;
   EXPECT_EQ(primary().path, base + "/HOST_beta/NODE0004/");
-  ossCopyText(t_control.CF_DIAGPATH, sizeof t_control.CF_DIAGPATH, (base + "/cf").c_str());
+  ossCopyText(control.CF_DIAGPATH, sizeof control.CF_DIAGPATH, (base + "/cf").c_str());
   EXPECT_EQ(ask(sqltGetCaDiagPath).path, base + "/cf/");
   EXPECT_TRUE(fs::is_directory(base + "/cf"));
 
@@ -299,8 +277,7 @@ TEST_APART(DiagPath, TheReportStandsInTheLogBehindTheFirstRecord) {
   configure("logs");
   g_ports.reportEvent = report;
   for (int i = 0; i < 2; ++i) EXPECT_EQ(pdLogPrintf(0, ecfFunctionId(0x86, 1), 0, 1, PD_LEVEL_INFO, "record %d", i), 0);
-  std::ifstream file(instance.directory() + "/instance/diag/vekdiag.log");
-  const std::string log = (std::ostringstream() << file.rdbuf()).str();
+  const std::string log = contentOf(instance.directory() + "/instance/diag/vekdiag.log");
   const std::size_t at = log.find("DIAGPATH ( logs ) is not an absolute path");
   ASSERT_NE(at, std::string::npos);
   EXPECT_LT(log.find("record 0"), at);

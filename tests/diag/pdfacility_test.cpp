@@ -1,21 +1,12 @@
 // Secondary logs by name, the older interface, messages of the OS-services layer, and the optional header fields.
-#include <unistd.h>
 
-#include <atomic>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <set>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "diag/base/pdlog.h"
 #include "platform/library_mutex.h"
 #include "platform/support.h"
 #include "veksys/codes.h"
-#include "veksys/host.h"
 
 using namespace vek;
 using namespace vek::platformtest;
@@ -25,8 +16,7 @@ namespace {
 constexpr EcfFunctionId kFunction = ecfFunctionId(0x0F, 1);
 
 std::string log(const char* name = "vekdiag") {
-  std::ifstream file(std::string(::getenv("VEK_INSTANCE_DIR")) + "/diag/" + name + ".log", std::ios::binary);
-  return (std::ostringstream() << file.rdbuf()).str();
+  return contentOf(std::string(::getenv("VEK_INSTANCE_DIR")) + "/diag/" + name + ".log");
 }
 
 // What was written to the log since the last call of this.
@@ -37,8 +27,6 @@ std::string news() {
   seen = all.size();
   return fresh;
 }
-
-bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 std::uint64_t to(std::uint32_t facility) { return static_cast<std::uint64_t>(facility) << PD_LOG_FACILITY_SHIFT; }
 
@@ -62,9 +50,9 @@ TEST_APART(FacilityLogs, EachHasItsFileAndItsLevel) {
   EXPECT_EQ(write(fast, PD_LEVEL_INFO, "three"), 0);
   EXPECT_EQ(pdLogFacSetLevel(audit, PD_LEVEL_INFO), 0);
   EXPECT_EQ(write(audit, PD_LEVEL_INFO, "four"), 0);
-  EXPECT_TRUE(has(log("audit"), "one") && !has(log("audit"), "two") && has(log("audit"), "four"));
-  EXPECT_TRUE(has(log("fast.path"), "three") && !has(log("fast.path"), "one"));
-  for (const char* text : {"one", "two", "three", "four"}) EXPECT_FALSE(has(log(), text)) << text;
+  EXPECT_TRUE(holds(log("audit"), "one") && !holds(log("audit"), "two") && holds(log("audit"), "four"));
+  EXPECT_TRUE(holds(log("fast.path"), "three") && !holds(log("fast.path"), "one"));
+  for (const char* text : {"one", "two", "three", "four"}) EXPECT_FALSE(holds(log(), text)) << text;
 
   EXPECT_EQ(pdLogFacClose(audit), 0);
   EXPECT_EQ(write(audit, PD_LEVEL_ERROR, "five"), SQLT_DIAGERR_LOGERR);
@@ -84,7 +72,7 @@ TEST_APART(FacilityLogs, OneThatCannotBeWrittenLosesItsOwnRecords) {
   ASSERT_TRUE(std::filesystem::create_directories(instance.directory() + "/instance/diag/lost.log"));
   EXPECT_EQ(write(lost, PD_LEVEL_ERROR, "nowhere"), SQLT_DIAGERR_LOGERR);
   EXPECT_EQ(pdLogPrintf(0, kFunction, 0, 1, PD_LEVEL_ERROR, "goes on"), 0);
-  EXPECT_TRUE(has(log(), "goes on") && !has(log(), "ALT_DIAGPATH")) << log();
+  EXPECT_TRUE(holds(log(), "goes on") && !holds(log(), "ALT_DIAGPATH")) << log();
 }
 
 TEST_APART(FacilityLogs, NamesThatLeadElsewhereAreRefused) {
@@ -158,10 +146,10 @@ TEST_APART(OlderInterface, EachCallWritesOneRecord) {
     EXPECT_EQ(each.result, 0);
     const std::size_t end = std::min(text.find("\r\n\r\n", at), text.size());
     const std::string record = text.substr(at, end - at);
-    for (const std::string& part : each.parts) EXPECT_TRUE(has(record, part)) << part << "\n" << record;
+    for (const std::string& part : each.parts) EXPECT_TRUE(holds(record, part)) << part << "\n" << record;
     at = std::min(end + 2, text.size());
   }
-  EXPECT_FALSE(has(text.substr(at), "LEVEL: ")) << "one record each";
+  EXPECT_FALSE(holds(text.substr(at), "LEVEL: ")) << "one record each";
 }
 
 // ---- messages of the OS-services layer --------------------------------------------------------------------------
@@ -195,8 +183,8 @@ TEST(OSSeMessages, WhatNobodyIsToldOfBecomesARecord) {
       return -1;
     };
     closeBadly();
-    EXPECT_TRUE(has(log(), "A file could not be closed"));
-    EXPECT_TRUE(has(log(), "EIO (5)"));
+    EXPECT_TRUE(holds(log(), "A file could not be closed"));
+    EXPECT_TRUE(holds(log(), "EIO (5)"));
 
     EXPECT_EQ(sqltSetOSSeLogLevel(PD_LEVEL_SEVERE), 0);
     (void)news();
@@ -210,7 +198,7 @@ TEST(OSSeMessages, WhatNobodyIsToldOfBecomesARecord) {
     }
     EXPECT_EQ(news(), "") << "not from inside a lock";
     closeBadly();
-    EXPECT_TRUE(has(news(), "1 messages were held back because they came from inside a lock"));
+    EXPECT_TRUE(holds(news(), "1 messages were held back because they came from inside a lock"));
   });
   inProcess([] {
     ASSERT_EQ(ossSetLogHook([](const PdOSSeMessage*) noexcept {}), 0);
@@ -237,14 +225,13 @@ TEST_APART(HeaderFields, CallBacksComeBeforeTheHostAndTheMaskBeforeBoth) {
   VekEngineUnit unit;
   EXPECT_FALSE(pdi_applicationFields(&fields)) << "a plain program has none";
   EXPECT_FALSE(pdi_engineUnit(&unit));
-  VekHost host = {};
-  host.size = sizeof host;
-  host.application = hostFields;
-  host.currentEngineUnit = [](void*, VekEngineUnit* out) {
-    *out = {17, "agent"};
-    return true;
-  };
-  ASSERT_EQ(vekHostInstall(&host), 0);
+  installHost([](VekHost& host) {
+    host.application = hostFields;
+    host.currentEngineUnit = [](void*, VekEngineUnit* out) {
+      *out = {17, "agent"};
+      return true;
+    };
+  });
   EXPECT_TRUE(pdi_applicationFields(&fields));
   EXPECT_STREQ(fields.applicationId, "host-app");
   EXPECT_TRUE(pdi_engineUnit(&unit));

@@ -1,15 +1,9 @@
 // Every print routine, and values that are not what their type says.
 #include "diag/base/pditems.h"
 
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <stdlib.h>
-#include <sys/mman.h>
-
 #include <cstring>
 #include <iterator>
 #include <set>
-#include <string>
 
 #include "platform/ports.h"
 #include "platform/support.h"

@@ -2,28 +2,14 @@
 // identifiers.
 #pragma once
 
-#include <sys/stat.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
-
 #include "platform/support.h"
 #include "veksys/diag.h"
 
 namespace vek::logtest {
 
-inline constexpr EcfFunctionId kFunction = ecfFunctionId(0x04, 7);
+using namespace platformtest;
 
-inline std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+inline constexpr EcfFunctionId kFunction = ecfFunctionId(0x04, 7);
 
 // The records of a file, each without the empty line in front. Offsets and lengths must be those of the bytes and
 // leave nothing over.
@@ -44,8 +30,6 @@ inline std::vector<std::string> recordsOf(const std::string& text) {
   return records;
 }
 
-inline bool holds(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 inline std::size_t countOf(const std::vector<std::string>& records, const std::string& part) {
   std::size_t count = 0;
   for (const std::string& record : records) count += holds(record, part) ? 1U : 0U;
@@ -54,22 +38,12 @@ inline std::size_t countOf(const std::vector<std::string>& records, const std::s
 
 // Where the log of an instance of these tests lies.
 struct Log {
-  const platformtest::Instance& instance;
+  const Instance& instance;
 
   std::string directory() const { return instance.directory() + "/instance/diag/"; }
   std::string path() const { return directory() + "vekdiag.log"; }
-  std::vector<std::string> records() const { return recordsOf(readFile(path())); }
+  std::vector<std::string> records() const { return recordsOf(contentOf(path())); }
 };
-
-// A host with a control block of the test's own.
-inline VekInstanceControl& installHost() {
-  static VekInstanceControl control = *vekInstanceControl();
-  VekHost host = {};
-  host.size = sizeof host;
-  host.instanceControl = [](void*) -> const VekInstanceControl* { return &control; };
-  EXPECT_EQ(vekHostInstall(&host), 0);
-  return control;
-}
 
 inline SqlzZrc logText(const std::string& text, std::uint32_t level = PD_LEVEL_ERROR) {
   return pdLog(PD_LOG_RC_ZRC, kFunction, 0, 10, level, 1, PD_TYPE_STRING, static_cast<std::uint32_t>(text.size()),

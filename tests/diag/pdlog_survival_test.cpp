@@ -5,20 +5,14 @@
 #include <sys/resource.h>
 #include <sys/statvfs.h>
 
-#include <atomic>
 #include <map>
 #include <random>
-#include <thread>
 
 #include "pdlog_support.h"
 #include "veksys/sync.h"
 
 namespace vek::logtest {
 namespace {
-
-using platformtest::inProcess;
-using platformtest::runInProcess;
-using platformtest::start;
 
 constexpr int kProcesses = 3;
 constexpr int kThreads = 3;
@@ -54,7 +48,7 @@ std::vector<std::string> allRecords(const Log& log) {
   std::vector<std::string> all;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(log.directory()))
     if (entry.path().extension() == ".log")
-      for (std::string& record : recordsOf(readFile(entry.path()))) all.push_back(std::move(record));
+      for (std::string& record : recordsOf(contentOf(entry.path()))) all.push_back(std::move(record));
   return all;
 }
 
@@ -62,22 +56,22 @@ void killAtRandom(std::uint32_t diagSize) {
   const unsigned seed = std::random_device()();
   SCOPED_TRACE(seed);
   std::mt19937 random(seed);
-  const platformtest::Instance instance;
+  const Instance instance;
   const Log log{instance};
-  platformtest::Shared<Answers> answers;
+  Shared<Answers> answers;
   for (int round = 0; round < kRounds; ++round) {
     std::vector<pid_t> writers;
     for (int process = 0; process < kProcesses; ++process)
       writers.push_back(start([&, process] {
-        installHost().DIAGSIZE = diagSize;
+        installControl().DIAGSIZE = diagSize;
         logUntilKilled(round, process, &*answers);
       }));
     const int until = static_cast<int>(random() % 200);
     while (answers->written[round][0][0].load() < until) std::this_thread::yield();
-    for (const pid_t writer : writers) EXPECT_EQ(platformtest::finishKilled(writer), -SIGKILL);
+    for (const pid_t writer : writers) EXPECT_EQ(finishKilled(writer), -SIGKILL);
   }
   inProcess([&] {
-    installHost().DIAGSIZE = diagSize;
+    installControl().DIAGSIZE = diagSize;
     EXPECT_EQ(logText("the last"), 0);
   });
   std::map<std::string, int> found;
@@ -110,7 +104,7 @@ TEST_APART(PdLogSurvival, AForkWhileAnotherThreadLogs) {
   for (int i = 0; i < 40; ++i)
     EXPECT_EQ(runInProcess([] {
                 EXPECT_EQ(logText("of a child"), 0);
-                platformtest::endAtOnce();
+                endAtOnce();
               }),
               0);
   stop = true;
@@ -141,7 +135,7 @@ TEST(PdLogSurvival, NoCallIsACancellationPoint) {
   };
   for (std::size_t i = 0; i < 2 * std::size(calls); ++i) {
     SCOPED_TRACE(i);
-    const platformtest::Instance instance;
+    const Instance instance;
     ::setenv("VEK_EVENT_LOG_CONFIG", "SYSLOG", 1);
     inProcess([i] {
       EXPECT_TRUE(i < std::size(calls) || vekInstanceStatus() == 0);
@@ -199,7 +193,7 @@ TEST_APART(PdLogSurvival, LossesAreCountedAndTold) {
   inProcess([] { EXPECT_EQ(logText("a child has lost nothing"), 0); });
   EXPECT_EQ(logText("resumed"), 0);
   EXPECT_EQ(toAudit("goes on"), 0);
-  EXPECT_TRUE(holds(readFile(log.directory() + "audit.log"), "Before this record 2 records were lost"));
+  EXPECT_TRUE(holds(contentOf(log.directory() + "audit.log"), "Before this record 2 records were lost"));
   EXPECT_EQ(logText("second"), 0);
   const auto records = log.records();
   EXPECT_EQ(countOf(records, "\r\nlost\r\n"), 0U);
@@ -213,7 +207,7 @@ TEST_APART(PdLogSurvival, LossesAreCountedAndTold) {
                   static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(ENOSPC)));
     lines += line;
   }
-  EXPECT_EQ(readFile(log.instance.directory() + "/stderr"), lines) << "once for one reason and file";
+  EXPECT_EQ(contentOf(log.instance.directory() + "/stderr"), lines) << "once for one reason and file";
 }
 
 // The real things. Mounts are made in a name space of the process's own and go with it.
@@ -257,28 +251,29 @@ TEST(PdLogSurvival, PlacesThatReallyCannotBeWritten) {
   for (const Place& place : kPlaces)
     for (const bool moves : {false, true}) {
       SCOPED_TRACE(std::string(place.name) + (moves ? ", with an alternate" : ""));
-      const platformtest::Instance instance;
+      const Instance instance;
       const Log log{instance};
       const int end = runInProcess([&] {
         const std::string alternate = log.instance.directory() + "/alternate/";
         const std::string directory = log.directory().substr(0, log.directory().size() - 1);
-        if (!place.begin(directory)) ::_exit(platformtest::kSkip);
+        if (!place.begin(directory)) ::_exit(kSkip);
         catchStandardError(log);
-        if (moves) ossCopyText(installHost().ALT_DIAGPATH, sizeof VekInstanceControl::ALT_DIAGPATH, alternate.c_str());
+        if (moves)
+          ossCopyText(installControl().ALT_DIAGPATH, sizeof VekInstanceControl::ALT_DIAGPATH, alternate.c_str());
         inProcess([] { EXPECT_EQ(logText("first"), 0); });  // whoever keeps a lock file open keeps a mount writable
         place.spoil(directory);
         EXPECT_EQ(logText("spoilt" + std::string(6000, 'x')), moves ? 0 : SQLT_DIAGERR_LOGERR);
         place.repair(directory);
         EXPECT_EQ(logText("repaired"), 0);
         EXPECT_EQ(countOf(log.records(), "first"), 1U);
-        const auto records = moves ? recordsOf(readFile(alternate + "vekdiag.log")) : log.records();
+        const auto records = moves ? recordsOf(contentOf(alternate + "vekdiag.log")) : log.records();
         EXPECT_EQ(countOf(records, "spoilt"), moves ? 1U : 0U);
         EXPECT_EQ(countOf(records, "repaired"), 1U);
         EXPECT_EQ(countOf(records, "Before this record 1 record was lost"), moves ? 0U : 1U);
-        platformtest::endAtOnce();
+        endAtOnce();
       });
-      if (end == platformtest::kSkip) skipped = place.name;
-      EXPECT_TRUE(end == 0 || end == platformtest::kSkip);
+      if (end == kSkip) skipped = place.name;
+      EXPECT_TRUE(end == 0 || end == kSkip);
     }
   if (!skipped.empty()) GTEST_SKIP() << skipped << " cannot be had here";
 }
@@ -288,7 +283,7 @@ TEST_APART(PdLogSurvival, TheLogStaysForWhatIsNoFaultOfItsPath) {
   const Log log{instance};
   catchStandardError(log);
   const std::string alternate = log.instance.directory() + "/alternate/";
-  ossCopyText(installHost().ALT_DIAGPATH, sizeof VekInstanceControl::ALT_DIAGPATH, alternate.c_str());
+  ossCopyText(installControl().ALT_DIAGPATH, sizeof VekInstanceControl::ALT_DIAGPATH, alternate.c_str());
   EXPECT_EQ(logText("first"), 0);
   static int (*realOpen)(const char*, int, mode_t) = ossCalls().open;
   static int error;
@@ -305,7 +300,7 @@ TEST_APART(PdLogSurvival, TheLogStaysForWhatIsNoFaultOfItsPath) {
   EXPECT_EQ(pdLogFacOpen("audit", PD_LEVEL_INFO, &facility), 0);
   std::filesystem::create_directory(log.directory() + "audit.log");
   EXPECT_EQ(pdLogPrintf(std::uint64_t{facility} << PD_LOG_FACILITY_SHIFT, kFunction, 0, 1, 2, "audited"), 0);
-  EXPECT_EQ(countOf(recordsOf(readFile(alternate + "audit.log")), "audited"), 1U);
+  EXPECT_EQ(countOf(recordsOf(contentOf(alternate + "audit.log")), "audited"), 1U);
   const rlimit little = {65'536, 65'536};
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &little), 0);
   const std::string object(100'000, 'o');
@@ -327,14 +322,14 @@ TEST_APART(PdLogSurvival, ARemovedDirectoryIsMadeAnewAndALinkIsRefused) {
   std::filesystem::remove(log.path());
   ASSERT_EQ(::symlink(elsewhere.c_str(), log.path().c_str()), 0);
   EXPECT_EQ(logText("third"), SQLT_DIAGERR_LOGERR);
-  EXPECT_EQ(readFile(elsewhere), "mine");
+  EXPECT_EQ(contentOf(elsewhere), "mine");
 }
 
 // ---- rotation ---------------------------------------------------------------------------------------------------
 
 TEST_APART(PdLogRotation, WithoutADirectoryForItTheLogStaysInOneFile) {
   const Log log{instance};
-  installHost().DIAGSIZE = 1;
+  installControl().DIAGSIZE = 1;
   std::filesystem::create_directories(log.directory());
   ::chmod(log.directory().c_str(), 0700);
   std::ofstream(log.directory() + "rotate") << "a file in its place";
@@ -345,12 +340,12 @@ TEST_APART(PdLogRotation, WithoutADirectoryForItTheLogStaysInOneFile) {
   EXPECT_EQ(records.size(), 4U);
   std::filesystem::remove(log.directory() + "rotate");
   EXPECT_EQ(logText("third"), 0);
-  EXPECT_EQ(recordsOf(readFile(log.directory() + "rotate/vekdiag.0.log")).size(), 2U);
+  EXPECT_EQ(recordsOf(contentOf(log.directory() + "rotate/vekdiag.0.log")).size(), 2U);
 }
 
 TEST_APART(PdLogRotation, KeepsTenFilesOfATenthAndWarnsOfLittleSpace) {
   const Log log{instance};
-  installHost().DIAGSIZE = 1;
+  installControl().DIAGSIZE = 1;
   static int (*realStatvfs)(const char*, struct statvfs*) = ossCalls().statvfs;
   EXPECT_EQ(logText("first"), 0);
   for (int i = 0; i < 40; ++i) EXPECT_EQ(logText(std::string(40'000, 'x')), 0);
@@ -359,7 +354,7 @@ TEST_APART(PdLogRotation, KeepsTenFilesOfATenthAndWarnsOfLittleSpace) {
     if (entry.path().extension() != ".log") continue;
     ++files;
     EXPECT_LE(entry.file_size(), (1U << 20) / 10);
-    EXPECT_TRUE(holds(recordsOf(readFile(entry.path())).at(0), "START   : New Diagnostic Log file"));
+    EXPECT_TRUE(holds(recordsOf(contentOf(entry.path())).at(0), "START   : New Diagnostic Log file"));
   }
   EXPECT_EQ(files, 10U);
   EXPECT_TRUE(std::filesystem::exists(log.directory() + "rotate/.rotate.lck"));

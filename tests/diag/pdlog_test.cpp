@@ -1,12 +1,8 @@
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
 
 #include "pdlog_support.h"
@@ -30,8 +26,6 @@ extern "C" void* malloc(std::size_t bytes) {
 
 namespace vek::logtest {
 namespace {
-
-using platformtest::inProcess;
 
 // ---- the calls --------------------------------------------------------------------------------------------------
 
@@ -120,7 +114,7 @@ TEST_APART(PdLog, DumpsObjectsIntoAFileOfTheThread) {
   EXPECT_EQ(pdLogDump(1, kFunction, SQLO_NOMEM, 5, 2, "lost", 4, nullptr), SQLT_DIAGERR_DUMPERR);
   char name[64];
   std::snprintf(name, sizeof name, "%u.%u.%.3d.dump.bin", ossProcessId(), ossThreadId(), 0);
-  const std::string dump = readFile(log.directory() + name);
+  const std::string dump = contentOf(log.directory() + name);
   const auto records = log.records();
   ASSERT_EQ(records.size(), 4U);
   for (const std::size_t which : {1U, 2U}) {
@@ -164,7 +158,7 @@ TEST_APART(PdLog, ALockFileThatIsCutIsLaidOutAnew) {
 
 TEST_APART(PdLog, ADirectoryThatOthersMayWriteToIsLeftForTheAlternate) {
   const Log log{instance};
-  VekInstanceControl& control = installHost();
+  VekInstanceControl& control = installControl();
   const std::string open = log.instance.directory() + "/open";
   const std::string alternate = log.instance.directory() + "/alternate";
   ASSERT_EQ(::mkdir(open.c_str(), 0700), 0);
@@ -173,7 +167,7 @@ TEST_APART(PdLog, ADirectoryThatOthersMayWriteToIsLeftForTheAlternate) {
   EXPECT_EQ(logText("nowhere to go"), SQLT_DIAGERR_LOGERR);
   ossCopyText(control.ALT_DIAGPATH, sizeof control.ALT_DIAGPATH, alternate.c_str());
   EXPECT_EQ(logText("to the alternate"), 0);
-  EXPECT_TRUE(holds(readFile(alternate + "/vekdiag.log"), "to the alternate"));
+  EXPECT_TRUE(holds(contentOf(alternate + "/vekdiag.log"), "to the alternate"));
   EXPECT_EQ(::access((open + "/vekdiag.log").c_str(), F_OK), -1);
 }
 
@@ -181,7 +175,7 @@ TEST_APART(PdLog, ADirectoryThatOthersMayWriteToIsLeftForTheAlternate) {
 
 TEST_APART(PdLog, LevelsAreComparedAsNumbers) {
   const Log log{instance};
-  VekInstanceControl& control = installHost();
+  VekInstanceControl& control = installControl();
   for (const int diagLevel : {-1, 0, 3, 6, 7}) {
     control.DIAGLEVEL = diagLevel;
     for (std::uint32_t level = 0; level < 9; ++level)
@@ -190,18 +184,18 @@ TEST_APART(PdLog, LevelsAreComparedAsNumbers) {
   const std::uint64_t elsewhere[] = {0, pdLogNotify(1), PD_LOG_TRACE};
   for (const std::uint64_t flags : elsewhere)
     EXPECT_EQ(pdLogDump(flags, kFunction, 0, 5, 8, "told", 1, "x"), SQLT_NOLOG);
-  EXPECT_TRUE(holds(readFile(log.directory() + vekInstanceName() + ".nfy"), "    told\r\n"));
+  EXPECT_TRUE(holds(contentOf(log.directory() + vekInstanceName() + ".nfy"), "    told\r\n"));
   for (const auto& entry : std::filesystem::directory_iterator(log.directory()))
     EXPECT_FALSE(entry.path().string().ends_with(".dump.bin")) << "an object that no record tells of";
   EXPECT_EQ(countOf(log.records(), "LEVEL: Unknown"), 5U);  // four times level 0, once level 7
 }
 
 TEST(PdLog, ALevelSetForTheInstanceReachesRunningProcesses) {
-  const platformtest::Instance instance;
+  const Instance instance;
   const Log log{instance};
-  platformtest::Baton running;
-  platformtest::Baton changed;
-  const pid_t child = platformtest::start([&] {
+  Baton running;
+  Baton changed;
+  const pid_t child = start([&] {
     EXPECT_EQ(logText("before", PD_LEVEL_INFO), 0);
     running.give();
     ASSERT_TRUE(changed.take());
@@ -211,7 +205,7 @@ TEST(PdLog, ALevelSetForTheInstanceReachesRunningProcesses) {
   ASSERT_TRUE(running.take());
   inProcess([] { EXPECT_EQ(pdSetDiagLevel(2), 0); });
   changed.give();
-  EXPECT_EQ(platformtest::finish(child), 0);
+  EXPECT_EQ(finish(child), 0);
   inProcess([] {
     EXPECT_EQ(logText("a new process", PD_LEVEL_INFO), SQLT_NOLOG) << "its first call already";
     EXPECT_EQ(pdSetDiagLevel(-2), SQLO_INV_PARM);
@@ -373,7 +367,7 @@ TEST_APART(PdLog, FaultsCostTheirOwnRecordOnly) {
                 static_cast<long>(kFunction));
   EXPECT_EQ(countOf(log.records(), line), std::size(calls));
   std::snprintf(line, sizeof line, "%u.%u.000.trap.txt", ossProcessId(), ossThreadId());
-  EXPECT_EQ(countOf(recordsOf(readFile(log.directory() + line)), "SIGSEGV"), std::size(calls));
+  EXPECT_EQ(countOf(recordsOf(contentOf(log.directory() + line)), "SIGSEGV"), std::size(calls));
   const std::string trapFile = line;
   std::filesystem::remove(log.directory() + trapFile);
   std::filesystem::create_directory(log.directory() + trapFile);
@@ -404,7 +398,7 @@ TEST_APART(PdLog, FaultsCostTheirOwnRecordOnly) {
   const char* const tokens[] = {"T", text};
   EXPECT_EQ(sqlt_logadmin(kFunction, 5, 1, -107, 2, tokens), 0);
   EXPECT_EQ(sqlt_logadmin(kFunction, 5, 1, -107, 2, static_cast<const char* const*>(bad)), 0);
-  const std::string entries = readFile(log.directory() + vekInstanceName() + ".nfy");
+  const std::string entries = contentOf(log.directory() + vekInstanceName() + ".nfy");
   EXPECT_TRUE(holds(entries, "    What this event holds could not be read; the diagnostic log tells more.\r\n"));
   const std::size_t first = entries.find("The tokens could not be read.");
   EXPECT_NE(entries.find("The tokens could not be read.", first + 1), std::string::npos) << entries;

@@ -6,19 +6,13 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <regex>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "diag/base/pddiagpath.h"
 #include "platform/ports.h"
 #include "platform/support.h"
 #include "veksys/codes.h"
 #include "veksys/diag/sqlca.h"
-#include "veksys/host.h"
 
 using namespace vek;
 using namespace vek::platformtest;
@@ -26,11 +20,6 @@ using namespace vek::platformtest;
 namespace {
 
 constexpr EcfFunctionId kFunction = ecfFunctionId(0x0F, 1);
-
-std::string contentsOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return (std::ostringstream() << file.rdbuf()).str();
-}
 
 std::vector<std::string> linesOf(const std::string& text) {
   std::vector<std::string> lines;
@@ -49,7 +38,7 @@ class NotifyLog : public ::testing::Test {
     ::unsetenv("VEK_EVENT_LOG_CONFIG");
   }
   static std::string file() { return std::string(::getenv("VEK_INSTANCE_DIR")) + "/diag/platformtest.nfy"; }
-  static std::string entries() { return contentsOf(file()); }
+  static std::string entries() { return contentOf(file()); }
 };
 
 constexpr char kHead[] = R"(\d{4}-\d\d-\d\d-\d\d\.\d\d\.\d\d\.\d{6}[+-]\d{3} Error    platformtest/000 )"
@@ -115,12 +104,7 @@ TEST_APART_F(NotifyLog, ACommunicationsAreaIsWrittenWithTheTokensItHolds) {
 }
 
 TEST_APART_F(NotifyLog, TheInstancesLevelDecides) {
-  static VekInstanceControl control;
-  control = *vekInstanceControl();
-  VekHost host = {};
-  host.size = sizeof host;
-  host.instanceControl = [](void*) -> const VekInstanceControl* { return &control; };
-  ASSERT_EQ(vekHostInstall(&host), 0);
+  VekInstanceControl& control = installControl();
   std::size_t written = 0;
   for (std::int32_t instanceLevel = 0; instanceLevel <= 4; ++instanceLevel)
     for (std::uint32_t level = 0; level <= 5; ++level) {
@@ -174,7 +158,7 @@ TEST_APART_F(NotifyLog, ARecordThatCarriesALevelStandsInBothLogs) {
   EXPECT_EQ(lines[3], "    no memory");
   EXPECT_EQ(lines[4], "    unsigned integer: 77");
   EXPECT_EQ(lines[5].find("    "), 0U) << "bytes of a structure without a formatter";
-  const std::string log = contentsOf(instance.directory() + "/instance/diag/vekdiag.log");
+  const std::string log = contentOf(instance.directory() + "/instance/diag/vekdiag.log");
   EXPECT_NE(log.find("no memory"), std::string::npos);
   EXPECT_NE(log.find("probe:6"), std::string::npos);
 }
@@ -237,15 +221,14 @@ TEST(NotifySystemLog, PriorityComesFromSettingAndLevel) {
 // ---- failures ---------------------------------------------------------------------------------------------------
 
 TEST_APART_F(NotifyLog, ACallBackThatFaultsCostsItsFieldsOnly) {
-  VekHost host = {};
-  host.size = sizeof host;
-  host.application = [](void*, VekApplication* out) {
-    std::strcpy(out->databaseName, "SAMPLE");
-    static volatile std::uintptr_t nowhere = 4096;  // not null, which a sanitizer would tell before the fault
-    *std::bit_cast<int*>(std::uintptr_t{nowhere}) = 1;
-    return true;
-  };
-  ASSERT_EQ(vekHostInstall(&host), 0);
+  installHost([](VekHost& host) {
+    host.application = [](void*, VekApplication* out) {
+      std::strcpy(out->databaseName, "SAMPLE");
+      static volatile std::uintptr_t nowhere = 4096;  // not null, which a sanitizer would tell before the fault
+      *std::bit_cast<int*>(std::uintptr_t{nowhere}) = 1;
+      return true;
+    };
+  });
   catchSystemLog();
   t_sendError = ENOENT;
   ::setenv("VEK_EVENT_LOG_CONFIG", "SYSLOG", 1);
@@ -298,13 +281,13 @@ TEST_F(NotifyLog, FailuresAreReportedOncePerStreak) {
     const auto log = [] { return pdLog(pdLogNotify(1), kFunction, 0, 1, PD_LEVEL_ERROR, 0); };
     EXPECT_EQ(log(), 0);
     EXPECT_EQ(log(), 0);
-    const std::string text = contentsOf(instance.directory() + "/instance/diag/vekdiag.log");
+    const std::string text = contentOf(instance.directory() + "/instance/diag/vekdiag.log");
     const std::size_t at = text.find("notification log " + file() + " cannot be written");
     EXPECT_NE(at, std::string::npos);
     EXPECT_EQ(text.find("cannot be written", at + 100), std::string::npos);
-    EXPECT_TRUE(std::regex_match(contentsOf(said),
+    EXPECT_TRUE(std::regex_match(contentOf(said),
                                  std::regex("Open of log file \"" + file() + "\" failed with rc 0x[0-9A-F]{8}\n")))
-        << contentsOf(said);
+        << contentOf(said);
   });
 }
 

@@ -1,15 +1,10 @@
 // Whole records, byte for byte, and what no caller may break: the bounds of the buffer, the lines, the mark of a cut.
 #include "diag/base/pdrecord.h"
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
 #include <algorithm>
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "diag/base/sqlmsg.h"
 #include "platform/callstack.h"

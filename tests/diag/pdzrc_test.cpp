@@ -1,14 +1,7 @@
 // The printable description of a return code.
-#include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <iomanip>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "diag/base/sqlmsg.h"
 #include "platform/support.h"

@@ -1,18 +1,13 @@
 // Folding of failures into the SQL communications area.
 #include "veksys/diag/sqlca.h"
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include "platform/ports.h"
 #include "platform/support.h"
 #include "veksys/diag/rc.h"
-#include "veksys/host.h"
 
 namespace {
 
@@ -135,18 +130,14 @@ TEST_APART(SqlcaFold, MapsAReturnCode) {
 }
 
 TEST_APART(SqlcaFold, DumpsTheEngineUnitOfAnInternalError) {
-  std::vector<SqlzZrc> dumped;
-  VekHost host = {};
-  host.size = sizeof host;
-  host.context = &dumped;
-  host.dumpEngineUnit = [](void* context, SqlzZrc zrc) { static_cast<std::vector<SqlzZrc>*>(context)->push_back(zrc); };
-  ASSERT_EQ(vekHostInstall(&host), 0);
+  static std::vector<SqlzZrc> dumped;
+  vek::platformtest::installHost(
+      [](VekHost& host) { host.dumpEngineUnit = [](void*, SqlzZrc zrc) { dumped.push_back(zrc); }; });
   sqlca area = emptyArea();
   sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -901, 0);
   sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -901, 0);  // not folded: not dumped
   area = emptyArea();
   sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -902, 0);
-  vekHostInstall(nullptr);
   EXPECT_EQ(dumped, std::vector<SqlzZrc>{kZrc});
 }
 

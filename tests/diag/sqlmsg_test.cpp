@@ -1,16 +1,7 @@
 // The message catalogue: reading it, and not trusting it.
 #include "diag/base/sqlmsg.h"
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "platform/support.h"
 #include "veksys/diag/rc.h"

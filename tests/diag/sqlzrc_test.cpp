@@ -1,19 +1,11 @@
 // The catalogue of return codes and the map to SQL codes.
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <filesystem>
-#include <fstream>
 #include <set>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "platform/support.h"
 #include "veksys/diag/error_category.h"
 #include "veksys/diag/rc.h"
-#include "veksys/host.h"
 
 namespace {
 

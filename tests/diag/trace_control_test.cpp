@@ -1,28 +1,18 @@
 // Control of the trace: sizes, masks, life cycle, and what happens when the machine refuses.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <fstream>
 #include <iterator>
 #include <random>
-#include <sstream>
-#include <thread>
 
-#include "platform/osse.h"
 #include "platform/trace_support.h"
 #include "platform/trcapi.h"
 #include "veksys/codes.h"
 #include "veksys/pd_types.h"
 
 using namespace vektest;
-using vek::platformtest::Failure;
-using vek::platformtest::makeFail;
+using vek::OssCalls;
 
 namespace {
 
@@ -58,7 +48,7 @@ TEST(TraceControl, SizesAreBoundedAndRoundedDown) {
   };
   for (const auto& each : cases) {
     SCOPED_TRACE(testing::Message() << (each.defaultSize == nullptr ? "-" : each.defaultSize) << " " << each.asked);
-    const TraceInstance instance;
+    const Instance instance;
     inProcess([&each] {
       vek::ossCalls().fallocate = [](int, int, off_t, off_t) { return 0; };  // the largest need not fit the machine
       if (each.defaultSize != nullptr) ::setenv("VEKTRC_DEF_BUFFSIZE", each.defaultSize, 1);
@@ -71,38 +61,27 @@ TEST(TraceControl, SizesAreBoundedAndRoundedDown) {
 }
 
 TEST(TraceControl, SizeTexts) {
-  const struct {
-    const char* text;
-    bool good;
-    std::uint64_t bytes;
-  } cases[] = {
-      {"0", true, 0},
-      {"2097152", true, 0x200000},
-      {"2M", true, 0x200000},
-      {"2m", true, 0x200000},
-      {"3k", true, 3072},
-      {"1G", true, 0x40000000},
-      {"0x200000", true, 0x200000},
-      {"0XaBk", true, 0xAB * 1024},
-      {"9223372036854775807", true, 0x7FFFFFFFFFFFFFFF},
-      {"9223372036854775808", false, 0},
-      {"8589934592G", false, 0},
-      {"99999999999999999999999", false, 0},
-      {"", false, 0},
-      {"M", false, 0},
-      {"0x", false, 0},
-      {"12X", false, 0},
-      {"1MB", false, 0},
-      {"1 M", false, 0},
-      {" 1", false, 0},
-      {"-1", false, 0},
-      {"1A", false, 0},
-      {nullptr, false, 0},
+  const std::pair<const char*, std::uint64_t> sizes[] = {
+      {"0", 0},
+      {"2097152", 0x200000},
+      {"2M", 0x200000},
+      {"2m", 0x200000},
+      {"3k", 3072},
+      {"1G", 0x40000000},
+      {"0x200000", 0x200000},
+      {"0XaBk", 0xAB * 1024},
+      {"9223372036854775807", 0x7FFFFFFFFFFFFFFF},
   };
-  for (const auto& each : cases) {
+  for (const auto& [text, wanted] : sizes) {
     std::uint64_t bytes = 12345;
-    EXPECT_EQ(vek::trcGetBuffSizeFromStr(each.text, &bytes), each.good) << (each.text == nullptr ? "null" : each.text);
-    EXPECT_EQ(bytes, each.good ? each.bytes : 12345U) << (each.text == nullptr ? "null" : each.text);
+    EXPECT_TRUE(vek::trcGetBuffSizeFromStr(text, &bytes)) << text;
+    EXPECT_EQ(bytes, wanted) << text;
+  }
+  for (const char* none : {"9223372036854775808", "8589934592G", "99999999999999999999", "", "M", "0x", "12X", "1MB",
+                           "1 M", " 1", "-1", "1A", static_cast<const char*>(nullptr)}) {
+    std::uint64_t bytes = 12345;
+    EXPECT_FALSE(vek::trcGetBuffSizeFromStr(none, &bytes)) << (none == nullptr ? "null" : none);
+    EXPECT_EQ(bytes, 12345U);
   }
 }
 
@@ -183,7 +162,7 @@ TEST(TraceFlags, ClientInterfaceHasOptionsOfItsOwn) {
       {0x8300000, 0x2000000, 0},
       {0xA340000, 0x1C80000, 0x80000},
   };
-  const TraceInstance instance;
+  const Instance instance;
   for (const char* disable : {"", "TRUE", "true", "FALSE"}) {
     SCOPED_TRACE(disable);
     inProcess([&cases, disable] {
@@ -222,8 +201,7 @@ TEST_APART(TraceControl, WithoutARingThereIsNothingToDeleteOrDump) {
   const std::string dump = instance.path("dump");
   EXPECT_EQ(sqltTraceFacilityDelete(), SQLT_TRACE_NOT_CREATED);
   EXPECT_EQ(sqlt_dump_trace(dump.c_str()), SQLT_TRACE_NOT_CREATED);
-  EXPECT_EQ(sqlt_dump_trace(""), SQLO_INV_PARM);
-  EXPECT_EQ(sqlt_dump_trace(nullptr), SQLO_INV_PARM);
+  for (const char* none : {"", static_cast<const char*>(nullptr)}) EXPECT_EQ(sqlt_dump_trace(none), SQLO_INV_PARM);
   EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
   EXPECT_EQ(sqltInquireTraceBufferSize(), 0U);
   EXPECT_FALSE(sqltTraceActive());
@@ -299,8 +277,7 @@ TEST_APART(TraceControl, DisablingStopsAllProcessesAndKeepsTheRecords) {
   ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
   EXPECT_TRUE(sqltTraceActive());
   pdtEvent(kFunction, 3, 1);
-  const std::vector<ReadRecord> now = readInstance();
-  EXPECT_EQ(now.back().probe, 3U);
+  EXPECT_EQ(readInstance().back().probe, 3U);
 }
 
 TEST_APART(TraceControl, RecordsCarryThePartitionAndProcessTheyAreToldTo) {
@@ -325,10 +302,10 @@ TEST_APART(TraceControl, RecordsCarryThePartitionAndProcessTheyAreToldTo) {
 
 TEST(TraceControl, CreatorsDeletersWritersAndReadersAtTheSameTime) {
   constexpr std::uint64_t kSeed = 4;
-  const TraceInstance instance;
+  const Instance instance;
   std::vector<pid_t> children;
   for (std::uint64_t process = 0; process < 3; ++process)
-    children.push_back(startProcess([&instance, process] {
+    children.push_back(start([&instance, process] {
       const std::string dump = instance.path("dump");
       std::vector<std::jthread> threads;
       for (std::uint64_t thread = 0; thread < 2; ++thread)
@@ -349,7 +326,7 @@ TEST(TraceControl, CreatorsDeletersWritersAndReadersAtTheSameTime) {
           }
         });
     }));
-  for (const pid_t child : children) EXPECT_EQ(waitFor(child), 0) << "seed " << kSeed;
+  for (const pid_t child : children) EXPECT_EQ(finish(child), 0) << "seed " << kSeed;
   inProcess([&instance] {
     SqltTraceReader reader;
     EXPECT_EQ(reader.openFile(instance.path("dump").c_str()), 0);
@@ -362,20 +339,25 @@ TEST(TraceControl, CreatorsDeletersWritersAndReadersAtTheSameTime) {
 
 // ---- refused by the machine -------------------------------------------------------------------------------------
 
-// Runs the operation with the 1st, 2nd, ... call of a service failing, until there are no more calls.
-template <auto Member, class Operation>
+// Runs the operation with the 1st, 2nd, ... call of any of the services failing, until there are no more calls.
+template <auto... Members, class Operation>
 void eachCallFails(int error, const Operation& operation) {
-  for (int n = 0; n < 2000; ++n) {
-    makeFail<Member>(n, error);
+  bool failed = true;
+  for (int n = 0; failed && n < 2000; ++n) {
+    makeFail<Members...>(n, error);
     const SqlzZrc result = operation();
-    const bool failed = std::exchange(Failure::callsLeft, -1) < 0;
+    failed = std::exchange(Failure::callsLeft, -1) < 0;
     operation.check(result, failed);
-    if (!failed) return;
   }
 }
 
+void expectNoRing(const std::string& directory) {
+  for (const auto& file : std::filesystem::directory_iterator(directory))
+    EXPECT_FALSE(holds(file.path(), ".trace")) << file.path();
+}
+
 struct Creating {
-  const TraceInstance& instance;
+  const Instance& instance;
 
   SqlzZrc operator()() const { return sqltTraceFacilityCreate(kRingBytes); }
   void check(SqlzZrc result, bool failed) const {
@@ -383,19 +365,12 @@ struct Creating {
         << result;
     EXPECT_EQ(sqltInquireTraceBufferSize(), result == 0 ? kRingBytes : 0U);
     EXPECT_EQ(sqltTraceFacilityDelete(), result == 0 ? 0 : SQLT_TRACE_NOT_CREATED);
-    for (const auto& file : std::filesystem::directory_iterator(instance.path("")))
-      EXPECT_EQ(file.path().string().find(".trace"), std::string::npos) << file.path();
+    expectNoRing(instance.directory());
   }
 };
 
-std::string contentOf(const std::string& path) {
-  std::ostringstream content;
-  content << std::ifstream(path, std::ios::binary).rdbuf();
-  return content.str();
-}
-
 struct Dumping {
-  const TraceInstance& instance;
+  const Instance& instance;
   std::string target;
 
   SqlzZrc operator()() const {
@@ -409,7 +384,7 @@ struct Dumping {
     EXPECT_TRUE(replaced || (result != 0 && contentOf(target) == "an earlier file"));
     std::size_t dumps = 0;
     for (const auto& file : std::filesystem::directory_iterator(instance.path("")))
-      dumps += file.path().string().find("/dump") != std::string::npos ? 1U : 0U;
+      dumps += holds(file.path(), "/dump") ? 1U : 0U;
     EXPECT_EQ(dumps, 1U) << "nothing half-written stays";
   }
 };
@@ -417,26 +392,19 @@ struct Dumping {
 TEST_APART(TraceRefused, EachCallOfCreatingFails) {
   ASSERT_EQ(sqltinit(), (1ULL << 32) | 1U);
   const Creating creating{instance};
-  for (const int error : {ENOSPC, EIO, EACCES}) {
-    eachCallFails<&vek::OssCalls::open>(error, creating);
-    eachCallFails<&vek::OssCalls::ftruncate>(error, creating);
-    eachCallFails<&vek::OssCalls::fallocate>(error, creating);
-    eachCallFails<&vek::OssCalls::pwrite>(error, creating);
-    eachCallFails<&vek::OssCalls::rename>(error, creating);
-  }
-  eachCallFails<&vek::OssCalls::fallocate>(EINTR, creating);
+  for (const int error : {ENOSPC, EIO, EACCES})
+    eachCallFails<&OssCalls::open, &OssCalls::ftruncate, &OssCalls::fallocate, &OssCalls::pwrite, &OssCalls::rename>(
+        error, creating);
+  eachCallFails<&OssCalls::fallocate>(EINTR, creating);
 }
 
 TEST_APART(TraceRefused, EachCallOfDumpingFailsAndLeavesTheOldFile) {
   ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
   for (std::uint64_t i = 0; i < 3000; ++i) pdtEvent(kFunction, 1, i);
   const Dumping dumping{instance, instance.path("dump")};
-  for (const int error : {ENOSPC, EIO}) {
-    eachCallFails<&vek::OssCalls::open>(error, dumping);
-    eachCallFails<&vek::OssCalls::fsync>(error, dumping);
-    eachCallFails<&vek::OssCalls::rename>(error, dumping);
-  }
-  eachCallFails<&vek::OssCalls::pwrite>(ENOSPC, dumping);
+  for (const int error : {ENOSPC, EIO})
+    eachCallFails<&OssCalls::open, &OssCalls::fsync, &OssCalls::rename>(error, dumping);
+  eachCallFails<&OssCalls::pwrite>(ENOSPC, dumping);
 }
 
 TEST_APART(TraceRefused, PointsGoOnWithoutARingThatCannotBeMapped) {
@@ -452,7 +420,7 @@ TEST_APART(TraceRefused, PointsGoOnWithoutARingThatCannotBeMapped) {
 
 // A file system too small for a ring beside the region, or for a dump.
 TEST(TraceRefused, FullFileSystem) {
-  const TraceInstance instance;
+  const Instance instance;
   const std::string small = instance.path("small");
   std::filesystem::create_directory(small);
   if (::mount("none", small.c_str(), "tmpfs", 0, "size=3712k,mode=0700") != 0)
@@ -460,8 +428,7 @@ TEST(TraceRefused, FullFileSystem) {
   inProcess([&small] {
     ::setenv("VEK_SHM_DIR", small.c_str(), 1);
     EXPECT_EQ(sqltTraceFacilityCreate(kRingBytes), SQLT_TRACE_NO_SPACE);
-    for (const auto& file : std::filesystem::directory_iterator(small))
-      EXPECT_EQ(file.path().string().find(".trace"), std::string::npos) << file.path();
+    expectNoRing(small);
   });
   inProcess([&small] {
     ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes * 4), 0);

@@ -1,19 +1,14 @@
 // The trace points: what each forwards, what a scope fires, and points in odd places.
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/time.h>
 
 #include <algorithm>
 #include <cstring>
 #include <iterator>
-#include <string>
-#include <vector>
 
 #include "platform/trace_support.h"
 #include "platform/trcapi.h"
 #include "veksys/codes.h"
 #include "veksys/diag/trace_scope.h"
-#include "veksys/host.h"
 
 using namespace vektest;
 
@@ -93,23 +88,18 @@ constexpr Expected kCalls[] = {
 };
 // clang-format on
 
-VekHost hostWithUnit() {
-  VekHost host = {};
-  host.size = sizeof host;
-  host.currentEngineUnitNumber = [](void*) { return kUnit; };
-  return host;
-}
-
-void expectItem(const ReadItem& item, const PdtItem& wanted) {
-  EXPECT_EQ(item.type, wanted.type);
-  EXPECT_EQ(item.size, wanted.size);
-  EXPECT_FALSE(item.isNull);
-  EXPECT_EQ(item.bytes, std::string(static_cast<const char*>(wanted.data), wanted.size));
+std::vector<ReadItem> itemsOf(const Expected& call) {
+  std::vector<ReadItem> items;
+  if (call.hasText) items.push_back({PD_TYPE_STRING, 8, false, "a marker"});
+  for (std::uint32_t i = 0; i < call.items; ++i) {
+    const PdtItem item = itemAt(i);
+    items.push_back({item.type, item.size, false, std::string(static_cast<const char*>(item.data), item.size)});
+  }
+  return items;
 }
 
 TEST_APART(TracePoints, EveryMemberForwardsWhatItWasGiven) {
-  const VekHost host = hostWithUnit();
-  ASSERT_EQ(vekHostInstall(&host), 0);
+  installHost([](VekHost& host) { host.currentEngineUnitNumber = [](void*) { return kUnit; }; });
   ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
   for (const Expected& each : kCalls) each.call();
   const std::vector<ReadRecord> records = readInstance();
@@ -122,10 +112,7 @@ TEST_APART(TracePoints, EveryMemberForwardsWhatItWasGiven) {
     EXPECT_EQ(record.function, kFunction);
     EXPECT_EQ(record.probe, wanted.probe);
     EXPECT_EQ(record.value, wanted.value);
-    const std::size_t first = wanted.hasText ? 1 : 0;
-    ASSERT_EQ(record.items.size(), first + wanted.items);
-    if (wanted.hasText) expectItem(record.items[0], {PD_TYPE_STRING, 8, "a marker"});
-    for (std::uint32_t item = 0; item < wanted.items; ++item) expectItem(record.items[first + item], itemAt(item));
+    EXPECT_TRUE(record.items == itemsOf(wanted));
   }
 }
 
@@ -138,12 +125,8 @@ TEST_APART(TracePoints, OlderInterfaceTranslationsAndUnitsWithoutANumber) {
   sqltError(kFunction, 4, 2, "mn");
   sqltExit(kFunction, kCode);
   pdtErrorTrans(kFunction, 5, -10, kCode);
-  struct {
-    Kind kind;
-    std::uint32_t probe;
-    std::int64_t value;
-    std::vector<std::string> items;
-  } const wanted[] = {
+  using Told = std::tuple<Kind, std::uint32_t, std::int64_t, std::vector<std::string>>;
+  const std::vector<Told> wanted = {
       {Kind::kEntry, 0, SQLT_NO_ENGINE_UNIT, {}},
       {Kind::kData, 1, 0, {"abc"}},
       {Kind::kData, 2, 0, {"d", "ef"}},
@@ -152,17 +135,13 @@ TEST_APART(TracePoints, OlderInterfaceTranslationsAndUnitsWithoutANumber) {
       {Kind::kExit, 0, kCode, {}},
       {Kind::kTranslation, 5, -10, {std::string(reinterpret_cast<const char*>(&kCode), sizeof kCode)}},
   };
-  const std::vector<ReadRecord> records = readInstance();
-  ASSERT_EQ(records.size(), std::size(wanted));
-  for (std::size_t i = 0; i < records.size(); ++i) {
-    SCOPED_TRACE(i);
-    EXPECT_EQ(records[i].kind, wanted[i].kind);
-    EXPECT_EQ(records[i].probe, wanted[i].probe);
-    EXPECT_EQ(records[i].value, wanted[i].value);
-    ASSERT_EQ(records[i].items.size(), wanted[i].items.size());
-    for (std::size_t item = 0; item < wanted[i].items.size(); ++item)
-      EXPECT_EQ(records[i].items[item].bytes, wanted[i].items[item]);
+  std::vector<Told> told;
+  for (const ReadRecord& record : readInstance()) {
+    std::vector<std::string> items;
+    for (const ReadItem& item : record.items) items.push_back(item.bytes);
+    told.emplace_back(record.kind, record.probe, record.value, items);
   }
+  EXPECT_EQ(told, wanted);
 }
 
 TEST_APART(TracePoints, ItemsThatAreNullEmptyOrTooLargeShowAsSuch) {
@@ -242,11 +221,10 @@ TEST_APART(TraceScope, FiresWhatItsComponentWordAsksFor) {
 
 TEST_APART(TraceScope, WorkloadDisplayTellsTheHost) {
   static std::vector<std::pair<EcfFunctionId, bool>> told;
-  VekHost host = {};
-  host.size = sizeof host;
-  host.workloadDisplayEntry = [](void*, EcfFunctionId id) { told.emplace_back(id, true); };
-  host.workloadDisplayExit = [](void*, EcfFunctionId id) { told.emplace_back(id, false); };
-  ASSERT_EQ(vekHostInstall(&host), 0);
+  installHost([](VekHost& host) {
+    host.workloadDisplayEntry = [](void*, EcfFunctionId id) { told.emplace_back(id, true); };
+    host.workloadDisplayExit = [](void*, EcfFunctionId id) { told.emplace_back(id, false); };
+  });
   ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
   sqltSetWorkloadDisplay(true);
   tracedFunction();
@@ -258,12 +236,10 @@ TEST_APART(TraceScope, WorkloadDisplayTellsTheHost) {
 }
 
 TEST(TraceScope, IdleProcessSeesTracingSwitchedOnLater) {
-  const TraceInstance instance;
-  int go[2];
-  ASSERT_EQ(::pipe(go), 0);
-  const pid_t idle = startProcess([&go] {
-    char byte = 0;
-    ASSERT_EQ(::read(go[0], &byte, 1), 1);
+  const Instance instance;
+  Baton go;
+  const pid_t idle = start([&go] {
+    ASSERT_TRUE(go.take());
     tracedFunction();
   });
   inProcess([] {
@@ -271,11 +247,9 @@ TEST(TraceScope, IdleProcessSeesTracingSwitchedOnLater) {
     const SqltTraceSettings settings = settingsFor(0x1E, 0);
     ASSERT_EQ(sqltSetTraceFlags(&settings), 0);
   });
-  ASSERT_EQ(::write(go[1], "g", 1), 1);
-  EXPECT_EQ(waitFor(idle), 0);
+  go.give();
+  EXPECT_EQ(finish(idle), 0);
   inProcess([] { EXPECT_EQ(readInstance().size(), 4U) << "entry, data, error and exit of its very first call"; });
-  ::close(go[0]);
-  ::close(go[1]);
 }
 
 // ---- odd places -------------------------------------------------------------------------------------------------
@@ -325,10 +299,7 @@ TEST_APART(TraceScope, TextsAreRecordedAsFarAsTheyGo) {
   const std::vector<ReadRecord> records = readInstance();
   ASSERT_EQ(records.size(), 3U);
   const char* const expected[] = {"full", "cut", "cut", "", "string", "literal"};
-  for (std::size_t i = 0; i < std::size(expected); ++i) {
-    const auto& bytes = records[1].items[i].bytes;
-    EXPECT_EQ(std::string(bytes.begin(), bytes.end()), expected[i]);
-  }
+  for (std::size_t i = 0; i < std::size(expected); ++i) EXPECT_EQ(records[1].items[i].bytes, expected[i]);
 }
 
 TEST_APART(TracePoints, PointInASignalHandlerInsideAPointIsLostAndCountedAndDamagesNothing) {
@@ -364,14 +335,9 @@ TEST_APART(TracePoints, PointInASignalHandlerInsideAPointIsLostAndCountedAndDama
 }
 
 TEST(TracePoints, PointsOfAProcessThatDetachesWriteNothing) {
-  const TraceInstance instance;
+  const Instance instance;
   inProcess([] {
-    static VekInstanceControl control = {};
-    control.partition = 7;
-    VekHost host = {};
-    host.size = sizeof host;
-    host.instanceControl = [](void*) -> const VekInstanceControl* { return &control; };
-    EXPECT_EQ(vekHostInstall(&host), 0);
+    installControl().partition = 7;
     ASSERT_EQ(sqltTraceFacilityCreate(SQLT_TRACE_SIZE_MINIMUM), 0);
     pdtEvent(kFunction, 98, 1);
     vek::trcDetachShared();
@@ -390,7 +356,7 @@ TEST(TracePoints, PointsOfAProcessThatDetachesWriteNothing) {
 }
 
 TEST(TracePoints, SkipSwitchIsReadOnceAndForGood) {
-  const TraceInstance instance;
+  const Instance instance;
   inProcess([] { ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0); });
   inProcess([] {
     ::setenv("VEK_SKIP_TRACE", "", 1);

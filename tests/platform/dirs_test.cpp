@@ -5,10 +5,8 @@
 #include <sys/stat.h>
 
 #include <utility>
-#include <vector>
 
 #include "platform/support.h"
-#include "veksys/host.h"
 
 namespace vek::platformtest {
 namespace {

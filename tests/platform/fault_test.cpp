@@ -1,10 +1,6 @@
 #include "platform/fault.h"
 
-#include <sys/mman.h>
 #include <sys/resource.h>
-
-#include <thread>
-#include <vector>
 
 #include "support.h"
 

@@ -1,16 +1,8 @@
 // What the host supplies, the defaults without it, and the names of components and functions.
-#include "veksys/host.h"
-
-#include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
-#include <string>
 
 #include "platform/host.h"
-#include "platform/osse.h"
 #include "platform/region.h"
 #include "platform/support.h"
 #include "veksys/codes.h"

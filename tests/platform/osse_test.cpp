@@ -1,11 +1,9 @@
 #include "platform/osse.h"
 
-#include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <vector>
 
 #include "platform/region.h"
 #include "platform/support.h"

@@ -1,20 +1,15 @@
 // The instance region with real processes: every body that attaches runs in a child.
 #include "platform/region.h"
 
-#include <fcntl.h>
 #include <sched.h>
 #include <string.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <array>
-#include <functional>
 #include <memory>
 #include <random>
 #include <set>
-#include <thread>
-#include <utility>
-#include <vector>
 
 #include "platform/host.h"
 #include "platform/ports.h"
@@ -33,17 +28,10 @@ const RegionNames& names() { return *static_cast<RegionNames*>(regionSection(Reg
 RegionProcess* processes() { return static_cast<RegionProcess*>(regionSection(RegionSectionId::kProcesses)); }
 RegionThread* threads() { return static_cast<RegionThread*>(regionSection(RegionSectionId::kThreads)); }
 
-// Which region this process is in: equal for two processes only when they share it.
-struct Identity {
-  dev_t device = 0;
-  ino_t inode = 0;
-  bool operator==(const Identity&) const = default;
-};
-
-Identity identityOf(int fd) {
+struct stat statusOf(int fd) {
   struct stat status = {};
   EXPECT_EQ(::fstat(fd, &status), 0);
-  return {status.st_dev, status.st_ino};
+  return status;
 }
 
 // Attached, with a slot, usable: what holds after every successful attach, shared or private.
@@ -98,45 +86,41 @@ class Resident {
 // ---- left-overs -------------------------------------------------------------------------------------------------
 
 template <class T>
-void patch(const std::string& path, std::size_t offset, T value) {
-  const int fd = ::open(path.c_str(), O_RDWR);
+void patch(const char* path, std::size_t offset, T value) {
+  const int fd = ::open(path, O_RDWR);
   EXPECT_EQ(::pwrite(fd, &value, sizeof value, static_cast<off_t>(offset)), static_cast<ssize_t>(sizeof value));
   ::close(fd);
 }
 
-void resize(const std::string& path, off_t bytes) { EXPECT_EQ(::truncate(path.c_str(), bytes), 0); }
+void resize(const char* path, off_t bytes) { EXPECT_EQ(::truncate(path, bytes), 0); }
 
 struct LeftOver {
   const char* what;
-  void (*spoil)(const std::string& path);  // applied to a sound region
-  bool replaced;                           // when nobody lives in it
+  void (*spoil)(const char* path);  // applied to a sound region
+  bool replaced;                    // when nobody lives in it
   SqlzZrc whileInUse;
 };
 
 constexpr std::size_t kVersionAt = offsetof(RegionHeader, layoutVersion);
 
 const LeftOver kLeftOvers[] = {
-    {"sound", [](const std::string&) {}, false, 0},
-    {"none", [](const std::string& path) { ::unlink(path.c_str()); }, true, 0},
-    {"half built", [](const std::string& path) { resize(path, 0), resize(path, 1 << 20); }, true, SQLO_REGION_DAMAGED},
-    {"not ready", [](const std::string& path) { patch(path, offsetof(RegionHeader, ready), 0U); }, true,
+    {"sound", [](auto) {}, false, 0},
+    {"none", [](auto path) { ::unlink(path); }, true, 0},
+    {"half built", [](auto path) { resize(path, 0), resize(path, 1 << 20); }, true, SQLO_REGION_DAMAGED},
+    {"not ready", [](auto path) { patch(path, offsetof(RegionHeader, ready), 0U); }, true, SQLO_REGION_DAMAGED},
+    {"other boot", [](auto path) { patch(path, offsetof(RegionHeader, bootId), 'z'); }, true, SQLO_REGION_DAMAGED},
+    {"unknown boot", [](auto path) { patch(path, offsetof(RegionHeader, bootId), '\0'); }, false, 0},
+    {"garbage", [](auto path) { patch(path, 0, 0x5A5A5A5A5A5A5A5AULL); }, true, SQLO_REGION_DAMAGED},
+    {"cut in the header", [](auto path) { resize(path, 100); }, true, SQLO_REGION_DAMAGED},
+    {"cut behind the header", [](auto path) { resize(path, 8192); }, true, SQLO_REGION_DAMAGED},
+    {"other size", [](auto path) { patch(path, offsetof(RegionHeader, bytes), 4096ULL); }, true, SQLO_REGION_DAMAGED},
+    {"other section", [](auto path) { patch(path, offsetof(RegionHeader, sections) + 8, 0ULL); }, true,
      SQLO_REGION_DAMAGED},
-    {"other boot", [](const std::string& path) { patch(path, offsetof(RegionHeader, bootId), 'z'); }, true,
-     SQLO_REGION_DAMAGED},
-    {"unknown boot", [](const std::string& path) { patch(path, offsetof(RegionHeader, bootId), '\0'); }, false, 0},
-    {"garbage", [](const std::string& path) { patch(path, 0, 0x5A5A5A5A5A5A5A5AULL); }, true, SQLO_REGION_DAMAGED},
-    {"cut in the header", [](const std::string& path) { resize(path, 100); }, true, SQLO_REGION_DAMAGED},
-    {"cut behind the header", [](const std::string& path) { resize(path, 8192); }, true, SQLO_REGION_DAMAGED},
-    {"other size", [](const std::string& path) { patch(path, offsetof(RegionHeader, bytes), 4096ULL); }, true,
-     SQLO_REGION_DAMAGED},
-    {"other section", [](const std::string& path) { patch(path, offsetof(RegionHeader, sections) + 8, 0ULL); }, true,
-     SQLO_REGION_DAMAGED},
-    {"other version", [](const std::string& path) { patch(path, kVersionAt, REGION_LAYOUT_VERSION + 1); }, true,
-     SQLO_REGION_VERSION},
+    {"other version", [](auto path) { patch(path, kVersionAt, REGION_LAYOUT_VERSION + 1); }, true, SQLO_REGION_VERSION},
 };
 
-void raceToAttach(std::size_t count, const LeftOver& leftOver) {
-  Shared<std::array<Identity, 64>> found;
+void raceToAttach(std::size_t count) {
+  Shared<std::array<ino_t, 64>> regions;
   Shared<std::array<std::uint32_t, 64>> slots;
   Baton go;
   Baton attached;
@@ -146,33 +130,28 @@ void raceToAttach(std::size_t count, const LeftOver& leftOver) {
     children.push_back(start([&, i] {
       EXPECT_TRUE(go.take());
       attachExpecting(0);
-      (*found)[i] = identityOf(regionDescriptor());
+      (*regions)[i] = statusOf(regionDescriptor()).st_ino;
       (*slots)[i] = regionProcessSlot();
       attached.give();
       EXPECT_TRUE(leave.take());
     }));
   go.give(count);
-  EXPECT_TRUE(attached.take(count)) << leftOver.what;
+  EXPECT_TRUE(attached.take(count));
   leave.give(count);
-  for (const pid_t child : children) EXPECT_EQ(finish(child), 0) << leftOver.what;
-  std::set<std::uint32_t> distinct;
-  for (std::size_t i = 0; i < count; ++i) {
-    EXPECT_EQ((*found)[i], (*found)[0]) << leftOver.what;
-    distinct.insert((*slots)[i]);
-  }
-  EXPECT_EQ(distinct.size(), count) << leftOver.what;
+  for (const pid_t child : children) EXPECT_EQ(finish(child), 0);
+  EXPECT_EQ(std::set(regions->begin(), regions->begin() + count).size(), 1U);
+  EXPECT_EQ(std::set(slots->begin(), slots->begin() + count).size(), count);
 }
 
 TEST(RegionAttach, RacingProcessesShareOneRegionWhateverWasLeft) {
   for (const LeftOver& leftOver : kLeftOvers) {
+    SCOPED_TRACE(leftOver.what);
     const Instance instance;
     Resident().dismiss();
     const int old = ::open(instance.region().c_str(), O_RDONLY);
-    leftOver.spoil(instance.region());
-    raceToAttach(::strcmp(leftOver.what, "none") == 0 ? 40 : 8, leftOver);
-    struct stat status = {};
-    ASSERT_EQ(::fstat(old, &status), 0);
-    EXPECT_EQ(status.st_nlink == 0, leftOver.replaced) << leftOver.what;
+    leftOver.spoil(instance.region().c_str());
+    raceToAttach(::strcmp(leftOver.what, "none") == 0 ? 40 : 8);
+    EXPECT_EQ(statusOf(old).st_nlink == 0, leftOver.replaced);
     ::close(old);
   }
 }
@@ -182,11 +161,10 @@ TEST(RegionAttach, TakesTheSemaphoresOfAReplacedRegionAway) {
   char name[200];
   const auto attachAndTell = [&] {
     const Shared<std::array<char, 96>> identity;
-    EXPECT_EQ(runInProcess([&] {
-                attachExpecting(0);
-                regionIdentity(*regionHeader(), identity->data(), identity->size());
-              }),
-              0);
+    inProcess([&] {
+      attachExpecting(0);
+      regionIdentity(*regionHeader(), identity->data(), identity->size());
+    });
     ossSnprintf(name, sizeof name, "/%s%s_7", REGION_SEMAPHORE_PREFIX, identity->data());
   };
   const auto isThere = [&] { return ::access((std::string("/dev/shm/sem.") + (name + 1)).c_str(), F_OK) == 0; };
@@ -198,117 +176,95 @@ TEST(RegionAttach, TakesTheSemaphoresOfAReplacedRegionAway) {
   attachAndTell();
   EXPECT_EQ(name, old);
   EXPECT_TRUE(isThere());
-  patch(instance.region(), kVersionAt, REGION_LAYOUT_VERSION + 1);
-  EXPECT_EQ(runInProcess([] { attachExpecting(0); }), 0);
+  patch(instance.region().c_str(), kVersionAt, REGION_LAYOUT_VERSION + 1);
+  inProcess([] { attachExpecting(0); });
   EXPECT_FALSE(isThere());
 }
 
-int g_events;
-PortEvent g_lastEvent;
-
 void expectOneReport(SqlzZrc code) {
-  g_ports.reportEvent = [](const PortEvent& event) { ++g_events, g_lastEvent = event; };
+  static std::vector<SqlzZrc> reported;
+  g_ports.reportEvent = [](const PortEvent& event) { reported.push_back(event.zrc); };
   regionReportOnce();
   regionReportOnce();
-  EXPECT_EQ(g_events, code == 0 ? 0 : 1);
-  if (code != 0) {
-    EXPECT_EQ(g_lastEvent.zrc, code);
-  }
+  EXPECT_EQ(reported, code == 0 ? std::vector<SqlzZrc>{} : std::vector{code});
 }
 
 TEST(RegionAttach, NothingOfALivingProcessIsReplaced) {
   for (const LeftOver& leftOver : kLeftOvers) {
+    SCOPED_TRACE(leftOver.what);
     const Instance instance;
     Resident resident;
-    leftOver.spoil(instance.region());
-    EXPECT_EQ(runInProcess([&] {
-                attachExpecting(leftOver.whileInUse);
-                expectOneReport(leftOver.whileInUse);
-                EXPECT_EQ(vekInstanceStatus(), leftOver.whileInUse);
-              }),
-              0)
-        << leftOver.what;
+    leftOver.spoil(instance.region().c_str());
+    inProcess([&] {
+      attachExpecting(leftOver.whileInUse);
+      expectOneReport(leftOver.whileInUse);
+      EXPECT_EQ(vekInstanceStatus(), leftOver.whileInUse);
+    });
     resident.kill();  // what it stands on may be gone
-    EXPECT_EQ(runInProcess([] { attachExpecting(0); }), 0) << leftOver.what;
+    inProcess([] { attachExpecting(0); });
   }
 }
 
 // ---- objects that are not taken ---------------------------------------------------------------------------------
 
 TEST(RegionAttach, ObjectsOfOthersAndOtherKindsAreRefused) {
-  const bool root = ::geteuid() == 0;
   const struct {
     const char* what;
-    std::function<void(const std::string&)> make;
+    void (*make)(const char* path);
     SqlzZrc expected;
   } rows[] = {
-      {"open to others",
-       [](const std::string& path) { ::close(::creat(path.c_str(), 0)), ::chmod(path.c_str(), 0666); },
-       SQLO_REGION_OWNER},
+      {"open to others", [](auto path) { ::close(::creat(path, 0)), ::chmod(path, 0666); }, SQLO_REGION_OWNER},
       {"foreign owner",
-       [root](const std::string& path) {
-         ::close(::creat(path.c_str(), root ? 0600 : 0640));
-         if (root && ::chown(path.c_str(), 65534, 65534) != 0) ADD_FAILURE();
-       },
+       [](auto path) { ::close(::creat(path, ::geteuid() == 0 ? 0600 : 0640)), (void)!::chown(path, 65534, 65534); },
        SQLO_REGION_OWNER},
-      {"symbolic link", [](const std::string& path) { EXPECT_EQ(::symlink("/dev/null", path.c_str()), 0); },
-       SQLO_REGION_DENIED},
-      {"dangling link", [](const std::string& path) { EXPECT_EQ(::symlink("nowhere", path.c_str()), 0); },
-       SQLO_REGION_DENIED},
-      {"directory", [](const std::string& path) { ::mkdir(path.c_str(), 0700); }, SQLO_REGION_DENIED},
-      {"pipe", [](const std::string& path) { ::mkfifo(path.c_str(), 0600); }, SQLO_REGION_DENIED},
-      {"no directory", [](const std::string&) { ::setenv("VEK_SHM_DIR", "/nonexistent", 1); }, SQLO_REGION_DENIED},
+      {"symbolic link", [](auto path) { (void)!::symlink("/dev/null", path); }, SQLO_REGION_DENIED},
+      {"dangling link", [](auto path) { (void)!::symlink("nowhere", path); }, SQLO_REGION_DENIED},
+      {"directory", [](auto path) { ::mkdir(path, 0700); }, SQLO_REGION_DENIED},
+      {"pipe", [](auto path) { ::mkfifo(path, 0600); }, SQLO_REGION_DENIED},
+      {"no directory", [](auto) { ::setenv("VEK_SHM_DIR", "/nonexistent", 1); }, SQLO_REGION_DENIED},
   };
   for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
     const Instance instance;
-    row.make(instance.region());
+    const std::string path = instance.region();
+    row.make(path.c_str());
     struct stat before = {};
     struct stat after = {};
-    const int found = ::lstat(instance.region().c_str(), &before);
-    EXPECT_EQ(runInProcess([&] {
-                attachExpecting(row.expected);
-                expectOneReport(row.expected);
-              }),
-              0)
-        << row.what;
-    EXPECT_EQ(::lstat(instance.region().c_str(), &after), found);
-    EXPECT_EQ(after.st_ino, before.st_ino) << row.what;
-    EXPECT_EQ(after.st_size, before.st_size) << row.what;
+    const int found = ::lstat(path.c_str(), &before);
+    inProcess([&] {
+      attachExpecting(row.expected);
+      expectOneReport(row.expected);
+    });
+    EXPECT_EQ(::lstat(path.c_str(), &after), found);
+    EXPECT_EQ(after.st_ino, before.st_ino);
+    EXPECT_EQ(after.st_size, before.st_size);
   }
 }
 
 // A program that closes all descriptors it did not open may get that of the region for a file of its own.
-TEST(RegionAttach, AFileInThePlaceOfTheDescriptorIsLeftAlone) {
-  const Instance instance;
-  inProcess([&] {
-    ASSERT_EQ(regionAttach(), 0);
-    ASSERT_NE(regionThreadPage(regionThreadEnter(1, "before")), nullptr);
-    const int place = regionDescriptor();
-    const int fd = ::open(instance.path("data").c_str(), O_RDWR | O_CREAT, 0600);
-    ASSERT_EQ(::write(fd, "hello", 5), 5);
-    ASSERT_EQ(::dup2(fd, place), place);
-    EXPECT_EQ(regionThreadPage(regionThreadEnter(2, "behind")), nullptr);
-    EXPECT_FALSE(RegionLock(0).held());
-    EXPECT_TRUE(regionOwnerLives(regionOwner(regionProcessSlot(), 1)));
-    EXPECT_EQ(regionDescriptor(), -1);
-    inProcess([] { EXPECT_EQ(regionAttach(), 0) << "a child works in a region of its own"; });
-    struct stat status;
-    ASSERT_EQ(::fstat(place, &status), 0);
-    EXPECT_EQ(status.st_size, 5);
-    static int reports = 0;
-    g_ports.reportEvent = [](const PortEvent&) { ++reports; };
-    for (int i = 0; i < 2; ++i) regionReportOnce();
-    EXPECT_EQ(reports, 1);
-  });
+TEST_APART(RegionAttach, AFileInThePlaceOfTheDescriptorIsLeftAlone) {
+  ASSERT_EQ(regionAttach(), 0);
+  ASSERT_NE(regionThreadPage(regionThreadEnter(1, "before")), nullptr);
+  const int place = regionDescriptor();
+  const int fd = ::open(instance.path("data").c_str(), O_RDWR | O_CREAT, 0600);
+  ASSERT_EQ(::write(fd, "hello", 5), 5);
+  ASSERT_EQ(::dup2(fd, place), place);
+  EXPECT_EQ(regionThreadPage(regionThreadEnter(2, "behind")), nullptr);
+  EXPECT_FALSE(RegionLock(0).held());
+  EXPECT_TRUE(regionOwnerLives(regionOwner(regionProcessSlot(), 1)));
+  EXPECT_EQ(regionDescriptor(), -1);
+  inProcess([] { EXPECT_EQ(regionAttach(), 0) << "a child works in a region of its own"; });
+  struct stat status;
+  ASSERT_EQ(::fstat(place, &status), 0);
+  EXPECT_EQ(status.st_size, 5);
+  static int reports = 0;
+  g_ports.reportEvent = [](const PortEvent&) { ++reports; };
+  for (int i = 0; i < 2; ++i) regionReportOnce();
+  EXPECT_EQ(reports, 1);
 }
 
-TEST(RegionAttach, DirectoryOfAnotherUserIsDenied) {
-  if (::geteuid() != 0) GTEST_SKIP() << "only the superuser can become another user";
-  const Instance instance;
-  inProcess([] {
-    ASSERT_EQ(::setuid(65534), 0);
-    attachExpecting(SQLO_REGION_DENIED);
-  });
+TEST_APART(RegionAttach, DirectoryOfAnotherUserIsDenied) {
+  if (::setuid(65534) == 0) attachExpecting(SQLO_REGION_DENIED);  // only the superuser can become another user
 }
 
 TEST(RegionAttach, FullFileSystemIsAnsweredByACode) {
@@ -344,15 +300,16 @@ bool attachWithFailure(int call, int error) {
     EXPECT_EQ(regionAttach(), 0);
   }
   expectSound();
-  EXPECT_EQ(openDescriptors(), before + 1) << "call " << call << " error " << error;
+  EXPECT_EQ(openDescriptors(), before + 1);
   return failed;
 }
 
 // The process whose service fails and one that comes later: the later one always gets a shared region.
 bool failingRound(const LeftOver& leftOver, int call, int error) {
+  SCOPED_TRACE(testing::Message() << leftOver.what << " call " << call << " error " << error);
   const Instance instance;
   Resident().dismiss();
-  leftOver.spoil(instance.region());
+  leftOver.spoil(instance.region().c_str());
   Baton attached;
   Baton leave;
   Shared<bool> failed;
@@ -362,9 +319,9 @@ bool failingRound(const LeftOver& leftOver, int call, int error) {
     EXPECT_TRUE(leave.take());
   });
   EXPECT_TRUE(attached.take());
-  EXPECT_EQ(runInProcess([] { attachExpecting(0); }), 0) << leftOver.what << " call " << call << " error " << error;
+  inProcess([] { attachExpecting(0); });
   leave.give();
-  EXPECT_EQ(finish(child), 0) << leftOver.what << " call " << call << " error " << error;
+  EXPECT_EQ(finish(child), 0);
   return *failed;
 }
 
@@ -378,22 +335,18 @@ TEST(RegionAttach, AnyServiceMayFail) {
 }
 
 // Nobody may find the region empty between its opening and the first slot in it.
-TEST(RegionAttach, TheFirstSlotIsTakenUnderTheRegionLock) {
-  const Instance instance;
+TEST_APART(RegionAttach, TheFirstSlotIsTakenUnderTheRegionLock) {
   static bool regionLocked;
-  static decltype(OssCalls::lockByte) realLock;
-  inProcess([] {
-    realLock = ossCalls().lockByte;
-    ossCalls().lockByte = [](int fd, int command, short type, off_t offset, off_t bytes, int* conflict) {
-      if (offset == static_cast<off_t>(REGION_LOCK_BYTE))
-        regionLocked = type == F_WRLCK;
-      else
-        EXPECT_TRUE(regionLocked);
-      return realLock(fd, command, type, offset, bytes, conflict);
-    };
-    EXPECT_EQ(regionAttach(), 0);
-    EXPECT_FALSE(regionLocked);
-  });
+  static const auto realLock = ossCalls().lockByte;
+  ossCalls().lockByte = [](int fd, int command, short type, off_t offset, off_t bytes, int* conflict) {
+    if (offset == static_cast<off_t>(REGION_LOCK_BYTE))
+      regionLocked = type == F_WRLCK;
+    else
+      EXPECT_TRUE(regionLocked);
+    return realLock(fd, command, type, offset, bytes, conflict);
+  };
+  EXPECT_EQ(regionAttach(), 0);
+  EXPECT_FALSE(regionLocked);
 }
 
 TEST(RegionAttach, StoppedLockHolderDelaysForABoundedTime) {
@@ -418,42 +371,36 @@ TEST(RegionAttach, StoppedLockHolderDelaysForABoundedTime) {
   inProcess([] { attachExpecting(0); });
 }
 
-TEST(RegionLock, ExcludesThreadsOfOneProcessToo) {
-  const Instance instance;
-  inProcess([] {
+TEST_APART(RegionLock, ExcludesThreadsOfOneProcessToo) {
+  EXPECT_FALSE(RegionLock(0).held());
+  EXPECT_EQ(regionAttach(), 0);
+  const RegionLock lock(0);
+  EXPECT_TRUE(lock.held());
+  std::thread([] {
     EXPECT_FALSE(RegionLock(0).held());
-    EXPECT_EQ(regionAttach(), 0);
-    const RegionLock lock(0);
-    EXPECT_TRUE(lock.held());
-    std::thread([] {
-      EXPECT_FALSE(RegionLock(0).held());
-      EXPECT_FALSE(regionSweep());
-    }).join();
-  });
+    EXPECT_FALSE(regionSweep());
+  }).join();
 }
 
 // ---- fork -------------------------------------------------------------------------------------------------------
 
-TEST(RegionFork, ChildTakesASlotOfItsOwnAndLeavesTheParentsAlone) {
-  const Instance instance;
-  inProcess([] {
+TEST_APART(RegionFork, ChildTakesASlotOfItsOwnAndLeavesTheParentsAlone) {
+  attachExpecting(0);
+  const std::uint64_t parent = regionProcessOwner();
+  inProcess([&] {
+    EXPECT_EQ(regionProcessSlot(), REGION_NO_SLOT);
+    EXPECT_EQ(regionProcessOwner(), 0U);
+    EXPECT_FALSE(regionSweep());
+    EXPECT_TRUE(regionOwnerLives(parent));
     attachExpecting(0);
-    const std::uint64_t parent = regionProcessOwner();
-    inProcess([&] {
-      EXPECT_EQ(regionProcessSlot(), REGION_NO_SLOT);
-      EXPECT_EQ(regionProcessOwner(), 0U);
-      EXPECT_FALSE(regionSweep());
-      EXPECT_TRUE(regionOwnerLives(parent));
-      attachExpecting(0);
-      EXPECT_NE(regionOwnerSlot(regionProcessOwner()), regionOwnerSlot(parent));
-    });
-    expectSound();
-    EXPECT_EQ(regionProcessOwner(), parent);
-    inProcess([&] {
-      attachExpecting(0);
-      EXPECT_TRUE(regionSweep());
-      EXPECT_TRUE(regionOwnerLives(parent));
-    });
+    EXPECT_NE(regionOwnerSlot(regionProcessOwner()), regionOwnerSlot(parent));
+  });
+  expectSound();
+  EXPECT_EQ(regionProcessOwner(), parent);
+  inProcess([&] {
+    attachExpecting(0);
+    EXPECT_TRUE(regionSweep());
+    EXPECT_TRUE(regionOwnerLives(parent));
   });
 }
 
@@ -472,7 +419,7 @@ TEST(RegionFork, ChildOfAReplacedRegionWorksAlone) {
     done.give();
     endAtOnce();
   });
-  patch(instance.region(), kVersionAt, REGION_LAYOUT_VERSION + 1);
+  patch(instance.region().c_str(), kVersionAt, REGION_LAYOUT_VERSION + 1);
   const Resident other;
   replaced.give();
   EXPECT_TRUE(done.take());
@@ -481,21 +428,20 @@ TEST(RegionFork, ChildOfAReplacedRegionWorksAlone) {
 
 TEST(RegionFork, WhileOtherThreadsAttach) {
   for (int round = 0; round < 150; ++round) {
+    SCOPED_TRACE(round);
     const Instance instance;
-    ASSERT_EQ(runInProcess([] {
-                std::vector<std::thread> attaching;
-                for (int i = 0; i < 3; ++i) attaching.emplace_back([] { EXPECT_NE(threadSelf(), nullptr); });
-                for (int i = 0; i < 3; ++i)
-                  inProcess([] {
-                    EXPECT_NE(threadSelf(), nullptr);
-                    attachExpecting(0);
-                    endAtOnce();
-                  });
-                for (std::thread& thread : attaching) thread.join();
-                attachExpecting(0);
-              }),
-              0)
-        << "round " << round;
+    inProcess([] {
+      std::vector<std::jthread> attaching;
+      for (int i = 0; i < 3; ++i) attaching.emplace_back([] { EXPECT_NE(threadSelf(), nullptr); });
+      for (int i = 0; i < 3; ++i)
+        inProcess([] {
+          EXPECT_NE(threadSelf(), nullptr);
+          attachExpecting(0);
+          endAtOnce();
+        });
+      attaching.clear();
+      attachExpecting(0);
+    });
   }
 }
 
@@ -547,22 +493,19 @@ std::uint32_t takeAllThreadSlots() {
   return taken;
 }
 
-TEST(RegionSlots, ThreadSlotsRunOutAndComeBack) {
-  const Instance instance;
+TEST_APART(RegionSlots, ThreadSlotsRunOutAndComeBack) {
+  EXPECT_EQ(regionThreadEnter(1, "early"), REGION_NO_SLOT);
+  attachExpecting(0);
+  EXPECT_EQ(takeAllThreadSlots(), REGION_THREAD_SLOTS);
+  EXPECT_NE(threadSelf(), nullptr);
+  EXPECT_EQ(threadSelf()->threadSlot, REGION_NO_SLOT);
+  regionThreadLeave(REGION_NO_SLOT);
+  regionThreadLeave(4711);
+  EXPECT_EQ(regionThreadEnter(9, "again"), 4711U);
   inProcess([] {
-    EXPECT_EQ(regionThreadEnter(1, "early"), REGION_NO_SLOT);
-    attachExpecting(0);
-    EXPECT_EQ(takeAllThreadSlots(), REGION_THREAD_SLOTS);
-    EXPECT_NE(threadSelf(), nullptr);
-    EXPECT_EQ(threadSelf()->threadSlot, REGION_NO_SLOT);
-    regionThreadLeave(REGION_NO_SLOT);
-    regionThreadLeave(4711);
-    EXPECT_EQ(regionThreadEnter(9, "again"), 4711U);
-    inProcess([] {
-      EXPECT_EQ(regionAttach(), 0);
-      regionThreadLeave(4711);  // not this process's
-      EXPECT_EQ(takeAllThreadSlots(), 0U);
-    });
+    EXPECT_EQ(regionAttach(), 0);
+    regionThreadLeave(4711);  // not this process's
+    EXPECT_EQ(takeAllThreadSlots(), 0U);
   });
 }
 
@@ -683,7 +626,7 @@ TEST(RegionKill, KilledBuilderIsReplaced) {
     EXPECT_TRUE(started.take());
     ::usleep(static_cast<useconds_t>(random() % 1500));  // when it dies
     EXPECT_EQ(finishKilled(builder), -SIGKILL);
-    ASSERT_EQ(runInProcess([] { attachExpecting(0); }), 0);
+    inProcess([] { attachExpecting(0); });
   }
 }
 

@@ -1,5 +1,6 @@
-// What tests of the platform share: an instance of their own, bodies in processes of their own (the library's state is
-// one per process, and the test program itself never touches it), batons between processes, and failing services.
+// What tests share: an instance of their own, bodies in processes of their own (the library's state is one per process,
+// and the test program itself never touches it), batons between processes, texts and hosts, and failing services. It brings
+// the headers that nearly all of them use.
 #pragma once
 
 #include <errno.h>
@@ -13,13 +14,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <new>
+#include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "platform/osse.h"
+#include "veksys/host.h"
 
 namespace vek::platformtest {
 
@@ -66,7 +74,7 @@ pid_t start(Body body) {
   (void)std::fflush(nullptr);
   const pid_t child = ::fork();
   if (child != 0) return child;
-  ::alarm(60);
+  ::alarm(240);
   const int before = expectationsFailed();
   body();
   (void)std::fflush(nullptr);
@@ -157,6 +165,32 @@ class Shared {
   static void* map() { return ::mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0); }
   T* object_;
 };
+
+// ---- texts and hosts --------------------------------------------------------------------------------------------
+
+inline std::string contentOf(const std::string& path) {
+  return (std::ostringstream() << std::ifstream(path, std::ios::binary).rdbuf()).str();
+}
+
+inline bool holds(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// Installs a host of which `fill` sets what it is to have.
+template <class Fill>
+void installHost(Fill fill) {
+  VekHost host = {};
+  host.size = sizeof host;
+  fill(host);
+  EXPECT_EQ(vekHostInstall(&host), 0);
+}
+
+// Installs one that has a control block of the test's own, and gives that.
+inline VekInstanceControl& installControl() {
+  static VekInstanceControl control;
+  control = *vekInstanceControl();
+  installHost(
+      [](VekHost& host) { host.instanceControl = [](void*) -> const VekInstanceControl* { return &control; }; });
+  return control;
+}
 
 // ---- failing services -------------------------------------------------------------------------------------------
 

@@ -4,10 +4,7 @@
 #include <string.h>
 
 #include <array>
-#include <atomic>
 #include <set>
-#include <thread>
-#include <vector>
 
 #include "platform/ports.h"
 #include "platform/region.h"
@@ -33,24 +30,21 @@ void noteStep(char step) {
 
 void lateDestructor(void*) { EXPECT_EQ(threadSelf(), nullptr) << "a thread that has ended got a state again"; }
 
-TEST(ThreadEnd, GivesBackInOrder) {
-  const Instance instance;
-  inProcess([] {
-    g_ports.flushMemoryCaches = [] { noteStep('m'); };
-    g_ports.checkLatches = [] { noteStep('l'); };
-    threadFacilityStart();
-    pthread_key_t late;
-    ASSERT_EQ(::pthread_key_create(&late, lateDestructor), 0);  // its destructor runs after the library's
-    std::thread([late] {
-      ::pthread_setspecific(late, g_steps);
-      g_slot = threadSelf()->threadSlot;
-      EXPECT_EQ(threadSelf(), threadSelf());
-    }).join();
-    EXPECT_STREQ(g_steps, "ml");
-    EXPECT_EQ(ownerOf(g_slot), 0U);
-    g_slot = threadSelf()->threadSlot;  // of the main thread: process exit runs the same steps
-    g_steps[0] = g_steps[1] = 0;
-  });
+TEST_APART(ThreadEnd, GivesBackInOrder) {
+  g_ports.flushMemoryCaches = [] { noteStep('m'); };
+  g_ports.checkLatches = [] { noteStep('l'); };
+  threadFacilityStart();
+  pthread_key_t late;
+  ASSERT_EQ(::pthread_key_create(&late, lateDestructor), 0);  // its destructor runs after the library's
+  std::thread([late] {
+    ::pthread_setspecific(late, g_steps);
+    g_slot = threadSelf()->threadSlot;
+    EXPECT_EQ(threadSelf(), threadSelf());
+  }).join();
+  EXPECT_STREQ(g_steps, "ml");
+  EXPECT_EQ(ownerOf(g_slot), 0U);
+  g_slot = threadSelf()->threadSlot;  // of the main thread: process exit runs the same steps
+  g_steps[0] = g_steps[1] = 0;
 }
 
 constinit bool g_expectsEnd = false;
@@ -61,14 +55,11 @@ constinit bool g_expectsEnd = false;
   if (g_expectsEnd && !right) ::_exit(2);
 }
 
-TEST(ProcessEnd, RunsTheStepsOfTheExitingThread) {
-  const Instance instance;
-  inProcess([] {
-    g_expectsEnd = true;
-    g_ports.flushMemoryCaches = [] { noteStep('m'); };
-    g_ports.checkLatches = [] { noteStep('l'); };
-    g_slot = threadSelf()->threadSlot;
-  });
+TEST_APART(ProcessEnd, RunsTheStepsOfTheExitingThread) {
+  g_expectsEnd = true;
+  g_ports.flushMemoryCaches = [] { noteStep('m'); };
+  g_ports.checkLatches = [] { noteStep('l'); };
+  g_slot = threadSelf()->threadSlot;
 }
 
 TEST(ThreadState, SerialsAreUniqueInTheInstance) {
@@ -87,58 +78,49 @@ TEST(ThreadState, SerialsAreUniqueInTheInstance) {
   EXPECT_EQ(distinct.count(0), 0U);
 }
 
-TEST(ThreadState, ForkedChildStartsAnew) {
-  const Instance instance;
-  inProcess([] {
-    const ThreadState parent = *threadSelf();
-    inProcess([&] {
-      EXPECT_EQ(t_self, nullptr);
-      const ThreadState* child = threadSelf();
-      ASSERT_NE(child, nullptr);
-      EXPECT_NE(child->threadSlot, parent.threadSlot);
-      EXPECT_NE(child->serial, parent.serial);
-      EXPECT_NE(child->threadId, parent.threadId);
-    });
-    EXPECT_EQ(ownerOf(parent.threadSlot), regionProcessOwner());
+TEST_APART(ThreadState, ForkedChildStartsAnew) {
+  const ThreadState parent = *threadSelf();
+  inProcess([&] {
+    EXPECT_EQ(t_self, nullptr);
+    const ThreadState* child = threadSelf();
+    ASSERT_NE(child, nullptr);
+    EXPECT_NE(child->threadSlot, parent.threadSlot);
+    EXPECT_NE(child->serial, parent.serial);
+    EXPECT_NE(child->threadId, parent.threadId);
   });
+  EXPECT_EQ(ownerOf(parent.threadSlot), regionProcessOwner());
 }
 
 // A host that has used up all keys: the library keeps off those of others and takes no slot that nobody would return.
-TEST(ThreadState, WithoutAKeyThereIsNone) {
-  const Instance instance;
-  inProcess([] {
-    pthread_key_t first = 0;
-    pthread_key_t last = 0;
-    ASSERT_EQ(::pthread_key_create(&first, nullptr), 0);
-    while (::pthread_key_create(&last, nullptr) == 0) {
-    }
-    std::vector<void*> values;
-    for (pthread_key_t key = 0; key <= first; ++key) values.push_back(::pthread_getspecific(key));
-    EXPECT_EQ(threadSelf(), nullptr);
-    EXPECT_EQ(threadSelf(), nullptr);
-    for (pthread_key_t key = 0; key <= first; ++key) EXPECT_EQ(::pthread_getspecific(key), values[key]);
-    for (std::uint32_t slot = 0; slot < REGION_THREAD_SLOTS; ++slot) EXPECT_EQ(ownerOf(slot), 0U);
-  });
+TEST_APART(ThreadState, WithoutAKeyThereIsNone) {
+  pthread_key_t first = 0;
+  pthread_key_t last = 0;
+  ASSERT_EQ(::pthread_key_create(&first, nullptr), 0);
+  while (::pthread_key_create(&last, nullptr) == 0) {
+  }
+  std::vector<void*> values;
+  for (pthread_key_t key = 0; key <= first; ++key) values.push_back(::pthread_getspecific(key));
+  EXPECT_EQ(threadSelf(), nullptr);
+  EXPECT_EQ(threadSelf(), nullptr);
+  for (pthread_key_t key = 0; key <= first; ++key) EXPECT_EQ(::pthread_getspecific(key), values[key]);
+  for (std::uint32_t slot = 0; slot < REGION_THREAD_SLOTS; ++slot) EXPECT_EQ(ownerOf(slot), 0U);
 }
 
-TEST(ThreadState, ForkWhileThreadsComeAndGo) {
-  const Instance instance;
-  inProcess([] {
-    std::atomic<bool> over{false};
-    std::vector<std::thread> churn;
-    for (int i = 0; i < 2; ++i)
-      churn.emplace_back([&] {
-        while (!over) std::thread([] { EXPECT_NE(threadSelf(), nullptr); }).join();
-      });
-    for (int i = 0; i < 15; ++i)
-      inProcess([] {
-        EXPECT_NE(threadSelf(), nullptr);
-        EXPECT_EQ(regionSharedStatus(), 0);
-        endAtOnce();
-      });
-    over = true;
-    for (std::thread& thread : churn) thread.join();
-  });
+TEST_APART(ThreadState, ForkWhileThreadsComeAndGo) {
+  std::atomic<bool> over{false};
+  std::vector<std::thread> churn;
+  for (int i = 0; i < 2; ++i)
+    churn.emplace_back([&] {
+      while (!over) std::thread([] { EXPECT_NE(threadSelf(), nullptr); }).join();
+    });
+  for (int i = 0; i < 15; ++i)
+    inProcess([] {
+      EXPECT_NE(threadSelf(), nullptr);
+      EXPECT_EQ(regionSharedStatus(), 0);
+      endAtOnce();
+    });
+  over = true;
+  for (std::thread& thread : churn) thread.join();
 }
 
 }  // namespace

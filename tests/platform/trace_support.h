@@ -1,18 +1,7 @@
-// What tests of the trace share: an instance of their own, bodies in processes of their own (the library's state is one
-// per process, and the test program itself never touches it), and records as values that can be compared.
+// What tests of the trace share: records as values that can be compared.
 #pragma once
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "platform/support.h"
 #include "veksys/diag/trace.h"
@@ -36,31 +25,7 @@ inline constexpr bool kSanitized = false;
 // A function identifier of a component without special rules.
 inline constexpr EcfFunctionId kFunction = ecfFunctionId(9, 17);
 
-using vek::platformtest::Shared;
-using TraceInstance = vek::platformtest::Instance;
-
-// Starts `body` in a process of its own, which ends through exit() with 1 when an expectation failed in it.
-template <class Body>
-pid_t startProcess(Body body) {
-  std::fflush(nullptr);
-  const pid_t child = ::fork();
-  if (child != 0) return child;
-  body();
-  std::fflush(nullptr);
-  std::exit(::testing::Test::HasFailure() ? 1 : 0);
-}
-
-inline int waitFor(pid_t child) {
-  int status = -1;
-  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return status;
-}
-
-template <class Body>
-void inProcess(Body body) {
-  EXPECT_EQ(waitFor(startProcess(body)), 0) << "the process of this test body failed or died";
-}
+using namespace vek::platformtest;
 
 // Waits until a stopped or finished state of a child is known, and tells whether it stopped.
 inline bool waitUntilStopped(pid_t child) {

@@ -1,10 +1,7 @@
 // A damaged byte costs the record it is in; where a reader cannot do without something, the other copy carries on.
-#include <fcntl.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <random>
-#include <thread>
 
 #include "platform/trace_support.h"
 #include "platform/trc_format.h"
@@ -100,48 +97,42 @@ void expectAtMostTheDamagedRecordMissing(const std::vector<ReadRecord>& whole, c
     EXPECT_FALSE(record.segment == segment && record.offset > lost->offset && record.offset <= offset);
 }
 
-TEST(TraceDamage, AByteOfASegmentCostsAtMostTheRecordItIsIn) {
-  const TraceInstance instance;
-  inProcess([&instance] {
-    const std::string path = instance.path("dump");
-    writeDump(path);
-    DumpFile dump(path);
-    ASSERT_EQ(dump.whole(), withoutGaps(dump.whole()));
-    ASSERT_EQ(dump.whole().size(), 680U);
-    const std::uint32_t segments[] = {0, 1, dump.usedSegments() - 1};  // a thread's first, its last, one in use
-    const std::uint32_t steps[] = {1, 5, 7};
-    for (std::size_t turn = 0; turn < std::size(segments); ++turn)
-      for (std::uint32_t at = 0; at < kSegmentBytes && !testing::Test::HasFailure(); at += steps[turn] * kStep) {
-        const std::uint64_t offset = kSegmentsAt + segments[turn] * kSegmentBytes + at;
-        expectAtMostTheDamagedRecordMissing(dump.whole(), dump.readWith(offset, kChanges[turn]), segments[turn], at);
-      }
-  });
+TEST_APART(TraceDamage, AByteOfASegmentCostsAtMostTheRecordItIsIn) {
+  const std::string path = instance.path("dump");
+  writeDump(path);
+  DumpFile dump(path);
+  ASSERT_EQ(dump.whole(), withoutGaps(dump.whole()));
+  ASSERT_EQ(dump.whole().size(), 680U);
+  const std::uint32_t segments[] = {0, 1, dump.usedSegments() - 1};  // a thread's first, its last, one in use
+  const std::uint32_t steps[] = {1, 5, 7};
+  for (std::size_t turn = 0; turn < std::size(segments); ++turn)
+    for (std::uint32_t at = 0; at < kSegmentBytes && !testing::Test::HasFailure(); at += steps[turn] * kStep) {
+      const std::uint64_t offset = kSegmentsAt + segments[turn] * kSegmentBytes + at;
+      expectAtMostTheDamagedRecordMissing(dump.whole(), dump.readWith(offset, kChanges[turn]), segments[turn], at);
+    }
 }
 
-TEST(TraceDamage, HeadersAndDescriptorsHaveASecondCopy) {
-  const TraceInstance instance;
-  inProcess([&instance] {
-    const std::string path = instance.path("dump");
-    writeDump(path);
-    DumpFile dump(path);
-    const std::pair<std::uint64_t, std::uint64_t> ranges[] = {
-        {0, sizeof(vek::TrcDumpHeader)},
-        {kRingAt, sizeof(vek::TrcRingHeader)},
-        {kDescriptorsAt, (dump.usedSegments() + 1) * sizeof(vek::TrcSegmentDescriptor)},
-    };
-    for (const auto& [start, bytes] : ranges)
-      for (std::uint64_t offset = start; offset < start + bytes; offset += kStep)
-        for (const auto change : kChanges) {
-          const std::vector<ReadRecord> read = withoutGaps(dump.readWith(offset, change));
-          ASSERT_TRUE(read == dump.whole()) << "byte " << offset - start << " of the range at " << start;
-        }
-  });
+TEST_APART(TraceDamage, HeadersAndDescriptorsHaveASecondCopy) {
+  const std::string path = instance.path("dump");
+  writeDump(path);
+  DumpFile dump(path);
+  const std::pair<std::uint64_t, std::uint64_t> ranges[] = {
+      {0, sizeof(vek::TrcDumpHeader)},
+      {kRingAt, sizeof(vek::TrcRingHeader)},
+      {kDescriptorsAt, (dump.usedSegments() + 1) * sizeof(vek::TrcSegmentDescriptor)},
+  };
+  for (const auto& [start, bytes] : ranges)
+    for (std::uint64_t offset = start; offset < start + bytes; offset += kStep)
+      for (const auto change : kChanges) {
+        const std::vector<ReadRecord> read = withoutGaps(dump.readWith(offset, change));
+        ASSERT_TRUE(read == dump.whole()) << "byte " << offset - start << " of the range at " << start;
+      }
 }
 
 // Whatever the bytes are: a code or records, never a fault, and always an end.
 TEST(TraceDamage, RubbleIsReadToItsEnd) {
   const std::uint64_t seed = 77;
-  const TraceInstance instance;
+  const Instance instance;
   inProcess([&] {
     const std::string path = instance.path("dump");
     writeDump(path);

@@ -1,21 +1,15 @@
 // The trace survives its users: writers killed or stopped anywhere cost at most the record they are in, nobody waits,
 // and what is missing is told. Records describe themselves, so that a reader can tell a right one from a wrong one.
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
 
 #include <barrier>
 #include <cstring>
 #include <map>
 #include <random>
-#include <thread>
 
-#include "platform/osse.h"
 #include "platform/trace_support.h"
 #include "veksys/pd_types.h"
 
@@ -134,7 +128,7 @@ void writeUntilStopped(Board& board) {
 }
 
 pid_t startWriters(Board& board) {
-  return startProcess([&board] {
+  return start([&board] {
     std::vector<std::jthread> threads;
     for (int i = 0; i < 3; ++i) threads.emplace_back([&board] { writeUntilStopped(board); });
   });
@@ -171,10 +165,10 @@ class Chaos {
     board_.stop = true;
     if (stopped_ != 0) ::kill(stopped_, SIGCONT);
     if (stopped_ != 0) woken_.push_back(stopped_);
-    for (const pid_t writer : writers_) EXPECT_EQ(waitFor(writer), 0);
+    for (const pid_t writer : writers_) EXPECT_EQ(finish(writer), 0);
     for (const pid_t writer : woken_) {
-      const int status = waitFor(writer);
-      EXPECT_TRUE(status == 0 || (WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)) << status;
+      const int end = finish(writer);
+      EXPECT_TRUE(end == 0 || end == -SIGKILL) << end;
     }
   }
 
@@ -189,11 +183,11 @@ class Chaos {
 TEST(TraceSurvival, WritersKilledAndStoppedAtRandomCostNothingElse) {
   const std::uint64_t seed = 20240611;
   SCOPED_TRACE("seed " + std::to_string(seed));
-  const TraceInstance instance;
+  const Instance instance;
   createRing();
   const Shared<Board> board;
   Chaos chaos(*board, seed);
-  const pid_t reader = startProcess([&board] {
+  const pid_t reader = start([&board] {
     while (!board->stop && !testing::Test::HasFailure()) {
       checkInstance();
       board->passes.fetch_add(1);
@@ -201,7 +195,7 @@ TEST(TraceSurvival, WritersKilledAndStoppedAtRandomCostNothingElse) {
   });
   for (unsigned i = 0; i < 60 * stressFactor(); ++i) chaos.round();
   chaos.end();
-  EXPECT_EQ(waitFor(reader), 0);
+  EXPECT_EQ(finish(reader), 0);
   EXPECT_GT(board->passes, 20U);
 
   // All writers are dead: the same records from the ring and from a dump of it.
@@ -258,9 +252,9 @@ Traces readTrapped(const std::vector<ReadRecord>& all) {
 }
 
 TEST(TraceSurvival, WriterStoppedInARecordAndWokenAfterThousandsOfWrapsGoesOn) {
-  const TraceInstance instance;
+  const Instance instance;
   createRing();
-  const pid_t writer = startProcess([] { writeThroughTrap(Fate::kStopped); });
+  const pid_t writer = start([] { writeThroughTrap(Fate::kStopped); });
   ASSERT_TRUE(waitUntilStopped(writer));
   inProcess([] { wrapRing(2000 * stressFactor()); });
   inProcess([] {
@@ -271,7 +265,7 @@ TEST(TraceSurvival, WriterStoppedInARecordAndWokenAfterThousandsOfWrapsGoesOn) {
     EXPECT_EQ(traces.damaged, 0U);
   });
   ::kill(writer, SIGCONT);
-  EXPECT_EQ(waitFor(writer), 0);
+  EXPECT_EQ(finish(writer), 0);
   inProcess([] {
     const Traces traces = readTrapped(readInstance());
     ASSERT_EQ(traces.records.size(), 11U);
@@ -283,11 +277,10 @@ TEST(TraceSurvival, WriterStoppedInARecordAndWokenAfterThousandsOfWrapsGoesOn) {
 
 TEST(TraceSurvival, WritersKilledInARecordLoseThatRecordAloneAndGiveTheirSegmentsBack) {
   constexpr std::size_t kKilled = 40;
-  const TraceInstance instance;
+  const Instance instance;
   createRing();
   for (std::size_t i = 0; i < kKilled; ++i) {
-    const int status = waitFor(startProcess([] { writeThroughTrap(Fate::kKilled); }));
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    ASSERT_EQ(runInProcess([] { writeThroughTrap(Fate::kKilled); }), -SIGKILL);
   }
   const auto check = [](std::size_t leastLeft) {
     const Traces traces = readTrapped(readInstance());
@@ -348,7 +341,7 @@ decltype(vek::OssCalls::lockByte) g_lockByte;
 int writeWithoutSystemCalls(LockLooks& looks) {
   g_looks = &looks;
   g_lockByte = vek::ossCalls().lockByte;
-  return waitFor(startProcess([] {
+  return finish(start([] {
     writeStamped(1, 0);
     vek::ossCalls().lockByte = [](int fd, int command, short type, off_t offset, off_t bytes, int* conflict) {
       g_looks->count.fetch_add(1);
@@ -366,24 +359,24 @@ int writeWithoutSystemCalls(LockLooks& looks) {
 // the other process, the lock's end) at most ten times a second, and none that waits.
 TEST(TraceSurvival, WritingAcrossManyWrapsNeedsNoSystemCallAndNeverWaits) {
   if (kSanitized) GTEST_SKIP() << "the instrumentation makes system calls of its own";
-  const TraceInstance instance;
+  const Instance instance;
   createRing();
   const Shared<LockLooks> alone;
   EXPECT_EQ(writeWithoutSystemCalls(*alone), 0) << "a record made a system call";
   EXPECT_EQ(alone->count, 0U);
 
-  const pid_t holder = startProcess([] { writeThroughTrap(Fate::kStopped); });
+  const pid_t holder = start([] { writeThroughTrap(Fate::kStopped); });
   ASSERT_TRUE(waitUntilStopped(holder));
   const Shared<LockLooks> besides;
   EXPECT_EQ(writeWithoutSystemCalls(*besides), 0) << "a record made a system call";
   const auto sweeps = static_cast<std::uint64_t>(besides->elapsedNs / 100'000'000 + 2);
   EXPECT_LE(besides->count, sweeps * 3);
   ::kill(holder, SIGKILL);
-  waitFor(holder);
+  finish(holder);
 }
 
 TEST(TraceSurvival, WithoutAFreeSegmentRecordsAreCountedLostAtTheirPlace) {
-  const TraceInstance instance;
+  const Instance instance;
   createRing();
   inProcess([] {
     constexpr std::uint64_t kLost = 200;
@@ -419,15 +412,15 @@ TEST(TraceSurvival, WithoutAFreeSegmentRecordsAreCountedLostAtTheirPlace) {
 }
 
 TEST(TraceSurvival, ForkedChildWritesAsAThreadOfItsOwn) {
-  const TraceInstance instance;
+  const Instance instance;
   createRing();
   inProcess([] {
     writeStamped(1, 0);
-    const pid_t child = startProcess([] {
+    const pid_t child = start([] {
       for (std::uint64_t number = 0; number < 100; ++number) writeStamped(2, number);
     });
     for (std::uint64_t number = 1; number < 100; ++number) writeStamped(1, number);
-    EXPECT_EQ(waitFor(child), 0);
+    EXPECT_EQ(finish(child), 0);
     EXPECT_EQ(checkInstance(), 200U);
   });
 }

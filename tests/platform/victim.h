@@ -3,9 +3,7 @@
 
 #include <sys/ptrace.h>
 
-#include <fstream>
 #include <functional>
-#include <string>
 
 #include "platform/support.h"
 

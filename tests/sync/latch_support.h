@@ -3,14 +3,10 @@
 
 #include <functional>
 #include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "platform/region.h"
 #include "platform/support.h"
 #include "veksys/codes.h"
-#include "veksys/host.h"
 #include "veksys/sync.h"
 
 namespace vek::synctest {
@@ -68,13 +64,12 @@ class Dice {
 inline SqlzZrc* g_panicPlace = nullptr;
 inline void reportPanics(SqlzZrc* place) {
   g_panicPlace = place;
-  VekHost host = {};
-  host.size = sizeof host;
-  host.panic = [](void*, SqlzZrc zrc, const char*) {
-    *g_panicPlace = zrc;
-    ::_exit(0);
-  };
-  EXPECT_EQ(vekHostInstall(&host), 0);
+  platformtest::installHost([](VekHost& host) {
+    host.panic = [](void*, SqlzZrc zrc, const char*) {
+      *g_panicPlace = zrc;
+      ::_exit(0);
+    };
+  });
 }
 
 }  // namespace vek::synctest

@@ -1,6 +1,5 @@
 #include <mutex>
 #include <shared_mutex>
-#include <thread>
 #include <type_traits>
 
 #include "platform/support.h"
@@ -43,33 +42,30 @@ void expectGuarded(Latch& latch) {
   EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 0U);
 }
 
-TEST(Lockable, GuardsWithEveryKindOfLatch) {
-  const Instance instance;
-  inProcess([] {
-    SqloSpinLatch spin;
-    SQLO_SLATCH_CAS32 shared;
-    SQLO_XLONG_LATCH longLatch;
-    sqloSXULatch sxu;
-    spin.init(kType);
-    ASSERT_EQ(shared.init(kType, SQLO_LATCH_NO_X_STARVATION), 0);
-    ASSERT_EQ(longLatch.initSemaphoreAndFlags(kType), 0);
-    ASSERT_EQ(sxu.init(kType, 0), 0);
-    expectGuarded(spin);
-    expectGuarded(shared);
-    expectGuarded(longLatch);
-    expectGuarded(sxu);
+TEST_APART(Lockable, GuardsWithEveryKindOfLatch) {
+  SqloSpinLatch spin;
+  SQLO_SLATCH_CAS32 shared;
+  SQLO_XLONG_LATCH longLatch;
+  sqloSXULatch sxu;
+  spin.init(kType);
+  ASSERT_EQ(shared.init(kType, SQLO_LATCH_NO_X_STARVATION), 0);
+  ASSERT_EQ(longLatch.initSemaphoreAndFlags(kType), 0);
+  ASSERT_EQ(sxu.init(kType, 0), 0);
+  expectGuarded(spin);
+  expectGuarded(shared);
+  expectGuarded(longLatch);
+  expectGuarded(sxu);
 
-    SqloLockable first(spin);
-    SqloLockable second(shared);
-    SqloULockable third(sxu);
-    const std::scoped_lock all(first, second, third);
-    for (const bool got : {anotherThreadGets(first), anotherThreadGets(second), anotherThreadGets(third)})
-      EXPECT_FALSE(got);
-    std::thread([&] {
-      SqloLockable reader(sxu);
-      EXPECT_TRUE(std::shared_lock(reader, std::try_to_lock).owns_lock());
-    }).join();
-  });
+  SqloLockable first(spin);
+  SqloLockable second(shared);
+  SqloULockable third(sxu);
+  const std::scoped_lock all(first, second, third);
+  for (const bool got : {anotherThreadGets(first), anotherThreadGets(second), anotherThreadGets(third)})
+    EXPECT_FALSE(got);
+  std::thread([&] {
+    SqloLockable reader(sxu);
+    EXPECT_TRUE(std::shared_lock(reader, std::try_to_lock).owns_lock());
+  }).join();
 }
 
 struct RefusingLatch {};

@@ -1,6 +1,5 @@
 // The latches of one process: words, texts, modes, and many threads at once.
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 
 #include "sync/latch_support.h"
@@ -58,90 +57,81 @@ TEST(LatchWord, EveryBrokenInvariantStopsTheProcessWithItsCode) {
   EXPECT_EQ(*code, SQLO_LATCH_NOT_HELD);
 }
 
-TEST(LatchText, IsTheDocumentedOne) {
-  const Instance instance;
-  platformtest::inProcess([] {
-    char text[1024];
-    SQLO_SLATCH_CAS32::stateToString(0x11010002, text, sizeof text);
-    EXPECT_STREQ(text,
-                 "0x11010002: {\n   held X: 1\n   reserved for X: 0\n   shared holders: 2\n   shared waiter: 1\n"
-                 "   exclusive waiter: 1\n}\n");
-    SQLO_SLATCH_CAS32 latch;
-    EXPECT_EQ(latch.init(1, kFair), 0);
-    EXPECT_EQ(latch.getShared(__FILE__, __LINE__), 0);
-    latch.toString(text, sizeof text);
-    const std::string whole = text;
-    EXPECT_EQ(
-        whole.find("{\n   state            = 0x00000001\n                    = {\n                          held X: 0\n"
-                   "                          reserved for X: 0\n                          shared holders: 1\n"
-                   "                          shared waiter: 0\n                          exclusive waiter: 0\n"
-                   "                      }\n   flags            = 32768 (No X Starvation)\n   numXPostsPending = 0\n"
-                   "   m_pSemPoolElement  = 0x00000000\n   cs               = { held: 0,"),
-        0U)
-        << whole;
-    EXPECT_NE(SQLO_SLATCH_CAS32{}.toString(text, 20), 0U);
-    EXPECT_EQ(std::strlen(text), 19U);
-    latch.release();
-  });
+TEST_APART(LatchText, IsTheDocumentedOne) {
+  char text[1024];
+  SQLO_SLATCH_CAS32::stateToString(0x11010002, text, sizeof text);
+  EXPECT_STREQ(text,
+               "0x11010002: {\n   held X: 1\n   reserved for X: 0\n   shared holders: 2\n   shared waiter: 1\n"
+               "   exclusive waiter: 1\n}\n");
+  SQLO_SLATCH_CAS32 latch;
+  EXPECT_EQ(latch.init(1, kFair), 0);
+  EXPECT_EQ(latch.getShared(__FILE__, __LINE__), 0);
+  latch.toString(text, sizeof text);
+  const std::string whole = text;
+  EXPECT_EQ(
+      whole.find("{\n   state            = 0x00000001\n                    = {\n                          held X: 0\n"
+                 "                          reserved for X: 0\n                          shared holders: 1\n"
+                 "                          shared waiter: 0\n                          exclusive waiter: 0\n"
+                 "                      }\n   flags            = 32768 (No X Starvation)\n   numXPostsPending = 0\n"
+                 "   m_pSemPoolElement  = 0x00000000\n   cs               = { held: 0,"),
+      0U)
+      << whole;
+  EXPECT_NE(SQLO_SLATCH_CAS32{}.toString(text, 20), 0U);
+  EXPECT_EQ(std::strlen(text), 19U);
+  latch.release();
 }
 
-TEST(Latch, ModesGoTogetherAsTheyShould) {
-  const Instance instance;
-  platformtest::inProcess([] {
-    SQLO_SLATCH_CAS32 latch;
-    EXPECT_EQ(latch.init(SQLO_LATCH_TYPE_COUNT, 0), SQLO_INV_PARM);
-    EXPECT_EQ(latch.init(1, 0x2000), SQLO_INV_PARM);
-    for (const std::uint16_t flags : {SQLO_LATCH_X_STARVATION, kFair}) {
-      ASSERT_EQ(latch.init(1, flags), 0);
-      EXPECT_EQ(latch.tryGetShared(__FILE__, __LINE__), 0);
-      EXPECT_EQ(latch.getShared(__FILE__, __LINE__), 0);
-      EXPECT_EQ(latch.tryGetExclusive(__FILE__, __LINE__), SQLO_NOTAVAIL);
-      EXPECT_EQ(latch.convert(SQLO_LATCH_EXCLUSIVE | SQLO_LATCH_CONDITIONAL, __FILE__, __LINE__), SQLO_NOTAVAIL);
-      latch.release();
-      EXPECT_EQ(latch.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__), 0);
-      EXPECT_EQ(latch.state(), SQLO_SLATCH_HELD_X);
-      EXPECT_EQ(latch.getConflict(SQLO_LATCH_SHARED | SQLO_LATCH_CONDITIONAL), SQLO_NOTAVAIL);
-      EXPECT_EQ(latch.convert(SQLO_LATCH_SHARED, __FILE__, __LINE__), 0);
-      EXPECT_EQ(latch.getConflict(SQLO_LATCH_SHARED), 0);
-      EXPECT_EQ(latch.state(), 2U);
-      latch.release();
-      latch.release();
-      EXPECT_EQ(latch.state(), 0U);
-      latch.term();
-    }
-    SqloSpinLatch spin;
-    spin.init(2);
-    EXPECT_EQ(spin.captureLatch(__FILE__, __LINE__), 0);
-    EXPECT_EQ(spin.tryCaptureLatch(__FILE__, __LINE__), SQLO_NOTAVAIL);
-    spin.releaseLatch();
-    EXPECT_EQ(sqloSpinLockConflict(&spin), 0);
-    EXPECT_TRUE(spin.isHeld());
-    spin.releaseLatch();
-  });
+TEST_APART(Latch, ModesGoTogetherAsTheyShould) {
+  SQLO_SLATCH_CAS32 latch;
+  EXPECT_EQ(latch.init(SQLO_LATCH_TYPE_COUNT, 0), SQLO_INV_PARM);
+  EXPECT_EQ(latch.init(1, 0x2000), SQLO_INV_PARM);
+  for (const std::uint16_t flags : {SQLO_LATCH_X_STARVATION, kFair}) {
+    ASSERT_EQ(latch.init(1, flags), 0);
+    EXPECT_EQ(latch.tryGetShared(__FILE__, __LINE__), 0);
+    EXPECT_EQ(latch.getShared(__FILE__, __LINE__), 0);
+    EXPECT_EQ(latch.tryGetExclusive(__FILE__, __LINE__), SQLO_NOTAVAIL);
+    EXPECT_EQ(latch.convert(SQLO_LATCH_EXCLUSIVE | SQLO_LATCH_CONDITIONAL, __FILE__, __LINE__), SQLO_NOTAVAIL);
+    latch.release();
+    EXPECT_EQ(latch.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__), 0);
+    EXPECT_EQ(latch.state(), SQLO_SLATCH_HELD_X);
+    EXPECT_EQ(latch.getConflict(SQLO_LATCH_SHARED | SQLO_LATCH_CONDITIONAL), SQLO_NOTAVAIL);
+    EXPECT_EQ(latch.convert(SQLO_LATCH_SHARED, __FILE__, __LINE__), 0);
+    EXPECT_EQ(latch.getConflict(SQLO_LATCH_SHARED), 0);
+    EXPECT_EQ(latch.state(), 2U);
+    latch.release();
+    latch.release();
+    EXPECT_EQ(latch.state(), 0U);
+    latch.term();
+  }
+  SqloSpinLatch spin;
+  spin.init(2);
+  EXPECT_EQ(spin.captureLatch(__FILE__, __LINE__), 0);
+  EXPECT_EQ(spin.tryCaptureLatch(__FILE__, __LINE__), SQLO_NOTAVAIL);
+  spin.releaseLatch();
+  EXPECT_EQ(sqloSpinLockConflict(&spin), 0);
+  EXPECT_TRUE(spin.isHeld());
+  spin.releaseLatch();
 }
 
 // Two upgraders would wait for each other: the second one is told so, and the first gets through when it has let go.
-TEST(Latch, OnlyOneSharerWaitsToBecomeExclusive) {
-  const Instance instance;
-  platformtest::inProcess([] {
-    SQLO_SLATCH_CAS32 latch;
-    ASSERT_EQ(latch.init(1, kFair), 0);
-    std::atomic<unsigned> refused{0};
-    std::atomic<unsigned> granted{0};
-    std::atomic<unsigned> shared{0};
-    inThreads(4, [&](unsigned) {
-      ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
-      shared.fetch_add(1);
-      while (shared.load() < 4) std::this_thread::yield();
-      const SqlzZrc result = latch.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__);
-      if (result == 0) granted.fetch_add(1);
-      if (result == SQLO_LATCH_UPGRADE_CONFLICT) refused.fetch_add(1);
-      latch.release();
-    });
-    EXPECT_GE(granted.load(), 1U);
-    EXPECT_EQ(granted.load() + refused.load(), 4U);
-    EXPECT_EQ(latch.state(), 0U);
+TEST_APART(Latch, OnlyOneSharerWaitsToBecomeExclusive) {
+  SQLO_SLATCH_CAS32 latch;
+  ASSERT_EQ(latch.init(1, kFair), 0);
+  std::atomic<unsigned> refused{0};
+  std::atomic<unsigned> granted{0};
+  std::atomic<unsigned> shared{0};
+  inThreads(4, [&](unsigned) {
+    ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
+    shared.fetch_add(1);
+    while (shared.load() < 4) std::this_thread::yield();
+    const SqlzZrc result = latch.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__);
+    if (result == 0) granted.fetch_add(1);
+    if (result == SQLO_LATCH_UPGRADE_CONFLICT) refused.fetch_add(1);
+    latch.release();
   });
+  EXPECT_GE(granted.load(), 1U);
+  EXPECT_EQ(granted.load() + refused.load(), 4U);
+  EXPECT_EQ(latch.state(), 0U);
 }
 
 // More private latches are waited for at once than the process has semaphore elements: who finds none gets through too.
@@ -237,26 +227,23 @@ void step(Guarded& guarded, Dice& dice, std::uint64_t* written) {
   guarded.latch.release();
 }
 
-TEST(LatchStress, ThreadsExcludeEachOther) {
-  const Instance instance;
-  platformtest::inProcess([] {
-    const std::uint32_t seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    for (const std::uint16_t flags : {SQLO_LATCH_X_STARVATION, kFair}) {
-      Guarded guarded;
-      ASSERT_EQ(guarded.latch.init(kType, flags), 0);
-      std::atomic<std::uint64_t> written{0};
-      inThreads(6, [&](unsigned number) {
-        Dice dice(seed + number);
-        std::uint64_t mine = 0;
-        for (int i = 0; i < 20'000; ++i) step(guarded, dice, &mine);
-        written.fetch_add(mine);
-      });
-      EXPECT_EQ(guarded.value, written.load());
-      EXPECT_EQ(guarded.latch.state(), 0U);
-      guarded.latch.term();
-    }
-  });
+TEST_APART(LatchStress, ThreadsExcludeEachOther) {
+  const std::uint32_t seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  for (const std::uint16_t flags : {SQLO_LATCH_X_STARVATION, kFair}) {
+    Guarded guarded;
+    ASSERT_EQ(guarded.latch.init(kType, flags), 0);
+    std::atomic<std::uint64_t> written{0};
+    inThreads(6, [&](unsigned number) {
+      Dice dice(seed + number);
+      std::uint64_t mine = 0;
+      for (int i = 0; i < 20'000; ++i) step(guarded, dice, &mine);
+      written.fetch_add(mine);
+    });
+    EXPECT_EQ(guarded.value, written.load());
+    EXPECT_EQ(guarded.latch.state(), 0U);
+    guarded.latch.term();
+  }
 }
 
 }  // namespace

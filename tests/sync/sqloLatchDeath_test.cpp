@@ -1,6 +1,5 @@
 // Latches of holders and waiters that are killed: at any instruction of a capture or a release, asleep, and just woken.
 #include <algorithm>
-#include <atomic>
 #include <functional>
 
 #include "diag/pdlog_support.h"
@@ -238,7 +237,7 @@ TEST(LatchDeathPolicy, NothingHidesTheDeadForGood) {
     reportPanics(&*code);
     (void)latches->word.getShared(__FILE__, __LINE__);
   });
-  const std::string text = logtest::readFile(instance.directory() + "/instance/diag/vekdiag.log");
+  const std::string text = platformtest::contentOf(instance.directory() + "/instance/diag/vekdiag.log");
   EXPECT_NE(text.find("The exclusive holder of a latch died"), std::string::npos);
 }
 
@@ -258,42 +257,39 @@ TEST(LatchDeathPolicy, HoldsForThreadsToo) {
 }
 
 // A repair that has to wait for another latch itself: what the thread waits for first is not lost.
-TEST(LatchDeathPolicy, ARepairMayWaitToo) {
-  const Instance instance;
-  platformtest::inProcess([] {
-    static SqloSpinLatch outer;
-    static SQLO_SLATCH_CAS32 inner;
-    static const auto expectWaiting = [](const void* latch, std::uint32_t typeId, std::uint32_t line) {
-      const SqloLatchTable& table = *sqloCurrentLatchTable();
-      EXPECT_TRUE(table.isWaiting);
-      EXPECT_EQ(table.waiting.latch, latch);
-      EXPECT_EQ(table.waiting.typeId, typeId);
-      EXPECT_EQ(table.waiting.line, line);
-      EXPECT_STREQ(table.waiting.file, "w");
-    };
-    const auto repairInner = [](void*, void* latch, std::uint32_t typeId) {
-      expectWaiting(latch, typeId, 2);
-      EXPECT_EQ(sqloCurrentLatchTable()->savedWaiting.latch, &outer);
-      return SqlzZrc{0};
-    };
-    const auto repairOuter = [](void*, void* latch, std::uint32_t typeId) {
-      EXPECT_EQ(inner.getExclusive("w", 2), 0);
-      inner.release();
-      expectWaiting(latch, typeId, 1);
-      return SqlzZrc{0};
-    };
-    outer.init(kType);
-    ASSERT_EQ(inner.init(kType + 1, 0), 0);
-    ASSERT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REPAIR, repairOuter, nullptr), 0);
-    ASSERT_EQ(sqloSetLatchDeathPolicy(kType + 1, SQLO_LATCH_DEATH_REPAIR, repairInner, nullptr), 0);
-    inThreads(1, [](unsigned) {
-      EXPECT_EQ(outer.captureLatch("ended", 1), 0);
-      EXPECT_EQ(inner.getExclusive("ended", 2), 0);
-    });
-    EXPECT_EQ(outer.captureLatch("w", 1), 0);
-    outer.releaseLatch();
-    EXPECT_FALSE(sqloCurrentLatchTable()->isWaiting);
+TEST_APART(LatchDeathPolicy, ARepairMayWaitToo) {
+  static SqloSpinLatch outer;
+  static SQLO_SLATCH_CAS32 inner;
+  static const auto expectWaiting = [](const void* latch, std::uint32_t typeId, std::uint32_t line) {
+    const SqloLatchTable& table = *sqloCurrentLatchTable();
+    EXPECT_TRUE(table.isWaiting);
+    EXPECT_EQ(table.waiting.latch, latch);
+    EXPECT_EQ(table.waiting.typeId, typeId);
+    EXPECT_EQ(table.waiting.line, line);
+    EXPECT_STREQ(table.waiting.file, "w");
+  };
+  const auto repairInner = [](void*, void* latch, std::uint32_t typeId) {
+    expectWaiting(latch, typeId, 2);
+    EXPECT_EQ(sqloCurrentLatchTable()->savedWaiting.latch, &outer);
+    return SqlzZrc{0};
+  };
+  const auto repairOuter = [](void*, void* latch, std::uint32_t typeId) {
+    EXPECT_EQ(inner.getExclusive("w", 2), 0);
+    inner.release();
+    expectWaiting(latch, typeId, 1);
+    return SqlzZrc{0};
+  };
+  outer.init(kType);
+  ASSERT_EQ(inner.init(kType + 1, 0), 0);
+  ASSERT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REPAIR, repairOuter, nullptr), 0);
+  ASSERT_EQ(sqloSetLatchDeathPolicy(kType + 1, SQLO_LATCH_DEATH_REPAIR, repairInner, nullptr), 0);
+  inThreads(1, [](unsigned) {
+    EXPECT_EQ(outer.captureLatch("ended", 1), 0);
+    EXPECT_EQ(inner.getExclusive("ended", 2), 0);
   });
+  EXPECT_EQ(outer.captureLatch("w", 1), 0);
+  outer.releaseLatch();
+  EXPECT_FALSE(sqloCurrentLatchTable()->isWaiting);
 }
 
 // Threads that try again and again, and others that wait, do not make a dead holder look alive.

@@ -1,5 +1,4 @@
 // What is noted of a thread's latches, what is said of those it leaves held, and the debug checks.
-#include <atomic>
 #include <cstring>
 
 #include "diag/pdlog_support.h"
@@ -11,52 +10,46 @@ namespace {
 
 using logtest::countOf;
 
-TEST(LatchTable, CountsHoldsByType) {
-  const Instance instance;
-  platformtest::inProcess([] {
-    SqloSpinLatch first;
-    SqloSpinLatch second;
-    first.init(kType);
-    second.init(kType);
-    EXPECT_EQ(sqloCurrentLatchTable(), nullptr);
-    EXPECT_EQ(first.captureLatch("a.cpp", 11), 0);
-    EXPECT_EQ(second.captureLatch("b.cpp", 22), 0);
-    const char* file = nullptr;
-    std::uint32_t line = 0;
-    const void* latch = nullptr;
-    EXPECT_EQ(sqloLatchHoldCount(kType, &file, &line, &latch), 2U);
-    EXPECT_STREQ(file, "b.cpp");
-    EXPECT_EQ(line, 22U);
-    EXPECT_EQ(latch, &second);
-    first.releaseLatch();  // not the newest
-    EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 1U);
-    EXPECT_EQ(second.tryCaptureLatch("c.cpp", 33), SQLO_NOTAVAIL);
-    EXPECT_EQ(sqloLatchHoldCount(kType, &file, nullptr, nullptr), 1U);
-    EXPECT_STREQ(file, "b.cpp") << "a capture that failed is no capture";
-    sqloxult_new_track_helper(&second, kType);
-    EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 0U);
-    EXPECT_EQ(sqloLatchHoldCount(SQLO_LATCH_TYPE_COUNT, nullptr, nullptr, nullptr), 0U);
-  });
+TEST_APART(LatchTable, CountsHoldsByType) {
+  SqloSpinLatch first;
+  SqloSpinLatch second;
+  first.init(kType);
+  second.init(kType);
+  EXPECT_EQ(sqloCurrentLatchTable(), nullptr);
+  EXPECT_EQ(first.captureLatch("a.cpp", 11), 0);
+  EXPECT_EQ(second.captureLatch("b.cpp", 22), 0);
+  const char* file = nullptr;
+  std::uint32_t line = 0;
+  const void* latch = nullptr;
+  EXPECT_EQ(sqloLatchHoldCount(kType, &file, &line, &latch), 2U);
+  EXPECT_STREQ(file, "b.cpp");
+  EXPECT_EQ(line, 22U);
+  EXPECT_EQ(latch, &second);
+  first.releaseLatch();  // not the newest
+  EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 1U);
+  EXPECT_EQ(second.tryCaptureLatch("c.cpp", 33), SQLO_NOTAVAIL);
+  EXPECT_EQ(sqloLatchHoldCount(kType, &file, nullptr, nullptr), 1U);
+  EXPECT_STREQ(file, "b.cpp") << "a capture that failed is no capture";
+  sqloxult_new_track_helper(&second, kType);
+  EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 0U);
+  EXPECT_EQ(sqloLatchHoldCount(SQLO_LATCH_TYPE_COUNT, nullptr, nullptr, nullptr), 0U);
 }
 
 // More latches than the list has room for: all are taken and given back, the counts stay right.
-TEST(LatchTable, TakesMoreLatchesThanItLists) {
-  const Instance instance;
-  platformtest::inProcess([] {
-    SQLO_SLATCH_CAS32 latches[100];
-    for (auto& latch : latches) {
-      ASSERT_EQ(latch.init(kType, 0), 0);
-      ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
-    }
-    EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 100U);
-    std::size_t listed = 0;
-    EXPECT_EQ(sqloListLatches(nullptr, 0, &listed), 0);
-    EXPECT_EQ(listed, 64U);
-    for (auto& latch : latches) latch.release();
-    EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 0U);
-    EXPECT_EQ(sqloListLatches(nullptr, 0, &listed), 0);
-    EXPECT_EQ(listed, 0U);
-  });
+TEST_APART(LatchTable, TakesMoreLatchesThanItLists) {
+  SQLO_SLATCH_CAS32 latches[100];
+  for (auto& latch : latches) {
+    ASSERT_EQ(latch.init(kType, 0), 0);
+    ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
+  }
+  EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 100U);
+  std::size_t listed = 0;
+  EXPECT_EQ(sqloListLatches(nullptr, 0, &listed), 0);
+  EXPECT_EQ(listed, 64U);
+  for (auto& latch : latches) latch.release();
+  EXPECT_EQ(sqloLatchHoldCount(kType, nullptr, nullptr, nullptr), 0U);
+  EXPECT_EQ(sqloListLatches(nullptr, 0, &listed), 0);
+  EXPECT_EQ(listed, 0U);
 }
 
 TEST(LatchTable, WhatAThreadLeavesHeldIsReported) {

@@ -1,8 +1,3 @@
-#include <atomic>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "diag/pdlog_support.h"
 #include "sync/latch_support.h"
 #include "veksys/latch_types.h"
@@ -89,26 +84,23 @@ TEST_P(SXULatches, ConvertToTheModeAskedFor) {
   });
 }
 
-TEST(SXULatch, UpgradesOnlyWhoHasUAndIsAlone) {
-  const Instance instance;
-  inProcess([] {
-    sqloSXULatch latch;
-    ASSERT_EQ(latch.init(kType, SQLO_LATCH_NO_X_STARVATION), 0);
-    ASSERT_EQ(latch.get(sqloSXULatch::U, __FILE__, __LINE__), 0);
-    onAnotherThread([&] {
-      EXPECT_EQ(tried(latch, sqloSXULatch::S), 0);
-      EXPECT_EQ(latch.tryUpgradeUToX(__FILE__, __LINE__), SQLO_LATCH_NOT_HELD) << "it is another thread's U";
-    });
-    EXPECT_EQ(latch.convert(sqloSXULatch::U, sqloSXULatch::S, __FILE__, __LINE__), 0);
-    onAnotherThread([&] {
-      ASSERT_EQ(latch.get(sqloSXULatch::U, __FILE__, __LINE__), 0);
-      EXPECT_EQ(latch.tryUpgradeUToX(__FILE__, __LINE__), SQLO_NOTAVAIL);
-      expectCompatible(latch, sqloSXULatch::U);
-      latch.release(sqloSXULatch::U);
-    });
-    latch.release(sqloSXULatch::S);
-    EXPECT_EQ(tried(latch, sqloSXULatch::X), 0);
+TEST_APART(SXULatch, UpgradesOnlyWhoHasUAndIsAlone) {
+  sqloSXULatch latch;
+  ASSERT_EQ(latch.init(kType, SQLO_LATCH_NO_X_STARVATION), 0);
+  ASSERT_EQ(latch.get(sqloSXULatch::U, __FILE__, __LINE__), 0);
+  onAnotherThread([&] {
+    EXPECT_EQ(tried(latch, sqloSXULatch::S), 0);
+    EXPECT_EQ(latch.tryUpgradeUToX(__FILE__, __LINE__), SQLO_LATCH_NOT_HELD) << "it is another thread's U";
   });
+  EXPECT_EQ(latch.convert(sqloSXULatch::U, sqloSXULatch::S, __FILE__, __LINE__), 0);
+  onAnotherThread([&] {
+    ASSERT_EQ(latch.get(sqloSXULatch::U, __FILE__, __LINE__), 0);
+    EXPECT_EQ(latch.tryUpgradeUToX(__FILE__, __LINE__), SQLO_NOTAVAIL);
+    expectCompatible(latch, sqloSXULatch::U);
+    latch.release(sqloSXULatch::U);
+  });
+  latch.release(sqloSXULatch::S);
+  EXPECT_EQ(tried(latch, sqloSXULatch::X), 0);
 }
 
 TEST(SXULatch, ReportsMisuse) {
@@ -171,33 +163,30 @@ TEST_P(SXULatches, KeepThreadsApart) {
   });
 }
 
-TEST(LongLatch, AdmitsOneAndWakesTheNext) {
-  const Instance instance;
-  inProcess([] {
-    EXPECT_EQ(sqloxlatchinit_app(nullptr, 0), SQLO_INV_PARM);
-    EXPECT_EQ(sqloxlatchterm_app(nullptr), SQLO_INV_PARM);
-    SQLO_XLONG_LATCH latch;
-    EXPECT_EQ(sqloxlatchinit_app(&latch, SQLO_LATCH_TYPE_COUNT), SQLO_INV_PARM);
-    ASSERT_EQ(sqloxlatchinit_app(&latch, SQLO_LT_SQLO_XLONG_LATCH__m_applicationLatch__latch), 0);
-    sqloxult_Post(&latch);
-    long counter = 0;
-    const auto work = [&](unsigned) {
-      for (int turn = 0; turn < 2000; ++turn) {
-        ASSERT_EQ(latch.get(__FILE__, __LINE__), 0);
-        ++counter;
-        if (turn % 100 == 0) sqloxult_Post(&latch);
-        latch.release();
-      }
-    };
-    vek::synctest::inThreads(3, work);
-    EXPECT_EQ(counter, 6000);
-    ASSERT_EQ(latch.tryGet(__FILE__, __LINE__), 0);
-    onAnotherThread([&] { EXPECT_EQ(latch.tryGet(__FILE__, __LINE__), SQLO_NOTAVAIL); });
-    latch.release();
-    char text[1024];
-    EXPECT_GT(latch.toString(text, sizeof text), 0U);
-    EXPECT_EQ(sqloxlatchterm_app(&latch), 0);
-  });
+TEST_APART(LongLatch, AdmitsOneAndWakesTheNext) {
+  EXPECT_EQ(sqloxlatchinit_app(nullptr, 0), SQLO_INV_PARM);
+  EXPECT_EQ(sqloxlatchterm_app(nullptr), SQLO_INV_PARM);
+  SQLO_XLONG_LATCH latch;
+  EXPECT_EQ(sqloxlatchinit_app(&latch, SQLO_LATCH_TYPE_COUNT), SQLO_INV_PARM);
+  ASSERT_EQ(sqloxlatchinit_app(&latch, SQLO_LT_SQLO_XLONG_LATCH__m_applicationLatch__latch), 0);
+  sqloxult_Post(&latch);
+  long counter = 0;
+  const auto work = [&](unsigned) {
+    for (int turn = 0; turn < 2000; ++turn) {
+      ASSERT_EQ(latch.get(__FILE__, __LINE__), 0);
+      ++counter;
+      if (turn % 100 == 0) sqloxult_Post(&latch);
+      latch.release();
+    }
+  };
+  vek::synctest::inThreads(3, work);
+  EXPECT_EQ(counter, 6000);
+  ASSERT_EQ(latch.tryGet(__FILE__, __LINE__), 0);
+  onAnotherThread([&] { EXPECT_EQ(latch.tryGet(__FILE__, __LINE__), SQLO_NOTAVAIL); });
+  latch.release();
+  char text[1024];
+  EXPECT_GT(latch.toString(text, sizeof text), 0U);
+  EXPECT_EQ(sqloxlatchterm_app(&latch), 0);
 }
 
 struct Together {

@@ -1,50 +1,15 @@
 // The example engine, run as a person runs it: its report, its exit code, and the trace it leaves behind.
-#include <dirent.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <regex>
 #include <set>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
 
-#include "veksys/codes.h"
-#include "veksys/diag/trace_control.h"
-#include "veksys/diag/trace_reader.h"
-#include "veksys/diag/trace_scope.h"
-#include "veksys/host.h"
+#include "tools/veksys_support.h"
 
+namespace vektest {
 namespace {
 
-constexpr unsigned kPatienceSeconds = 120;  // a run that takes longer hangs; slow enough for sanitizers
-
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path);
-  std::ostringstream out;
-  out << file.rdbuf();
-  return out.str();
-}
-
-struct Report {
-  int exitCode;  // -1: killed
-  std::string out;
-  std::string err;
-};
-
 // The number that the report prints behind a code's name: stanzas that met the condition.
-int countOf(const Report& report, const std::string& name) {
+int countOf(const Answer& report, const std::string& name) {
   std::smatch match;
   if (std::regex_search(report.out, match, std::regex(name + " +-?[0-9]+ +([0-9]+) ")) ||
       std::regex_search(report.out, match, std::regex(name + " ([0-9]+)")))
@@ -53,22 +18,9 @@ int countOf(const Report& report, const std::string& name) {
 }
 
 // The value of a line of the report, without the blanks around it.
-std::string valueOf(const Report& report, const std::string& label) {
+std::string valueOf(const Answer& report, const std::string& label) {
   std::smatch match;
   return std::regex_search(report.out, match, std::regex("\n  " + label + " +([^\n]*)")) ? match[1].str() : "";
-}
-
-// Runs `body` in a process of its own, with the test's instance.
-void inChild(const std::function<void()>& body) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::setenv("VEKINSTANCE", "demo", 1);
-    body();
-    ::_exit(::testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = -1;
-  ASSERT_EQ(child, ::waitpid(child, &status, 0));
-  EXPECT_EQ(0, status);
 }
 
 std::vector<pid_t> childrenOf(pid_t parent) {
@@ -77,52 +29,22 @@ std::vector<pid_t> childrenOf(pid_t parent) {
     const std::string stat = contentOf(entry.path() / "stat");
     const std::size_t end = stat.rfind(')');
     int ppid = 0;
-    char state = 0;
-    if (end != std::string::npos && std::sscanf(stat.c_str() + end + 1, " %c %d", &state, &ppid) == 2 && ppid == parent)
+    if (end != std::string::npos && std::sscanf(stat.c_str() + end + 1, " %*c %d", &ppid) == 1 && ppid == parent)
       children.push_back(std::stoi(entry.path().filename()));
   }
   return children;
 }
 
-class Demo : public ::testing::Test {
+class Demo : public CommandTest {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/veksys_demo_test.XXXXXX";
-    ASSERT_NE(nullptr, ::mkdtemp(pattern));
-    folder_ = pattern;
-    ::setenv("VEK_SHM_DIR", pattern, 1);
-    ::setenv("VEK_INSTANCE_DIR", pattern, 1);
-    ::unsetenv("VEKINSTANCE");
-  }
-  void TearDown() override { std::filesystem::remove_all(folder_); }
-
   std::string fileOf(const std::string& text) {
-    std::ofstream(folder_ + "/input") << text;
-    return folder_ + "/input";
+    std::ofstream(instance_.path("input")) << text;
+    return instance_.path("input");
   }
-
-  pid_t start(const std::vector<std::string>& arguments) {
-    const pid_t process = ::fork();
-    if (process != 0) return process;
-    std::vector<char*> argv = {const_cast<char*>("veksys_demo")};
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    ::dup2(::open((folder_ + "/out").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600), STDOUT_FILENO);
-    ::dup2(::open((folder_ + "/err").c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600), STDERR_FILENO);
-    ::alarm(kPatienceSeconds);
-    ::execv(VEKSYS_TEST_BIN "/veksys_demo", argv.data());
-    ::_exit(127);
+  static pid_t startDemo(const std::vector<std::string>& arguments) {
+    return startProgram(VEKSYS_TEST_BIN "/veksys_demo", arguments);
   }
-
-  Report finish(pid_t process) {
-    int status = -1;
-    ::waitpid(process, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentOf(folder_ + "/out"), contentOf(folder_ + "/err")};
-  }
-
-  Report runDemo(const std::vector<std::string>& arguments) { return finish(start(arguments)); }
-
-  std::string folder_;
+  static Answer runDemo(const std::vector<std::string>& arguments) { return answerOf(startDemo(arguments)); }
 };
 
 std::string stanza(const std::string& name, const std::string& rest = "", const std::string& version = "Version: 1\n") {
@@ -144,15 +66,10 @@ std::string oddFile() {
 }
 
 TEST_F(Demo, FindsEveryOddCondition) {
-  const Report report = runDemo({fileOf(oddFile() +
-                                        stanza("huge",
-                                               [] {
-                                                 std::string lines;
-                                                 for (int i = 0; i < 30'000; ++i) lines += " continued\n";
-                                                 return "Description: long\n" + lines;
-                                               }()) +
-                                        stanza("last"))});
-  EXPECT_EQ(0, report.exitCode) << report.err;
+  std::string huge = "Description: long\n";
+  for (int i = 0; i < 30'000; ++i) huge += " continued\n";
+  const Answer report = runDemo({fileOf(oddFile() + stanza("huge", huge) + stanza("last"))});
+  EXPECT_EQ(0, report.status) << report.err;
   const std::pair<const char*, int> expected[] = {
       {"SQLEU_COMMAND_FILE_SYNTAX", 1},  {"SQLUDI_FIELD_UNDEFINED", 1},       {"SQLDXE_RECORD_REJECTED_NULL", 1},
       {"SQLUDI_FIELD_DUPLICATE", 1},     {"SQLI_KEY_DUPLICATE", 1},           {"SQLDXE_FIELD_NOT_NUMERIC", 1},
@@ -161,10 +78,10 @@ TEST_F(Demo, FindsEveryOddCondition) {
       {"SQLI_INDEX_PAGES_EXHAUSTED", 0},
   };
   for (const auto& [name, count] : expected) EXPECT_EQ(count, countOf(report, name)) << name << report.out;
-  EXPECT_EQ(0U, valueOf(report, "Packages").find("18   3.0 MiB installed")) << report.out;
-  EXPECT_EQ(0U, valueOf(report, "libs").find("2      3.0 MiB")) << report.out;
-  EXPECT_EQ(0U, valueOf(report, "Dependencies").find("verified for every package"));
-  EXPECT_NE(std::string::npos, report.out.find("gamma, line 18: absent-three / xi, line ")) << report.out;
+  EXPECT_TRUE(valueOf(report, "Packages").starts_with("18   3.0 MiB installed")) << report.out;
+  EXPECT_TRUE(valueOf(report, "libs").starts_with("2      3.0 MiB")) << report.out;
+  EXPECT_TRUE(valueOf(report, "Dependencies").starts_with("verified for every package"));
+  EXPECT_TRUE(holds(report.out, "gamma, line 18: absent-three / xi, line ")) << report.out;
   EXPECT_LT(std::count(report.out.begin(), report.out.end(), '\n'), 60);
 }
 
@@ -183,18 +100,20 @@ TEST_F(Demo, FoldsTheFirstErrorOfARequest) {
       {laterError + error + warning, "-2048", "58004", "d | line 5 | no colon", "0x803405F7"},
   };
   for (const auto& c : cases) {
-    const Report report = runDemo({"--workers", "1", fileOf(c.file)});
-    EXPECT_EQ(0, report.exitCode);
+    const Answer report = runDemo({"--workers", "1", fileOf(c.file)});
+    EXPECT_EQ(0, report.status);
     EXPECT_EQ(c.sqlcode, valueOf(report, "sqlcode").substr(0, valueOf(report, "sqlcode").find(' '))) << report.out;
     EXPECT_EQ(c.state, valueOf(report, "sqlstate"));
     EXPECT_EQ(c.tokens, valueOf(report, "sqlerrmc"));
-    EXPECT_EQ(0U, valueOf(report, "sqlerrd").find(c.rc)) << report.out;
+    EXPECT_TRUE(valueOf(report, "sqlerrd").starts_with(c.rc)) << report.out;
   }
 }
 
 TEST_F(Demo, LeavesATraceThatCanBeReadAfterwards) {
-  ASSERT_EQ(0, runDemo({"--workers", "2", fileOf(oddFile())}).exitCode);
-  inChild([] {
+  ::unsetenv("VEKINSTANCE");
+  ASSERT_EQ(0, runDemo({"--workers", "2", fileOf(oddFile())}).status);
+  ::setenv("VEKINSTANCE", "demo", 1);  // what it is called when nobody says
+  inProcess([] {
     ASSERT_EQ(0, vekInstanceStatus());  // names that other processes registered are in the region
     SqltTraceReader reader;
     ASSERT_EQ(0, reader.openInstance());
@@ -221,7 +140,7 @@ TEST_F(Demo, LeavesATraceThatCanBeReadAfterwards) {
 }
 
 TEST_F(Demo, LeavesTheSettingsOfOthersAlone) {
-  inChild([] {
+  inProcess([] {
     SqltTraceSettings settings = {};
     settings.options = SQLT_OPTION_COMPONENTS;
     settings.selection = SQLT_SELECT_MASK_BYTES;
@@ -230,9 +149,9 @@ TEST_F(Demo, LeavesTheSettingsOfOthersAlone) {
     EXPECT_EQ(0, sqltTraceFacilityCreate(SQLT_TRACE_SIZE_DEFAULT));
     EXPECT_EQ(0, sqltSetTraceFlags(&settings));
   });
-  const Report report = runDemo({fileOf(stanza("a"))});
-  EXPECT_NE(std::string::npos, valueOf(report, "Trace").find("other components are being traced")) << report.out;
-  inChild([] {
+  const Answer report = runDemo({fileOf(stanza("a"))});
+  EXPECT_TRUE(holds(valueOf(report, "Trace"), "other components are being traced")) << report.out;
+  inProcess([] {
     sqltinit();
     EXPECT_EQ(SQLT_TRACE_ENTRY, sqltTraceWord(0x0F));
     EXPECT_EQ(0U, sqltTraceWord(0x05));
@@ -240,7 +159,7 @@ TEST_F(Demo, LeavesTheSettingsOfOthersAlone) {
 }
 
 TEST_F(Demo, GoesOnWithoutWorkersThatWereKilled) {
-  const std::string fifo = folder_ + "/pipe";
+  const std::string fifo = instance_.path("pipe");
   std::string block;
   for (int i = 0; block.size() < 100'000; ++i) block += stanza("p" + std::to_string(i));
   const struct {
@@ -249,7 +168,7 @@ TEST_F(Demo, GoesOnWithoutWorkersThatWereKilled) {
   } cases[] = {{1, "SQLE_AGENT_PARTNER_PART_DOWN"}, {3, "SQLE_SUBAGENTS_EXHAUSTED"}};
   for (const auto& c : cases) {
     ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
-    const pid_t process = start({fifo});
+    const pid_t process = startDemo({fifo});
     std::ofstream pipe(fifo);
     for (int i = 0; i < 10; ++i) pipe << block;
     pipe.flush();
@@ -258,11 +177,11 @@ TEST_F(Demo, GoesOnWithoutWorkersThatWereKilled) {
     for (std::size_t i = 0; i < c.killed; ++i) ::kill(workers[i], SIGKILL);
     for (int i = 0; i < 40; ++i) pipe << block;
     pipe.close();
-    const Report report = finish(process);
-    EXPECT_EQ(1, report.exitCode) << report.err;
-    EXPECT_NE(std::string::npos, report.out.find("killed by signal 9 (SIGKILL)")) << report.out;
-    EXPECT_NE(std::string::npos, valueOf(report, "sqlerrd").find(c.code)) << report.out;
-    EXPECT_EQ(0U, valueOf(report, "Dependencies").find(c.killed == 1 ? "" : "not verified")) << report.out;
+    const Answer report = answerOf(process);
+    EXPECT_EQ(1, report.status) << report.err;
+    EXPECT_TRUE(holds(report.out, "killed by signal 9 (SIGKILL)")) << report.out;
+    EXPECT_TRUE(holds(valueOf(report, "sqlerrd"), c.code)) << report.out;
+    EXPECT_TRUE(valueOf(report, "Dependencies").starts_with(c.killed == 1 ? "" : "not verified")) << report.out;
     ::unlink(fifo.c_str());
   }
 }
@@ -272,26 +191,27 @@ TEST_F(Demo, RefusesWrongUseInASentence) {
       {{"--frobnicate"}, "not expected: --frobnicate"},
       {{"--workers", "0"}, "accepted: [FILE] [--workers 1..16]"},
       {{"--threads", "many"}, "--threads"},
-      {{folder_ + "/absent"}, "No such file or directory. Name a file of `Key: value` stanzas"},
-      {{folder_}, "Is a directory"},
+      {{instance_.path("absent")}, "No such file or directory. Name a file of `Key: value` stanzas"},
+      {{instance_.directory()}, "Is a directory"},
       {{fileOf(""), "second"}, "not expected: second"},
   };
   for (const auto& [arguments, sentence] : cases) {
-    const Report report = runDemo(arguments);
-    EXPECT_EQ(2, report.exitCode) << arguments[0];
-    EXPECT_NE(std::string::npos, report.err.find(sentence)) << report.err;
+    const Answer report = runDemo(arguments);
+    EXPECT_EQ(2, report.status) << arguments[0];
+    EXPECT_TRUE(holds(report.err, sentence)) << report.err;
     EXPECT_EQ("", report.out);
   }
   ::setenv("VEKINSTANCE", "a/b", 1);
-  EXPECT_EQ(2, runDemo({fileOf("")}).exitCode);
+  EXPECT_EQ(2, runDemo({fileOf("")}).status);
 }
 
 TEST_F(Demo, ReadsWhatHoldsNoStanzas) {
   for (const char* file : {"/dev/null", VEKSYS_TEST_BIN "/veksys_demo"}) {
-    const Report report = runDemo({"--keep-trace-settings", file});
-    EXPECT_EQ(0, report.exitCode) << report.err;
-    EXPECT_EQ(0U, valueOf(report, "Trace").find("none, and none was asked for")) << report.out;
+    const Answer report = runDemo({"--keep-trace-settings", file});
+    EXPECT_EQ(0, report.status) << report.err;
+    EXPECT_TRUE(valueOf(report, "Trace").starts_with("none, and none was asked for")) << report.out;
   }
 }
 
 }  // namespace
+}  // namespace vektest

@@ -6,10 +6,7 @@
 namespace vektest {
 namespace {
 
-class Control : public ::testing::Test {
- protected:
-  TraceInstance instance_;
-};
+using Control = CommandTest;
 
 // The trace words as another process of the instance sees them.
 std::uint32_t wordOf(std::uint32_t component) {
@@ -147,7 +144,7 @@ TEST_F(Control, RefusesInstancesItMayNotLookAt) {
 // The running instance's shared memory claims another layout while a process lives in it.
 TEST_F(Control, SaysWhenTheLayoutIsAnother) {
   const Shared<std::atomic<int>> stage;
-  const pid_t living = startProcess([&] {
+  const pid_t living = start([&] {
     sqltinit();
     stage->store(1);
     while (stage->load() != 2) ::usleep(1000);
@@ -161,7 +158,7 @@ TEST_F(Control, SaysWhenTheLayoutIsAnother) {
   for (const char* subcommand : {"status", "on", "format"})
     expectSentence(veksys({"trace", subcommand}), 1, "another layout version");
   stage->store(2);
-  waitFor(living);
+  finish(living);
 }
 
 TEST_F(Control, MistakesGetOneSentence) {
@@ -219,17 +216,10 @@ TEST_F(Control, EndsQuietlyWhenItsReaderGoes) {
   int ends[2];
   ASSERT_EQ(::pipe(ends), 0);
   ::close(ends[0]);
-  const std::string errors = instance_.path("errors");
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(ends[1], 1);
-    ::dup2(::open(errors.c_str(), O_WRONLY | O_CREAT, 0600), 2);
-    ::execl(VEKSYS_TEST_BIN "/veksys", "veksys", "trace", "flow", nullptr);
-    ::_exit(127);
-  }
+  const Answer answer = answerOf(startProgram(VEKSYS_TEST_BIN "/veksys", {"trace", "flow"}, ends[1]));
   ::close(ends[1]);
-  EXPECT_EQ(waitFor(child), 0);
-  EXPECT_EQ(contentOf(errors), "");
+  EXPECT_EQ(answer.status, 0);
+  EXPECT_EQ(answer.err, "");
 }
 
 }  // namespace

@@ -36,11 +36,11 @@ std::string threadName(const LatchSight& sight) { return std::to_string(sight.en
 
 std::string edgesOf(const LatchGraph& graph, const std::vector<LatchSight>& sights) {
   std::string text;
-  for (const LatchEdge& edge : graph.edges) {
-    if (!text.empty()) text += ' ';
-    text += threadName(sights[edge.waiter]);
+  for (const auto& [waiter, blocker] : graph.edges) {
+    text += text.empty() ? "" : " ";
+    text += threadName(sights[waiter]);
     text += '>';
-    text += threadName(sights[edge.blocker]);
+    text += threadName(sights[blocker]);
   }
   return text;
 }
@@ -146,38 +146,12 @@ TEST(LatchLooks, TellHowLongAndWhatStaysTrue) {
 
 // ---- real processes ---------------------------------------------------------------------------------------------
 
-using vek::platformtest::Baton;
-using vek::platformtest::finishKilled;
-
 constexpr std::uint16_t kType = SQLO_LT_SQLB_PAGE_HASH__bucketLatch__latch;
 
-class LatchCommand : public ::testing::Test {
+class LatchCommand : public LivingProcesses {
  protected:
-  ~LatchCommand() override {
-    for (const pid_t process : processes_) finishKilled(process);
-  }
-
-  // A process that does `body`, says so and waits for its end.
-  template <class Body>
-  pid_t live(Body body) {
-    processes_.push_back(vek::platformtest::start([&] {
-      body();
-      done_.give();
-      for (;;) ::pause();
-    }));
-    return processes_.back();
-  }
-  // One that ends up waiting in `body` after it has said so.
-  template <class Body>
-  pid_t wait(Body body) {
-    return live([&] {
-      done_.give();
-      body();
-    });
-  }
-  void end(pid_t process) {
-    finishKilled(process);
-    std::erase(processes_, process);
+  void initialise() {
+    for (SQLO_SLATCH_CAS32& latch : *latches_) EXPECT_EQ(latch.init(kType, SQLO_LATCH_BETWEEN_PROCESSES), 0);
   }
 
   // The picture once so many threads wait.
@@ -194,10 +168,7 @@ class LatchCommand : public ::testing::Test {
     return json(veksys({"latch", "--json"}).out);
   }
 
-  TraceInstance instance_;
   Shared<std::array<SQLO_SLATCH_CAS32, 4>> latches_;
-  Baton done_;
-  std::vector<pid_t> processes_;
 };
 
 int threadOf(const rapidjson::Value& picture, const rapidjson::Value& id) {
@@ -209,16 +180,14 @@ int threadOf(const rapidjson::Value& picture, const rapidjson::Value& id) {
 TEST_F(LatchCommand, ShowsStoppedAndDeadHoldersAndWhoWaitsForThem) {
   expectSentence(veksys({"latch"}), 1, "no process of it has run here");
   const pid_t stopped = live([&] {
-    for (SQLO_SLATCH_CAS32& latch : *latches_) EXPECT_EQ(latch.init(kType, SQLO_LATCH_BETWEEN_PROCESSES), 0);
+    initialise();
     EXPECT_EQ((*latches_)[0].getExclusive("pool/fix.cpp", 812), 0);
   });
-  ASSERT_TRUE(done_.take());
   ::kill(stopped, SIGSTOP);
   ASSERT_TRUE(waitUntilStopped(stopped));
   EXPECT_EQ(veksys({"latch"}).status, 0) << "a stopped holder that nobody waits for is no problem";
 
-  const pid_t waiting = wait([&] { (void)(*latches_)[0].getShared("pool/read.cpp", 99); });
-  ASSERT_TRUE(done_.take());
+  const pid_t waiting = livingIn([&] { (void)(*latches_)[0].getShared("pool/read.cpp", 99); });
   const auto picture = pictureWith(1, 0);
   const auto edges = picture["edges"].GetArray();
   ASSERT_EQ(edges.Size(), 1U);
@@ -242,7 +211,6 @@ TEST_F(LatchCommand, ShowsStoppedAndDeadHoldersAndWhoWaitsForThem) {
   EXPECT_FALSE(holds(text.out, "\x1b")) << "no colours but on a terminal";
 
   const pid_t dead = live([&] { EXPECT_EQ((*latches_)[1].getExclusive("pool/write.cpp", 7), 0); });
-  ASSERT_TRUE(done_.take());
   end(dead);
   const auto after = pictureWith(1, 1);
   ASSERT_EQ(after["dead_holders"].Size(), 1U);
@@ -260,21 +228,19 @@ TEST_F(LatchCommand, ShowsStoppedAndDeadHoldersAndWhoWaitsForThem) {
 TEST_F(LatchCommand, NamesThreadsThatWaitForEachOther) {
   Baton held;
   Baton go;
-  const pid_t one = wait([&] {
-    for (SQLO_SLATCH_CAS32& latch : *latches_) EXPECT_EQ(latch.init(kType, SQLO_LATCH_BETWEEN_PROCESSES), 0);
+  const pid_t one = livingIn([&] {
+    initialise();
     EXPECT_EQ((*latches_)[2].getExclusive("a.cpp", 1), 0);
     held.give();
     EXPECT_TRUE(go.take());
     (void)(*latches_)[3].getExclusive("a.cpp", 2);
   });
-  ASSERT_TRUE(done_.take());
   ASSERT_TRUE(held.take());
-  const pid_t two = wait([&] {
+  const pid_t two = livingIn([&] {
     EXPECT_EQ((*latches_)[3].getExclusive("b.cpp", 1), 0);
     go.give();
     (void)(*latches_)[2].getShared("b.cpp", 2);
   });
-  ASSERT_TRUE(done_.take());
   const auto picture = pictureWith(2, 1);
   ASSERT_EQ(picture["cycles"].Size(), 1U);
   const auto& waits = picture["cycles"][0]["waits"];

@@ -1,5 +1,4 @@
 // veksys log, run as a person runs it, over files written byte by byte.
-#include <poll.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -63,7 +62,7 @@ Probes upTo(int from, int to) {
   return probes;
 }
 
-class Log : public ::testing::Test {
+class Log : public CommandTest {
  protected:
   std::string write(const std::string& name, const std::string& content) {
     const std::string path = instance_.path(name.c_str());
@@ -86,8 +85,6 @@ class Log : public ::testing::Test {
     arguments.emplace_back("--json");
     return probesIn(log(arguments));
   }
-
-  TraceInstance instance_;
 };
 
 // ---- what is shown ----------------------------------------------------------------------------------------------
@@ -466,19 +463,6 @@ TEST_F(Log, TailIsTheEndOfAll) {
 
 // ---- following and terminals ------------------------------------------------------------------------------------
 
-// The command with its standard output at `output`, and standard error at `errors`.
-pid_t startCommand(std::vector<std::string> arguments, int output, int errors = 2) {
-  const pid_t child = ::fork();
-  if (child != 0) return child;
-  ::dup2(output, 1);
-  ::dup2(errors, 2);
-  std::vector<char*> argv = {const_cast<char*>("veksys"), const_cast<char*>("log")};
-  for (std::string& each : arguments) argv.push_back(each.data());
-  argv.push_back(nullptr);
-  ::execv(VEKSYS_TEST_BIN "/veksys", argv.data());
-  ::_exit(127);
-}
-
 void append(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary | std::ios::app) << text;
 }
@@ -489,10 +473,9 @@ TEST_F(Log, FollowsAcrossRotation) {
   const std::string first = write("diag/vekdiag.1.log", text.substr(0, one));
   int ends[2];
   ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  const int errors = ::open(write("errors", "").c_str(), O_WRONLY | O_CLOEXEC);
-  const pid_t child = startCommand({instance_.path("diag"), "--follow", "--csv", "--limit", "10"}, ends[1], errors);
+  const pid_t child = startProgram(VEKSYS_TEST_BIN "/veksys",
+                                   {"log", instance_.path("diag"), "--follow", "--csv", "--limit", "10"}, ends[1]);
   ::close(ends[1]);
-  ::close(errors);
   FILE* shown = ::fdopen(ends[0], "r");
   const auto expectProbe = [&](int probe) {
     char line[1024];
@@ -527,27 +510,27 @@ TEST_F(Log, FollowsAcrossRotation) {
   append(last, recordAt(logOf(numbered(9, 9)).size(), {10}));
   expectProbe(10);
   std::fclose(shown);
-  EXPECT_EQ(WEXITSTATUS(waitFor(child)), 0);
-  EXPECT_EQ(contentOf(instance_.path("errors")),
+  EXPECT_EQ(finish(child), 0);
+  EXPECT_EQ(contentOf(streamOf("err")),
             "veksys: 2 files in front of \"" + last + "\" went with rotation before they could be read.\n");
 }
 
 // What a terminal gets for a command.
-std::string onTerminal(const std::vector<std::string>& arguments) {
+std::string onTerminal(const std::string& path, const char* shape) {
   const int terminal = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
   EXPECT_EQ(::grantpt(terminal), 0);
   EXPECT_EQ(::unlockpt(terminal), 0);
   const int other = ::open(::ptsname(terminal), O_RDWR | O_NOCTTY | O_CLOEXEC);
   ::setenv("TERM", "xterm", 1);
   ::unsetenv("NO_COLOR");
-  const pid_t child = startCommand(arguments, other);
+  const pid_t child = startProgram(VEKSYS_TEST_BIN "/veksys", {"log", path, shape}, other);
   ::close(other);
   std::string shown;
   char chunk[4096];
   for (ssize_t count = 0; (count = ::read(terminal, chunk, sizeof chunk)) > 0;)
     shown.append(chunk, static_cast<std::size_t>(count));
   ::close(terminal);
-  waitFor(child);
+  finish(child);
   return shown;
 }
 
@@ -555,17 +538,17 @@ TEST_F(Log, TerminalGetsColoursButNoControlsOfTexts) {
   const std::string path = write("a", logOf({{1, "Severe", "2025-11-21-10.00.00.000000", "+000", 1, "", "c, f\x1b[2J",
                                               "MESSAGE : \x1b]0;title\x07\x9b 2J\r\n"}}));
   for (const char* shape : {"--limit=9", "--oneline", "--fold", "--count-by=function", "--csv", "--json"}) {
-    const std::string shown = onTerminal({path, shape});
+    const std::string shown = onTerminal(path, shape);
     EXPECT_FALSE(holds(shown, "\x1b]0;") || holds(shown, "\x1b[2J") || holds(shown, "\x9b")) << shape << shown;
   }
-  EXPECT_TRUE(holds(onTerminal({path, "--oneline"}), "\x1b[1;31mSevere"));
+  EXPECT_TRUE(holds(onTerminal(path, "--oneline"), "\x1b[1;31mSevere"));
   EXPECT_FALSE(holds(log({path, "--oneline"}).out, "\x1b"));
 }
 
 // ---- lnav -------------------------------------------------------------------------------------------------------
 
 // The rows that lnav finds in a log with the format file that is installed.
-std::vector<std::string> rowsOfLnav(const TraceInstance& instance, const std::string& path) {
+std::vector<std::string> rowsOfLnav(const Instance& instance, const std::string& path) {
   const std::string formats = instance.path("lnav/formats/veksys");
   std::filesystem::create_directories(formats);
   std::filesystem::copy(VEKSYS_TEST_SOURCE "/../tools/veksys/veksys.lnav.json", formats + "/veksys.lnav.json",

@@ -12,8 +12,6 @@ namespace vektest {
 namespace {
 
 using namespace veksys;
-using vek::platformtest::Baton;
-using vek::platformtest::finishKilled;
 
 constexpr std::uint32_t kMb = 1024 * 1024;
 
@@ -104,38 +102,13 @@ void allocate(SQLO_MEM_POOL* pool, std::uint32_t bytes) {
   EXPECT_EQ(sqloMemPoolAllocate(pool, bytes, 0, __FILE__, __LINE__, &block), 0);
 }
 
-class MemoryCommand : public ::testing::Test {
- protected:
-  ~MemoryCommand() override {
-    for (const pid_t process : processes_) finishKilled(process);
-  }
+using MemoryCommand = LivingProcesses;
 
-  // A process that does `body`, says so and waits for its end.
-  template <class Body>
-  pid_t live(Body body) {
-    processes_.push_back(vek::platformtest::start([&] {
-      body();
-      done_.give();
-      for (;;) ::pause();
-    }));
-    EXPECT_TRUE(done_.take());
-    return processes_.back();
-  }
-  void end(pid_t process) {
-    finishKilled(process);
-    std::erase(processes_, process);
-  }
-
-  static rapidjson::Document picture() {
-    const Answer answer = veksys({"memory", "--json"});
-    EXPECT_EQ(answer.status, 0) << answer.out << answer.err;
-    return json(answer.out);
-  }
-
-  TraceInstance instance_;
-  Baton done_;
-  std::vector<pid_t> processes_;
-};
+rapidjson::Document pictureNow() {
+  const Answer answer = veksys({"memory", "--json"});
+  EXPECT_EQ(answer.status, 0) << answer.out << answer.err;
+  return json(answer.out);
+}
 
 const rapidjson::Value* processIn(const rapidjson::Document& picture, pid_t number) {
   for (const auto& process : picture["processes"].GetArray())
@@ -186,7 +159,7 @@ TEST_F(MemoryCommand, ShowsRunningStoppedAndDeadProcesses) {
   const pid_t dead = live([] { allocate(makePool(makeSet(SQLO_SET_PRIVATE, "lost", kMb), SQLO_POOL_FLH), 100); });
   end(dead);
 
-  const auto seen = picture();
+  const auto seen = pictureNow();
   EXPECT_TRUE(seen["adds_up"].GetBool());
   ASSERT_EQ(seen["processes"].Size(), 3U);
   const std::pair<pid_t, const char*> states[] = {{keeper, "running"}, {stopped, "stopped"}, {dead, "dead"}};
@@ -221,7 +194,7 @@ TEST_F(MemoryCommand, ShowsRunningStoppedAndDeadProcesses) {
   // The shared set and its pools stay when who made them has died; the next process that makes a set forgets the dead.
   end(keeper);
   live([] { makeSet(SQLO_SET_PRIVATE, "", kMb); });
-  const auto after = picture();
+  const auto after = pictureNow();
   EXPECT_EQ(processIn(after, dead) == nullptr || (*processIn(after, dead))["sets"].Size() == 0, true);
   ASSERT_EQ(after["shared_sets"].Size(), 1U);
   EXPECT_EQ(after["shared_sets"][0]["pools"].Size(), 1U);
@@ -229,15 +202,13 @@ TEST_F(MemoryCommand, ShowsRunningStoppedAndDeadProcesses) {
 
 TEST_F(MemoryCommand, ShowsWhatGrows) {
   live([] {});
-  processes_.push_back(vek::platformtest::start([&] {
+  livingIn([] {
     SQLO_MEM_POOL* pool = makePool(makeSet(SQLO_SET_PRIVATE, "leaky", 64 * kMb), SQLO_POOL_XMLCACHEH);
-    done_.give();
     for (unsigned round = 0;; ++round) {
       if (round < 900) allocate(pool, 60'000);
       ::usleep(5000);
     }
-  }));
-  ASSERT_TRUE(done_.take());
+  });
   const Answer stream =
       runProgram("sh", {"-c", "\"$0\" memory --json --watch 20ms | head -n 4", VEKSYS_TEST_BIN "/veksys"});
   const auto looks = jsonLines(stream.out);

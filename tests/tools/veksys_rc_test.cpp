@@ -5,10 +5,7 @@
 namespace vektest {
 namespace {
 
-class Rc : public ::testing::Test {
- protected:
-  TraceInstance instance_;
-};
+using Rc = CommandTest;
 
 // The hex of every code that an answer explains or lists.
 std::vector<std::string> codesIn(const Answer& answer) {

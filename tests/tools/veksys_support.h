@@ -1,27 +1,13 @@
 // What tests of the command share: running it as a person does, and a small traced program to look at.
 #pragma once
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <rapidjson/document.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <regex>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "platform/trace_support.h"
 #include "veksys/codes.h"
-#include "veksys/diag/trace_control.h"
 #include "veksys/diag/trace_scope.h"
-#include "veksys/host.h"
 
 namespace vektest {
 
@@ -31,33 +17,39 @@ struct Answer {
   std::string err;
 };
 
-inline std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
-
 inline std::string directoryOfInstance() { return ::getenv("VEK_SHM_DIR"); }
 
-// Runs a program, looked for in the PATH, with these arguments and this standard input. Status 127: there is none.
+inline std::string streamOf(const char* name) { return directoryOfInstance() + "/run." + name; }
+
+// Starts a program, looked for in the PATH, with these arguments. A stream that is not given is a file of the
+// instance's directory. Status 127: there is none.
+inline pid_t startProgram(const std::string& program, const std::vector<std::string>& arguments, int output = -1,
+                          int errors = -1) {
+  const pid_t child = ::fork();
+  if (child != 0) return child;
+  const auto open = [](const char* name) {
+    return ::open(streamOf(name).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  };
+  ::dup2(::open(streamOf("in").c_str(), O_RDONLY | O_CLOEXEC), 0);
+  ::dup2(output < 0 ? open("out") : output, 1);
+  ::dup2(errors < 0 ? open("err") : errors, 2);
+  ::alarm(240);
+  std::vector<char*> argv = {const_cast<char*>(program.c_str())};
+  for (const std::string& each : arguments) argv.push_back(const_cast<char*>(each.c_str()));
+  argv.push_back(nullptr);
+  ::execvp(program.c_str(), argv.data());
+  ::_exit(127);
+}
+
+inline Answer answerOf(pid_t program) {
+  const int end = finish(program);
+  return {end < 0 ? -1 : end, contentOf(streamOf("out")), contentOf(streamOf("err"))};
+}
+
 inline Answer runProgram(const std::string& program, const std::vector<std::string>& arguments,
                          const std::string& input = "") {
-  const std::string base = directoryOfInstance() + "/run.";
-  std::ofstream(base + "in", std::ios::binary) << input;
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(::open((base + "in").c_str(), O_RDONLY), 0);
-    ::dup2(::open((base + "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 1);
-    ::dup2(::open((base + "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-    std::vector<char*> argv = {const_cast<char*>(program.c_str())};
-    for (const std::string& each : arguments) argv.push_back(const_cast<char*>(each.c_str()));
-    argv.push_back(nullptr);
-    ::execvp(program.c_str(), argv.data());
-    ::_exit(127);
-  }
-  const int status = waitFor(child);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentOf(base + "out"), contentOf(base + "err")};
+  std::ofstream(streamOf("in"), std::ios::binary) << input;
+  return answerOf(startProgram(program, arguments));
 }
 
 // Runs the command.
@@ -71,8 +63,6 @@ inline std::vector<std::string> linesOf(const std::string& text) {
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
 }
-
-inline bool holds(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 inline rapidjson::Document json(const std::string& text) {
   rapidjson::Document document;
@@ -95,6 +85,55 @@ inline void expectSentence(const Answer& answer, int status, const std::string& 
   EXPECT_TRUE(holds(answer.err, part)) << answer.err << "\nshould tell: " << part;
 }
 
+// What runs the command on an instance of its own.
+class CommandTest : public ::testing::Test {
+ protected:
+  Instance instance_;
+};
+
+// Beside processes that live until the test ends them, or ends.
+class LivingProcesses : public CommandTest {
+ protected:
+  ~LivingProcesses() override {
+    for (const pid_t process : processes_) finishKilled(process);
+  }
+
+  // A process that has done `body`.
+  template <class Body>
+  pid_t live(Body body) {
+    return startLiving([&] {
+      body();
+      done_.give();
+    });
+  }
+  // One that ends up waiting in `body`, or busy with it.
+  template <class Body>
+  pid_t livingIn(Body body) {
+    return startLiving([&] {
+      done_.give();
+      body();
+    });
+  }
+  void end(pid_t process) {
+    finishKilled(process);
+    std::erase(processes_, process);
+  }
+
+ private:
+  template <class Body>
+  pid_t startLiving(Body body) {
+    processes_.push_back(start([&] {
+      body();
+      for (;;) ::pause();
+    }));
+    EXPECT_TRUE(done_.take());
+    return processes_.back();
+  }
+
+  Baton done_;
+  std::vector<pid_t> processes_;
+};
+
 // ---- a traced program -------------------------------------------------------------------------------------------
 
 inline constexpr EcfFunctionId kServe = ecfFunctionId(0x05, 900);
@@ -103,11 +142,10 @@ inline constexpr EcfFunctionId kFind = ecfFunctionId(0x09, 902);  // nobody name
 
 inline void nameFunctions() {
   static const VekFunctionName names[] = {{kServe, "serve"}, {kRead, "readPage"}};
-  VekHost host = {};
-  host.size = sizeof host;
-  host.functionNames = names;
-  host.functionNameCount = 2;
-  EXPECT_EQ(vekHostInstall(&host), 0);
+  installHost([](VekHost& host) {
+    host.functionNames = names;
+    host.functionNameCount = std::size(names);
+  });
 }
 
 inline int find(int key) {

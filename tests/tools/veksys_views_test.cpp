@@ -12,10 +12,8 @@
 namespace vektest {
 namespace {
 
-class Views : public ::testing::Test {
+class Views : public CommandTest {
  protected:
-  TraceInstance instance_;
-
   std::string dump() {
     std::string file = instance_.path("dump");
     EXPECT_EQ(veksys({"trace", "dump", file}).status, 0);
@@ -96,8 +94,8 @@ TEST_F(Views, MergedFlowInterleavesThreadsByTime) {
     const SqltTraceSettings everything = {};
     sqltSetTraceFlags(&everything);
     pdtEntry(kServe);
-    const pid_t other = startProcess([] { find(1); });
-    EXPECT_EQ(waitFor(other), 0);
+    const pid_t other = start([] { find(1); });
+    EXPECT_EQ(finish(other), 0);
     const std::int64_t code = 0;
     pdtExit(kServe, &code);
   });
@@ -267,7 +265,7 @@ constexpr const char* kBroken =
     "TIME               } serve  (still open at the end of the trace)\n";
 
 TEST_F(Views, CallsWithoutEntryOrExit) {
-  const pid_t writer = startProcess([] {
+  const pid_t writer = start([] {
     nameFunctions();
     sqltTraceFacilityCreate(SQLT_TRACE_SIZE_DEFAULT);
     const std::int64_t code = SQLO_EOF;
@@ -279,7 +277,7 @@ TEST_F(Views, CallsWithoutEntryOrExit) {
     pdtEntry(kRead);
     ::kill(::getpid(), SIGKILL);
   });
-  waitFor(writer);
+  finish(writer);
   EXPECT_EQ(normalised(veksys({"trace", "flow"}).out), kBroken);
   const auto stat = json(veksys({"trace", "stat", "--json"}).out);
   EXPECT_EQ(stat["calls_without_entry"].GetInt(), 1);
