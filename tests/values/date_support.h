@@ -30,20 +30,12 @@ inline std::string textOf(std::string_view pattern, std::initializer_list<Patter
   return text;
 }
 
-// The text that sqlvputd or sqlvputt writes, behind which nothing was touched.
-template <class Function>
-std::string written(Function function, SqlvNationalLanguage* language, unsigned request, const std::uint8_t* value) {
-  std::array<char, SQLV_TIMESTAMP_TEXT_MAX> text;
-  text.fill('#');
-  const std::size_t count = function(language, static_cast<SqlvFormatRequest>(request), value, text.data());
-  EXPECT_EQ(text[count], '#');
-  return {text.data(), count};
-}
-
-inline std::string writtenTimestamp(const std::uint8_t* timestamp, unsigned scale) {
+// The text that sqlvputd, sqlvputt or sqlvputs writes, behind which nothing was touched.
+template <class Function, class... Arguments>
+std::string written(Function function, Arguments... arguments) {
   std::array<char, SQLV_TIMESTAMP_TEXT_MAX + 1> text;
   text.fill('#');
-  const std::size_t count = sqlvputs(timestamp, scale, text.data());
+  const std::size_t count = function(arguments..., text.data());
   EXPECT_EQ(text[count], '#');
   return {text.data(), count};
 }

@@ -1,12 +1,10 @@
 // DECFLOAT conversions with return codes: what conditions become, what is stored, and that callers keep their flags.
-#include <unistd.h>
-
 #include <cstring>
-#include <limits>
 #include <thread>
 
 #include "platform/support.h"
 #include "values/dfp_support.h"
+#include "values/seed.h"
 #include "veksys/values/decimal_float.h"
 
 namespace vek::valuestest {
@@ -143,7 +141,7 @@ TEST_F(DfpCodes, ShortIntegersRoundWhenTheSettingIsOn) {
 }
 
 TEST_F(DfpCodes, PackedTargetsKeepTheirBytesUnlessTheValueFits) {
-  const auto value = make<Width128>("-12.345");
+  const auto value = make<Width128>("-12.346");
   std::uint8_t packed[4] = {0xEE, 0xEE, 0xEE, 0xEE};
   EXPECT_EQ(sqlvdfp2dec(&value, sizeof value, packed, {3, 2}), SQLRX_DEC_OVERFLOW);
   EXPECT_EQ(sqlvdfp2dec(&value, sizeof value, packed, {32, 0}), SQLRX_DEC_INVALID);
@@ -208,52 +206,61 @@ TEST(DfpThread, HasItsOwnModeAndFlagsAndForkKeepsThem) {
   EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_HALF_EVEN);
   const RoundingMode mode(DFPAL_ROUND_FLOOR);
   EXPECT_EQ(dfpalSwapStatusFlag(~0U), 0U);
-  std::thread([] {
-    EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_HALF_EVEN);
-    EXPECT_EQ(dfpalReadClearAllStatusFlag(), 0U);
-    dfpalSetRoundingMode(DFPAL_ROUND_UP);
-    EXPECT_EQ(textOf(valueOf<Width64>("10000000000000001")), "1.000000000000001E+16");
-    EXPECT_EQ(dfpalReadClearAllStatusFlag(), DFPAL_INEXACT);
-  }).join();
-  EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_FLOOR);
-  EXPECT_EQ(platformtest::runInProcess([] {
-              EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_FLOOR);
-              EXPECT_EQ(dfpalSwapStatusFlag(0), DFPAL_CONDITIONS);
-            }),
-            0);
-  EXPECT_EQ(dfpalReadClearAllStatusFlag(), DFPAL_CONDITIONS) << "and nothing but conditions";
-}
-
-TEST(DfpThread, TakesTheModeOfTheControlFlagsUntilItSetsOne) {
-  std::thread([] {
-    DfpalControlFlags control = {};
-    dfpalGetControlFlags(&control);
+  DfpalControlFlags control = {};
+  dfpalGetControlFlags(&control);
+  std::thread([control] {
     DfpalControlFlags other = control;
     other.defaultRounding = DFPAL_ROUND_CEILING;
     EXPECT_EQ(dfpalSetControlFlags(&other), 0);
-    EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_CEILING);
-    dfpalSetRoundingMode(DFPAL_ROUND_HALF_EVEN);
-    EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_HALF_EVEN);
-    EXPECT_EQ(dfpalSetControlFlags(&control), 0);
+    EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_CEILING) << "that of the control flags until it sets one";
+    dfpalSetRoundingMode(DFPAL_ROUND_UP);
+    EXPECT_EQ(dfpalReadClearAllStatusFlag(), 0U);
+    EXPECT_EQ(textOf(valueOf<Width64>("10000000000000001")), "1.000000000000001E+16");
+    EXPECT_EQ(dfpalReadClearAllStatusFlag(), DFPAL_INEXACT);
   }).join();
+  EXPECT_EQ(dfpalSetControlFlags(&control), 0);
+  platformtest::inProcess([] {
+    EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_FLOOR);
+    EXPECT_EQ(dfpalSwapStatusFlag(0), DFPAL_CONDITIONS);
+  });
+  EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_FLOOR);
+  EXPECT_EQ(dfpalReadClearAllStatusFlag(), DFPAL_CONDITIONS) << "and nothing but conditions";
 }
 
 // ---- integers ---------------------------------------------------------------------------------------------------
 
-TEST(DfpIntegers, AtTheirLimitsAndUnknownModes) {
-  using Limits = std::numeric_limits<std::int64_t>;
-  const RoundingMode mode(DFPAL_ROUND_HALF_EVEN);
-  EXPECT_EQ(textOf(dfpal_decimal128FromInt64(Limits::min())), "-9223372036854775808");
-  EXPECT_EQ(textOf(dfpal_decimal128FromUint64(~std::uint64_t{0})), "18446744073709551615");
-  EXPECT_EQ(textOf(dfpal_decimal64FromInt32(std::numeric_limits<std::int32_t>::min())), "-2147483648");
-  EXPECT_EQ(textOf(dfpal_decimal64FromUint32(~0U)), "4294967295");
-  EXPECT_EQ(dfpal_decimal128ToInt64(dfpal_decimal128FromInt64(Limits::min()), DFPAL_ROUND_DOWN), Limits::min());
-  EXPECT_EQ(dfpalReadClearAllStatusFlag(), 0U);
-  EXPECT_EQ(textOf(dfpal_decimal64FromUint64(~std::uint64_t{0})), "1.844674407370955E+19");
-  EXPECT_EQ(dfpalReadClearAllStatusFlag(), DFPAL_INEXACT);
-  EXPECT_EQ(dfpal_decimal64ToInt32(dfpal_decimal64FromInt32(5), DFPAL_ROUND_MODES), 0);
-  EXPECT_EQ(textOf(dfpal_decimal64RoundToIntegral(dfpal_decimal64FromInt32(5), DFPAL_ROUND_MODES)), "NaN");
+// Integers of any length give what their digits give, and come back when they have no more digits than the width.
+template <class Width, class Integer>
+void bothWays(typename Width::Value (*from)(Integer) noexcept,
+              Integer (*to)(typename Width::Value, std::uint32_t) noexcept, std::uint64_t bits) {
+  const auto number = static_cast<Integer>(bits);
+  const auto value = from(number);
+  const std::uint32_t raised = dfpalReadClearAllStatusFlag();
+  EXPECT_EQ(value, valueOf<Width>(std::to_string(number)));
+  EXPECT_EQ(dfpalReadClearAllStatusFlag(), raised);
+  EXPECT_EQ(raised == 0 ? to(value, DFPAL_ROUND_HALF_EVEN) : number, number);
+  dfpalReadClearAllStatusFlag();
+  EXPECT_EQ(to(value, DFPAL_ROUND_MODES), 0);
+  EXPECT_EQ(textOf(Width::integral(value, DFPAL_ROUND_MODES)), "NaN");
   EXPECT_EQ(dfpalReadClearAllStatusFlag(), DFPAL_INVALID);
+}
+
+template <class Width>
+void everyType(std::uint64_t bits) {
+  bothWays<Width>(Width::fromInt32, Width::toInt32, bits);
+  bothWays<Width>(Width::fromUint32, Width::toUint32, bits);
+  bothWays<Width>(Width::fromInt64, Width::toInt64, bits);
+  bothWays<Width>(Width::fromUint64, Width::toUint64, bits);
+}
+
+TEST(DfpIntegers, BothWaysAndUnknownModes) {
+  Random random;
+  const RoundingMode mode(DFPAL_ROUND_HALF_EVEN);
+  for (unsigned i = 0; i < 2000 && !HasFailure(); ++i) {
+    const std::uint64_t bits = i % 2 == 0 ? random() >> random() % 64 : (1ULL << i / 2 % 64) - i % 3;
+    everyType<Width64>(bits);
+    everyType<Width128>(bits);
+  }
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 // Densely packed decimal: the tables, and values whose bits nobody should have written.
-#include <random>
 #include <string_view>
 
 #include "platform/ossx_tables.h"
@@ -41,8 +40,7 @@ TEST(Declets, AllOfThem) {
 
 // Results of every operation that can hand an operand on have declets that are written and no bits behind an infinity.
 TEST(DfpEncoding, ResultsAreCanonicalWhateverTheOperandIs) {
-  const Seed seed;
-  std::mt19937_64 random(seed.number());
+  Random random;
   const RoundingMode mode(DFPAL_ROUND_HALF_EVEN);
   const auto declets = [&] {  // many of three large digits, with bits that mean nothing
     std::uint64_t word = 0;

@@ -2,19 +2,19 @@
 // script writes.
 #pragma once
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <sstream>
+#include <cstdio>
+#include <fstream>
 #include <string>
 #include <vector>
 
+#include "platform/support.h"
 #include "veksys/values/packed_decimal.h"
 
 namespace vek::valuestest {
@@ -86,33 +86,19 @@ inline std::string hexOf(const std::uint8_t* bytes, std::size_t count) {
   return hex;
 }
 
-// What a Python script of this folder prints, line by line. No line: it could not be run.
-inline std::vector<std::string> linesOfScript(const std::string& name, const std::vector<std::string>& arguments) {
-  std::vector<std::string> words = {"python3", std::string(VEKSYS_TEST_SOURCE "/values/") + name};
-  words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  int ends[2] = {};
-  EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  const pid_t child = ::fork();
-  if (child == 0) {
-    ::dup2(ends[1], 1);
-    ::execvp(argv[0], argv.data());
-    ::_exit(127);
-  }
-  ::close(ends[1]);
-  std::string text;
-  char block[65536];
-  for (ssize_t got = 0; (got = ::read(ends[0], block, sizeof block)) > 0;)
-    text.append(block, static_cast<std::size_t>(got));
-  ::close(ends[0]);
-  int status = 0;
-  EXPECT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << name << " failed";
+// What a Python script of this folder prints for a seed, line by line. No line: it could not be run.
+inline std::vector<std::string> linesOfScript(const std::string& name, const std::string& seed, const char* count) {
+  std::FILE* const output = std::tmpfile();
+  const std::string script = VEKSYS_TEST_SOURCE "/values/" + name;
+  platformtest::inProcess([&] {
+    ::dup2(::fileno(output), STDOUT_FILENO);
+    ::execlp("python3", "python3", script.c_str(), seed.c_str(), count, nullptr);
+    FAIL() << "there is no python3";
+  });
   std::vector<std::string> lines;
-  std::istringstream in(text);
+  std::ifstream in("/dev/fd/" + std::to_string(::fileno(output)));
   for (std::string line; std::getline(in, line);) lines.push_back(line);
+  (void)std::fclose(output);
   return lines;
 }
 

@@ -3,27 +3,23 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <random>
 #include <string>
 
 namespace vek::valuestest {
 
-// What random numbers begin with: VEK_TEST_SEED where that is set, else another number every time. As long as it lives,
-// failures tell it.
-class Seed {
+// Random numbers that begin with VEK_TEST_SEED where that is set, else with another number every time. As long as the
+// object lives, failures tell it.
+class Random : public std::mt19937_64 {
  public:
-  std::uint32_t number() const { return number_; }
+  Random() { seed(std::stoul(begin_)); }
+  const std::string& begin() const { return begin_; }
 
  private:
-  static std::uint32_t chosen() {
-    const char* const given = std::getenv("VEK_TEST_SEED");
-    return given != nullptr ? static_cast<std::uint32_t>(std::stoul(given)) : std::random_device{}();
-  }
-
-  const std::uint32_t number_ = chosen();
-  const ::testing::ScopedTrace trace_{__FILE__, __LINE__, "VEK_TEST_SEED=" + std::to_string(number_)};
+  const char* const given_ = std::getenv("VEK_TEST_SEED");
+  const std::string begin_ = given_ != nullptr ? given_ : std::to_string(std::random_device{}());
+  const ::testing::ScopedTrace trace_{__FILE__, __LINE__, "VEK_TEST_SEED=" + begin_};
 };
 
 }  // namespace vek::valuestest
