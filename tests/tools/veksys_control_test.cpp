@@ -6,7 +6,7 @@
 namespace vektest {
 namespace {
 
-using Control = CommandTest;
+using Control = LivingProcesses;
 
 // The trace words as another process of the instance sees them.
 std::uint32_t wordOf(std::uint32_t component) {
@@ -63,25 +63,15 @@ TEST_F(Control, LifeOfATrace) {
 }
 
 TEST_F(Control, SizesAreTold) {
-  struct Case {
-    const char* asked;
-    int becameMegabytes;
-    const char* remark;
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      {"3m", "ring   2 MB", "3 MB rounded down"},    {"8192K", "ring   8 MB", ""},
+      {"1048575", "ring   2 MB", "below the least"}, {"2G", "ring   2 MB", "above the most"},
+      {"5MB", "ring   4 MB", "5 MB rounded down"},
   };
-  const Case cases[] = {
-      {"1M", 1, ""},
-      {"3m", 2, "3 MB rounded down"},
-      {"0x400000", 4, ""},
-      {"8192K", 8, ""},
-      {"1048575", 2, "below the least"},
-      {"2G", 2, "above the most"},
-      {"5MB", 4, "5 MB rounded down"},
-  };
-  for (const Case& each : cases) {
-    const Answer answer = veksys({"trace", "on", "--size", each.asked});
-    EXPECT_EQ(answer.status, 0) << each.asked << answer.err;
-    EXPECT_TRUE(holds(answer.out, "ring   " + std::to_string(each.becameMegabytes) + " MB")) << answer.out;
-    EXPECT_TRUE(holds(answer.out, each.remark)) << answer.out;
+  for (const auto& [asked, ring, remark] : cases) {
+    const Answer answer = veksys({"trace", "on", "--size", asked});
+    EXPECT_EQ(answer.status, 0) << asked << answer.err;
+    EXPECT_TRUE(holds(answer.out, ring) && holds(answer.out, remark)) << answer.out;
     EXPECT_EQ(veksys({"trace", "off", "--discard"}).status, 0);
   }
   ::setenv("VEKTRC_DEF_BUFFSIZE", "3m", 1);
@@ -94,7 +84,7 @@ TEST_F(Control, SizesAreTold) {
 TEST_F(Control, MaskIsSetAddedToAndRemovedFrom) {
   EXPECT_EQ(veksys({"trace", "on"}).status, 0);
   struct Case {
-    std::vector<std::string> options;
+    Words options;
     std::uint32_t index, services, pool;  // words of components 9, 15, 2
   };
   const Case cases[] = {
@@ -110,12 +100,11 @@ TEST_F(Control, MaskIsSetAddedToAndRemovedFrom) {
       {{"--remove", "--component", "all"}, 0, 0, 0},
   };
   for (const Case& each : cases) {
-    std::vector<std::string> arguments = {"trace", "mask"};
-    arguments.insert(arguments.end(), each.options.begin(), each.options.end());
-    EXPECT_EQ(veksys(arguments).status, 0);
-    EXPECT_EQ(wordOf(9), each.index) << ::testing::PrintToString(each.options);
-    EXPECT_EQ(wordOf(15), each.services) << ::testing::PrintToString(each.options);
-    EXPECT_EQ(wordOf(2), each.pool) << ::testing::PrintToString(each.options);
+    EXPECT_EQ(veksys(joined({"trace", "mask"}, each.options)).status, 0);
+    SCOPED_TRACE(::testing::PrintToString(each.options));
+    EXPECT_EQ(wordOf(9), each.index);
+    EXPECT_EQ(wordOf(15), each.services);
+    EXPECT_EQ(wordOf(2), each.pool);
   }
   const auto shared = json(veksys({"trace", "mask", "--component", "SQLZ", "--json"}).out);
   const auto second = json(veksys({"trace", "mask", "--component", "SQLUC,SQLPR", "--json"}).out);
@@ -143,31 +132,17 @@ TEST_F(Control, RefusesInstancesItMayNotLookAt) {
 
 // The running instance's shared memory claims another layout while a process lives in it.
 TEST_F(Control, SaysWhenTheLayoutIsAnother) {
-  const Shared<std::atomic<int>> stage;
-  const pid_t living = start([&] {
-    sqltinit();
-    stage->store(1);
-    while (stage->load() != 2) ::usleep(1000);
-  });
-  while (stage->load() != 1) ::usleep(1000);
-  const std::string region = directoryOfInstance() + "/veksys." + std::to_string(::getuid()) + ".platformtest";
-  const int fd = ::open(region.c_str(), O_RDWR);
+  live([] { sqltinit(); });
+  const int fd = ::open(instance_.region().c_str(), O_RDWR);
   const std::uint32_t version = 4711;
   EXPECT_EQ(::pwrite(fd, &version, sizeof version, 8), 4);
   ::close(fd);
   for (const char* subcommand : {"status", "on", "format"})
     expectSentence(veksys({"trace", subcommand}), 1, "another layout version");
-  stage->store(2);
-  finish(living);
 }
 
 TEST_F(Control, MistakesGetOneSentence) {
-  struct Case {
-    std::vector<std::string> arguments;
-    int status;
-    const char* part;
-  };
-  const Case cases[] = {
+  const std::tuple<Words, int, const char*> cases[] = {
       {{}, 2, "needs a subcommand: latch, log, memory, rc, trace"},
       {{"trase"}, 2, "Did you mean trace"},
       {{"trace"}, 2, "needs a subcommand"},
@@ -198,7 +173,7 @@ TEST_F(Control, MistakesGetOneSentence) {
       {{"trace", "export", "--ctf", "/"}, 1, "not an empty directory"},
   };
   EXPECT_EQ(veksys({"trace", "on"}).status, 0);
-  for (const Case& each : cases) expectSentence(veksys(each.arguments), each.status, each.part);
+  for (const auto& [arguments, status, part] : cases) expectSentence(veksys(arguments), status, part);
 }
 
 TEST_F(Control, HelpIsThereForEverything) {

@@ -70,10 +70,7 @@ class Log : public CommandTest {
     std::ofstream(path, std::ios::binary) << content;
     return path;
   }
-  static Answer log(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), "log");
-    return veksys(arguments);
-  }
+  static Answer log(const Words& arguments) { return veksys(joined({"log"}, arguments)); }
   // The probes of the records shown; of damage -1.
   static Probes probesIn(const Answer& answer) {
     Probes probes;
@@ -81,10 +78,7 @@ class Log : public CommandTest {
       probes.push_back(record.HasMember("probe") ? record["probe"].GetInt() : -1);
     return probes;
   }
-  static Probes probes(std::vector<std::string> arguments) {
-    arguments.emplace_back("--json");
-    return probesIn(log(arguments));
-  }
+  static Probes probes(const Words& arguments) { return probesIn(log(joined(arguments, {"--json"}))); }
 };
 
 // ---- what is shown ----------------------------------------------------------------------------------------------
@@ -200,7 +194,7 @@ TEST_F(Log, ChoosesByEveryField) {
                   {4, "Info", "2025-11-21-10.00.03.000000", "+000", 14, "", "operating-system services, sqloClose"},
                   {5, "Event"}}));
   struct Case {
-    std::vector<std::string> arguments;
+    Words arguments;
     Probes chosen;
   };
   const Case cases[] = {
@@ -227,9 +221,7 @@ TEST_F(Log, ChoosesByEveryField) {
       {{"--where", "text~\"a quote \\\" in it\" or probe=4,5"}, {4, 5}},
   };
   for (const Case& each : cases) {
-    std::vector<std::string> arguments = {path};
-    arguments.insert(arguments.end(), each.arguments.begin(), each.arguments.end());
-    EXPECT_EQ(probes(arguments), each.chosen) << each.arguments[1];
+    EXPECT_EQ(probes(joined({path}, each.arguments)), each.chosen) << each.arguments[1];
   }
   expectSentence(log({path, "--pid", "1"}), 1, "No record was chosen");
 }
@@ -249,8 +241,8 @@ TEST_F(Log, SumsUp) {
   EXPECT_EQ(linesOf(log({path, "--count-by", "database", "--csv"}).out)[1],
             "3,2025-11-21T09:00:00.000000000Z,2025-11-21T10:05:00.000000000Z,A");
   EXPECT_EQ(linesOf(log({path, "--per-minute", "--csv"}).out),
-            (std::vector<std::string>{"time,severe_and_error,warning,other", "2025-11-21T09:00:00.000000000Z,1,0,0",
-                                      "2025-11-21T10:00:00.000000000Z,2,0,0", "2025-11-21T10:05:00.000000000Z,0,0,1"}));
+            (Words{"time,severe_and_error,warning,other", "2025-11-21T09:00:00.000000000Z,1,0,0",
+                   "2025-11-21T10:00:00.000000000Z,2,0,0", "2025-11-21T10:05:00.000000000Z,0,0,1"}));
   EXPECT_TRUE(holds(log({path, "--per-minute"}).out, "(nothing for 59 min)"));
   const Answer spilt = log({write("b", logOf(numbered(1, 66'000))), "--count-by", "probe"});
   EXPECT_EQ(linesOf(spilt.out).size(), 65'536U);
@@ -259,7 +251,7 @@ TEST_F(Log, SumsUp) {
 
 TEST_F(Log, RefusesWhatItDoesNotUnderstand) {
   const std::string path = write("a", logOf({{1}}));
-  const std::pair<std::vector<std::string>, const char*> cases[] = {
+  const std::pair<Words, const char*> cases[] = {
       {{"--level", "9"}, "1 (Severe)"},
       {{"--since", "soon"}, "a length back from now"},
       {{"--pid", "x"}, "a number"},
@@ -278,11 +270,7 @@ TEST_F(Log, RefusesWhatItDoesNotUnderstand) {
       {{"--tail", "-1"}, "no count"},
       {{"--count-by", "size"}, "knows no field"},
   };
-  for (const auto& [arguments, part] : cases) {
-    std::vector<std::string> all = {path};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    expectSentence(log(all), 2, part);
-  }
+  for (const auto& [arguments, part] : cases) expectSentence(log(joined({path}, arguments)), 2, part);
   expectSentence(log({instance_.path("none")}), 1, "No such file");
   expectSentence(log({write("empty", "")}), 1, "empty");
 }
@@ -338,74 +326,52 @@ TEST_F(Log, TextsForgeNoRecord) {
 struct Broken {
   const char* what;
   std::string text;
-  Probes shown;  // -1: damage, or a half whose probe is missing
-  std::vector<const char*> states;
+  const char* shown;  // records by probe and state: whole, scanned, half-written; x: damage; ?: the probe is missing
   const char* remark;
 };
 
 std::vector<Broken> brokenLogs() {
   const std::string text = logOf(numbered(1, 4));
   const std::size_t one = text.size() / 4;
+  const auto first = [&](std::size_t count) { return text.substr(0, count * one); };
   std::string noReturns = text;
-  noReturns.erase(std::remove(noReturns.begin(), noReturns.end(), '\r'), noReturns.end());
+  std::erase(noReturns, '\r');
   std::string wrongLength = text;
   wrongLength[text.find('H', one) + 1] = '9';
-  const auto at = [&](std::size_t index) { return text.substr(index * one, one); };
+  const std::string killed = logOf({{3}}, first(1) + text.substr(one, 200));
+  const std::string rubbish = logOf({{3}}, first(2) + "\r\nrubbish \x1b[2J\n");
   return {
-      {"the front is cut off",
-       text.substr(one / 2),
-       {-1, 2, 3, 4},
-       {"damaged", "scanned", "whole", "whole"},
-       "was cut"},
-      {"the end is cut off",
-       text.substr(0, 4 * one - 50),
-       {1, 2, 3, -1},
-       {"whole", "whole", "whole", "half-written"},
-       "half-written"},
-      {"a writer was killed and nobody repaired it",
-       logOf({{3}}, at(0) + at(1).substr(0, 200)),
-       {1, -1, 3},
-       {"whole", "half-written", "scanned"},
-       "half-written"},
-      {"rubbish between two records",
-       logOf({{3}}, at(0) + at(1) + "\r\nrubbish \x1b[2J\n"),
-       {1, 2, -1, 3},
-       {"whole", "whole", "damaged", "scanned"},
-       "in 1 place"},
-      {"two logs joined",
-       text + text,
-       {1, 2, 3, 4, 1, 2, 3, 4},
-       {"whole", "whole", "whole", "whole", "scanned", "whole", "whole", "whole"},
-       "elsewhere"},
-      {"zeros behind the last record",
-       text + std::string(200'000, '\0'),
-       {1, 2, 3, 4, -1},
-       {"whole", "whole", "whole", "whole", "damaged"},
-       "200,000 bytes"},
-      {"a length that is wrong",
-       wrongLength,
-       {1, 2, 3, 4},
-       {"whole", "half-written", "scanned", "whole"},
-       "half-written"},
-      {"line ends changed",
-       noReturns,
-       {1, 2, 3, 4},
-       {"half-written", "half-written", "half-written", "half-written"},
-       "4 records"},
+      {"the front is cut off", text.substr(one / 2), "x 2s 3w 4w", "was cut"},
+      {"the end is cut off", text.substr(0, 4 * one - 50), "1w 2w 3w ?h", "half-written"},
+      {"a writer was killed and nobody repaired it", killed, "1w ?h 3s", "half-written"},
+      {"rubbish between two records", rubbish, "1w 2w x 3s", "in 1 place"},
+      {"two logs joined", text + text, "1w 2w 3w 4w 1s 2w 3w 4w", "elsewhere"},
+      {"zeros behind the last record", text + std::string(200'000, '\0'), "1w 2w 3w 4w x", "200,000 bytes"},
+      {"a length that is wrong", wrongLength, "1w 2h 3s 4w", "half-written"},
+      {"line ends changed", noReturns, "1h 2h 3h 4h", "4 records"},
   };
+}
+
+std::string shownIn(const Answer& answer) {
+  std::string shown;
+  for (const auto& record : jsonLines(answer.out)) {
+    const std::string state = record["state"].GetString();
+    shown += shown.empty() ? "" : " ";
+    if (state != "damaged") shown += record.HasMember("probe") ? std::to_string(record["probe"].GetInt()) : "?";
+    shown += state == "damaged" ? 'x' : state[0];
+  }
+  return shown;
 }
 
 TEST_F(Log, ShowsDamageAndReadsTheRest) {
   for (const Broken& broken : brokenLogs()) {
+    SCOPED_TRACE(broken.what);
     const std::string path = write("a", broken.text);
     const Answer answer = log({path, "--json"});
-    EXPECT_EQ(answer.status, 1) << broken.what;
-    EXPECT_TRUE(holds(answer.err, broken.remark)) << broken.what << ": " << answer.err;
-    EXPECT_EQ(probesIn(answer), broken.shown) << broken.what;
-    std::vector<std::string> states;
-    for (const auto& record : jsonLines(answer.out)) states.emplace_back(record["state"].GetString());
-    EXPECT_EQ(states, std::vector<std::string>(broken.states.begin(), broken.states.end())) << broken.what;
-    EXPECT_TRUE(holds(log({path}).out, "<< veksys: ")) << broken.what;
+    EXPECT_EQ(answer.status, 1);
+    EXPECT_TRUE(holds(answer.err, broken.remark)) << answer.err;
+    EXPECT_EQ(shownIn(answer), broken.shown);
+    EXPECT_TRUE(holds(log({path}).out, "<< veksys: "));
   }
 }
 
@@ -441,22 +407,16 @@ TEST_F(Log, DamageCostsWhatItTouches) {
 }
 
 TEST_F(Log, TailIsTheEndOfAll) {
-  std::vector<std::string> names;
   for (int file = 0; file < 3; ++file)
     write("diag/vekdiag." + std::to_string(file) + ".log",
           logOf(numbered(file * 1000, file * 1000 + 999, "MESSAGE : " + std::string(700, 'm') + "\r\n")));
   write("diag/NODE0001/vekdiag.log", logOf({{5000, "Info", "2025-11-21-10.00.00.000000"}}));
   const std::string directory = instance_.path("diag");
-  for (const std::vector<std::string>& filter :
-       {std::vector<std::string>{}, {"--where", "probe=3,700,999,1001,2000"}}) {
-    std::vector<std::string> arguments = {directory};
-    arguments.insert(arguments.end(), filter.begin(), filter.end());
+  for (const Words& arguments : {Words{directory}, Words{directory, "--where", "probe=3,700,999,1001,2000"}}) {
     const Probes all = probes(arguments);
     for (const std::size_t count : {1U, 2U, 3U, 5U, 700U, 1001U, 100000U}) {
-      std::vector<std::string> tail = arguments;
-      tail.insert(tail.end(), {"--tail", std::to_string(count)});
-      EXPECT_EQ(probes(tail), Probes(all.end() - static_cast<std::ptrdiff_t>(std::min(count, all.size())), all.end()))
-          << count;
+      const auto shown = static_cast<std::ptrdiff_t>(std::min(count, all.size()));
+      EXPECT_EQ(probes(joined(arguments, {"--tail", std::to_string(count)})), Probes(all.end() - shown, all.end()));
     }
   }
 }
@@ -548,7 +508,7 @@ TEST_F(Log, TerminalGetsColoursButNoControlsOfTexts) {
 // ---- lnav -------------------------------------------------------------------------------------------------------
 
 // The rows that lnav finds in a log with the format file that is installed.
-std::vector<std::string> rowsOfLnav(const Instance& instance, const std::string& path) {
+Words rowsOfLnav(const Instance& instance, const std::string& path) {
   const std::string formats = instance.path("lnav/formats/veksys");
   std::filesystem::create_directories(formats);
   std::filesystem::copy(VEKSYS_TEST_SOURCE "/../tools/veksys/veksys.lnav.json", formats + "/veksys.lnav.json",
@@ -570,8 +530,8 @@ TEST_F(Log, LnavReadsIt) {
              {2, "Info"},
              {3, "Warning", "2025-11-21-10.00.00.000000", "+000", 77, "", "c, f", "MESSAGE : two\r\nlines\r\n"}}));
   EXPECT_EQ(rowsOfLnav(instance_, path),
-            (std::vector<std::string>{"log_level,pid,component,probe", "fatal,100,operating-system services,1",
-                                      "info,100,operating-system services,2", "warning,77,c,3"}));
+            (Words{"log_level,pid,component,probe", "fatal,100,operating-system services,1",
+                   "info,100,operating-system services,2", "warning,77,c,3"}));
   inProcess([] { EXPECT_EQ(pdLogPrintf(1, kRead, SQLO_NOMEM, 5, 2, "page %u", 9U), 0); });
   const auto rows = rowsOfLnav(instance_, std::string(::getenv("VEK_INSTANCE_DIR")) + "/diag/vekdiag.log");
   ASSERT_FALSE(rows.empty());

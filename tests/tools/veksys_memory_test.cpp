@@ -234,7 +234,7 @@ TEST_F(MemoryCommand, PrintsMetricsThatFollowTheirGrammar) {
   std::map<std::string, std::string> types;
   std::set<std::string> samples;
   std::string family;
-  const std::vector<std::string> lines = linesOf(answer.out);
+  const Words lines = linesOf(answer.out);
   ASSERT_GT(lines.size(), 20U);
   EXPECT_EQ(lines.back(), "# EOF");
   EXPECT_TRUE(answer.out.ends_with("# EOF\n"));

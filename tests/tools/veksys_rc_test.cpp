@@ -8,8 +8,8 @@ namespace {
 using Rc = CommandTest;
 
 // The hex of every code that an answer explains or lists.
-std::vector<std::string> codesIn(const Answer& answer) {
-  std::vector<std::string> codes;
+Words codesIn(const Answer& answer) {
+  Words codes;
   for (const std::string& line : linesOf(answer.out)) {
     if (line.starts_with("0x")) codes.push_back(line.substr(0, 10));
     if (line.starts_with("SQL code ")) codes.push_back(line.substr(9));
@@ -17,12 +17,10 @@ std::vector<std::string> codesIn(const Answer& answer) {
   return codes;
 }
 
-using Codes = std::vector<std::string>;
-
 TEST_F(Rc, ReadsACodeInEveryForm) {
   struct Case {
-    std::vector<std::string> typed;
-    Codes read;
+    Words typed;
+    Words read;
   };
   const Case cases[] = {
       {{"0x8B0F0000"}, {"0x8B0F0000"}},
@@ -47,9 +45,7 @@ TEST_F(Rc, ReadsACodeInEveryForm) {
       {{"FUNCTION 0x18D00008 left with 0x8B0F0000 and SQLO_EOF"}, {"0x8B0F0000", "0x870F0009"}},
   };
   for (const Case& each : cases) {
-    std::vector<std::string> arguments = {"rc"};
-    arguments.insert(arguments.end(), each.typed.begin(), each.typed.end());
-    const Answer answer = veksys(arguments);
+    const Answer answer = veksys(joined({"rc"}, each.typed));
     EXPECT_EQ(answer.status, 0) << each.typed[0] << answer.err;
     EXPECT_EQ(codesIn(answer), each.read) << each.typed[0] << "\n" << answer.out;
   }
@@ -70,25 +66,23 @@ TEST_F(Rc, ExplainsFieldByField) {
   EXPECT_EQ(code["sql"]["secondary_code"].GetInt(), 8300);
   EXPECT_TRUE(std::string(code["sql"]["message"].GetString()).starts_with("SQL10003N  "));
 
-  const std::string os = veksys({"rc", "0x83000002"}).out;
-  EXPECT_TRUE(holds(os, "2  ENOENT  No such file or directory")) << os;
-  EXPECT_TRUE(holds(veksys({"rc", "0x83FFFFFF"}).out, "no error number of this system"));
-  EXPECT_TRUE(holds(veksys({"rc", "0x8B990000"}).out, "no such component"));
-  EXPECT_TRUE(holds(veksys({"rc", "0xFE000001"}).out, "no such error type"));
-  EXPECT_TRUE(holds(veksys({"rc", "0"}).out, "success is not reported"));
+  const std::pair<const char*, const char*> remarks[] = {
+      {"0x83000002", "2  ENOENT  No such file or directory"},
+      {"0x83FFFFFF", "no error number of this system"},
+      {"0x8B990000", "no such component"},
+      {"0xFE000001", "no such error type"},
+      {"0", "success is not reported"},
+  };
+  for (const auto& [typed, remark] : remarks) EXPECT_TRUE(holds(veksys({"rc", typed}).out, remark)) << typed;
   EXPECT_TRUE(json(veksys({"rc", "0", "--json"}).out)["codes"][0]["sql"].IsNull());
 }
 
 TEST_F(Rc, TellsHowASmallNumberWasRead) {
-  struct Case {
-    const char* typed;
-    const char* note;
-  };
-  const Case cases[] = {{"-1", "written 0xFFFFFFFF, a special one"}, {"42", "no return code of the catalogue is 42"}};
-  for (const Case& each : cases) {
-    const std::string code =
-        json(veksys({"rc", "--json", each.typed}).out)["codes"][0].FindMember("note")->value.GetString();
-    EXPECT_TRUE(holds(code, each.note)) << code;
+  const std::pair<const char*, const char*> cases[] = {{"-1", "written 0xFFFFFFFF, a special one"},
+                                                       {"42", "no return code of the catalogue is 42"}};
+  for (const auto& [typed, note] : cases) {
+    const auto answer = json(veksys({"rc", "--json", typed}).out);
+    EXPECT_TRUE(holds(answer["codes"][0].FindMember("note")->value.GetString(), note)) << typed;
   }
   EXPECT_FALSE(json(veksys({"rc", "-911", "--json"}).out)["codes"][0].HasMember("note"));
 }

@@ -11,6 +11,13 @@
 
 namespace vektest {
 
+using Words = std::vector<std::string>;
+
+inline Words joined(Words words, const Words& more) {
+  words.insert(words.end(), more.begin(), more.end());
+  return words;
+}
+
 struct Answer {
   int status = -1;  // exit status; -1: killed by a signal
   std::string out;
@@ -23,8 +30,7 @@ inline std::string streamOf(const char* name) { return directoryOfInstance() + "
 
 // Starts a program, looked for in the PATH, with these arguments. A stream that is not given is a file of the
 // instance's directory. Status 127: there is none.
-inline pid_t startProgram(const std::string& program, const std::vector<std::string>& arguments, int output = -1,
-                          int errors = -1) {
+inline pid_t startProgram(const std::string& program, const Words& arguments, int output = -1, int errors = -1) {
   const pid_t child = ::fork();
   if (child != 0) return child;
   const auto open = [](const char* name) {
@@ -46,19 +52,18 @@ inline Answer answerOf(pid_t program) {
   return {end < 0 ? -1 : end, contentOf(streamOf("out")), contentOf(streamOf("err"))};
 }
 
-inline Answer runProgram(const std::string& program, const std::vector<std::string>& arguments,
-                         const std::string& input = "") {
+inline Answer runProgram(const std::string& program, const Words& arguments, const std::string& input = "") {
   std::ofstream(streamOf("in"), std::ios::binary) << input;
   return answerOf(startProgram(program, arguments));
 }
 
 // Runs the command.
-inline Answer veksys(const std::vector<std::string>& arguments, const std::string& input = "") {
+inline Answer veksys(const Words& arguments, const std::string& input = "") {
   return runProgram(VEKSYS_TEST_BIN "/veksys", arguments, input);
 }
 
-inline std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines;
+inline Words linesOf(const std::string& text) {
+  Words lines;
   std::istringstream in(text);
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;

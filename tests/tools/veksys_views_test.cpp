@@ -123,7 +123,7 @@ TEST_F(Views, FiltersChooseTheSameRecordsInEveryView) {
   const std::string process = std::to_string(all.back()["process"].GetInt());
   const std::string middle = text(all[all.size() / 2], "time");
   struct Case {
-    std::vector<std::string> options;
+    Words options;
     std::function<bool(const rapidjson::Value&)> chooses;
   };
   const Case cases[] = {
@@ -146,26 +146,24 @@ TEST_F(Views, FiltersChooseTheSameRecordsInEveryView) {
        [&](const auto& r) { return failed(r) && text(r, "function") == "serve"; }},
   };
   for (const Case& each : cases) {
-    std::vector<std::string> expected;
+    Words expected;
     for (const auto& record : all)
       if (each.chooses(record)) expected.push_back(text(record, "time") + text(record, "kind"));
-    const auto run = [&](std::vector<std::string> arguments) {
-      arguments.insert(arguments.end(), each.options.begin(), each.options.end());
-      const Answer answer = veksys(arguments);
+    const auto run = [&](const Words& arguments) {
+      const Answer answer = veksys(joined(arguments, each.options));
       EXPECT_EQ(answer.status, expected.empty() ? 1 : 0) << answer.err;
       return answer.out;
     };
     const auto timesOf = [&](const std::string& out) {
-      std::vector<std::string> times;
+      Words times;
       for (const auto& record : jsonLines(out)) times.push_back(text(record, "time") + text(record, "kind"));
       return times;
     };
     EXPECT_EQ(timesOf(run({"trace", "format", "--json"})), expected) << each.options[0] << each.options.back();
-    std::vector<std::string> last = expected;
+    Words last = expected;
     if (last.size() > 5) last.erase(last.begin(), last.end() - 5);
     EXPECT_EQ(timesOf(run({"trace", "format", "--json", "--last", "5"})), last);
-    const std::vector<std::string> first(expected.begin(),
-                                         expected.begin() + std::min<long>(5, static_cast<long>(expected.size())));
+    const Words first(expected.begin(), expected.begin() + std::min<long>(5, static_cast<long>(expected.size())));
     EXPECT_EQ(timesOf(run({"trace", "format", "--json", "--limit", "5"})), first);
 
     // The flow adds calls around what was chosen, and leaves out nothing.
@@ -351,7 +349,7 @@ TEST_F(Views, ChromeExportPairsCalls) {
   const std::string file = instance_.path("chrome.json");
   EXPECT_EQ(veksys({"trace", "export", "--chrome", file}).status, 0);
   const auto document = json(contentOf(file));
-  std::vector<std::string> open;
+  Words open;
   double last = 0;
   int instants = 0;
   for (const auto& event : document["traceEvents"].GetArray()) {
