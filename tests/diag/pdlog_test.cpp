@@ -249,31 +249,11 @@ TEST_APART(PdLog, ASignalInTheMiddleDropsItsRecordAndNothingElse) {
   EXPECT_EQ(countOf(log.records(), "handler outside"), 1U);
 }
 
-TEST_APART(PdLog, AThreadIsNotCancelledInTheMiddle) {
-  const Log log{instance};
-  pthread_t thread = {};
-  ASSERT_EQ(::pthread_create(
-                &thread, nullptr,
-                [](void*) -> void* {
-                  ::pthread_cancel(::pthread_self());
-                  EXPECT_EQ(logText("whole"), 0);
-                  ::pthread_testcancel();
-                  return nullptr;
-                },
-                nullptr),
-            0);
-  void* result = nullptr;
-  ASSERT_EQ(::pthread_join(thread, &result), 0);
-  EXPECT_EQ(result, PTHREAD_CANCELED);
-  EXPECT_EQ(logText("another"), 0);
-  EXPECT_EQ(log.records().size(), 3U);
-}
-
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__) || !defined(NDEBUG)
 constexpr std::size_t kStackBytes = 1 << 20;
 #else
-constexpr std::size_t kStackBytes =
-    48 << 10;  // 32 KB are promised, of a library that is optimised; the thread's own things are on it too
+// 32 KB are promised, of a library that is optimised; the thread's own things are on it too.
+constexpr std::size_t kStackBytes = 48 << 10;
 #endif
 
 void* writeAllVariants(void*) {

@@ -23,23 +23,6 @@ sqlca emptyArea() {
 std::string tokensOf(const sqlca& area) { return {area.sqlerrmc, static_cast<std::size_t>(area.sqlerrml)}; }
 std::string stateOf(const sqlca& area) { return {area.sqlstate, sizeof area.sqlstate}; }
 
-// The events that the library reports while it stands.
-class EventLog {
- public:
-  EventLog() : before_(vek::g_ports.reportEvent) {
-    texts().clear();
-    vek::g_ports.reportEvent = [](const vek::PortEvent& event) { texts().push_back(event.message); };
-  }
-  ~EventLog() { vek::g_ports.reportEvent = before_; }
-  static std::vector<std::string>& texts() {
-    static std::vector<std::string> all;
-    return all;
-  }
-
- private:
-  void (*before_)(const vek::PortEvent&);
-};
-
 TEST(Sqlca, StartsEmpty) {
   const sqlca area = emptyArea();
   EXPECT_EQ(std::string(area.sqlcaid, 8), "SQLCA   ");
@@ -96,26 +79,17 @@ TEST_APART(SqlcaFold, ClearsTheTokensOfAReplacedWarning) {
 }
 
 TEST_APART(SqlcaFold, CallsBackBeforeItWrites) {
-  struct Seen {
-    int calls = 0;
-    std::int32_t areaCode = 0, sqlcode = 0;
-    SqlzZrc zrc = 0;
-    std::uint32_t flags = 0;
-  } seen;
+  using Seen = std::tuple<std::int32_t, SqlzZrc, std::int32_t, std::uint32_t>;
+  static std::vector<Seen> seen;
   const SqlzErrorCallback note = [](SqlzCallerContext* context, sqlca* area, SqlzZrc zrc, std::int32_t sqlcode) {
-    auto* record = static_cast<Seen*>(context->owner);
-    *record = {record->calls + 1, area->sqlcode, sqlcode, zrc, context->flags};
+    seen.emplace_back(area->sqlcode, zrc, sqlcode, context->flags);
   };
-  SqlzCallerContext context = {0, &seen};
+  SqlzCallerContext context = {0, nullptr};
   sqlca area = emptyArea();
   area.sqlcode = 100;
   sqlzSqlcodeToSqlca(&context, &area, kZrc, note, -902, 0);
   sqlzSqlcodeToSqlca(&context, &area, kZrc, note, -902, 0);  // an error stays: no call
-  EXPECT_EQ(seen.calls, 1);
-  EXPECT_EQ(seen.areaCode, 100);
-  EXPECT_EQ(seen.sqlcode, -902);
-  EXPECT_EQ(seen.zrc, kZrc);
-  EXPECT_EQ(seen.flags, SQLZ_CONTEXT_SQLCA_SET);
+  EXPECT_EQ(seen, (std::vector<Seen>{{100, kZrc, -902, SQLZ_CONTEXT_SQLCA_SET}}));
 }
 
 TEST_APART(SqlcaFold, MapsAReturnCode) {
@@ -185,8 +159,10 @@ TEST_APART(SqlcaTokens, WithImpossibleLengthsAreReportedAndNotStored) {
       {{1, -1, 1}, "Invalid token length for SQLCA (token count 3, token index 1)"},
       {{INT_MIN}, "Invalid token length for SQLCA (token count 1, token index 0)"},
   };
+  static std::vector<std::string> reported;
+  vek::g_ports.reportEvent = [](const vek::PortEvent& event) { reported.emplace_back(event.message); };
   for (const auto& one : cases) {
-    const EventLog log;
+    reported.clear();
     sqlca area = emptyArea();
     std::vector<SqlzToken> tokens;
     for (const std::int32_t length : one.lengths) tokens.push_back({length, "z"});
@@ -195,7 +171,7 @@ TEST_APART(SqlcaTokens, WithImpossibleLengthsAreReportedAndNotStored) {
     auto count = static_cast<std::int32_t>(tokens.size());
     EXPECT_EQ(sqlzStoreVariableMsgTokensInSqlca(&area, &count, tokens.data()), SQLO_INV_PARM);
     EXPECT_EQ(tokensOf(area), "old");
-    EXPECT_EQ(EventLog::texts(), std::vector<std::string>{one.event});
+    EXPECT_EQ(reported, std::vector<std::string>{one.event});
     sqlzSqlcodeToSqlcaTokens(nullptr, &area, kZrc, nullptr, -902, count, tokens.data());
     EXPECT_EQ(area.sqlcode, -902);  // the code is folded without tokens
     EXPECT_EQ(area.sqlerrml, 0);

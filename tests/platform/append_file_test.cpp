@@ -186,41 +186,36 @@ TEST(AppendFile, TakesOverDamagedLockFiles) {
   }
 }
 
+void stopInTheNextRecord() {
+  static off_t (*realSeek)(int, off_t, int) = ossCalls().lseek;
+  ossCalls().lseek = [](int fd, off_t offset, int whence) {
+    ossCalls().lseek = realSeek;
+    ::raise(SIGSTOP);
+    return realSeek(fd, offset, whence);
+  };
+}
+
 // A page that is damaged while others keep it in use, be it by never logging again or by standing still in the middle
 // of a record, is laid out anew all the same, and they find out.
 TEST(AppendFile, TakesOverLockFilesThatOthersKeep) {
-  void (*const damages[])(const std::string& path) = {
-      [](const std::string& path) { EXPECT_EQ(::truncate(path.c_str(), 0), 0); },
-      [](const std::string& path) { std::ofstream(path, std::ios::in) << std::string(4096, '\x5A'); },
-  };
-  static bool inTheMiddle;
-  for (const auto& damage : damages)
-    for (const bool middle : {false, true}) {
+  for (const bool isCut : {true, false})
+    for (const bool inTheMiddle : {false, true}) {
       const Log log;
-      Baton ready;
-      inTheMiddle = middle;
       const pid_t keeper = start([&] {
-        static Baton* baton;
-        static off_t (*realSeek)(int, off_t, int) = ossCalls().lseek;
-        baton = &ready;
         Writer writer(log);
         EXPECT_EQ(writer.write("keeper.1"), 0);
         if (inTheMiddle)
-          ossCalls().lseek = [](int fd, off_t offset, int whence) {
-            ossCalls().lseek = realSeek;
-            baton->give();
-            ::raise(SIGSTOP);
-            return realSeek(fd, offset, whence);
-          };
-        if (!inTheMiddle) ready.give();
-        if (!inTheMiddle) ::raise(SIGSTOP);
+          stopInTheNextRecord();
+        else
+          ::raise(SIGSTOP);
         EXPECT_EQ(writer.write("keeper.2"), 0);
         endAtOnce();
       });
-      ASSERT_TRUE(ready.take());
-      int status = 0;
-      ASSERT_EQ(::waitpid(keeper, &status, WUNTRACED), keeper);
-      damage(log.lockPath());
+      ASSERT_TRUE(waitUntilStopped(keeper));
+      if (isCut)
+        EXPECT_EQ(::truncate(log.lockPath().c_str(), 0), 0);
+      else
+        std::ofstream(log.lockPath(), std::ios::in) << std::string(4096, '\x5A');
       Writer one(log);
       Writer two(log);
       EXPECT_EQ(one.write("one"), 0);
@@ -308,27 +303,22 @@ TEST(AppendFile, WorksWithoutALockFile) {
 
 TEST(AppendFile, WaitsABoundedTimeForAStoppedWriter) {
   const Log log;
-  Baton locked;
   const pid_t holder = start([&] {
-    static Baton* baton;
-    baton = &locked;
     static ssize_t (*realWrite)(int, const void*, std::size_t) = ossCalls().write;
     ossCalls().write = [](int fd, const void* bytes, std::size_t count) {
-      baton->give();
       ::raise(SIGSTOP);
       return realWrite(fd, bytes, count);
     };
     Writer writer(log);
     EXPECT_EQ(writer.write("stopped"), 0);
   });
-  ASSERT_TRUE(locked.take());
+  ASSERT_TRUE(waitUntilStopped(holder));
   Writer writer(log);
   EXPECT_EQ(writer.write("late"), ETIMEDOUT);
   EXPECT_EQ(writer.write("late"), ETIMEDOUT);  // soon: nobody waits in full for a writer known to be stopped
   ::kill(holder, SIGCONT);
-  ASSERT_TRUE(locked.take());  // its second text
-  ::kill(holder, SIGKILL);
-  finish(holder);
+  ASSERT_TRUE(waitUntilStopped(holder));  // its second text
+  finishKilled(holder);
   EXPECT_EQ(writer.write("after"), 0);
   EXPECT_EQ(keysOf(log).count("after"), 1U);
 }

@@ -1,8 +1,9 @@
 // What the host supplies, the defaults without it, and the names of components and functions.
 
+#include "platform/host.h"
+
 #include <cstring>
 
-#include "platform/host.h"
 #include "platform/region.h"
 #include "platform/support.h"
 #include "veksys/codes.h"
@@ -132,27 +133,22 @@ TEST_F(Host, NamesItsFunctions) {
   EXPECT_EQ(ecfGetFunctionName(kHostFunction), nullptr);
 }
 
-// Ends with 0 when a host's names are found in the region after the host has gone. For a process of its own.
-[[noreturn]] void exitWithInternedNames(bool attachFirst) {
-  const std::string directory = ::testing::TempDir() + "veksys-host-" + std::to_string(::getpid());
-  std::filesystem::create_directory(directory);
-  ::setenv("VEK_SHM_DIR", directory.c_str(), 1);
-  const VekFunctionName name = {kHostFunction, "keyInsert"};
-  VekHost host = {};
-  host.size = sizeof host;
-  host.functionNames = &name;
-  host.functionNameCount = 1;
-  bool right = !attachFirst || vek::regionAttach() == 0;
-  right = right && vekHostInstall(&host) == 0 && vek::regionAttach() == 0 && vekHostInstall(nullptr) == 0;
-  const char* found = ecfGetFunctionName(kHostFunction);
-  right = right && found != nullptr && std::strcmp(found, "keyInsert") == 0;
-  std::filesystem::remove_all(directory);
-  ::exit(right ? 0 : 1);
-}
-
-TEST(HostNames, ReachOtherProcessesInstalledBeforeAttachingOrAfter) {
-  EXPECT_EXIT(exitWithInternedNames(false), ::testing::ExitedWithCode(0), "");
-  EXPECT_EXIT(exitWithInternedNames(true), ::testing::ExitedWithCode(0), "");
+// A host's names are in the region, for others and when the host has gone.
+TEST(HostNames, AreInTheRegionInstalledBeforeAttachingOrAfter) {
+  for (const bool attachFirst : {false, true}) {
+    const vek::platformtest::Instance instance;
+    vek::platformtest::inProcess([attachFirst] {
+      static const VekFunctionName name = {kHostFunction, "keyInsert"};
+      EXPECT_EQ(attachFirst ? vek::regionAttach() : 0, 0);
+      vek::platformtest::installHost([](VekHost& host) {
+        host.functionNames = &name;
+        host.functionNameCount = 1;
+      });
+      ASSERT_EQ(vek::regionAttach(), 0);
+      ASSERT_EQ(vekHostInstall(nullptr), 0);
+      EXPECT_STREQ(ecfGetFunctionName(kHostFunction), "keyInsert");
+    });
+  }
 }
 
 TEST(Ecf, NamesComponentsAndFunctions) {

@@ -1,6 +1,6 @@
 // What tests share: an instance of their own, bodies in processes of their own (the library's state is one per process,
-// and the test program itself never touches it), batons between processes, texts and hosts, and failing services. It brings
-// the headers that nearly all of them use.
+// and the test program itself never touches it), batons between processes, texts and hosts, and failing services. It
+// brings the headers that nearly all of them use.
 #pragma once
 
 #include <errno.h>
@@ -87,6 +87,12 @@ inline int finish(pid_t child) {
   while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+// Waits until a stopped or finished state of a child is known, and tells whether it stopped.
+inline bool waitUntilStopped(pid_t child) {
+  int status = 0;
+  return ::waitpid(child, &status, WUNTRACED) == child && WIFSTOPPED(status);
 }
 
 inline int finishKilled(pid_t child) {

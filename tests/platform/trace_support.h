@@ -27,12 +27,6 @@ inline constexpr EcfFunctionId kFunction = ecfFunctionId(9, 17);
 
 using namespace vek::platformtest;
 
-// Waits until a stopped or finished state of a child is known, and tells whether it stopped.
-inline bool waitUntilStopped(pid_t child) {
-  int status = 0;
-  return ::waitpid(child, &status, WUNTRACED) == child && WIFSTOPPED(status);
-}
-
 struct ReadItem {
   std::uint32_t type;
   std::uint32_t size;

@@ -30,12 +30,13 @@ void writeMixed(std::uint64_t count) {
 }
 
 // Two threads that have ended, each with full segments behind it, and this one, which still owns its segment.
-void writeDump(const std::string& path) {
-  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+std::string writeDump(const Instance& instance) {
+  EXPECT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
   std::thread([] { writeMixed(150); }).join();
   std::thread([] { writeMixed(150); }).join();
   writeMixed(40);
-  ASSERT_EQ(sqlt_dump_trace(path.c_str()), 0);
+  EXPECT_EQ(sqlt_dump_trace(instance.path("dump").c_str()), 0);
+  return instance.path("dump");
 }
 
 // A dump that can be damaged one byte at a time.
@@ -98,9 +99,7 @@ void expectAtMostTheDamagedRecordMissing(const std::vector<ReadRecord>& whole, c
 }
 
 TEST_APART(TraceDamage, AByteOfASegmentCostsAtMostTheRecordItIsIn) {
-  const std::string path = instance.path("dump");
-  writeDump(path);
-  DumpFile dump(path);
+  DumpFile dump(writeDump(instance));
   ASSERT_EQ(dump.whole(), withoutGaps(dump.whole()));
   ASSERT_EQ(dump.whole().size(), 680U);
   const std::uint32_t segments[] = {0, 1, dump.usedSegments() - 1};  // a thread's first, its last, one in use
@@ -113,9 +112,7 @@ TEST_APART(TraceDamage, AByteOfASegmentCostsAtMostTheRecordItIsIn) {
 }
 
 TEST_APART(TraceDamage, HeadersAndDescriptorsHaveASecondCopy) {
-  const std::string path = instance.path("dump");
-  writeDump(path);
-  DumpFile dump(path);
+  DumpFile dump(writeDump(instance));
   const std::pair<std::uint64_t, std::uint64_t> ranges[] = {
       {0, sizeof(vek::TrcDumpHeader)},
       {kRingAt, sizeof(vek::TrcRingHeader)},
@@ -130,31 +127,26 @@ TEST_APART(TraceDamage, HeadersAndDescriptorsHaveASecondCopy) {
 }
 
 // Whatever the bytes are: a code or records, never a fault, and always an end.
-TEST(TraceDamage, RubbleIsReadToItsEnd) {
-  const std::uint64_t seed = 77;
-  const Instance instance;
-  inProcess([&] {
-    const std::string path = instance.path("dump");
-    writeDump(path);
-    std::mt19937_64 random(seed);
-    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    for (unsigned round = 0; round < 40 * stressFactor(); ++round) {
-      for (int i = 0; i < 200; ++i) {
-        const std::uint64_t word = random() >> (random() % 64);
-        const std::uint64_t reach = random() % 2 == 0 ? 16 * kSegmentBytes : kRingBytes;
-        ASSERT_EQ(::pwrite(fd, &word, sizeof word, static_cast<off_t>(kDescriptorsAt + random() % reach)), 8);
-      }
-      SqltTraceReader reader;
-      ASSERT_EQ(reader.openFile(path.c_str()), 0);
-      EXPECT_LT(readAll(reader).size(), 100'000U);
+TEST_APART(TraceDamage, RubbleIsReadToItsEnd) {
+  const std::string path = writeDump(instance);
+  std::mt19937_64 random(77);
+  const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+  for (unsigned round = 0; round < 40 * stressFactor(); ++round) {
+    for (int i = 0; i < 200; ++i) {
+      const std::uint64_t word = random() >> (random() % 64);
+      const std::uint64_t reach = random() % 2 == 0 ? 16 * kSegmentBytes : kRingBytes;
+      ASSERT_EQ(::pwrite(fd, &word, sizeof word, static_cast<off_t>(kDescriptorsAt + random() % reach)), 8);
     }
-    ASSERT_EQ(::ftruncate(fd, static_cast<off_t>(kSegmentsAt + 100)), 0);
     SqltTraceReader reader;
-    EXPECT_EQ(reader.openFile(path.c_str()), SQLT_TRACE_NOT_A_TRACE);
-    ASSERT_EQ(::ftruncate(fd, 10), 0);
-    EXPECT_EQ(reader.openFile(path.c_str()), SQLT_TRACE_NOT_A_TRACE);
-    ::close(fd);
-  });
+    ASSERT_EQ(reader.openFile(path.c_str()), 0);
+    EXPECT_LT(readAll(reader).size(), 100'000U);
+  }
+  ASSERT_EQ(::ftruncate(fd, static_cast<off_t>(kSegmentsAt + 100)), 0);
+  SqltTraceReader reader;
+  EXPECT_EQ(reader.openFile(path.c_str()), SQLT_TRACE_NOT_A_TRACE);
+  ASSERT_EQ(::ftruncate(fd, 10), 0);
+  EXPECT_EQ(reader.openFile(path.c_str()), SQLT_TRACE_NOT_A_TRACE);
+  ::close(fd);
 }
 
 }  // namespace
