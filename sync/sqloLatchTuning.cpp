@@ -41,7 +41,7 @@ constexpr LatchTuning kOneProcessor = {.outer = 0,
 // SWASTE and XWASTE. A thread then spins for a shared latch about as long as it takes to put it to sleep and wake it.
 // It looks rarely: each look takes the latch's line away from the holder, who has to fetch it back before it can
 // release, and while the waiter stays away the holder takes several turns at the cost of one. Who waits for a spin
-// latch looks often: it is held for a few instructions, and its release does not wait for the line.
+// latch looks four times as often: it is held for a few instructions only.
 constexpr std::uint32_t kLoopCount = 2;
 constexpr std::uint32_t kWasteValue = 10;
 constexpr std::uint32_t kPair = 50;
@@ -52,7 +52,7 @@ LatchTuning defaultTuning(std::uint32_t processors) noexcept {
   if (processors < 2) return tuning;
   tuning.outer = kLoopCount;
   tuning.inner = kPair;
-  tuning.waste = 1;
+  tuning.waste = kPair / 4;
   tuning.sloop = tuning.xloop = std::max(kLoopCount, kWasteValue);
   tuning.swaste = tuning.xwaste = kPair;
   return tuning;

@@ -122,13 +122,12 @@ void SqloSpinLatch::init(std::uint16_t typeId, std::uint16_t flags) noexcept {
 }
 
 SqlzZrc SqloSpinLatch::captureLatch(const char* file, std::uint32_t line) noexcept {
-  vek::ossPrefetchToWrite(this);  // else reading the type would fetch the line to share it first
   SqloLatchTable* table = vek::t_latchTable;
   const std::uint32_t flags = vek::Access::latchFlags(*this);
   vek::LatchMark* mark = vek::latchPublishShortly(table, this, flags, vek::MARK_EXCLUSIVE, file, line);
   if (mark == nullptr) [[unlikely]]
     return vek::captureLong(*this, file, line);
-  if (!vek::take(*this)) [[unlikely]]
+  if (!vek::takeIfFree(*this)) [[unlikely]]  // a look costs nothing: the type was read from the same line
     return vek::conflict(*this, vek::LatchHold(table, mark, vek::Access::subject(*this)), file, line);
   vek::latchCount(*table, this, flags, file, line);
   return 0;
