@@ -100,7 +100,7 @@ constexpr Block windowOf(std::uint64_t address) noexcept { return address & ~(AD
 constexpr std::uint32_t shortOf(Block block) noexcept { return static_cast<std::uint32_t>(block); }
 inline Block blockOf(const void* address) noexcept { return reinterpret_cast<std::uintptr_t>(address); }
 inline void* pointerTo(Block block) noexcept { return pointerAs<void>(block); }
-inline BlockHeader* headerOf(Block block) noexcept { return pointerAs<BlockHeader>(block - SQLO_BLOCK_HEADER_BYTES); }
+inline BlockHeader* headerOf(Block block) noexcept { return pointerAs<BlockHeader>(block) - 1; }
 
 constexpr std::uint32_t kindOf(std::uint32_t code) noexcept { return code & ~BLOCK_FLAGS; }
 constexpr bool isBlockKind(std::uint32_t kind) noexcept {
@@ -145,13 +145,16 @@ VEK_MAY_TOUCH_POISONED inline void setPlace(Block block, BlockPlace place, std::
                    place.file | std::uint64_t{place.line & 0xFFFFU} << 32 | std::uint64_t{sequence & 0xFFFFU} << 48,
                    __ATOMIC_RELAXED);
 }
-// The same, piece by piece, for what one thread has alone and nobody walks by: fewer instructions.
+// For blocks that one thread has alone: nobody else changes them, nobody walks by, and the fewer instructions the
+// better.
+VEK_MAY_TOUCH_POISONED inline std::uint32_t sizeAlone(Block block) noexcept { return headerOf(block)->size; }
+VEK_MAY_TOUCH_POISONED inline std::uint32_t linkAlone(Block block) noexcept { return headerOf(block)->link; }
 VEK_MAY_TOUCH_POISONED inline void setUsedAlone(Block block, std::uint32_t size, BlockPlace place,
                                                 std::uint32_t sequence) noexcept {
   BlockHeader& header = *headerOf(block);
   __atomic_store_n(&header.code, BLOCK_USED, __ATOMIC_RELAXED);  // the owner of a neighbour looks at it
-  header.size = size;
-  header.file = place.file;
+  __atomic_store_n(&header.size, size, __ATOMIC_RELAXED);        // stores of their own: no vector is put together
+  __atomic_store_n(&header.file, place.file, __ATOMIC_RELAXED);
   header.line = static_cast<std::uint16_t>(place.line);
   header.sequence = static_cast<std::uint16_t>(sequence);
 }
@@ -159,8 +162,9 @@ VEK_MAY_TOUCH_POISONED inline void setKeptAlone(Block block, std::uint32_t next,
                                                 std::uint32_t line) noexcept {
   BlockHeader& header = *headerOf(block);
   __atomic_store_n(&header.code, BLOCK_KEPT | BLOCK_NAMED, __ATOMIC_RELAXED);
-  const std::uint64_t place = std::uint64_t{reinterpret_cast<std::uintptr_t>(file)} << 16 | (line & 0xFFFFU);
-  __builtin_memcpy(&header.file, &place, sizeof place);
+  const auto name = reinterpret_cast<std::uintptr_t>(file);
+  __builtin_memcpy(&header.file, &name, sizeof name);
+  header.sequence = static_cast<std::uint16_t>(line);  // addresses have 47 bits
   header.link = next;
 }
 
@@ -168,8 +172,8 @@ VEK_MAY_TOUCH_POISONED inline void setKeptAlone(Block block, std::uint32_t next,
 inline const char* namedFileOf(const BlockHeader& header, std::uint32_t* line) noexcept {
   std::uint64_t place;
   __builtin_memcpy(&place, &header.file, sizeof place);
-  *line = static_cast<std::uint32_t>(place & 0xFFFFU);
-  return pointerAs<const char>(place >> 16);
+  *line = header.sequence;
+  return pointerAs<const char>(place & 0xFFFF'FFFF'FFFFU);
 }
 
 VEK_MAY_TOUCH_POISONED inline void setChunk(Block block, std::uint32_t reference) noexcept {

@@ -6,6 +6,7 @@
 #include "memory/sqlo_mem_pool_fast.h"
 #include "memory/sqlo_mem_rows.h"
 #include "memory/sqlo_mem_set_directory.h"
+#include "platform/osse.h"
 #include "platform/region.h"
 #include "veksys/codes.h"
 #include "veksys/diag/log_items.h"
@@ -138,15 +139,17 @@ SqlzZrc allocateLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place, Bl
   return SQLO_NOMEM;
 }
 
-constexpr bool isSmall(std::size_t bytes) noexcept { return bytes - 1 < KEPT_MOST_STRIDE - SQLO_BLOCK_HEADER_BYTES; }
+// Requests whose blocks are kept.
+constexpr std::uint32_t kSmallMost = KEPT_MOST_STRIDE - SQLO_BLOCK_HEADER_BYTES;
+constexpr bool isSmall(std::size_t bytes) noexcept { return bytes - 1 < kSmallMost; }
 
 // A block of a bin that has one.
-[[gnu::always_inline]] inline Block takeFast(FastThread& thread, FastCache& cache, FastBin& bin, std::uint32_t bytes,
+[[gnu::always_inline]] inline Block takeFast(const FastCache& cache, FastBin& bin, std::uint32_t bytes,
                                              BlockPlace place) noexcept {
   const Block block = cache.window | bin.head();
-  bin.pop(linkOf(block));
+  const std::uint32_t sequence = bin.pop(linkAlone(block));
   unpoison(block, bytes);
-  setUsedAlone(block, bytes, place, ++thread.sequence);
+  setUsedAlone(block, bytes, place, sequence);
   return block;
 }
 
@@ -158,7 +161,7 @@ Block fillAndTake(FastCache* cache, std::uint32_t bytes, BlockPlace place) noexc
   if (!inside.knows()) return 0;
   FastBin& bin = cache->bins[listOf(strideFor(bytes))];
   if (bin.head() == 0 && sqloi_fastFill(*cache, strideFor(bytes)) == 0) return 0;
-  return takeFast(*t_fast, *cache, bin, bytes, place);
+  return takeFast(*cache, bin, bytes, place);
 }
 
 // The pool behind a handle, and the thread's cache of it, as of now at least.
@@ -171,15 +174,14 @@ MemPool* know(SQLO_MEM_POOL* handle, FastCache** cache) noexcept {
 }
 
 // All that there is to it.
-[[gnu::noinline]] SqlzZrc allocateAnyway(SQLO_MEM_POOL* handle, std::size_t bytes, std::uint32_t options,
-                                         const char* file, std::uint32_t line, void** out) noexcept {
+[[gnu::noinline]] SqlzZrc allocateOf(SQLO_MEM_POOL* handle, std::size_t bytes, std::uint32_t options, BlockPlace place,
+                                     void** out) noexcept {
   if (out == nullptr || (options & ~SQLO_MEM_ZERO) != 0) return SQLO_INV_PARM;
   *out = nullptr;
   if (bytes == 0 || bytes > kMostBytes) return SQLO_MEM_SIZE;
   FastCache* cache = nullptr;
   MemPool* const pool = know(handle, &cache);
   if (pool == nullptr) return SQLO_INV_MEM;
-  const BlockPlace place = {sqloi_fileKey(named(file)), line};
   const auto size = static_cast<std::uint32_t>(bytes);
   Block block = fillAndTake(cache, size, place);
   const SqlzZrc result = block != 0 ? 0 : allocateLatched(*pool, size, place, &block);
@@ -188,12 +190,21 @@ MemPool* know(SQLO_MEM_POOL* handle, FastCache** cache) noexcept {
   return result;
 }
 
+[[gnu::noinline]] SqlzZrc allocateAnyway(SQLO_MEM_POOL* handle, std::size_t bytes, std::uint32_t options,
+                                         const char* file, std::uint32_t line, void** out) noexcept {
+  return allocateOf(handle, bytes, options, {sqloi_fileKey(named(file)), line}, out);
+}
+
 // Under the latch, the most frequent case: the pool has kept a block of that size. 0: it has none.
 Block takeKeptLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place) noexcept {
   const std::uint32_t stride = strideFor(bytes);
   std::uint32_t& head = pool.m_kept[listOf(stride)];
+  const Block window = windowOf(blockOf(&pool));
+  // Most often it is still the first one under the latch; where another thread freed it, its line is on the way by
+  // then.
+  ossPrefetchToWrite(headerOf(window | __atomic_load_n(&head, __ATOMIC_RELAXED)));
   (void)pool.base().m_latch.captureLatch(kPoolLatchFile, __LINE__);
-  const Block block = head == 0 ? 0 : windowOf(blockOf(&pool)) | head;
+  const Block block = head == 0 ? 0 : window | head;
   if (block != 0) [[likely]] {
     head = linkOf(block);
     sqloi_add(pool.m_keptBytes, -std::int64_t{stride});
@@ -207,34 +218,26 @@ Block takeKeptLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place) noex
   return block;
 }
 
-// A pool that the thread knows and keeps nothing of.
-[[gnu::noinline]] SqlzZrc allocate(SQLO_MEM_POOL* handle, std::size_t bytes, std::uint32_t options, const char* file,
-                                   std::uint32_t line, void** out) noexcept {
-  FastThread& thread = *t_fast;
-  const std::uint32_t at = fastHash(handle);
-  const std::uint32_t name = fastFileAt(file);
-  if (thread.epoch == g_fastEpoch.load(std::memory_order_acquire) && thread.pools[at] == handle && handle != nullptr &&
-      fastCacheAt(thread, at) == &g_noCache && thread.files[name] == file && out != nullptr && options == 0 &&
-      isSmall(bytes)) [[likely]] {
-    MemPool& pool = *thread.pools[at];
-    const Block block =
-        pool.m_isPlain ? takeKeptLatched(pool, static_cast<std::uint32_t>(bytes), {thread.fileKeys[name], line}) : 0;
-    if (block != 0) [[likely]] {
-      *out = pointerTo(block);
-      return 0;
-    }
-  }
-  return allocateAnyway(handle, bytes, options, file, line, out);
+// A small block of a pool that the thread knows, and has no block of that size of.
+[[gnu::noinline]] SqlzZrc allocateKnown(SQLO_MEM_POOL* handle, std::uint32_t bytes, BlockPlace place,
+                                        void** out) noexcept {
+  auto* const pool = static_cast<MemPool*>(handle);
+  const bool isPlain = pool != nullptr && !sqloi_isFast(*pool) && pool->m_isPlain;
+  const Block block = isPlain ? takeKeptLatched(*pool, bytes, place) : 0;
+  if (block == 0) return allocateOf(handle, bytes, 0, place, out);
+  *out = pointerTo(block);
+  return 0;
 }
 
 // ---- freeing ---------------------------------------------------------------------------------------------------
 
-// Into a bin that has room. The size stays that of the request: the stride is the same.
-[[gnu::always_inline]] inline void keepFast(FastBin& bin, Block block, std::uint32_t stride, const char* file,
+// Into a bin, when that has room. The size stays that of the request: the stride is the same.
+[[gnu::always_inline]] inline bool keepFast(FastBin& bin, Block block, std::uint32_t stride, const char* file,
                                             std::uint32_t line) noexcept {
-  setKeptAlone(block, bin.head(), file, line);
-  poison(block, stride);
-  bin.push(shortOf(block));
+  return bin.pushWhenRoom(shortOf(block), [&](std::uint32_t next) {
+    setKeptAlone(block, next, file, line);
+    poison(block, stride);
+  });
 }
 
 // Another thread has the latch: whoever has it next puts the block where it belongs.
@@ -277,13 +280,12 @@ bool keep(MemPool& pool, Block block, std::uint32_t stride, const char* file, st
           FastCache& cache) noexcept {
   const FastInside inside(*t_fast);
   if (!inside.knows()) return false;
-  fastLearnChunk(*t_fast, chunkNumber(block - SQLO_BLOCK_HEADER_BYTES), pool, cache);
+  fastLearnChunk(*t_fast, chunkNumber(block), pool, cache);
   if (&cache == &g_noCache || stride > KEPT_MOST_STRIDE) return false;
   FastBin& bin = cache.bins[listOf(stride)];
   if (!bin.hasRoom()) sqloi_fastSpill(cache, stride);
-  setState(block, BLOCK_KEPT, stride - SQLO_BLOCK_HEADER_BYTES);
-  keepFast(bin, block, stride, file, line);
-  return true;
+  setState(block, BLOCK_KEPT, stride - SQLO_BLOCK_HEADER_BYTES);  // the flags go, what they said is the size's now
+  return keepFast(bin, block, stride, file, line);
 }
 
 // All that there is to it.
@@ -336,14 +338,14 @@ bool keepLatched(MemPool& pool, Block block, std::uint32_t stride, BlockPlace pl
 [[gnu::noinline]] SqlzZrc freeBlock(void* pointer, const char* file, std::uint32_t line) noexcept {
   const Block block = blockOf(pointer);
   const FastThread& thread = *t_fast;
-  const std::uint32_t number = chunkNumber(block - SQLO_BLOCK_HEADER_BYTES);
-  const std::uint32_t at = number % FAST_CHUNKS;
-  const std::uint32_t name = fastFileAt(file);
-  if (thread.epoch == g_fastEpoch.load(std::memory_order_acquire) && thread.chunks[at] == number &&
-      pointer != nullptr && thread.chunkCaches[at] == &g_noCache && thread.files[name] == file &&
-      block % SQLO_BLOCK_ALIGNMENT == 0 && codeOf(block) == BLOCK_USED) [[likely]] {
+  const std::uint64_t number = chunkNumber(block);
+  const std::size_t at = number % FAST_CHUNKS;
+  const std::size_t name = fastFileAt(file);
+  if (fastKnows(thread) && thread.chunks[at] == number && pointer != nullptr && thread.chunkCaches[at] == &g_noCache &&
+      thread.files[name] == file && block % SQLO_BLOCK_ALIGNMENT == 0 && codeOf(block) == BLOCK_USED) [[likely]] {
     MemPool& pool = *thread.chunkPools[at];
-    if (pool.m_isPlain && keepLatched(pool, block, strideFor(sizeOf(block)), {thread.fileKeys[name], line})) return 0;
+    const BlockPlace place = {static_cast<std::uint32_t>(thread.fileKeys[name]), line};
+    if (pool.m_isPlain && keepLatched(pool, block, strideFor(sizeOf(block)), place)) return 0;
   }
   return freeAnyway(pointer, file, line);
 }
@@ -354,41 +356,47 @@ bool keepLatched(MemPool& pool, Block block, std::uint32_t stride, BlockPlace pl
 // The short way: the thread keeps a block of that size of a pool that it knows, and remembers the name of the file.
 SqlzZrc sqloMemPoolAllocate(SQLO_MEM_POOL* pool, std::size_t bytes, std::uint32_t options, const char* file,
                             std::uint32_t line, void** block) noexcept {
-  vek::FastThread& thread = *vek::t_fast;
-  if (options == 0 && block != nullptr && vek::isSmall(bytes)) [[likely]] {
+  if (options != 0 || block == nullptr || !vek::isSmall(bytes)) [[unlikely]]
+    return vek::allocateAnyway(pool, bytes, options, file, line, block);
+  const auto size = static_cast<std::uint32_t>(bytes);
+  vek::BlockPlace place = {0, line};
+  {
+    vek::FastThread& thread = *vek::t_fast;
     const vek::FastInside inside(thread);
-    const std::uint32_t at = vek::fastHash(pool);
-    const std::uint32_t name = vek::fastFileAt(file);
-    vek::FastCache* const cache = vek::fastCacheAt(thread, at);
-    if (inside.knows() && thread.pools[at] == pool && thread.files[name] == file) [[likely]] {
-      const auto size = static_cast<std::uint32_t>(bytes);
-      vek::FastBin& bin = cache->bins[vek::listOf(vek::strideFor(size))];
-      if (bin.head() != 0) [[likely]] {
-        *block = vek::pointerTo(vek::takeFast(thread, *cache, bin, size, {thread.fileKeys[name], line}));
-        return 0;
-      }
+    const std::size_t at = vek::fastHash(pool);
+    const std::size_t name = vek::fastFileAt(file);
+    if (!inside.knows() || thread.pools[at] != pool || thread.files[name] != file) [[unlikely]]
+      goto unknown;
+    place.file = static_cast<std::uint32_t>(thread.fileKeys[name]);
+    vek::FastCache& cache = *thread.caches[at];
+    vek::FastBin& bin = cache.bin(vek::listOf(vek::strideFor(size)));
+    if (bin.head() != 0) [[likely]] {
+      *block = vek::pointerTo(vek::takeFast(cache, bin, size, place));
+      return 0;
     }
   }
-  return vek::allocate(pool, bytes, options, file, line, block);
+  return vek::allocateKnown(pool, size, place, block);
+unknown:
+  return vek::allocateAnyway(pool, bytes, 0, file, line, block);
 }
 
-// The short way: the thread knows the pool of the chunk that the header lies in and keeps blocks of it, this one among
+// The short way: the thread knows the pool of the chunk that the block lies in and keeps blocks of it, this one among
 // them.
 SqlzZrc sqloMemPoolFree(void* pointer, const char* file, std::uint32_t line) noexcept {
   const vek::Block block = vek::blockOf(pointer);
+  vek::ossPrefetchToWrite(vek::headerOf(block));  // another thread may have written it: one transfer instead of two
   vek::FastThread& thread = *vek::t_fast;
   if (block % SQLO_BLOCK_ALIGNMENT == 0) [[likely]] {
     const vek::FastInside inside(thread);
-    const std::uint32_t number = vek::chunkNumber(block - SQLO_BLOCK_HEADER_BYTES);
-    const std::uint32_t at = number % vek::FAST_CHUNKS;
+    const std::uint64_t number = vek::chunkNumber(block);
+    const std::size_t at = number % vek::FAST_CHUNKS;
     if (inside.knows() && thread.chunks[at] == number && vek::codeOf(block) == vek::BLOCK_USED) [[likely]] {
-      const std::uint32_t stride = vek::strideFor(vek::sizeOf(block));
-      if (stride <= vek::KEPT_MOST_STRIDE) [[likely]] {
-        vek::FastBin& bin = thread.chunkCaches[at]->bins[vek::listOf(stride)];
-        if (bin.hasRoom()) [[likely]] {
-          vek::keepFast(bin, block, stride, file, line);
+      const std::uint32_t size = vek::sizeAlone(block);
+      const std::uint32_t stride = vek::strideFor(size);
+      if (size <= vek::kSmallMost) [[likely]] {
+        vek::FastBin& bin = thread.chunkCaches[at]->bin(vek::listOf(stride));
+        if (vek::keepFast(bin, block, stride, file, line)) [[likely]]
           return 0;
-        }
       }
     }
   }

@@ -15,7 +15,6 @@ namespace vek {
 thread_local constinit FastThread* t_fast __attribute__((tls_model("initial-exec"))) = &g_nobody;
 constinit FastThread g_nobody = {};
 constinit FastCache g_noCache = {};
-constinit std::atomic<std::uint64_t> g_fastEpoch{1};
 
 namespace {
 
@@ -29,7 +28,7 @@ struct FastRegistry {
   bool hasBarrier;
   std::uint32_t generations;
   MemPool* pools[FAST_POOLS];
-  FastThread* threads;
+  std::atomic<FastThread*> threads;  // read without the latch, too: none ever goes
 };
 constinit FastRegistry g_registry = {};
 
@@ -78,7 +77,7 @@ void giveBack(FastCache& cache, std::uint32_t list, std::uint32_t count, PoolOpe
 }
 
 void giveBackAll(FastCache& cache, PoolOperation& operation) noexcept {
-  for (std::uint32_t list = 0; list < KEPT_LISTS; ++list) giveBack(cache, list, cache.bins[list].size(), operation);
+  for (std::uint32_t list = 0; list < KEPT_LISTS; ++list) giveBack(cache, list, cache.sizeOf(list), operation);
 }
 
 // The cache itself goes, too. Needs the pool latch.
@@ -96,56 +95,72 @@ void removeCache(FastCache& cache, PoolOperation& operation) noexcept {
 // ---- a thread's table ------------------------------------------------------------------------------------------
 
 void addPool(FastThread& thread, MemPool& pool, FastCache& cache) noexcept {
-  std::uint32_t at = fastHash(&pool);
+  std::size_t at = fastHash(&pool);
   while (thread.pools[at] != nullptr && thread.pools[at] != &pool) at = (at + 1) % FAST_ENTRIES;
   if (thread.pools[at] == nullptr) ++thread.poolCount;
   thread.pools[at] = &pool;
-  thread.caches[at].store(&cache, std::memory_order_relaxed);
+  fastSetCache(thread, at, &cache);
   thread.generations[at] = pool.m_fastGeneration;
 }
 
 FastCache* cacheIn(const FastThread& thread, const SQLO_MEM_POOL* pool) noexcept {
-  for (std::uint32_t at = fastHash(pool); thread.pools[at] != nullptr; at = (at + 1) % FAST_ENTRIES)
+  for (std::size_t at = fastHash(pool); thread.pools[at] != nullptr; at = (at + 1) % FAST_ENTRIES)
     if (thread.pools[at] == pool) return fastCacheAt(thread, at);
   return nullptr;
 }
 
 // Forgets everything but its caches of pools that are still fast: the others have been taken away.
 void revise(FastThread& thread) noexcept {
+  thread.isStale.exchange(0, std::memory_order_acq_rel);  // first: what changes from here on makes it stale again
   struct Known {
     MemPool* pool;
     FastCache* cache;
   } kept[FAST_ENTRIES];
   std::size_t count = 0;
-  for (std::uint32_t at = 0; at < FAST_ENTRIES; ++at) {
-    const Known known = {std::exchange(thread.pools[at], nullptr),
-                         thread.caches[at].exchange(&g_noCache, std::memory_order_relaxed)};
+  for (std::size_t at = 0; at < FAST_ENTRIES; ++at) {
+    const Known known = {std::exchange(thread.pools[at], nullptr), fastCacheAt(thread, at)};
+    fastSetCache(thread, at, &g_noCache);
     const bool isThere = known.pool != nullptr && known.cache != &g_noCache && isRegistered(known.pool);
     if (isThere && thread.generations[at] == known.pool->m_fastGeneration) kept[count++] = known;
   }
-  std::fill(std::begin(thread.chunks), std::end(thread.chunks), 0U);
+  std::fill(std::begin(thread.chunks), std::end(thread.chunks), FAST_NO_CHUNK);
   thread.poolCount = 0;
-  thread.epoch = g_fastEpoch.load(std::memory_order_acquire);
   for (std::size_t i = 0; i < count; ++i) addPool(thread, *kept[i].pool, *kept[i].cache);
 }
 
-// Makes what the calling thread knows, unless that is there. Needs the latch.
+// What a thread that ended has left, or a new one.
+FastThread* takeThread() noexcept {
+  FastThread* const first = g_registry.threads.load(std::memory_order_relaxed);
+  FastThread* thread = first;
+  while (thread != nullptr && thread->isTaken) thread = thread->next;
+  if (thread != nullptr) return thread;
+  thread = static_cast<FastThread*>(ossMapPages(sizeof(FastThread)));
+  if (thread == nullptr) return nullptr;
+  std::fill(std::begin(thread->caches), std::end(thread->caches), &g_noCache);
+  std::fill(std::begin(thread->chunks), std::end(thread->chunks), FAST_NO_CHUNK);
+  thread->isStale.store(1, std::memory_order_relaxed);
+  thread->next = first;
+  g_registry.threads.store(thread, std::memory_order_release);
+  return thread;
+}
+
+// Gives the calling thread what it knows with, unless it has that. Needs the latch.
 FastThread* makeThread() noexcept {
   if (t_fast != &g_nobody) return t_fast;
   if (threadSelf() == nullptr) return nullptr;  // nobody would see to its end
-  auto* thread = static_cast<FastThread*>(ossMapPages(sizeof(FastThread)));
+  FastThread* const thread = takeThread();
   if (thread == nullptr) return nullptr;
-  for (auto& cache : thread->caches) cache.store(&g_noCache, std::memory_order_relaxed);
-  thread->next = g_registry.threads;
-  if (thread->next != nullptr) thread->next->previous = thread;
-  g_registry.threads = thread;
+  thread->isTaken = true;
   t_fast = thread;
   return thread;
 }
 
 void setLimits(FastCache& cache) noexcept {
-  for (std::uint32_t list = listOf(BLOCK_LEAST_STRIDE); list < KEPT_LISTS; ++list)
-    cache.bins[list].limit(mostFor(*cache.pool, list * SQLO_BLOCK_ALIGNMENT));
+  for (std::uint32_t list = listOf(BLOCK_LEAST_STRIDE); list < KEPT_LISTS; ++list) {
+    const std::uint32_t most = mostFor(*cache.pool, list * SQLO_BLOCK_ALIGNMENT);
+    cache.most[list] = static_cast<std::uint16_t>(most);
+    cache.bins[list].limit(most);
+  }
 }
 
 // A block of the pool for the cache; null when it has none: it does not grow for that.
@@ -165,9 +180,9 @@ FastCache* makeCache(MemPool& pool) noexcept {
 
 // ---- other threads' caches -------------------------------------------------------------------------------------
 
-// From here on a thread that is inside knew the old epoch, and will be out soon; one that comes in sees the new one.
-void raiseEpoch() noexcept {
-  g_fastEpoch.fetch_add(1, std::memory_order_seq_cst);
+// From here on a thread that is inside will be out soon, and one that comes in sees that its knowledge is stale.
+void stopThreads() noexcept {
+  fastForgetKnowledge();
   if (g_registry.hasBarrier) ossBarrier();
 }
 
@@ -184,12 +199,12 @@ bool isOutside(const FastThread& thread) noexcept {
 // stands in its place from then on.
 template <class Visit>
 void visitCaches(const MemPool& pool, const Visit& visit) noexcept {
-  raiseEpoch();
+  stopThreads();
   for (FastThread* thread = g_registry.threads; thread != nullptr; thread = thread->next) {
     if (!isOutside(*thread)) continue;
-    for (std::uint32_t at = 0; at < FAST_ENTRIES; ++at) {
+    for (std::size_t at = 0; at < FAST_ENTRIES; ++at) {
       FastCache* const cache = thread->pools[at] == &pool ? fastCacheAt(*thread, at) : &g_noCache;
-      if (cache != &g_noCache) thread->caches[at].store(visit(*cache), std::memory_order_relaxed);
+      if (cache != &g_noCache) fastSetCache(*thread, at, visit(*cache));
     }
   }
 }
@@ -202,18 +217,24 @@ std::uint32_t sqloi_fileKey(const char* file) noexcept {
     (void)makeThread();
   }
   if (t_fast == &g_nobody) return regionKeyOfText(file);
-  const std::uint32_t at = fastFileAt(file);
+  const std::size_t at = fastFileAt(file);
   if (t_fast->files[at] != file) {
     t_fast->fileKeys[at] = regionKeyOfText(file);
     t_fast->files[at] = file;
   }
-  return t_fast->fileKeys[at];
+  return static_cast<std::uint32_t>(t_fast->fileKeys[at]);
 }
 
 bool sqloi_isFast(const MemPool& pool) noexcept { return __atomic_load_n(&pool.m_fastMost, __ATOMIC_RELAXED) != 0; }
 
 FastCache* sqloi_fastKnown(const SQLO_MEM_POOL* pool) noexcept {
-  return t_fast->epoch == g_fastEpoch.load(std::memory_order_acquire) ? cacheIn(*t_fast, pool) : nullptr;
+  return fastKnows(*t_fast) ? cacheIn(*t_fast, pool) : nullptr;
+}
+
+void fastForgetKnowledge() noexcept {
+  for (FastThread* thread = g_registry.threads.load(std::memory_order_acquire); thread != nullptr;
+       thread = thread->next)
+    thread->isStale.store(1, std::memory_order_seq_cst);
 }
 
 FastCache* sqloi_fastLearn(MemPool& pool) noexcept {
@@ -221,7 +242,7 @@ FastCache* sqloi_fastLearn(MemPool& pool) noexcept {
   const RegistryOperation operation;
   FastThread* const thread = makeThread();
   if (thread == nullptr) return nullptr;
-  if (thread->epoch != g_fastEpoch.load(std::memory_order_acquire) || thread->poolCount > FAST_POOLS) revise(*thread);
+  if (!fastKnows(*thread) || thread->poolCount > FAST_POOLS) revise(*thread);
   FastCache* cache = cacheIn(*thread, &pool);
   if (cache != nullptr && cache != &g_noCache) return cache;
   const bool isFast = isRegistered(&pool);
@@ -235,7 +256,7 @@ FastCache* sqloi_fastLearn(MemPool& pool) noexcept {
 std::uint32_t sqloi_fastFill(FastCache& cache, std::uint32_t stride) noexcept {
   MemPool& pool = *cache.pool;
   FastBin& bin = cache.bins[listOf(stride)];
-  const std::uint32_t wanted = std::min(std::max(bin.most() / 2, 1U), kFillMost);
+  const std::uint32_t wanted = std::min(std::max(cache.most[listOf(stride)] / 2U, 1U), kFillMost);
   PoolOperation operation(pool);
   sqloi_takeDeferred(pool, operation);
   const KeptChain chain = sqloi_takeChain(pool, stride, wanted);
@@ -256,13 +277,12 @@ std::uint32_t sqloi_fastFill(FastCache& cache, std::uint32_t stride) noexcept {
     setLink(block, itsBin.head());
     itsBin.push(shortOf(block));
   }
-  return bin.size();
+  return cache.sizeOf(listOf(stride));
 }
 
 void sqloi_fastSpill(FastCache& cache, std::uint32_t stride) noexcept {
-  const FastBin& bin = cache.bins[listOf(stride)];
   PoolOperation operation(*cache.pool);
-  giveBack(cache, listOf(stride), (bin.size() + 1) / 2, operation);
+  giveBack(cache, listOf(stride), (cache.sizeOf(listOf(stride)) + 1) / 2, operation);
 }
 
 void sqloi_fastTakeBack(MemPool& pool) noexcept {
@@ -293,7 +313,7 @@ FastKept sqloi_fastKept(const MemPool& pool) noexcept {
   FastKept kept = {};
   for (const FastCache* cache = pool.m_caches; cache != nullptr; cache = cache->next)
     for (std::uint32_t list = 0; list < KEPT_LISTS; ++list) {
-      const std::uint32_t count = cache->bins[list].size();
+      const std::uint32_t count = cache->sizeOf(list);
       kept.blocks += count;
       kept.bytes += count * list * SQLO_BLOCK_ALIGNMENT;
     }
@@ -303,20 +323,18 @@ FastKept sqloi_fastKept(const MemPool& pool) noexcept {
 void sqloi_fastThreadEnds() noexcept {
   FastThread* const thread = t_fast;
   if (thread == &g_nobody) return;
-  {
-    const RegistryOperation registry;
-    revise(*thread);
-    for (std::uint32_t at = 0; at < FAST_ENTRIES; ++at) {
-      FastCache* const cache = fastCacheAt(*thread, at);
-      if (cache == &g_noCache) continue;
-      PoolOperation operation(*cache->pool);
-      removeCache(*cache, operation);
-    }
-    if (thread->next != nullptr) thread->next->previous = thread->previous;
-    (thread->previous != nullptr ? thread->previous->next : g_registry.threads) = thread->next;
-    t_fast = &g_nobody;
+  const RegistryOperation registry;
+  revise(*thread);
+  for (std::size_t at = 0; at < FAST_ENTRIES; ++at) {
+    FastCache* const cache = fastCacheAt(*thread, at);
+    if (cache == &g_noCache) continue;
+    PoolOperation operation(*cache->pool);
+    removeCache(*cache, operation);
+    fastSetCache(*thread, at, &g_noCache);
   }
-  ossUnmapPages(thread, sizeof(FastThread));
+  thread->isStale.store(1, std::memory_order_relaxed);
+  thread->isTaken = false;
+  t_fast = &g_nobody;
 }
 
 }  // namespace vek

@@ -111,6 +111,9 @@ TEST_APART(MemPoolFast, CountsWhatThreadsKeep) {
     EXPECT_EQ(info.poolBlocks, 100U);
     EXPECT_EQ(info.poolUsed, 12'800U);
     EXPECT_EQ(sqloMemPoolGetCurrentSize(pool), 12'800U);
+    // Addresses that look like the block's own, whose chunk the thread knows.
+    for (const std::uint64_t wrong : {std::uint64_t{1} << 47, std::uint64_t{1} << 48, std::uint64_t{0xFFFF} << 48})
+      EXPECT_EQ(release(pointerAs<void>(blockOf(blocks[99]) | wrong)), SQLO_INV_MEM) << std::hex << wrong;
     for (std::size_t i = 0; i < 60; ++i) EXPECT_EQ(release(blocks[i]), 0);
     info = infoOf(pool);
     EXPECT_EQ(info.poolBlocks, 40U);

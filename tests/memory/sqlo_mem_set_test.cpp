@@ -321,14 +321,13 @@ TEST(MemSet, SaysWhatItCannotGive) {
         "Set 9 size truncated from 3145728 bytes to 1048576 bytes  To avoid this truncation, either reduce your memory "
         "configuration parameters for this set or update the VEKNTMEMSIZE registry variable with the string "
         "PRIVATE:3145728.";
-    for (const char* text :
-         {"Insufficient set size for heap reservations.", kTruncated,
-          "Set 9 size truncated from 4294967295 bytes to 4294901760 bytes",
-          "The value requested for padding was 1048576, and the value assigned is 0.",
-          "No private set handle.", "Deferred memory commit is disabled in memory debug modes",
-          "Insufficient INSTANCE_MEMORY to allocate new memory set.",
-          "Can not continue with large page support, disabling to continue",
-          "Can not continue with VEK_PINNED_BP=true, disabling to continue", "pSetHdl was NULL"})
+    for (const char* text : {"Insufficient set size for heap reservations.", kTruncated,
+                             "Set 9 size truncated from 4294967295 bytes to 4294901760 bytes",
+                             "The value requested for padding was 1048576, and the value assigned is 0.",
+                             "No private set handle.", "Deferred memory commit is disabled in memory debug modes",
+                             "Insufficient INSTANCE_MEMORY to allocate new memory set.",
+                             "Can not continue with large page support, disabling to continue",
+                             "Can not continue with VEK_PINNED_BP=true, disabling to continue", "pSetHdl was NULL"})
       EXPECT_EQ(occurrences(log, text), 1U) << text;
   });
 }
