@@ -225,8 +225,6 @@ std::uint32_t sqloi_fileKey(const char* file) noexcept {
   return static_cast<std::uint32_t>(t_fast->fileKeys[at]);
 }
 
-bool sqloi_isFast(const MemPool& pool) noexcept { return __atomic_load_n(&pool.m_fastMost, __ATOMIC_RELAXED) != 0; }
-
 FastCache* sqloi_fastKnown(const SQLO_MEM_POOL* pool) noexcept {
   return fastKnows(*t_fast) ? cacheIn(*t_fast, pool) : nullptr;
 }

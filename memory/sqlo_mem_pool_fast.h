@@ -165,7 +165,9 @@ class FastInside {
 };
 
 // Whether threads keep blocks of a pool.
-bool sqloi_isFast(const MemPool& pool) noexcept;
+inline bool sqloi_isFast(const MemPool& pool) noexcept {
+  return __atomic_load_n(&pool.m_fastMost, __ATOMIC_RELAXED) != 0;
+}
 
 // The calling thread's cache of a pool that is there, made when it is to have one; g_noCache when it is not, or when
 // the pool has no block for it. Null: the thread cannot know about it, since processes share it or there is no memory.
