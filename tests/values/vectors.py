@@ -19,22 +19,10 @@ import random
 import struct
 import sys
 
-MODES = [
-    decimal.ROUND_HALF_EVEN,
-    decimal.ROUND_DOWN,
-    decimal.ROUND_HALF_UP,
-    decimal.ROUND_CEILING,
-    decimal.ROUND_FLOOR,
-    decimal.ROUND_HALF_DOWN,
-    decimal.ROUND_UP,
-]
-CONDITIONS = {
-    decimal.InvalidOperation: 0x01,
-    decimal.DivisionByZero: 0x02,
-    decimal.Overflow: 0x04,
-    decimal.Underflow: 0x08,
-    decimal.Inexact: 0x10,
-}
+MODES = [getattr(decimal, "ROUND_" + name) for name in "HALF_EVEN DOWN HALF_UP CEILING FLOOR HALF_DOWN UP".split()]
+DOWN, HALF_UP = 1, 2
+# The bits of conditions, from the lowest one.
+CONDITIONS = [decimal.InvalidOperation, decimal.DivisionByZero, decimal.Overflow, decimal.Underflow, decimal.Inexact]
 INTEGERS = {"int32": (-(2**31), 2**31 - 1), "uint32": (0, 2**32 - 1), "int64": (-(2**63), 2**63 - 1), "uint64": (0, 2**64 - 1)}
 RANGES = [(-(2**15), 2**15 - 1), (0, 2**16 - 1), *INTEGERS.values()]
 EXACT = decimal.Context(prec=7000, Emin=-99999, Emax=99999, traps=[])
@@ -46,7 +34,7 @@ def context(width, mode=0):
 
 
 def raised(ctx):
-    return sum(bit for signal, bit in CONDITIONS.items() if ctx.flags[signal])
+    return sum(1 << bit for bit, signal in enumerate(CONDITIONS) if ctx.flags[signal])
 
 
 def digits_of(rnd, most):
@@ -109,21 +97,13 @@ def packed(integer, precision, sign=None):
     return str(abs(integer)).rjust(precision | 1, "0") + (sign or ("D" if integer < 0 else "C"))
 
 
-def to_integer(value, mode, limits):
-    if not value.is_finite() or value.adjusted() > 30:
-        return "0", 0 if value.is_zero() else 1
-    number = int(value.to_integral_value(rounding=MODES[mode], context=EXACT))
-    return (str(number), 0) if limits[0] <= number <= limits[1] else ("0", 1)
-
-
-def to_packed(value, mode, precision, scale):
-    """The packed value's half bytes, or "none"."""
-    if not value.is_finite() or (not value.is_zero() and value.adjusted() > 40):
-        return "none", 1
-    scaled = 0 if value.is_zero() else int(EXACT.scaleb(value, scale).to_integral_value(rounding=MODES[mode], context=EXACT))
-    if abs(scaled) >= 10**precision:
-        return "none", 1
-    return packed(scaled, precision), 0
+def scaled(value, mode, scale=0):
+    """A value in units of 10^-scale, rounded to an integer; one beyond every target when it is none."""
+    if value.is_zero():
+        return 0
+    if not value.is_finite() or value.adjusted() > 40:
+        return 10**40
+    return int(EXACT.scaleb(value, scale).to_integral_value(rounding=MODES[mode], context=EXACT))
 
 
 BINARY = ["add", "subtract", "multiply", "divide", "quantize", "compare", "compare_signal"]  # methods of a context
@@ -148,11 +128,15 @@ def special(rnd, name, width, mode):
             near = decimal.Decimal(rnd.choice(INTEGERS[kind])) + decimal.Decimal(rnd.randint(-30, 30)) / 10
             value = context(width).create_decimal(near)
             left = str(value)
-        return (left, kind, *to_integer(value, mode, INTEGERS[kind]))
+        number = scaled(value, mode)
+        fits = INTEGERS[kind][0] <= number <= INTEGERS[kind][1]
+        return left, kind, str(number if fits else 0), int(not fits)
     precision = rnd.randint(1, 31)
     scale = rnd.randint(0, precision)
     if name == "topacked":
-        return (left, f"{precision},{scale}", *to_packed(value, mode, precision, scale))
+        number = scaled(value, mode, scale)
+        fits = abs(number) < 10**precision
+        return left, f"{precision},{scale}", packed(number, precision) if fits else "none", int(not fits)
     digits = int(digits_of(rnd, precision))
     sign = rnd.choice("ABCDEF")
     result = ctx.create_decimal(f"{'-' if sign in 'BD' and digits else ''}{digits}E{-scale}")
@@ -179,16 +163,14 @@ def digits_near(rnd, precision, scale):
 
 def cut_and_rounded(exact, precision, scale):
     """The target cut, then in each mode."""
-    scaled = EXACT.scaleb(exact, scale)
-    modes = [decimal.ROUND_DOWN, decimal.ROUND_DOWN, *MODES[1:]]
-    integers = [int(scaled.to_integral_value(rounding=mode, context=EXACT)) for mode in modes]
+    integers = [scaled(exact, mode, scale) for mode in [DOWN, DOWN, *range(1, len(MODES))]]
     return "".join(packed(each, precision) + " " if abs(each) < 10**precision else "- " for each in integers)
 
 
 def to_integers(exact, negative):
-    rounded = [int(exact.to_integral_value(rounding=mode, context=EXACT)) for mode in (decimal.ROUND_DOWN, decimal.ROUND_HALF_UP)]
-    refused = lambda number, least, most: not least <= number <= most or (least == 0 and negative)
-    return "".join("- " if refused(each, *limits) else f"{each} " for each in rounded for limits in RANGES)
+    rounded = [scaled(exact, mode) for mode in (DOWN, HALF_UP)]
+    fits = lambda number, least, most: least <= number <= most and not (least == 0 and negative)
+    return "".join(f"{each} " if fits(each, *limits) else "- " for each in rounded for limits in RANGES)
 
 
 def any_double(rnd, precision, scale):
@@ -222,8 +204,7 @@ def packed_vector(rnd):
     elif name == "fromdouble":
         double = any_double(rnd, precision, scale)
         left = struct.pack("=d", double).hex()
-        finite = abs(double) < float("inf")
-        result = cut_and_rounded(decimal.Decimal(double), precision, scale) if finite else "- " * 8
+        result = cut_and_rounded(decimal.Decimal(double), precision, scale)
     else:
         digits = str(number).rjust(precision, "0")
         minus = "-" if negative and number else " "
@@ -245,6 +226,8 @@ def vector(rnd):
     else:
         right = operand(rnd, width, value)
         result = getattr(ctx, name)(value, EXACT.create_decimal(right))
+    if name.startswith("compare") and result.is_nan():
+        result = "NaN"  # without sign and payload
     return width, name, mode, left, right, str(result), raised(ctx)
 
 
@@ -256,5 +239,4 @@ def main():
         print(*fields, f"{conditions:x}", sep="\t")
 
 
-if __name__ == "__main__":
-    main()
+main()
