@@ -197,34 +197,25 @@ TEST_APART(DiagDirectory, IsMadeForItsOwnerAloneAndTrustedOnlyWhenNobodyElseCanW
   EXPECT_EQ(pdMkdirInternal(nullptr), SQLO_INV_PARM);
 }
 
-TEST(DiagDirectory, WhatTheSystemRefusesIsTold) {
-  const Instance instance;
-  const struct {
-    int error;
-    SqlzZrc zrc;
-  } cases[] = {{EACCES, SQLO_PATH_NOT_WRITABLE}, {EROFS, SQLO_FILE_READ_ONLY}, {ENOSPC, SQLO_DISK_FULL}};
-  for (const auto& each : cases)
-    inProcess([&] {
-      makeFail<&OssCalls::faccessat>(0, each.error);
-      EXPECT_EQ(pdDiagpathVerify(instance.directory().c_str()), each.zrc);
-    });
-  inProcess([&] {  // a link, and a directory, of a third user
-    static std::uint32_t owner = ::geteuid() + 1;
-    ossCalls().lstat = [](const char* path, struct stat* out) {
-      const int result = ::lstat(path, out);
-      if (S_ISLNK(out->st_mode)) out->st_uid = owner;
-      return result;
-    };
-    const std::string link = instance.directory() + "/link";
-    fs::create_symlink(instance.directory(), link);
-    EXPECT_EQ(pdDiagpathVerify((link + "/").c_str()), SQLO_PATH_IS_SYMLINK);
-    ossCalls().lstat = [](const char* path, struct stat* out) {
-      const int result = ::lstat(path, out);
-      out->st_uid = owner;
-      return result;
-    };
-    EXPECT_EQ(pdDiagpathVerify(instance.directory().c_str()), SQLT_DIAGPATH_NOT_TRUSTED);
-  });
+TEST_APART(DiagDirectory, WhatTheSystemRefusesIsTold) {
+  const std::string directory = instance.directory();
+  const std::string link = instance.path("link/");
+  fs::create_symlink(directory, instance.path("link"));
+  const std::pair<int, SqlzZrc> cases[] = {
+      {EACCES, SQLO_PATH_NOT_WRITABLE}, {EROFS, SQLO_FILE_READ_ONLY}, {ENOSPC, SQLO_DISK_FULL}};
+  for (const auto& [error, zrc] : cases) {
+    makeFail<&OssCalls::faccessat>(0, error);
+    EXPECT_EQ(pdDiagpathVerify(directory.c_str()), zrc);
+  }
+  static bool isLinkAlone = true;
+  ossCalls().lstat = [](const char* path, struct stat* out) {
+    const int result = ::lstat(path, out);
+    if (!isLinkAlone || S_ISLNK(out->st_mode)) out->st_uid = ::geteuid() + 1;  // of a third user
+    return result;
+  };
+  EXPECT_EQ(pdDiagpathVerify(link.c_str()), SQLO_PATH_IS_SYMLINK);
+  isLinkAlone = false;
+  EXPECT_EQ(pdDiagpathVerify(directory.c_str()), SQLT_DIAGPATH_NOT_TRUSTED);
 }
 
 // ---- the directories of a process -------------------------------------------------------------------------------
@@ -365,13 +356,10 @@ TEST_APART(DiagPath, ThreadsThatAskAtOnceGetOneAnswer) {
   const std::string base = instance.directory() + "/logs";
   configure(base + " $n", base + "/other");
   std::atomic<int> wrong = 0;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i)
-    threads.emplace_back([&] {
-      for (int round = 0; round < 100; ++round)
-        if (pdiDiagDirectory().path != base + "/NODE0003/" || pdiDiagDirectory().zrc != 0) ++wrong;
-    });
-  for (std::thread& thread : threads) thread.join();
+  inThreads(8, [&](unsigned) {
+    for (int round = 0; round < 100; ++round)
+      if (pdiDiagDirectory().path != base + "/NODE0003/" || pdiDiagDirectory().zrc != 0) ++wrong;
+  });
   EXPECT_EQ(wrong, 0);
 }
 

@@ -95,15 +95,12 @@ TEST_APART(FacilityLogs, ThreadsThatOpenAtOnceAgreeOnTheNumbers) {
   std::uint32_t numbers[kThreads][kNames] = {};
   EXPECT_EQ(pdLogFacOpen("first", 1, &numbers[0][0]), 0);  // the first traced call maps the trace words
   std::atomic<std::uint32_t> ready = 0;
-  std::vector<std::thread> threads;
-  for (auto& each : numbers)
-    threads.emplace_back([&ready, &each] {
-      ++ready;
-      while (ready < kThreads) std::this_thread::yield();
-      for (std::uint32_t name = 0; name < kNames; ++name)
-        EXPECT_EQ(pdLogFacOpen(("name" + std::to_string(name)).c_str(), 1, &each[name]), 0);
-    });
-  for (std::thread& thread : threads) thread.join();
+  inThreads(kThreads, [&](unsigned thread) {
+    ++ready;
+    while (ready < kThreads) std::this_thread::yield();
+    for (std::uint32_t name = 0; name < kNames; ++name)
+      EXPECT_EQ(pdLogFacOpen(("name" + std::to_string(name)).c_str(), 1, &numbers[thread][name]), 0);
+  });
   const std::set<std::uint32_t> different(numbers[0], numbers[0] + kNames);
   EXPECT_EQ(different.size(), kNames);
   for (const auto& each : numbers) EXPECT_EQ(std::memcmp(each, numbers[0], sizeof each), 0);
@@ -157,31 +154,19 @@ TEST_APART(OlderInterface, EachCallWritesOneRecord) {
 TEST(OSSeMessages, WhatNobodyIsToldOfBecomesARecord) {
   const Instance instance;
   inProcess([&] {
-    static bool isFailing = true;
-    ossCalls().close = [](int fd) {
+    static bool isFailing = false;
+    ossCalls().close = [](int fd) {  // fails once: the log closes files itself
       const int result = ::close(fd);
-      errno = isFailing ? EIO : 0;
-      return isFailing ? -1 : result;
+      return std::exchange(isFailing, false) ? (errno = EIO, -1) : result;
     };
     const auto closeBadly = [] {
       isFailing = true;
-      const int fd = ::dup(0);
-      errno = 4711;
-      ossClose(fd);
-      isFailing = false;
-      return errno;
+      ossClose(::dup(0));
     };
     closeBadly();
     EXPECT_EQ(log(), "") << "no hook yet";
     EXPECT_EQ(sqltSyncOSSeLogFacility(), 0);
     EXPECT_EQ(sqltSyncOSSeLogFacility(), 0);
-    ossCalls().close = [](int fd) {  // fails once: the log closes files itself
-      const int result = ::close(fd);
-      if (!isFailing) return result;
-      isFailing = false;
-      errno = EIO;
-      return -1;
-    };
     closeBadly();
     EXPECT_TRUE(holds(log(), "A file could not be closed"));
     EXPECT_TRUE(holds(log(), "EIO (5)"));

@@ -3,7 +3,6 @@
 
 #include <cstring>
 #include <iterator>
-#include <set>
 
 #include "platform/ports.h"
 #include "platform/support.h"
@@ -41,12 +40,6 @@ std::string textOf(std::uint32_t type, std::string_view bytes) {
 }
 
 TEST(PdItems, EveryTypeHasItsNumberAndItsDescription) {
-  std::set<std::string> names;
-  const char* const all[] = {
-#define PD_TYPE(number, name, description, print) #name,
-#include "veksys/pd_types.def"
-#undef PD_TYPE
-  };
   const std::uint32_t numbers[] = {
 #define PD_TYPE(number, name, description, print) number,
 #include "veksys/pd_types.def"
@@ -55,8 +48,7 @@ TEST(PdItems, EveryTypeHasItsNumberAndItsDescription) {
   EXPECT_EQ(std::size(numbers), 96U);
   for (std::uint32_t type = 0; type < std::size(numbers); ++type) {
     EXPECT_EQ(numbers[type], type);
-    EXPECT_TRUE(names.insert(all[type]).second) << all[type];
-    EXPECT_NE(description(type), "") << all[type];
+    EXPECT_NE(description(type), "") << type;
   }
   EXPECT_EQ(description(PD_TYPE_MIN), "Minumum value");
   EXPECT_EQ(description(PD_TYPE_SIGNAL), "Signal Number Recieved");

@@ -30,18 +30,14 @@ std::string keyOf(int round, int process, int thread, int number) {
 
 // Logs until it is killed, from several threads, and notes what was answered 0.
 void logUntilKilled(int round, int process, Answers* answers) {
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < kThreads; ++thread)
-    threads.emplace_back([=] {
-      for (int number = 0; number < kMostEach; ++number) {
-        const std::string text =
-            keyOf(round, process, thread, number) + std::string(number % 40 == 0 ? 9000U : 60U, 'x');
-        if (logText(text) != 0) ::_exit(9);
-        answers->written[round][process][thread].store(number + 1);
-      }
-      ::pause();
-    });
-  for (std::thread& thread : threads) thread.join();
+  inThreads(kThreads, [=](unsigned thread) {
+    for (int number = 0; number < kMostEach; ++number) {
+      const std::string filler(number % 40 == 0 ? 9000U : 60U, 'x');
+      if (logText(keyOf(round, process, static_cast<int>(thread), number) + filler) != 0) ::_exit(9);
+      answers->written[round][process][thread].store(number + 1);
+    }
+    ::pause();
+  });
 }
 
 std::vector<std::string> allRecords(const Log& log) {
@@ -96,19 +92,18 @@ TEST_APART(PdLogSurvival, AForkWhileAnotherThreadLogs) {
   const Log log{instance};
   std::atomic<bool> stop{false};
   std::atomic<int> written{0};
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 2; ++i)
-    threads.emplace_back([&] {
+  std::jthread logging([&] {
+    inThreads(2, [&](unsigned) {
       while (!stop.load()) written += logText("of a thread") == 0 ? 1 : 0;
     });
+  });
   for (int i = 0; i < 40; ++i)
-    EXPECT_EQ(runInProcess([] {
-                EXPECT_EQ(logText("of a child"), 0);
-                endAtOnce();
-              }),
-              0);
+    inProcess([] {
+      EXPECT_EQ(logText("of a child"), 0);
+      endAtOnce();
+    });
   stop = true;
-  for (std::thread& thread : threads) thread.join();
+  logging.join();
   const auto records = log.records();
   EXPECT_EQ(countOf(records, "of a child"), 40U);
   EXPECT_EQ(countOf(records, "of a thread"), static_cast<std::size_t>(written.load()));
@@ -166,13 +161,11 @@ ssize_t (*g_realWrite)(int, const void*, std::size_t) = nullptr;
 ssize_t writeToFullDisk(int fd, const void* bytes, std::size_t count) {
   if (!g_isDiskFull || fd <= 2) return g_realWrite(fd, bytes, count);
   if (count > 200) return g_realWrite(fd, bytes, count / 2);
-  errno = ENOSPC;
-  return -1;
+  return errno = ENOSPC, -1;
 }
 
 void catchStandardError(const Log& log) {
-  const int fd = ::open((log.instance.directory() + "/stderr").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  ::dup2(fd, 2);
+  ::dup2(::open(log.instance.path("stderr").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), 2);
 }
 
 TEST_APART(PdLogSurvival, LossesAreCountedAndTold) {
@@ -200,14 +193,12 @@ TEST_APART(PdLogSurvival, LossesAreCountedAndTold) {
   EXPECT_EQ(countOf(records, "Before this record"), 1U);
   for (const std::string& record : records)
     EXPECT_EQ(holds(record, "Before this record 3 records were lost, the first at "), holds(record, "resumed"));
-  std::string lines;
-  for (const std::string& path : {log.path(), log.directory() + "audit.log"}) {
-    char line[512];
-    std::snprintf(line, sizeof line, "Open of log file \"%s\" failed with rc 0x%X\n", path.c_str(),
-                  static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(ENOSPC)));
-    lines += line;
-  }
-  EXPECT_EQ(contentOf(log.instance.directory() + "/stderr"), lines) << "once for one reason and file";
+  char lines[1024];
+  const auto zrc = static_cast<unsigned>(sqloMapUnexpectedFileSystemErrorToZRC(ENOSPC));
+  std::snprintf(lines, sizeof lines,
+                "Open of log file \"%s\" failed with rc 0x%X\nOpen of log file \"%s\" failed with rc 0x%X\n",
+                log.path().c_str(), zrc, (log.directory() + "audit.log").c_str(), zrc);
+  EXPECT_EQ(contentOf(log.instance.path("stderr")), lines) << "once for one reason and file";
 }
 
 // The real things. Mounts are made in a name space of the process's own and go with it.
@@ -289,10 +280,7 @@ TEST_APART(PdLogSurvival, TheLogStaysForWhatIsNoFaultOfItsPath) {
   static int error;
   for (const int each : {EMFILE, ENFILE, ENOMEM}) {
     error = each;
-    ossCalls().open = [](const char*, int, mode_t) {
-      errno = error;
-      return -1;
-    };
+    ossCalls().open = [](const char*, int, mode_t) { return errno = error, -1; };
     EXPECT_EQ(logText("lost"), SQLT_DIAGERR_LOGERR);
     ossCalls().open = realOpen;
   }

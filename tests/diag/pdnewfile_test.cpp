@@ -72,10 +72,7 @@ TEST(NewFile, BodyOfTheRecord) {
 
 TEST(NewFile, MachineThatTellsNothing) {
   const auto before = ossCalls().open;
-  ossCalls().open = [](const char*, int, mode_t) {
-    errno = EACCES;
-    return -1;
-  };
+  ossCalls().open = [](const char*, int, mode_t) { return errno = EACCES, -1; };
   SystemFacts facts;
   ossSystemFacts(&facts);
   const std::string text = gathered();

@@ -138,15 +138,11 @@ TEST_APART(SqlMessage, IsCutToTheBuffer) {
 TEST_APART(SqlMessage, IsReadOnceByAllThreads) {
   vek::sqlzi_forgetMessages();
   std::vector<std::string> seen(8);
-  {
-    std::vector<std::jthread> threads;
-    for (std::string& text : seen)
-      threads.emplace_back([&text] {
-        char buffer[512];
-        sqlzGetSqlMessage(-902, buffer, sizeof buffer);
-        text = buffer;
-      });
-  }
+  vek::platformtest::inThreads(8, [&](unsigned thread) {
+    char buffer[512];
+    sqlzGetSqlMessage(-902, buffer, sizeof buffer);
+    seen[thread] = buffer;
+  });
   for (const std::string& text : seen) EXPECT_EQ(text, seen[0]);
   EXPECT_TRUE(seen[0].starts_with("SQL0902N"));
 }

@@ -300,36 +300,32 @@ TEST_APART(TraceControl, RecordsCarryThePartitionAndProcessTheyAreToldTo) {
   EXPECT_FALSE(reader.next(&record));
 }
 
-TEST(TraceControl, CreatorsDeletersWritersAndReadersAtTheSameTime) {
-  constexpr std::uint64_t kSeed = 4;
-  const Instance instance;
-  std::vector<pid_t> children;
-  for (std::uint64_t process = 0; process < 3; ++process)
-    children.push_back(start([&instance, process] {
-      const std::string dump = instance.path("dump");
-      std::vector<std::jthread> threads;
-      for (std::uint64_t thread = 0; thread < 2; ++thread)
-        threads.emplace_back([&dump, process, thread] {
-          std::mt19937_64 random(kSeed + process * 2 + thread);
-          for (unsigned i = 0; i < 150 * stressFactor(); ++i) {
-            const std::uint64_t what = random() % 8;
-            SqlzZrc result = 0;
-            if (what == 0) result = sqltTraceFacilityCreate(kRingBytes << random() % 3);
-            if (what == 1) result = sqltTraceFacilityDelete();
-            if (what == 2) result = sqlt_dump_trace(dump.c_str());
-            if (what == 3) pdtClearBuffer();
-            EXPECT_TRUE(result == 0 || result == SQLT_TRACE_ALREADY_CREATED || result == SQLT_TRACE_NOT_CREATED)
-                << what << ": " << result;
-            for (std::uint64_t k = 0; k < 200; ++k) pdtEvent(kFunction, 1, k);
-            SqltTraceReader reader;
-            if (what == 4 && reader.openInstance() == 0) readAll(reader);
-          }
-        });
-    }));
-  for (const pid_t child : children) EXPECT_EQ(finish(child), 0) << "seed " << kSeed;
-  inProcess([&instance] {
+void createDeleteWriteAndRead(const std::string& dump, unsigned seed) {
+  std::mt19937_64 random(seed);
+  for (unsigned i = 0; i < 150 * stressFactor(); ++i) {
+    const std::uint64_t what = random() % 8;
+    SqlzZrc result = 0;
+    if (what == 0) result = sqltTraceFacilityCreate(kRingBytes << random() % 3);
+    if (what == 1) result = sqltTraceFacilityDelete();
+    if (what == 2) result = sqlt_dump_trace(dump.c_str());
+    if (what == 3) pdtClearBuffer();
+    EXPECT_TRUE(result == 0 || result == SQLT_TRACE_ALREADY_CREATED || result == SQLT_TRACE_NOT_CREATED)
+        << what << ": " << result;
+    for (std::uint64_t k = 0; k < 200; ++k) pdtEvent(kFunction, 1, k);
     SqltTraceReader reader;
-    EXPECT_EQ(reader.openFile(instance.path("dump").c_str()), 0);
+    if (what == 4 && reader.openInstance() == 0) readAll(reader);
+  }
+}
+
+TEST(TraceControl, CreatorsDeletersWritersAndReadersAtTheSameTime) {
+  const Instance instance;
+  const std::string dump = instance.path("dump");
+  inProcesses(3, [&](unsigned process) {
+    inThreads(2, [&](unsigned thread) { createDeleteWriteAndRead(dump, 4 + process * 2 + thread); });
+  });
+  inProcess([&dump] {
+    SqltTraceReader reader;
+    EXPECT_EQ(reader.openFile(dump.c_str()), 0);
     (void)sqltTraceFacilityDelete();
     ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
     pdtEvent(kFunction, 1, 1);

@@ -40,35 +40,21 @@ struct Expected {
 
 constexpr std::int64_t kCode = -2045837302;
 
-// clang-format off
-#define ARG(i) itemAt(i).type, itemAt(i).size, itemAt(i).data
-#define ARGS_1 ARG(0)
-#define ARGS_2 ARGS_1, ARG(1)
-#define ARGS_3 ARGS_2, ARG(2)
-#define ARGS_4 ARGS_3, ARG(3)
-#define ARGS_5 ARGS_4, ARG(4)
-#define ARGS_6 ARGS_5, ARG(5)
-#define ARGS_7 ARGS_6, ARG(6)
-#define ARGS_8 ARGS_7, ARG(7)
-#define ARGS_9 ARGS_8, ARG(8)
-#define ARGS_10 ARGS_9, ARG(9)
-#define ARGS_11 ARGS_10, ARG(10)
-#define ARGS_12 ARGS_11, ARG(11)
-#define ARGS_13 ARGS_12, ARG(12)
-#define ARGS_14 ARGS_13, ARG(13)
-#define ARGS_15 ARGS_14, ARG(14)
-#define ARGS_16 ARGS_15, ARG(15)
-#define ARGS_17 ARGS_16, ARG(16)
-#define ARGS_18 ARGS_17, ARG(17)
-#define ARGS_19 ARGS_18, ARG(18)
-#define ARGS_20 ARGS_19, ARG(19)
+// Calls a point with type, size and address of the first items behind its other arguments.
+template <std::size_t... I, class Point, class... First>
+void call(std::index_sequence<I...>, Point point, First... first) {
+  std::apply([&](auto... items) { point(kFunction, first..., items...); },
+             std::tuple_cat(std::make_tuple(itemAt(I).type, itemAt(I).size, itemAt(I).data)...));
+}
 
-#define ENTRY(n) {"pdtEntry" #n, Kind::kEntry, 0, kUnit, false, n, [] { pdtEntry##n(kFunction, ARGS_##n); }},
-#define EXIT(n) {"pdtExit" #n, Kind::kExit, 0, kCode, false, n, [] { pdtExit##n(kFunction, &kCode, ARGS_##n); }},
-#define DATA(n) {"pdtData" #n, Kind::kData, n, 0, false, n, [] { pdtData##n(kFunction, n, ARGS_##n); }},
-#define ERROR(n) {"pdtError" #n, Kind::kError, n, 0, false, n, [] { pdtError##n(kFunction, n, ARGS_##n); }},
+// clang-format off
+#define ITEMS(n) std::make_index_sequence<n>()
+#define ENTRY(n) {"pdtEntry" #n, Kind::kEntry, 0, kUnit, false, n, [] { call(ITEMS(n), pdtEntry##n); }},
+#define EXIT(n) {"pdtExit" #n, Kind::kExit, 0, kCode, false, n, [] { call(ITEMS(n), pdtExit##n, &kCode); }},
+#define DATA(n) {"pdtData" #n, Kind::kData, n, 0, false, n, [] { call(ITEMS(n), pdtData##n, n##U); }},
+#define ERROR(n) {"pdtError" #n, Kind::kError, n, 0, false, n, [] { call(ITEMS(n), pdtError##n, n##U); }},
 #define MARKER(n) \
-  {"pdtMarker" #n, Kind::kMarker, n, 0, true, n, [] { pdtMarker##n(kFunction, n, "a marker", ARGS_##n); }},
+  {"pdtMarker" #n, Kind::kMarker, n, 0, true, n, [] { call(ITEMS(n), pdtMarker##n, n##U, "a marker"); }},
 
 constexpr Expected kCalls[] = {
     {"pdtEntry", Kind::kEntry, 0, kUnit, false, 0, [] { pdtEntry(kFunction); }},
@@ -80,7 +66,7 @@ constexpr Expected kCalls[] = {
     {"pdtError", Kind::kError, 9, 0, false, 0, [] { pdtError(kFunction, 9); }},
     VEK_COUNTS_TO_6(ERROR)
     {"pdtErrorRc", Kind::kError, 9, kCode, false, 0, [] { pdtErrorRc(kFunction, 9, kCode); }},
-    {"pdtErrorRc1", Kind::kError, 9, kCode, false, 1, [] { pdtErrorRc1(kFunction, 9, kCode, ARGS_1); }},
+    {"pdtErrorRc1", Kind::kError, 9, kCode, false, 1, [] { call(ITEMS(1), pdtErrorRc1, 9U, kCode); }},
     {"pdtMarker", Kind::kMarker, 9, 0, true, 0, [] { pdtMarker(kFunction, 9, "a marker"); }},
     VEK_COUNTS_TO_18(MARKER)
     {"pdtEvent", Kind::kEvent, 9, 77, false, 0, [] { pdtEvent(kFunction, 9, 77); }},

@@ -82,18 +82,15 @@ TEST(FaultGuard, LeavesNoBodyForAFaultOfASignalHandler) {
 
 TEST(FaultGuard, IsOfItsThreadAlone) {
   inProcess([] {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-      threads.emplace_back([i] {
-        int* page = forbidden();
-        sigset_t after;
-        if (i < 2) maskAll(SIG_BLOCK);
-        for (int turn = 0; turn < 200; ++turn)
-          EXPECT_EQ(faultGuard(i % 2 == 0 ? touch : nothing, page, nullptr), i % 2 != 0);
-        ::pthread_sigmask(SIG_BLOCK, nullptr, &after);
-        EXPECT_EQ(::sigismember(&after, SIGSEGV), i < 2 ? 1 : 0);
-      });
-    for (std::thread& thread : threads) thread.join();
+    inThreads(4, [](unsigned i) {
+      int* page = forbidden();
+      sigset_t after;
+      if (i < 2) maskAll(SIG_BLOCK);
+      for (int turn = 0; turn < 200; ++turn)
+        EXPECT_EQ(faultGuard(i % 2 == 0 ? touch : nothing, page, nullptr), i % 2 != 0);
+      ::pthread_sigmask(SIG_BLOCK, nullptr, &after);
+      EXPECT_EQ(::sigismember(&after, SIGSEGV), i < 2 ? 1 : 0);
+    });
     maskAll(SIG_BLOCK);  // later than the first guard: noticed by the 16th behind it
     for (int turn = 0; turn < 16; ++turn) EXPECT_TRUE(faultGuard(nothing, nullptr, nullptr));
     EXPECT_FALSE(faultGuard(touch, forbidden(), nullptr));

@@ -67,10 +67,7 @@ TEST(OsDirectories, MadeWithTheirParents) {
 ssize_t trickle(bool write, int fd, void* buffer, std::size_t bytes, off_t offset) {
   static bool interrupted = false;
   interrupted = !interrupted;
-  if (interrupted) {
-    errno = EINTR;
-    return -1;
-  }
+  if (interrupted) return errno = EINTR, -1;
   bytes = std::min<std::size_t>(bytes, 1);
   return write ? ::pwrite(fd, buffer, bytes, offset) : ::pread(fd, buffer, bytes, offset);
 }

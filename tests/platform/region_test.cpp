@@ -630,20 +630,17 @@ TEST(RegionKill, KilledBuilderIsReplaced) {
 
 TEST(RegionNames, InternedByManyProcessesAtOnce) {
   const Instance instance;
-  std::vector<pid_t> children;
-  Baton go;
-  for (std::uint32_t who = 0; who < 4; ++who)
-    children.push_back(start([&, who] {
-      EXPECT_EQ(regionAttach(), 0);
-      EXPECT_TRUE(go.take());
-      for (std::uint32_t key = 1; key <= 300; ++key) {
-        regionInternName(key, ("common" + std::to_string(key)).c_str());
-        const std::uint32_t own = (who + 1) * 1000 + key;
-        regionInternName(own, ("own" + std::to_string(own)).c_str());
-      }
-    }));
-  go.give(4);
-  for (const pid_t child : children) EXPECT_EQ(finish(child), 0);
+  const Shared<std::atomic<unsigned>> attached;
+  inProcesses(4, [&](unsigned who) {
+    EXPECT_EQ(regionAttach(), 0);
+    ++*attached;
+    while (*attached < 4) std::this_thread::yield();
+    for (std::uint32_t key = 1; key <= 300; ++key) {
+      regionInternName(key, ("common" + std::to_string(key)).c_str());
+      const std::uint32_t own = (who + 1) * 1000 + key;
+      regionInternName(own, ("own" + std::to_string(own)).c_str());
+    }
+  });
   inProcess([] {
     EXPECT_EQ(regionAttach(), 0);
     for (std::uint32_t key = 1; key <= 300; ++key) {

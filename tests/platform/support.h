@@ -67,6 +67,13 @@ inline int expectationsFailed() {
 // rights of a process that has changed its user.
 inline void endAtOnce() { ::syscall(SYS_exit_group, expectationsFailed() != 0 ? 1 : 0); }
 
+// Multiplies the rounds of the randomised tests.
+inline unsigned stressFactor() {
+  const char* text = ::getenv("VEKSYS_STRESS");
+  const long factor = text == nullptr ? 1 : std::strtol(text, nullptr, 10);
+  return factor < 1 ? 1U : static_cast<unsigned>(factor);
+}
+
 // Starts `body` in a process of its own, which ends with 1 when an expectation failed in it and is killed when it
 // hangs.
 template <class Body>
@@ -74,7 +81,7 @@ pid_t start(Body body) {
   (void)std::fflush(nullptr);
   const pid_t child = ::fork();
   if (child != 0) return child;
-  ::alarm(240);
+  ::alarm(240 * stressFactor());
   const int before = expectationsFailed();
   body();
   (void)std::fflush(nullptr);
@@ -108,6 +115,20 @@ int runInProcess(Body body) {
 template <class Body>
 void inProcess(Body body) {
   EXPECT_EQ(runInProcess(body), 0) << "the process of this body failed or died";
+}
+
+// Does body(0), body(1), ... at the same time in as many threads, or processes, and waits for them.
+template <class Body>
+void inThreads(unsigned count, Body body) {
+  std::vector<std::jthread> threads;
+  for (unsigned i = 0; i < count; ++i) threads.emplace_back([&body, i] { body(i); });
+}
+
+template <class Body>
+void inProcesses(unsigned count, Body body) {
+  std::vector<pid_t> processes;
+  for (unsigned i = 0; i < count; ++i) processes.push_back(start([&] { body(i); }));
+  for (const pid_t process : processes) EXPECT_EQ(finish(process), 0);
 }
 
 inline void inInstance(void (*body)(const Instance& instance)) {

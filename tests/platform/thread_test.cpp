@@ -66,12 +66,9 @@ TEST(ThreadState, SerialsAreUniqueInTheInstance) {
   const Instance instance;
   constexpr std::size_t kEach = 40;
   Shared<std::array<std::array<std::uint64_t, kEach>, 3>> serials;
-  std::vector<pid_t> children;
-  for (std::size_t who = 0; who < 3; ++who)
-    children.push_back(start([&, who] {
-      for (std::size_t i = 0; i < kEach; ++i) std::thread([&, i] { (*serials)[who][i] = threadSelf()->serial; }).join();
-    }));
-  for (const pid_t child : children) EXPECT_EQ(finish(child), 0);
+  inProcesses(3, [&](unsigned who) {
+    for (std::size_t i = 0; i < kEach; ++i) std::thread([&, i] { (*serials)[who][i] = threadSelf()->serial; }).join();
+  });
   std::set<std::uint64_t> distinct;
   for (const auto& row : *serials) distinct.insert(row.begin(), row.end());
   EXPECT_EQ(distinct.size(), 3 * kEach);

@@ -108,11 +108,4 @@ inline std::uint64_t mix(std::uint64_t value) {
   return value ^ (value >> 31);
 }
 
-// Multiplies the rounds of the randomised tests.
-inline unsigned stressFactor() {
-  const char* text = std::getenv("VEKSYS_STRESS");
-  const long factor = text == nullptr ? 1 : std::strtol(text, nullptr, 10);
-  return factor < 1 ? 1U : static_cast<unsigned>(factor);
-}
-
 }  // namespace vektest

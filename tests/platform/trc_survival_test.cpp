@@ -128,10 +128,7 @@ void writeUntilStopped(Board& board) {
 }
 
 pid_t startWriters(Board& board) {
-  return start([&board] {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 3; ++i) threads.emplace_back([&board] { writeUntilStopped(board); });
-  });
+  return start([&board] { inThreads(3, [&board](unsigned) { writeUntilStopped(board); }); });
 }
 
 void waitForRecords(const Board& board, std::uint64_t more) {
@@ -181,12 +178,10 @@ class Chaos {
 };
 
 TEST(TraceSurvival, WritersKilledAndStoppedAtRandomCostNothingElse) {
-  const std::uint64_t seed = 20240611;
-  SCOPED_TRACE("seed " + std::to_string(seed));
   const Instance instance;
   createRing();
   const Shared<Board> board;
-  Chaos chaos(*board, seed);
+  Chaos chaos(*board, 20240611);
   const pid_t reader = start([&board] {
     while (!board->stop && !testing::Test::HasFailure()) {
       checkInstance();

@@ -38,26 +38,16 @@ class Instance : public platformtest::Instance {
   }
 };
 
-// Runs `body(number)` in as many threads and waits for them.
-inline void inThreads(unsigned count, const std::function<void(unsigned)>& body) {
-  std::vector<std::thread> threads;
-  for (unsigned i = 0; i < count; ++i) threads.emplace_back(body, i);
-  for (std::thread& thread : threads) thread.join();
-}
+using platformtest::inThreads;
 
-// A small generator of numbers, for decisions that a seed repeats (xorshift32).
+// Decisions that a seed repeats.
 class Dice {
  public:
-  explicit Dice(std::uint32_t seed) : state_(seed * 2654435761U | 1U) {}
-  std::uint32_t operator()(std::uint32_t sides) {
-    state_ ^= state_ << 13;
-    state_ ^= state_ >> 17;
-    state_ ^= state_ << 5;
-    return state_ % sides;
-  }
+  explicit Dice(std::uint32_t seed) : random_(seed) {}
+  std::uint32_t operator()(std::uint32_t sides) { return static_cast<std::uint32_t>(random_() % sides); }
 
  private:
-  std::uint32_t state_;
+  std::mt19937 random_;
 };
 
 // Has a panic end the process with a code of its own after it has told `zrc` through a place that others share.

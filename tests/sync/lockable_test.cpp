@@ -8,8 +8,7 @@
 
 namespace {
 
-using vek::platformtest::inProcess;
-using vek::platformtest::Instance;
+using namespace vek::platformtest;
 
 constexpr std::uint16_t kType = SQLO_LT_SQLE_AGENT__m_workLatch__latch;
 

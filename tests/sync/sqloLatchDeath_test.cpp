@@ -10,7 +10,8 @@
 namespace vek::synctest {
 namespace {
 
-using platformtest::Victim;
+using namespace platformtest;
+using synctest::Instance;
 
 constexpr std::uint16_t kFair = SQLO_LATCH_NO_X_STARVATION;
 constexpr std::uint16_t kShared = SQLO_LATCH_BETWEEN_PROCESSES;
@@ -95,28 +96,25 @@ constexpr unsigned kBody = 360;
 constexpr unsigned kStride = 2;
 #endif
 
-void killAt(Latches& latches, const Scenario& scenario, unsigned instruction) {
+// Kills the victim there; tells how far it came.
+unsigned killAt(Latches& latches, const Scenario& scenario, unsigned instruction) {
   scenario.before(latches);
+  unsigned done = 0;
   {
     Victim victim(captureOnce, [&] { scenario.victim(latches); });
-    if (!victim.canRun()) ::exit(platformtest::kSkip);
-    victim.step(instruction);
+    if (!victim.canRun()) ::exit(kSkip);
+    done = victim.step(instruction);
   }
   scenario.after(latches);
   expectUsable(latches, std::string(scenario.name) + " killed at instruction " + std::to_string(instruction));
+  return done;
 }
 
-unsigned lengthOf(Latches& latches, const Scenario& scenario) {
-  scenario.before(latches);
-  unsigned length = 0;
-  {
-    Victim victim(captureOnce, [&] { scenario.victim(latches); });
-    if (!victim.canRun()) ::exit(platformtest::kSkip);
-    length = victim.step(scenario.before == nothing ? kStepsMost : 3000);  // a waiter would wait for ever
-  }
-  scenario.after(latches);
-  expectUsable(latches, "length");
-  return length;
+template <class Body>
+void inTracingProcess(Body body) {
+  const int result = runInProcess(body);
+  if (result == kSkip) GTEST_SKIP() << "a process may not be traced here";
+  EXPECT_EQ(result, 0);
 }
 
 class LatchDeath : public ::testing::TestWithParam<std::uint16_t> {};
@@ -125,14 +123,14 @@ TEST_P(LatchDeath, AtAnyInstruction) {
   const std::uint32_t seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   const Instance instance;
-  const platformtest::Shared<Latches> latches;
-  const int result = platformtest::runInProcess([&] {
+  const Shared<Latches> latches;
+  inTracingProcess([&] {
     initialise(*latches, GetParam());
     Dice dice(seed);
     std::string lengths;
     for (const Scenario& scenario : kScenarios) {
       const bool waits = scenario.before != nothing;
-      const unsigned length = lengthOf(*latches, scenario);
+      const unsigned length = killAt(*latches, scenario, waits ? 3000 : kStepsMost);  // a waiter would wait for ever
       lengths += std::string(scenario.name) + " " + std::to_string(length) + " instructions, ";
       // The way of a waiter is long: samples. Of the others every kStride-th instruction, other ones in each run.
       for (unsigned i = 0; i < (waits ? 20 : std::min(length, kBody) / kStride); ++i)
@@ -140,21 +138,19 @@ TEST_P(LatchDeath, AtAnyInstruction) {
     }
     EXPECT_GT(latches->repaired.load(), 0U) << lengths;
   });
-  if (result == platformtest::kSkip) GTEST_SKIP() << "a process may not be traced here";
-  EXPECT_EQ(result, 0);
 }
 
 // A waiter that is posted and killed before it has looked: its wake-up is lost, the others must get in all the same.
 TEST_P(LatchDeath, JustWoken) {
   const Instance instance;
-  const platformtest::Shared<Latches> latches;
-  const int result = platformtest::runInProcess([&] {
+  const Shared<Latches> latches;
+  inTracingProcess([&] {
     initialise(*latches, GetParam());
     for (unsigned i = 0; i < 40; ++i) {
       hold(*latches);
       {
         Victim victim(captureOnce, [&] { (void)latches->word.getExclusive(kVictim, 1), latches->word.release(); });
-        if (!victim.canRun()) ::exit(platformtest::kSkip);
+        if (!victim.canRun()) ::exit(kSkip);
         victim.runUntilAsleep();
         latches->word.release();
         victim.step(i * 25);
@@ -162,8 +158,6 @@ TEST_P(LatchDeath, JustWoken) {
       expectUsable(*latches, "woken, killed after " + std::to_string(i * 25));
     }
   });
-  if (result == platformtest::kSkip) GTEST_SKIP() << "a process may not be traced here";
-  EXPECT_EQ(result, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Policies, LatchDeath, ::testing::Values(SQLO_LATCH_X_STARVATION, kFair),
@@ -173,9 +167,9 @@ INSTANTIATE_TEST_SUITE_P(Policies, LatchDeath, ::testing::Values(SQLO_LATCH_X_ST
 TEST(LatchDeathPolicy, DecidesWhatBecomesOfIt) {
   for (const bool spin : {false, true}) {
     const Instance instance;
-    const platformtest::Shared<Latches> latches;
-    const platformtest::Shared<SqlzZrc> code;
-    platformtest::inProcess([&] {
+    const Shared<Latches> latches;
+    const Shared<SqlzZrc> code;
+    inProcess([&] {
       initialise(*latches, kFair);
       EXPECT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REPAIR, nullptr, nullptr), SQLO_INV_PARM);
       EXPECT_EQ(sqloSetLatchDeathPolicy(SQLO_LATCH_TYPE_COUNT, SQLO_LATCH_DEATH_PANIC, nullptr, nullptr),
@@ -185,7 +179,7 @@ TEST(LatchDeathPolicy, DecidesWhatBecomesOfIt) {
         (void)(spin ? latches->spin.captureLatch("h", 1) : latches->word.getExclusive("h", 1));
         ::_exit(0);
       }
-      platformtest::finish(holder);
+      finish(holder);
       const auto request = [&] { return spin ? latches->spin.captureLatch("w", 2) : latches->word.getShared("w", 2); };
       EXPECT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REFUSE, nullptr, nullptr), 0);
       EXPECT_EQ(request(), SQLO_LATCH_HOLDER_DIED);
@@ -202,58 +196,54 @@ TEST(LatchDeathPolicy, DecidesWhatBecomesOfIt) {
 // panic over a dead holder stands in the log.
 TEST(LatchDeathPolicy, NothingHidesTheDeadForGood) {
   const Instance instance;
-  const platformtest::Shared<Latches> latches;
+  const Shared<Latches> latches;
   struct Many {
     SQLO_SLATCH_CAS32 latches[65];
   };
-  const platformtest::Shared<Many> many;
-  platformtest::inProcess([&] {
+  const Shared<Many> many;
+  inProcess([&] {
     initialise(*latches, kFair);
     for (auto& latch : many->latches) ASSERT_EQ(latch.init(kType, kShared), 0);
     for (auto& latch : many->latches) ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
     for (auto& latch : many->latches) latch.release();
-    platformtest::finish(platformtest::start([&] { hold(*latches), ::_exit(0); }));
+    finish(start([&] { hold(*latches), ::_exit(0); }));
     expectUsable(*latches, "after more latches than the list has room for");
     EXPECT_EQ(latches->repaired.load(), 1U);
 
     ASSERT_EQ(latches->word.getShared(__FILE__, __LINE__), 0);
-    const pid_t upgrader = platformtest::start([&] {
+    const pid_t upgrader = start([&] {
       (void)latches->word.getShared("u", 1);
       (void)latches->word.convert(SQLO_LATCH_EXCLUSIVE, "u", 2);
     });
     while ((latches->word.state() & SQLO_SLATCH_WAITER_X) == 0) ::usleep(100);
-    EXPECT_EQ(platformtest::finishKilled(upgrader), -SIGKILL);
+    EXPECT_EQ(finishKilled(upgrader), -SIGKILL);
     SqlzZrc result = SQLO_LATCH_UPGRADE_CONFLICT;
     for (int i = 0; i < 100 && result == SQLO_LATCH_UPGRADE_CONFLICT; ++i)
       result = latches->word.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__);
     EXPECT_EQ(result, 0);
     latches->word.release();
   });
-  platformtest::inProcess([&] {
+  inProcess([&] {
     initialise(*latches, kFair);
     ASSERT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_PANIC, nullptr, nullptr), 0);
-    platformtest::finish(platformtest::start([&] { hold(*latches), ::_exit(0); }));
-    const platformtest::Shared<SqlzZrc> code;
+    finish(start([&] { hold(*latches), ::_exit(0); }));
+    const Shared<SqlzZrc> code;
     reportPanics(&*code);
     (void)latches->word.getShared(__FILE__, __LINE__);
   });
-  const std::string text = platformtest::contentOf(instance.directory() + "/instance/diag/vekdiag.log");
+  const std::string text = contentOf(instance.directory() + "/instance/diag/vekdiag.log");
   EXPECT_NE(text.find("The exclusive holder of a latch died"), std::string::npos);
 }
 
 // A thread that ends with a private latch held is as gone as a process, for the threads of its own.
-TEST(LatchDeathPolicy, HoldsForThreadsToo) {
-  const Instance instance;
-  const platformtest::Shared<Latches> latches;
-  platformtest::inProcess([&] {
-    Latches own;
-    ASSERT_EQ(own.word.init(kType, kFair), 0);
-    ASSERT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REPAIR, countRepair, &own), 0);
-    inThreads(1, [&](unsigned) { (void)own.word.getExclusive("ended", 1); });
-    ASSERT_EQ(own.word.getShared(__FILE__, __LINE__), 0);
-    EXPECT_EQ(own.repaired.load(), 1U);
-    own.word.release();
-  });
+TEST_APART(LatchDeathPolicy, HoldsForThreadsToo) {
+  Latches own;
+  ASSERT_EQ(own.word.init(kType, kFair), 0);
+  ASSERT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REPAIR, countRepair, &own), 0);
+  inThreads(1, [&](unsigned) { (void)own.word.getExclusive("ended", 1); });
+  ASSERT_EQ(own.word.getShared(__FILE__, __LINE__), 0);
+  EXPECT_EQ(own.repaired.load(), 1U);
+  own.word.release();
 }
 
 // A repair that has to wait for another latch itself: what the thread waits for first is not lost.
@@ -296,10 +286,10 @@ TEST_APART(LatchDeathPolicy, ARepairMayWaitToo) {
 TEST(LatchDeathPolicy, TheLivingHideNobody) {
   for (const bool spin : {false, true}) {
     const Instance instance;
-    const platformtest::Shared<Latches> latches;
-    platformtest::inProcess([&] {
+    const Shared<Latches> latches;
+    inProcess([&] {
       initialise(*latches, kFair);
-      platformtest::finish(platformtest::start([&] { (spin ? holdSpin : hold)(*latches), ::_exit(0); }));
+      finish(start([&] { (spin ? holdSpin : hold)(*latches), ::_exit(0); }));
       std::atomic<bool> stop{false};
       inThreads(5, [&](unsigned number) {
         const bool tries = number < 3;
@@ -343,19 +333,19 @@ TEST(LatchStress, ProcessesAreKilledAtRandom) {
   const std::uint32_t seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
   const Instance instance;
-  const platformtest::Shared<Latches> latches;
-  platformtest::inProcess([&] {
+  const Shared<Latches> latches;
+  inProcess([&] {
     initialise(*latches, kFair);
     Dice dice(seed);
     pid_t workers[4] = {};
-    for (unsigned i = 0; i < 4; ++i) workers[i] = platformtest::start([&] { workUntilKilled(*latches, seed + i); });
+    for (unsigned i = 0; i < 4; ++i) workers[i] = start([&] { workUntilKilled(*latches, seed + i); });
     for (unsigned round = 0; round < 60; ++round) {
       ::usleep(5000 + dice(20'000));
       pid_t& worker = workers[dice(4)];
-      EXPECT_EQ(platformtest::finishKilled(worker), -SIGKILL);
-      worker = platformtest::start([&] { workUntilKilled(*latches, seed + 100 + round); });
+      EXPECT_EQ(finishKilled(worker), -SIGKILL);
+      worker = start([&] { workUntilKilled(*latches, seed + 100 + round); });
     }
-    for (const pid_t worker : workers) EXPECT_EQ(platformtest::finishKilled(worker), -SIGKILL);
+    for (const pid_t worker : workers) EXPECT_EQ(finishKilled(worker), -SIGKILL);
     expectUsable(*latches, "at the end");
     EXPECT_GT(latches->inside.load(), 1000U);
   });

@@ -8,6 +8,9 @@
 namespace vek::synctest {
 namespace {
 
+using namespace platformtest;
+using synctest::Instance;
+
 using logtest::countOf;
 
 TEST_APART(LatchTable, CountsHoldsByType) {
@@ -55,7 +58,7 @@ TEST_APART(LatchTable, TakesMoreLatchesThanItLists) {
 TEST(LatchTable, WhatAThreadLeavesHeldIsReported) {
   const Instance instance;
   const logtest::Log log{instance};
-  platformtest::inProcess([] {
+  inProcess([] {
     SQLO_SLATCH_CAS32 latch;
     ASSERT_EQ(latch.init(1, 0), 0);
     inThreads(1, [&](unsigned) {
@@ -77,7 +80,7 @@ TEST(LatchDebug, FindsWhatCanBlockForGood) {
   const Instance instance;
   const logtest::Log log{instance};
   ::setenv("VEK_LATCH_DEBUG", "on", 1);
-  platformtest::inProcess([] {
+  inProcess([] {
     SqloSpinLatch a;
     SqloSpinLatch b;
     SqloSpinLatch c;
@@ -99,13 +102,13 @@ TEST(LatchDebug, FindsWhatCanBlockForGood) {
     for (int i = 0; i < 2; ++i) nest(a, twin, 700), nest(twin, a, 800);
   });
   // What blocks the thread for good is written before it does.
-  const pid_t again = platformtest::start([] {
+  const pid_t again = start([] {
     SqloSpinLatch latch;
     EXPECT_EQ(latch.captureLatch("again.cpp", 1), 0);
     ::alarm(1);
     (void)latch.captureLatch("again.cpp", 2);
   });
-  const pid_t behind = platformtest::start([] {
+  const pid_t behind = start([] {
     SQLO_SLATCH_CAS32 fair;
     ASSERT_EQ(fair.init(14, SQLO_LATCH_NO_X_STARVATION), 0);
     EXPECT_EQ(fair.getShared("self.cpp", 1), 0);
@@ -115,20 +118,20 @@ TEST(LatchDebug, FindsWhatCanBlockForGood) {
     ::alarm(1);
     (void)fair.getShared("self.cpp", 4);
   });
-  EXPECT_EQ(platformtest::finish(again), -SIGALRM);
-  EXPECT_EQ(platformtest::finish(behind), -SIGALRM);
+  EXPECT_EQ(finish(again), -SIGALRM);
+  EXPECT_EQ(finish(behind), -SIGALRM);
   ::unsetenv("VEK_LATCH_DEBUG");
   const auto written = log.records();
   EXPECT_EQ(countOf(written, "Latches are captured in orders that can block each other for good:"), 2U);
-  EXPECT_EQ(countOf(written, "order.cpp line 401, inside what order.cpp line 400 captured"), 1U);
-  EXPECT_EQ(countOf(written, "order.cpp line 301, inside what order.cpp line 300 captured"), 1U);
-  EXPECT_EQ(countOf(written, "order.cpp line 601, inside what order.cpp line 600 captured"), 1U);
-  EXPECT_EQ(countOf(written, "Two latches of one type are captured in orders that can block each other:"), 1U);
-  EXPECT_EQ(countOf(written, "order.cpp line 701, inside what order.cpp line 700 captured"), 1U);
-  EXPECT_EQ(countOf(written, "A thread waits for a latch that it holds itself"), 1U);
-  EXPECT_EQ(countOf(written, "captured in again.cpp line 1, asked for in again.cpp line 2"), 1U);
-  EXPECT_EQ(countOf(written, "asks to share it again"), 1U);
-  EXPECT_EQ(countOf(written, "captured in self.cpp line 1, asked for in self.cpp line 4"), 1U);
+  for (const char* once : {"order.cpp line 401, inside what order.cpp line 400 captured",
+                           "order.cpp line 301, inside what order.cpp line 300 captured",
+                           "order.cpp line 601, inside what order.cpp line 600 captured",
+                           "Two latches of one type are captured in orders that can block each other:",
+                           "order.cpp line 701, inside what order.cpp line 700 captured",
+                           "A thread waits for a latch that it holds itself",
+                           "captured in again.cpp line 1, asked for in again.cpp line 2", "asks to share it again",
+                           "captured in self.cpp line 1, asked for in self.cpp line 4"})
+    EXPECT_EQ(countOf(written, once), 1U) << once;
 }
 
 // Takes two latches of its own types in both orders.
@@ -148,7 +151,7 @@ TEST(LatchDebug, WatchesEveryThreadFromItsFirstCapture) {
   const Instance instance;
   const logtest::Log log{instance};
   for (SqlzZrc (*const before)() noexcept : {sqloInitializeLatchTuningInfo, sqlolatchinginit}) {
-    platformtest::inProcess([&] {
+    inProcess([&] {
       static constinit std::atomic<bool> isRead{false};
       static const auto otherSettings = g_ports.readSetting;
       g_ports.readSetting = [](const char* name, char* value, std::size_t bytes) {
@@ -168,10 +171,10 @@ TEST(LatchTuning, SaysWhatItDoesNotUnderstand) {
   const logtest::Log log{instance};
   ::setenv("VEK_LATCH_TUNE", "XLOOP=80, 12.SLOOP=7 ENABLE_ADAPTIVE_SLEEP,OUTER=x,NONSENSE=1,SLEEP_MIN", 1);
   ::setenv("VEKSPINLATCHES", "sometimes", 1);
-  platformtest::inProcess([] { EXPECT_EQ(sqloInitializeLatchTuningInfo(), SQLO_INV_PARM); });
+  inProcess([] { EXPECT_EQ(sqloInitializeLatchTuningInfo(), SQLO_INV_PARM); });
   ::setenv("VEK_LATCH_TUNE", "sloop=1,XLOOP=1000000;12.WASTE=0", 1);
   ::setenv("VEKSPINLATCHES", "no", 1);
-  platformtest::inProcess([] { EXPECT_EQ(sqloInitializeLatchTuningInfo(), 0); });
+  inProcess([] { EXPECT_EQ(sqloInitializeLatchTuningInfo(), 0); });
   ::unsetenv("VEK_LATCH_TUNE");
   ::unsetenv("VEKSPINLATCHES");
   const auto written = log.records();

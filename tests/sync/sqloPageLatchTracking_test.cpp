@@ -7,8 +7,7 @@
 
 namespace {
 
-using vek::platformtest::inProcess;
-using vek::platformtest::Instance;
+using namespace vek::platformtest;
 
 std::array<char, 1024> g_pages;
 

@@ -5,8 +5,7 @@
 
 namespace {
 
-using vek::platformtest::inProcess;
-using vek::platformtest::Instance;
+using namespace vek::platformtest;
 
 constexpr std::uint16_t kType = SQLO_LT_sqloSXULatch__SXLatch__latch;
 constexpr sqloSXULatch::Mode kModes[] = {sqloSXULatch::S, sqloSXULatch::X, sqloSXULatch::U};
@@ -54,21 +53,20 @@ TEST_P(SXULatches, GoTogetherAsTheirModesSay) {
 
 TEST_P(SXULatches, ConvertToTheModeAskedFor) {
   using enum sqloSXULatch::Mode;
-  struct Conversion {
-    sqloSXULatch::Mode from;
-    sqloSXULatch::Mode to;
-    SqlzZrc result;
+  using Conversion = std::tuple<sqloSXULatch::Mode, sqloSXULatch::Mode, SqlzZrc>;
+  constexpr auto kNone = static_cast<sqloSXULatch::Mode>(7);
+  static constexpr Conversion kConversions[] = {
+      {U, X, 0},
+      {U, S, 0},
+      {X, U, 0},
+      {X, S, 0},
+      {U, U, SQLO_LATCH_UPGRADE_CONFLICT},
+      {S, U, SQLO_INV_PARM},
+      {S, X, SQLO_INV_PARM},
+      {S, S, SQLO_INV_PARM},
+      {X, X, SQLO_INV_PARM},
+      {X, kNone, SQLO_INV_PARM},
   };
-  static constexpr Conversion kConversions[] = {{U, X, 0},
-                                                {U, S, 0},
-                                                {X, U, 0},
-                                                {X, S, 0},
-                                                {U, U, SQLO_LATCH_UPGRADE_CONFLICT},
-                                                {S, U, SQLO_INV_PARM},
-                                                {S, X, SQLO_INV_PARM},
-                                                {S, S, SQLO_INV_PARM},
-                                                {X, X, SQLO_INV_PARM},
-                                                {X, static_cast<sqloSXULatch::Mode>(7), SQLO_INV_PARM}};
   const Instance instance;
   inProcess([] {
     sqloSXULatch latch;
@@ -196,21 +194,19 @@ struct Together {
 
 TEST(LongLatch, KeepsProcessesApart) {
   const Instance instance;
-  const vek::platformtest::Shared<Together> together;
+  const Shared<Together> together;
   inProcess([&] {
     constexpr auto kFlags = static_cast<std::uint16_t>(SQLO_LATCH_BETWEEN_PROCESSES | kType);
     ASSERT_EQ(sqloxlatchinit_app(&together->latch, kFlags), 0);
   });
-  const auto work = [&] {
+  const auto work = [&](unsigned) {
     for (int turn = 0; turn < 2000; ++turn) {
       ASSERT_EQ(together->latch.get(__FILE__, __LINE__), 0);
       ++together->counter;
       together->latch.release();
     }
   };
-  pid_t processes[3];
-  for (pid_t& process : processes) process = vek::platformtest::start(work);
-  for (const pid_t process : processes) EXPECT_EQ(vek::platformtest::finish(process), 0);
+  inProcesses(3, work);
   EXPECT_EQ(together->counter, 6000);
 }
 

@@ -40,6 +40,11 @@ std::string recordAt(std::size_t offset, const Told& told) {
   return head + rest;
 }
 
+// One that tells nothing but its message.
+Told saying(int probe, const std::string& body) {
+  return {probe, "Info", "2025-11-21-10.00.00.000000", "+000", 1, "", "c, f", body};
+}
+
 std::string logOf(const std::vector<Told>& records, std::string log = "") {
   for (const Told& told : records) log += recordAt(log.size(), told);
   return log;
@@ -306,12 +311,10 @@ TEST_F(Log, ReadsWhatTheLibraryWritesAtTheLevelSet) {
 TEST_F(Log, TextsForgeNoRecord) {
   std::string text = logOf(numbered(1, 40, "MESSAGE : " + std::string(20'000, 'x') + "\r\n"));
   for (int forged = 41; forged <= 60; ++forged) {
-    const std::string before =
-        recordAt(text.size(), {forged, "Error", "2025-11-21-10.00.00.000000", "+000", 1, "", "c, f", "MESSAGE : "});
+    const std::string before = recordAt(text.size(), saying(forged, "MESSAGE : "));
     const std::string inside = recordAt(text.size() + before.size(), {-forged});
-    Told told = {forged, "Error", "2025-11-21-10.00.00.000000", "+000", 1, "", "c, f", "MESSAGE : " + inside};
     // The length has as many digits with the forgery inside, so that its offset is right.
-    const std::string whole = recordAt(text.size(), told);
+    const std::string whole = recordAt(text.size(), saying(forged, "MESSAGE : " + inside));
     ASSERT_EQ(whole.find(inside), before.size());
     text += whole;
   }
@@ -385,8 +388,7 @@ TEST_F(Log, DamageCostsWhatItTouches) {
     std::vector<std::size_t> starts;
     for (int probe = 0; probe < 200; ++probe) {
       starts.push_back(text.size());
-      text += recordAt(text.size(), {probe, "Info", "2025-11-21-10.00.00.000000", "+000", 1, "", "c, f",
-                                     "MESSAGE : " + std::string(random() % 3000, 'm') + "\r\n"});
+      text += recordAt(text.size(), saying(probe, "MESSAGE : " + std::string(random() % 3000, 'm') + "\r\n"));
     }
     const std::size_t from = random() % text.size();
     const std::size_t to = std::min<std::size_t>(text.size(), from + random() % 5000 + 1);
@@ -458,8 +460,7 @@ TEST_F(Log, FollowsAcrossRotation) {
   expectProbe(6);
   // A record that is being written holds the text of another one.
   const std::string growing =
-      recordAt(2 * one, {8, "Error", "2025-11-21-10.00.00.000000", "+000", 1, "", "c, f",
-                         "DATA #1 : " + recordAt(2 * one + 300, {-8}) + std::string(5000, 'x') + "\r\n"});
+      recordAt(2 * one, saying(8, "DATA #1 : " + recordAt(2 * one + 300, {-8}) + std::string(5000, 'x') + "\r\n"));
   append(instance_.path("diag/vekdiag.2.log"), growing.substr(0, 2000));
   append(instance_.path("diag/NODE0001/vekdiag.log"), recordAt(logOf(numbered(5, 5)).size(), {7}));
   expectProbe(7);

@@ -35,33 +35,21 @@ std::string normalised(const std::string& text) {
   return result;
 }
 
-constexpr const char* kFlow =
-    "DATE  process P, thread T, partition 0\n"
-    "TIME               serve {\n"
-    "TIME               | data probe 10  1, \"request\"\n"
-    "TIME               | readPage {\n"
-    "TIME     DURATION  | | SQLI.902 = 0\n"
-    "TIME     DURATION  | } readPage = 0\n"
-    "TIME     DURATION  } serve = 0\n"
-    "TIME               serve {\n"
-    "TIME               | data probe 10  2, \"request\"\n"
-    "TIME               | readPage {\n"
-    "TIME     DURATION  | | SQLI.902 = 0\n"
-    "TIME     DURATION  | } readPage = 0\n"
-    "TIME     DURATION  } serve = 0\n"
-    "TIME               serve {\n"
-    "TIME               | data probe 10  3, \"request\"\n"
-    "TIME               | readPage {\n"
-    "TIME     DURATION  | | SQLI.902 = 0\n"
-    "TIME               | | error probe 20 rc 0x8B0F0000 SQLO_NOMEM  3, \"no \\\"room\\\"\\x1B[31m\"\n"
-    "TIME     DURATION  | } readPage = 0x8B0F0000 SQLO_NOMEM\n"
-    "TIME               | translation probe 30 rc 0x8B0F0000 SQLO_NOMEM became 0x800F00FC SQLO_INV_PARM\n"
-    "TIME     DURATION  } serve = 0x800F00FC SQLO_INV_PARM\n";
+constexpr const char* kHead = "DATE  process P, thread T, partition 0\n";
 
-constexpr const char* kErrors =
-    "DATE  process P, thread T, partition 0\n"
-    "TIME               serve {\n"
-    "TIME               | readPage {\n"
+std::string served(int request) {
+  return "TIME               serve {\n"
+         "TIME               | data probe 10  " +
+         std::to_string(request) +
+         ", \"request\"\n"
+         "TIME               | readPage {\n"
+         "TIME     DURATION  | | SQLI.902 = 0\n";
+}
+
+constexpr const char* kWell =
+    "TIME     DURATION  | } readPage = 0\n"
+    "TIME     DURATION  } serve = 0\n";
+constexpr const char* kFailed =
     "TIME               | | error probe 20 rc 0x8B0F0000 SQLO_NOMEM  3, \"no \\\"room\\\"\\x1B[31m\"\n"
     "TIME     DURATION  | } readPage = 0x8B0F0000 SQLO_NOMEM\n"
     "TIME               | translation probe 30 rc 0x8B0F0000 SQLO_NOMEM became 0x800F00FC SQLO_INV_PARM\n"
@@ -78,11 +66,13 @@ constexpr const char* kFormat =
 
 TEST_F(Views, ShowWhatHappened) {
   serveInProcess(3);
-  const std::string file = dump();
-  EXPECT_EQ(normalised(veksys({"trace", "flow"}).out), kFlow);
-  EXPECT_EQ(normalised(veksys({"trace", "flow", file}).out), kFlow);
-  EXPECT_EQ(normalised(veksys({"trace", "flow", "--errors"}).out), kErrors);
-  EXPECT_EQ(normalised(veksys({"trace", "flow", "--rc", "SQLO_NOMEM,SQLO_INV_PARM"}).out), kErrors);
+  const std::string flow = kHead + served(1) + kWell + served(2) + kWell + served(3) + kFailed;
+  const std::string errors =
+      kHead + std::string("TIME               serve {\nTIME               | readPage {\n") + kFailed;
+  EXPECT_EQ(normalised(veksys({"trace", "flow"}).out), flow);
+  EXPECT_EQ(normalised(veksys({"trace", "flow", dump()}).out), flow);
+  EXPECT_EQ(normalised(veksys({"trace", "flow", "--errors"}).out), errors);
+  EXPECT_EQ(normalised(veksys({"trace", "flow", "--rc", "SQLO_NOMEM,SQLO_INV_PARM"}).out), errors);
   EXPECT_EQ(normalised(veksys({"trace", "format", "--limit", "7"}).out), kFormat);
   EXPECT_TRUE(veksys({"trace", "stat", "/dev/fd/9"}).status == 1);
 }
@@ -94,8 +84,7 @@ TEST_F(Views, MergedFlowInterleavesThreadsByTime) {
     const SqltTraceSettings everything = {};
     sqltSetTraceFlags(&everything);
     pdtEntry(kServe);
-    const pid_t other = start([] { find(1); });
-    EXPECT_EQ(finish(other), 0);
+    inProcess([] { find(1); });
     const std::int64_t code = 0;
     pdtExit(kServe, &code);
   });
@@ -263,7 +252,7 @@ constexpr const char* kBroken =
     "TIME               } serve  (still open at the end of the trace)\n";
 
 TEST_F(Views, CallsWithoutEntryOrExit) {
-  const pid_t writer = start([] {
+  const int end = runInProcess([] {
     nameFunctions();
     sqltTraceFacilityCreate(SQLT_TRACE_SIZE_DEFAULT);
     const std::int64_t code = SQLO_EOF;
@@ -275,7 +264,7 @@ TEST_F(Views, CallsWithoutEntryOrExit) {
     pdtEntry(kRead);
     ::kill(::getpid(), SIGKILL);
   });
-  finish(writer);
+  EXPECT_EQ(end, -SIGKILL);
   EXPECT_EQ(normalised(veksys({"trace", "flow"}).out), kBroken);
   const auto stat = json(veksys({"trace", "stat", "--json"}).out);
   EXPECT_EQ(stat["calls_without_entry"].GetInt(), 1);
