@@ -192,12 +192,7 @@ TEST_APART_F(NotifyLog, GoesToTheSystemLogOnOneLineWhenAsked) {
 }
 
 TEST(NotifySystemLog, PriorityComesFromSettingAndLevel) {
-  const struct {
-    const char* setting;
-    std::uint32_t level;
-    int priority;
-    bool isUnderstood;
-  } cases[] = {
+  const std::tuple<const char*, std::uint32_t, int, bool> cases[] = {
       {"SYSLOG", PD_LEVEL_SEVERE, 10, true},
       {"SYSLOG:DAEMON", PD_LEVEL_ERROR, 27, true},
       {"SYSLOG:LOCAL0", PD_LEVEL_WARNING, 132, true},
@@ -211,10 +206,10 @@ TEST(NotifySystemLog, PriorityComesFromSettingAndLevel) {
       {"SYSLOGUSER", PD_LEVEL_ERROR, -1, false},
       {"ON", PD_LEVEL_ERROR, -1, false},
   };
-  for (const auto& each : cases) {
-    bool isUnderstood = !each.isUnderstood;
-    EXPECT_EQ(pdi_systemLogPriority(each.setting, each.level, &isUnderstood), each.priority) << each.setting;
-    EXPECT_EQ(isUnderstood, each.isUnderstood) << each.setting;
+  for (const auto& [setting, level, priority, expected] : cases) {
+    bool isUnderstood = !expected;
+    EXPECT_EQ(pdi_systemLogPriority(setting, level, &isUnderstood), priority) << setting;
+    EXPECT_EQ(isUnderstood, expected) << setting;
   }
 }
 

@@ -17,15 +17,10 @@ std::string pathOf(Directory which, std::size_t bytes = PATH_BYTES) {
   return path.substr(0, length);
 }
 
-struct Case {
-  std::vector<std::pair<const char*, std::string>> environment;
-  Directory which;
-  std::string expected;
-};
-
 TEST(Directories, OverridesThenBasesThenHome) {
   const std::string long4094 = std::string("/").append(4093, 'x');
-  const std::vector<Case> cases = {
+  using Environment = std::vector<std::pair<const char*, std::string>>;
+  const std::tuple<Environment, Directory, std::string> cases[] = {
       {{}, Directory::kSystem, "/etc/veksys"},
       {{{"VEK_SYSTEM_DIR", "/opt/v"}}, Directory::kSystem, "/opt/v"},
       {{{"VEK_SYSTEM_DIR", "/opt/v///"}}, Directory::kSystem, "/opt/v"},
@@ -47,11 +42,12 @@ TEST(Directories, OverridesThenBasesThenHome) {
       {{}, Directory::kShared, "/dev/shm"},
       {{{"VEK_SHM_DIR", "/run/v"}}, Directory::kShared, "/run/v"},
   };
-  for (std::size_t i = 0; i < cases.size(); ++i)
-    inProcess([&, row = cases[i]] {
+  for (const auto& row : cases)
+    inProcess([&row] {
+      const auto& [environment, which, expected] = row;
       ::clearenv();
-      for (const auto& [name, value] : row.environment) ::setenv(name, value.c_str(), 1);
-      EXPECT_EQ(pathOf(row.which), row.expected) << "row " << i;
+      for (const auto& [name, value] : environment) ::setenv(name, value.c_str(), 1);
+      EXPECT_EQ(pathOf(which), expected) << ::testing::PrintToString(environment);
     });
 }
 
@@ -60,9 +56,7 @@ TEST(Directories, HomeFromTheUserDatabase) {
   inProcess([] {
     ::clearenv();
     const passwd* user = ::getpwuid(::geteuid());
-    if (user != nullptr) {
-      EXPECT_EQ(pathOf(Directory::kUser), std::string(user->pw_dir) + "/.config/veksys");
-    }
+    EXPECT_TRUE(user == nullptr || pathOf(Directory::kUser) == std::string(user->pw_dir) + "/.config/veksys");
     if (::geteuid() != 0) return;
     ASSERT_EQ(::seteuid(3'999'999), 0);
     EXPECT_EQ(pathOf(Directory::kInstance), "/tmp/veksys-state.3999999/default");
@@ -84,11 +78,10 @@ TEST(Directories, BufferTooSmallAnswersNothing) {
 
 TEST(InstanceName, Rules) {
   const std::string longest(32, 'n');
-  for (const std::string& good : {std::string("a"), std::string("A-b_c.9"), std::string("-"), longest})
-    EXPECT_TRUE(isInstanceName(good.c_str())) << good;
-  for (const std::string& bad : {std::string(), std::string("."), std::string(".a"), std::string("a/b"),
-                                 std::string("a b"), std::string("a\n"), std::string("\xC3\xA4"), longest + "n"})
-    EXPECT_FALSE(isInstanceName(bad.c_str())) << bad;
+  const std::string tooLong(33, 'n');
+  for (const char* good : {"a", "A-b_c.9", "-", longest.c_str()}) EXPECT_TRUE(isInstanceName(good)) << good;
+  for (const char* bad : {"", ".", ".a", "a/b", "a b", "a\n", "\xC3\xA4", tooLong.c_str()})
+    EXPECT_FALSE(isInstanceName(bad)) << bad;
 }
 
 // Run by the test below in a copy of this program that belongs to another user and takes on its identity.

@@ -25,18 +25,18 @@ struct Told {
 
 std::string recordAt(std::size_t offset, const Told& told) {
   char lines[1024];
-  std::snprintf(lines, sizeof lines,
-                " LEVEL: %s\r\nPID     : %-21uTID : %-15lluPROC : veksysc\r\nINSTANCE: %-21sNODE : %.3d%s%s\r\n"
-                "APPHDL  : 0-7                  APPID: *LOCAL.x\r\nAUTHID  : A HOSTNAME: B          HOSTNAME: alpha\r\n"
-                "EDUID   : %-21uEDUNAME: agent\r\nFUNCTION: VEK, %s, probe:%d\r\n",
-                told.level, told.pid, 140737353922368ULL + static_cast<unsigned>(told.pid),
-                "instance_of_a_long_name_ok", told.member,
-                told.database[0] == '\0' ? "" : "           DB   : ", told.database, 17, told.function, told.probe);
+  (void)std::snprintf(
+      lines, sizeof lines,
+      " LEVEL: %s\r\nPID     : %-21uTID : %-15lluPROC : veksysc\r\nINSTANCE: %-21sNODE : %.3d%s%s\r\n"
+      "APPHDL  : 0-7                  APPID: *LOCAL.x\r\nAUTHID  : A HOSTNAME: B          HOSTNAME: alpha\r\n"
+      "EDUID   : %-21uEDUNAME: agent\r\nFUNCTION: VEK, %s, probe:%d\r\n",
+      told.level, told.pid, 140737353922368ULL + static_cast<unsigned>(told.pid), "instance_of_a_long_name_ok",
+      told.member, told.database[0] == '\0' ? "" : "           DB   : ", told.database, 17, told.function, told.probe);
   const std::string rest = lines + told.body;
   const std::size_t length = 26 + 4 + 1 + 25 + rest.size();
   char head[128];
-  std::snprintf(head, sizeof head, "\r\n%s%s %-25s", told.time, told.zone,
-                ("I" + std::to_string(offset + 2) + "H" + std::to_string(length)).c_str());
+  (void)std::snprintf(head, sizeof head, "\r\n%s%s %-25s", told.time, told.zone,
+                      ("I" + std::to_string(offset + 2) + "H" + std::to_string(length)).c_str());
   return head + rest;
 }
 
@@ -70,7 +70,7 @@ Probes upTo(int from, int to) {
 class Log : public CommandTest {
  protected:
   std::string write(const std::string& name, const std::string& content) {
-    const std::string path = instance_.path(name.c_str());
+    std::string path = instance_.path(name.c_str());
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << content;
     return path;
@@ -198,11 +198,7 @@ TEST_F(Log, ChoosesByEveryField) {
                    "OSERR   : ENOSPC (28) \"No space left on device\"\r\n", 2},
                   {4, "Info", "2025-11-21-10.00.03.000000", "+000", 14, "", "operating-system services, sqloClose"},
                   {5, "Event"}}));
-  struct Case {
-    Words arguments;
-    Probes chosen;
-  };
-  const Case cases[] = {
+  const std::pair<Words, Probes> cases[] = {
       {{"--level", "1-2"}, {1, 2}},
       {{"--level", "severe,4"}, {1, 4}},
       {{"--since", "2025-11-21-10.00.02.000000+000", "--until", "2025-11-21T10:00:02Z"}, {3}},
@@ -225,9 +221,7 @@ TEST_F(Log, ChoosesByEveryField) {
       {{"--where", "message !~ 'lock'", "--limit", "2"}, {2, 3}},
       {{"--where", "text~\"a quote \\\" in it\" or probe=4,5"}, {4, 5}},
   };
-  for (const Case& each : cases) {
-    EXPECT_EQ(probes(joined({path}, each.arguments)), each.chosen) << each.arguments[1];
-  }
+  for (const auto& [arguments, chosen] : cases) EXPECT_EQ(probes(joined({path}, arguments)), chosen) << arguments[1];
   expectSentence(log({path, "--pid", "1"}), 1, "No record was chosen");
 }
 
@@ -470,7 +464,7 @@ TEST_F(Log, FollowsAcrossRotation) {
   expectProbe(9);
   append(last, recordAt(logOf(numbered(9, 9)).size(), {10}));
   expectProbe(10);
-  std::fclose(shown);
+  (void)std::fclose(shown);
   EXPECT_EQ(finish(child), 0);
   EXPECT_EQ(contentOf(streamOf("err")),
             "veksys: 2 files in front of \"" + last + "\" went with rotation before they could be read.\n");

@@ -18,11 +18,7 @@ Words codesIn(const Answer& answer) {
 }
 
 TEST_F(Rc, ReadsACodeInEveryForm) {
-  struct Case {
-    Words typed;
-    Words read;
-  };
-  const Case cases[] = {
+  const std::pair<Words, Words> cases[] = {
       {{"0x8B0F0000"}, {"0x8B0F0000"}},
       {{"0X8b0f0000"}, {"0x8B0F0000"}},
       {{"8b0f0000"}, {"0x8B0F0000"}},
@@ -44,10 +40,10 @@ TEST_F(Rc, ReadsACodeInEveryForm) {
       {{"PID", ":", "4711", "at", "0x7ffd12345678", "rc=0x860F000A,", "sqlcode", ":", "-911"}, {"0x860F000A", "-911"}},
       {{"FUNCTION 0x18D00008 left with 0x8B0F0000 and SQLO_EOF"}, {"0x8B0F0000", "0x870F0009"}},
   };
-  for (const Case& each : cases) {
-    const Answer answer = veksys(joined({"rc"}, each.typed));
-    EXPECT_EQ(answer.status, 0) << each.typed[0] << answer.err;
-    EXPECT_EQ(codesIn(answer), each.read) << each.typed[0] << "\n" << answer.out;
+  for (const auto& [typed, read] : cases) {
+    const Answer answer = veksys(joined({"rc"}, typed));
+    EXPECT_EQ(answer.status, 0) << typed[0] << answer.err;
+    EXPECT_EQ(codesIn(answer), read) << typed[0] << "\n" << answer.out;
   }
 }
 
