@@ -236,7 +236,7 @@ void fastForgetKnowledge() noexcept {
 }
 
 FastCache* sqloi_fastLearn(MemPool& pool) noexcept {
-  if (!pool.m_set->isPrivate()) return nullptr;  // another process may destroy it, and no epoch here tells of that
+  if (!pool.m_set->isPrivate()) return nullptr;  // another process may destroy it, and nothing here tells of that
   const RegistryOperation operation;
   FastThread* const thread = makeThread();
   if (thread == nullptr) return nullptr;
