@@ -79,15 +79,15 @@ std::string timeText(std::chrono::seconds time, std::string pattern) {
 
 TEST(Time, EverySecondInEveryFormIsReadBack) {
   SqlvNationalLanguage japan = {.territory = 392};
-  constexpr std::string_view kPatterns[] = {"hh:mm:ss", "hh:mm AM", "hh.mm.ss", "hh.mm.ss",
-                                            "hh:mm:ss", "hh:mm:ss", "hh-mm-ss"};
+  constexpr std::string_view kPatterns[7] = {"hh:mm:ss", "hh:mm AM", "hh.mm.ss", "hh.mm.ss",
+                                             "hh:mm:ss", "hh:mm:ss", "hh-mm-ss"};
   std::uint8_t again[SQLV_TIME_BYTES] = {};
   for (std::int64_t second = 0; second <= 86400; ++second) {
     const std::chrono::seconds time(second);
     std::uint8_t value[SQLV_TIME_BYTES] = {};
     ASSERT_EQ(sqlvTimeFromChrono(time, value), 0);
     ASSERT_EQ(sqlvTimeToChrono(value), time);
-    for (SqlvFormatRequest request = 0; request < std::size(kPatterns); ++request) {
+    for (SqlvFormatRequest request = 0; request < 7; ++request) {
       const std::string text = written(sqlvputt, &japan, request, value);
       ASSERT_EQ(text, timeText(time, std::string(kPatterns[request])));
       ASSERT_EQ(sqlvtime(text.data(), text.size(), again), 0) << text;
@@ -216,9 +216,9 @@ TEST(DateText, TerritoriesAndRequests) {
       EXPECT_EQ(written(sqlvputt, &language, request, kTime), each.time) << each.territory;
     }
   }
-  const char* const dates[] = {"2016-03-04", "03/04/2016", "04.03.2016", "2016-03-04",
-                               "2016-03-04", "2016-03-04", "2016-03-04"};
-  for (SqlvFormatRequest request = 0; request < std::size(dates); ++request)
+  const char* const dates[7] = {"2016-03-04", "03/04/2016", "04.03.2016", "2016-03-04",
+                                "2016-03-04", "2016-03-04", "2016-03-04"};
+  for (SqlvFormatRequest request = 0; request < 7; ++request)
     EXPECT_EQ(written(sqlvputd, nullptr, request, kDate), dates[request]);
 }
 
@@ -239,12 +239,8 @@ TEST(DateText, WhatATerritoryWritesItReads) {
 TEST(DateText, ThreadsShareObjectsWhateverThoseHoldAtFirst) {
   const platformtest::Instance instance;
   const G11nTerritory* const first = &g11nTerritoryAt(0);
-  const void* const held[] = {nullptr,
-                              first,
-                              reinterpret_cast<const char*>(first) + 1,
-                              first - 1,
-                              first + G11N_TERRITORIES,
-                              reinterpret_cast<const void*>(~std::uintptr_t{0})};
+  const void* const held[] = {
+      nullptr, first, reinterpret_cast<const char*>(first) + 1, first - 1, first + G11N_TERRITORIES, &instance};
   std::vector<SqlvNationalLanguage> languages;
   for (std::size_t i = 0; i < std::size(held) * G11N_TERRITORIES; ++i)
     languages.push_back(
@@ -283,7 +279,7 @@ TEST(DateText, MalformedDigitsStayInsideTheText) {
 struct Case {
   std::vector<std::string_view> texts;
   SqlzZrc zrc;
-  std::string_view hex = "";
+  std::string_view hex = {};
   unsigned parameter = 0;  // territory of a date, scale of a timestamp
 };
 

@@ -220,12 +220,13 @@ Operation checkOf(const Column& from) {
 
 template <class Batch, class Single>
 Operation toInteger(const char* name, const Column& from, Batch batch, Single single) {
-  const auto integer = [](std::uint8_t* target) { return reinterpret_cast<std::int64_t*>(target); };
   return {name, sizeof(std::int64_t), 0,
           [=, &from](std::uint8_t* target, std::size_t, std::size_t* done) {
-            return batch(from.values, from.bytes, from.type, integer(target), from.count, done);
+            return batch(from.values, from.bytes, from.type, reinterpret_cast<std::int64_t*>(target), from.count, done);
           },
-          [=, &from](std::size_t i, std::uint8_t* target) { return single(from.at(i), from.type, integer(target)); }};
+          [=, &from](std::size_t i, std::uint8_t* target) {
+            return single(from.at(i), from.type, reinterpret_cast<std::int64_t*>(target));
+          }};
 }
 
 template <class Batch, class Single>
@@ -248,7 +249,8 @@ std::vector<Operation> operationsOf(const Column& from, SqlvDescriptor to, const
        },
        [=, &from](std::size_t i, std::uint8_t* target) {
          const SqlvNumericValue source = {type, from.at(i)};
-         const SqlvCharacterValue text = {reinterpret_cast<char*>(target)};
+         SqlvCharacterValue text = {};
+         text.buffer = reinterpret_cast<char*>(target);
          return sqlv_num_2_chr_legacy(0, &source, nullptr, &text);
        }},
       {"from integer", sqlvPackedBytes(type), kGap,

@@ -36,7 +36,7 @@ Vector vectorOf(const std::string& line) {
 }
 
 // "p,s", or one of two of them.
-SqlvDescriptor descriptor(const Vector& v, unsigned index = 0) {
+SqlvDescriptor descriptor(const Vector& v, std::size_t index = 0) {
   std::istringstream in(v.right);
   unsigned numbers[4] = {};
   char comma = 0;
