@@ -9,7 +9,6 @@
 #include "platform/trace_support.h"
 #include "platform/trcapi.h"
 #include "veksys/codes.h"
-#include "veksys/pd_types.h"
 
 using namespace vektest;
 using vek::OssCalls;

@@ -11,7 +11,6 @@
 #include <random>
 #include <set>
 
-#include "platform/host.h"
 #include "platform/ports.h"
 #include "platform/semaphore.h"
 #include "platform/support.h"

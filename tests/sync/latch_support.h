@@ -1,7 +1,6 @@
 // What tests of latches share: latches in memory that processes share, and threads that stress them.
 #pragma once
 
-#include <functional>
 #include <random>
 
 #include "platform/region.h"

@@ -1,6 +1,5 @@
 #include <mutex>
 #include <shared_mutex>
-#include <type_traits>
 
 #include "platform/support.h"
 #include "veksys/latch_types.h"

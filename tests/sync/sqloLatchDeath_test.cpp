@@ -1,6 +1,5 @@
 // Latches of holders and waiters that are killed: at any instruction of a capture or a release, asleep, and just woken.
 #include <algorithm>
-#include <functional>
 
 #include "diag/pdlog_support.h"
 #include "platform/victim.h"

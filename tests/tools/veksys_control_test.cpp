@@ -1,6 +1,4 @@
 // veksys trace on, off, mask, clear, dump and status, and what every subcommand refuses.
-#include <sys/stat.h>
-
 #include "tools/veksys_support.h"
 
 namespace vektest {

@@ -1,5 +1,4 @@
 // veksys log, run as a person runs it, over files written byte by byte.
-#include <sys/ioctl.h>
 
 #include <algorithm>
 #include <random>

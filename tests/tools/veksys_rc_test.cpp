@@ -109,7 +109,7 @@ TEST_F(Rc, KnowsTheWholeCatalogue) {
     const SqlzZrcEntry& entry = sqlzGetZrcMap()[i];
     if (entry.code == 0) continue;
     char line[64];
-    std::snprintf(line, sizeof line, "rc=0x%08X\n", static_cast<unsigned>(entry.code));
+    (void)std::snprintf(line, sizeof line, "rc=0x%08X\n", static_cast<unsigned>(entry.code));
     text += line;
     expected.push_back(&entry);
   }
