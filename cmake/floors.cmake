@@ -41,8 +41,7 @@ function(veksys_library)
   add_library(veksys_static STATIC ${objects})
   set_target_properties(veksys PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
   set_target_properties(veksys_static PROPERTIES OUTPUT_NAME veksys)
-  target_link_options(veksys PRIVATE -Wl,-z,nodelete -Wl,-z,now -Wl,-z,relro -Wl,-z,pack-relative-relocs
-    -Wl,-Bsymbolic-functions)  # the library calls its own functions directly
+  target_link_options(veksys PRIVATE -Wl,-z,nodelete -Wl,-z,now -Wl,-z,relro -Wl,-z,pack-relative-relocs)
   target_compile_definitions(veksys_static INTERFACE VEKSYS_STATIC)
   foreach(library veksys veksys_static)
     add_dependencies(${library} veksys_generated)
