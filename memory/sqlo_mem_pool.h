@@ -136,7 +136,7 @@ class PoolOperation {
  private:
   MemPool& base_;
   bool holds_ = true;
-  SqloMemSubgroup* runs_ = nullptr;
+  ChunkRun* runs_ = nullptr;
   std::uint32_t givenBack_ = 0;
 };
 
@@ -194,7 +194,8 @@ void sqloi_retireSubgroup(MemPool& pool, SqloMemSubgroup* subgroup, PoolOperatio
 void sqloi_releaseCached(MemPool& base, std::uint32_t chunks, PoolOperation& operation) noexcept;
 bool sqloi_hasCachedRun(const MemPool& base, std::uint32_t chunks) noexcept;  // of at least so many
 
-// Makes a subgroup of chunks, one free block in it. Needs the latch.
+// Makes a subgroup of chunks, one free block in it. Needs the latch. Chunks that come from the set have arrived with
+// it.
 void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexcept;
 
 // Counts a request that could not be met. Without the latch.

@@ -14,8 +14,13 @@ namespace {
 
 // ---- after a death ---------------------------------------------------------------------------------------------
 
+static_assert(offsetof(ChunkRun, pool) == offsetof(SqloMemSubgroup, pool));
+static_assert(offsetof(ChunkRun, process) == offsetof(SqloMemSubgroup, previous));
+static_assert(offsetof(ChunkRun, eyeCatcher) == offsetof(SqloMemSubgroup, eyeCatcher));
+static_assert(offsetof(ChunkRun, chunks) == offsetof(SqloMemSubgroup, chunks));
+
 // Visits the runs of chunks that a base pool has, as their own headers tell. A run begins where the set says that one
-// does, or behind another one of the pool: it may have cut one in two.
+// does, or behind another one of the pool: it may have cut one in two. What is on its way is the set's.
 template <class Visit>
 void visitRuns(MemPool& base, const Visit& visit) noexcept {
   const SMemSet& set = *base.m_set;
@@ -23,6 +28,10 @@ void visitRuns(MemPool& base, const Visit& visit) noexcept {
   for (std::uint32_t chunk = 0; chunk < set.m_allocatedChunks; ++chunk) {
     if (chunk < end || (chunk != end && !set.m_starts.has(chunk)) || !set.m_used.has(chunk)) continue;
     auto* run = pointerAs<SqloMemSubgroup>(set.addressOf(chunk));
+    if (set.m_onTheWay.has(chunk)) {
+      end = chunk + run->chunks;
+      continue;
+    }
     if (run->eyeCatcher != MEM_SUBGROUP_EYE_CATCHER || run->base != shortOf(blockOf(&base))) continue;
     end = chunk + run->chunks;
     visit(run);

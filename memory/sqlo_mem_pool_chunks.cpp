@@ -1,8 +1,8 @@
 // Memory pools: the chunks that a pool has of its set.
 //
 // The set logs its failures when it has released its own latch, so it is asked without the pool latch. Whether the
-// limit admits what it gave is decided when that is there: a thread that dies in between leaves nothing behind in the
-// pool.
+// limit admits what it gave is decided when that is there: a process that dies in between leaves nothing behind in the
+// pool, and the set takes back what was on its way.
 #include <algorithm>
 
 #include "diag/base/traced.h"
@@ -28,13 +28,17 @@ void unlinkSubgroup(MemPool& pool, SqloMemSubgroup* subgroup) noexcept {
     pool.m_firstSubgroup = subgroup->next;
 }
 
-// A run of the cache belongs to no pool; its base pool is told by the lower half of its address.
-void cacheRun(MemPool& base, SqloMemSubgroup* run, std::uint32_t chunks) noexcept {
+// The header of a run of the cache: it belongs to no pool, its base pool is told by the lower half of its address.
+void describeCached(const MemPool& base, SqloMemSubgroup* run, std::uint32_t chunks) noexcept {
   run->chunks = chunks;
   run->base = shortOf(blockOf(&base));
   run->eyeCatcher = MEM_SUBGROUP_EYE_CATCHER;
-  run->next = base.m_cachedChunks;
   run->pool = nullptr;
+}
+
+void cacheRun(MemPool& base, SqloMemSubgroup* run, std::uint32_t chunks) noexcept {
+  describeCached(base, run, chunks);
+  run->next = base.m_cachedChunks;
   base.m_cachedChunks = run;
   base.m_cachedChunkCount += chunks;
 }
@@ -128,6 +132,7 @@ void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexc
   poison(block, strideOfAll(subgroup));
   subgroup->pool = &pool;
   subgroup->eyeCatcher = MEM_SUBGROUP_EYE_CATCHER;
+  sqloi_setRunArrived(*pool.m_set, subgroup);
   linkSubgroup(pool, subgroup);
   sqloi_add(pool.m_ownChunks, chunks);
   sqloi_treeInsert(&pool.m_freeTree, block);
@@ -151,7 +156,8 @@ bool sqloi_hasCachedRun(const MemPool& base, std::uint32_t chunks) noexcept {
   return run != nullptr;
 }
 
-// Of a run that is larger than what is left to give back, the end goes.
+// Of a run that is larger than what is left to give back, the end goes: its header is there before the run becomes
+// shorter.
 void sqloi_releaseCached(MemPool& base, std::uint32_t chunks, PoolOperation& operation) noexcept {
   while (chunks != 0 && base.m_cachedChunks != nullptr) {
     SqloMemSubgroup* run = base.m_cachedChunks;
@@ -159,9 +165,10 @@ void sqloi_releaseCached(MemPool& base, std::uint32_t chunks, PoolOperation& ope
     if (part == run->chunks) {
       base.m_cachedChunks = run->next;
     } else {
+      SqloMemSubgroup* const end = partOf(run, run->chunks - part);
+      describeCached(base, end, part);
       run->chunks -= part;
-      run = partOf(run, run->chunks);
-      run->chunks = part;
+      run = end;
     }
     base.m_cachedChunkCount -= part;
     sqloi_noteOwned(base, -std::int64_t{part});
@@ -232,6 +239,7 @@ SqlzZrc SQLO_MEM_POOL::commitRawChunks(std::uint32_t count, std::uint32_t* commi
     vek::PoolOperation operation(base);
     if (!vek::admit(base, address, step, operation)) break;
     vek::cacheRun(base, static_cast<SqloMemSubgroup*>(address), step);
+    vek::sqloi_setRunArrived(*base.m_set, address);
     got += step;
   }
   if (committed != nullptr) *committed = got;

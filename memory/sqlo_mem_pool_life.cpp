@@ -65,6 +65,7 @@ void describe(MemPool& pool, const SqloMemPoolRequest& request, std::uint32_t li
 MemPool* build(void* chunks, std::uint32_t count, const SqloMemPoolRequest& request, std::uint32_t limit) noexcept {
   MemPool before = {};
   before.m_base = &before;
+  before.m_set = request.set;
   sqloi_addSubgroup(before, chunks, count);
   const Block block = sqloi_takeBlock(before, strideFor(sizeof(MemPool)));
   setPlace(block, kNowhere, 0);
@@ -175,15 +176,14 @@ void freeBase(MemPool& pool) noexcept {
   fastForgetKnowledge();
   leaveSet(set, pool);
   sqloi_unlistPool(pool);
-  SqloMemSubgroup* runs = nullptr;
-  const auto collect = [&runs](SqloMemSubgroup* first) {
+  ChunkRun* runs = nullptr;
+  const auto collect = [&](SqloMemSubgroup* first) {
     while (first != nullptr) {
-      SqloMemSubgroup* const run = first;
-      first = run->next;
+      SqloMemSubgroup* const next = first->next;
+      ChunkRun* const run = sqloi_setSendRun(set, first, first->chunks);
       run->next = runs;
-      run->eyeCatcher = 0;
-      run->pool = nullptr;
       runs = run;
+      first = next;
     }
   };
   {
@@ -195,7 +195,7 @@ void freeBase(MemPool& pool) noexcept {
   }
   pool.m_set = pointerAs<SMemSet>(std::uintptr_t{SQLO_INVALID_SET});
   while (runs != nullptr) {
-    SqloMemSubgroup* const run = runs;
+    ChunkRun* const run = runs;
     runs = run->next;
     unpoison(blockOf(run), std::uint64_t{run->chunks} << SQLO_CHUNK_SHIFT);
     (void)sqloi_setReturnChunks(set, run, run->chunks);
@@ -307,6 +307,10 @@ SqlzZrc sqloFlushMemory(SQLO_MEM_POOL* handle, std::uint32_t* freedBytes) noexce
   if (pool == nullptr) return trace.exit(SQLO_INV_MEM);
   vek::MemPool& base = pool->base();
   vek::sqloi_fastTakeBack(base);
+  {
+    const vek::SetOperation operation(*base.m_set);
+    (void)base.m_set->returnStrandedChunks();
+  }
   vek::PoolOperation operation(base);
   vek::sqloi_visitPools(base, [&](vek::MemPool& each) {
     vek::sqloi_takeDeferred(each, operation);

@@ -3,7 +3,11 @@
 // A set's records lie in the first chunk of its window, the chunks that it hands out behind it: chunk 0 begins at the
 // second 64 KiB. Which chunks are used, committed, decommitted, kept for fast reuse, and where a handed-out run begins
 // is told by one bit each. The bits are the truth: after the death of a holder of the latch the counters are made anew
-// from them. `begun` tells of a commit or decommit that had not been noted in the bits when its process died.
+// from them. `begun` tells of a commit or decommit that had not been noted in the bits when its process died, `moving`
+// of chunks that were about to be handed out or taken back.
+//
+// A run of a shared set that has been handed out and is not yet a pool's, or that a pool has sent off and is not yet
+// back, is marked, and its first words tell which process has it: when that dies on the way, the set takes it back.
 //
 // Invariants, whenever nobody holds the latch:
 //
@@ -12,6 +16,7 @@
 //   3  m_recommitableChunks <= m_decommittedChunks; the difference is withdrawn from use
 //   4  all bits lie below m_allocatedChunks <= m_maxChunksAllowed
 //   5  groups are neighbours and cover the allocated chunks; a group's subgroups are the runs that begin in it
+//   6  where a mark stands a run on its way begins
 #pragma once
 
 #include <cstdint>
@@ -38,6 +43,13 @@ struct ChunkBits {
   bool has(std::uint32_t chunk) const noexcept { return (word(chunk) >> (chunk % 64) & 1) != 0; }
   void add(std::uint32_t chunk) noexcept { put(chunk, word(chunk) | std::uint64_t{1} << (chunk % 64)); }
   void drop(std::uint32_t chunk) noexcept { put(chunk, word(chunk) & ~(std::uint64_t{1} << (chunk % 64))); }
+  // The same where not all who change bits hold the same latch.
+  void mark(std::uint32_t chunk) noexcept {
+    __atomic_fetch_or(&words[chunk / 64], std::uint64_t{1} << (chunk % 64), __ATOMIC_ACQ_REL);
+  }
+  void unmark(std::uint32_t chunk) noexcept {
+    __atomic_fetch_and(&words[chunk / 64], ~(std::uint64_t{1} << (chunk % 64)), __ATOMIC_ACQ_REL);
+  }
   std::uint32_t count() const noexcept {
     std::uint32_t total = 0;
     for (const std::uint64_t bits : words) total += static_cast<std::uint32_t>(__builtin_popcountll(bits));
@@ -64,6 +76,15 @@ struct ChunkGroup {
 struct ChunkRange {
   std::uint32_t first;
   std::uint32_t count;
+};
+
+// The first words of a run on its way.
+struct ChunkRun {
+  void* pool;             // null: it is no pool's, for whoever has a block in it
+  ChunkRun* next;         // of those that go back with it
+  std::uint64_t process;  // life of the one that has it
+  std::uint32_t eyeCatcher;
+  std::uint32_t chunks;
 };
 
 // What kind of operation of the system failed; numbers as they stand in the sixth word of the record.
@@ -110,6 +131,7 @@ class SMemSet {
                                   std::uint32_t* first) noexcept;  // withdrawn ones count as usable
   bool getFastChunk(std::uint32_t* first) noexcept;
   SqlzZrc returnContiguousChunks(vek::ChunkRange range) noexcept;
+  std::uint32_t returnStrandedChunks() noexcept;  // of processes that died on the way; how many
   std::uint32_t freeFastChunksUntilTargetReached(std::uint32_t chunks) noexcept;
 
   // ---- committing
@@ -165,6 +187,7 @@ class SMemSet {
   std::uint16_t m_fast[vek::MEM_SET_FAST_CHUNKS];
   std::uint32_t m_commitTarget;    // chunks that were to be committed at creation
   vek::ChunkRange m_begun;         // being committed or decommitted at this moment
+  vek::ChunkRange m_moving;        // being handed out or taken back at this moment
   SqloMemoryConsumer* m_consumer;  // with the memory controller, and the process it belongs to
   std::uint64_t m_consumerOwner;
   std::uint32_t m_consumerNumber;
@@ -175,7 +198,8 @@ class SMemSet {
   vek::ChunkBits m_starts;  // of handed-out runs
   vek::ChunkBits m_committed;
   vek::ChunkBits m_decommitted;
-  vek::ChunkBits m_kept;  // used, and in the fast-chunk cache
+  vek::ChunkBits m_kept;      // used, and in the fast-chunk cache
+  vek::ChunkBits m_onTheWay;  // used; where runs begin that are between the set and a pool
 };
 static_assert(sizeof(SMemSet) <= SQLO_CHUNK_BYTES);
 
@@ -232,6 +256,12 @@ int sqloi_setDescriptor(const SMemSet& set) noexcept;
 //            giving back: SQLO_INV_MEM: not chunks in use
 SqlzZrc sqloi_setGetChunks(SMemSet& set, std::uint32_t chunks, void** address) noexcept;
 SqlzZrc sqloi_setReturnChunks(SMemSet& set, void* address, std::uint32_t chunks) noexcept;
+
+// Ends the way of a run that the set gave: it is noted where it belongs, and its first words are free for use.
+void sqloi_setRunArrived(SMemSet& set, const void* address) noexcept;
+
+// Begins the way of a run back to the set; from here on nobody else may take it for one of his.
+ChunkRun* sqloi_setSendRun(SMemSet& set, void* address, std::uint32_t chunks) noexcept;
 
 // Asks the controller for memory that the set is about to reserve, and tells what it gives back. Without the set latch.
 SqlzZrc sqloi_setRequestMemory(SMemSet& set, std::uint32_t chunks) noexcept;

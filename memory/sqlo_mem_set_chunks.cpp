@@ -1,5 +1,6 @@
 // Memory sets: which chunks are handed out; groups of them.
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cstring>
 
@@ -140,7 +141,38 @@ void forgetStart(SMemSet& set, std::uint32_t chunk) noexcept {
   --groupOf(set, chunk).subgroups;
 }
 
+// While a move is noted, whoever repairs the set takes its chunks for free ones. The order of the stores counts: the
+// process may be killed at any of them.
+void beginMove(SMemSet& set, vek::ChunkRange range) noexcept {
+  set.m_moving.first = range.first;
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  set.m_moving.count = range.count;
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+void endMove(SMemSet& set) noexcept {
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+  set.m_moving.count = 0;
+}
+
+vek::ChunkRun* runAt(const SMemSet& set, std::uint32_t chunk) noexcept {
+  return std::bit_cast<vek::ChunkRun*>(set.addressOf(chunk));
+}
+
+// Whose it is stands there before the mark, and it is a pool's until then: at any instant it belongs to somebody. A
+// private set is gone with its process, and needs no mark.
+vek::ChunkRun* sendOff(SMemSet& set, vek::ChunkRange range) noexcept {
+  vek::ChunkRun* const run = runAt(set, range.first);
+  run->process = vek::regionProcessOwner();
+  run->chunks = range.count;
+  if (!set.isPrivate()) set.m_onTheWay.mark(range.first);
+  run->eyeCatcher = 0;
+  run->pool = nullptr;
+  return run;
+}
+
 void noteUsed(SMemSet& set, vek::ChunkRange range) noexcept {
+  (void)sendOff(set, range);
   for (std::uint32_t chunk = range.first; chunk < range.first + range.count; ++chunk) set.m_used.add(chunk);
   noteStart(set, range.first);
   set.m_usedChunks += range.count;
@@ -171,7 +203,9 @@ SqlzZrc SMemSet::getChunksForInternalUse(std::uint32_t chunks, std::uint32_t* fi
   }
   const SqlzZrc committed = commitMemory({found, chunks});
   if (committed != 0) return committed;
+  beginMove(*this, {found, chunks});
   noteUsed(*this, {found, chunks});
+  endMove(*this);
   *first = found;
   return 0;
 }
@@ -183,9 +217,12 @@ SqlzZrc SMemSet::getChunksFromTree(std::uint32_t chunks, std::uint32_t* first) n
 
 bool SMemSet::getFastChunk(std::uint32_t* first) noexcept {
   if (m_fastCount == 0 || m_usedChunks >= usableChunks()) return false;
-  *first = m_fast[--m_fastCount];
+  *first = m_fast[m_fastCount - 1];
+  beginMove(*this, {*first, 1});
+  --m_fastCount;
   m_kept.drop(*first);
   noteUsed(*this, {*first, 1});
+  endMove(*this);
   return true;
 }
 
@@ -207,27 +244,51 @@ SqlzZrc SMemSet::returnContiguousChunks(vek::ChunkRange range) noexcept {
   const std::uint32_t end = range.first + range.count;
   for (std::uint32_t chunk = range.first; chunk < end; ++chunk)
     if (!m_used.has(chunk) || m_kept.has(chunk)) return SQLO_INV_MEM;
+  beginMove(*this, range);
   if (m_fillsFreed)
     std::memset(std::bit_cast<void*>(addressOf(range.first)), vek::kFreedFill,
                 std::size_t{range.count} << SQLO_CHUNK_SHIFT);
   // What is left of a run behind the range is a run of its own.
   if (end < m_allocatedChunks && m_used.has(end) && !m_kept.has(end)) noteStart(*this, end);
   for (std::uint32_t chunk = range.first; chunk < end; ++chunk) forgetStart(*this, chunk);
+  m_onTheWay.unmark(range.first);
   m_usedChunks -= range.count;
   if (range.count == 1 && m_fastEnabled && !m_fastDraining && m_fastCount < vek::MEM_SET_FAST_CHUNKS) {
     m_kept.add(range.first);
     m_fast[m_fastCount++] = static_cast<std::uint16_t>(range.first);
+    endMove(*this);
     return 0;
   }
   for (std::uint32_t chunk = range.first; chunk < end; ++chunk) m_used.drop(chunk);
+  endMove(*this);
   if (isDecommitDue()) decommitExcess();
   return 0;
+}
+
+std::uint32_t SMemSet::returnStrandedChunks() noexcept {
+  std::uint32_t returned = 0;
+  for (std::uint32_t word = 0; word < vek::MEM_SET_WORDS; ++word)
+    for (std::uint64_t marks = m_onTheWay.words[word]; marks != 0; marks &= marks - 1) {
+      const std::uint32_t chunk = word * 64 + static_cast<std::uint32_t>(std::countr_zero(marks));
+      const vek::ChunkRun& run = *runAt(*this, chunk);
+      if (vek::regionOwnerLives(run.process)) continue;
+      const std::uint32_t chunks = run.chunks;
+      if (returnContiguousChunks({chunk, chunks}) == 0)
+        returned += chunks;
+      else
+        m_onTheWay.unmark(chunk);
+    }
+  return returned;
 }
 
 // ---- for those who live in a set -------------------------------------------------------------------------------
 
 namespace vek {
 namespace {
+
+std::uint32_t chunkAt(const SMemSet& set, const void* address) noexcept {
+  return static_cast<std::uint32_t>((reinterpret_cast<std::uintptr_t>(address) - set.addressOf(0)) >> SQLO_CHUNK_SHIFT);
+}
 
 // Reserves another group. The controller is asked first, without the latch. SQLO_NOTAVAIL: somebody else made it grow.
 SqlzZrc grow(SMemSet& set, std::uint32_t chunks) noexcept {
@@ -253,6 +314,7 @@ SqlzZrc sqloi_setGetChunks(SMemSet& set, std::uint32_t chunks, void** address) n
     {
       const SetOperation operation(set);
       if (chunks != 1 || !set.getFastChunk(&first)) result = set.getChunksFromTree(chunks, &first);
+      if (result == SQLO_NOTAVAIL && set.returnStrandedChunks() != 0) result = set.getChunksFromTree(chunks, &first);
       if (result == SQLO_NOTAVAIL) step = set.growthFor(chunks);
     }
     if (result == 0) {
@@ -263,6 +325,12 @@ SqlzZrc sqloi_setGetChunks(SMemSet& set, std::uint32_t chunks, void** address) n
     const SqlzZrc grown = grow(set, step);
     if (grown != 0 && grown != SQLO_NOTAVAIL) return SQLO_NOMEM;
   }
+}
+
+void sqloi_setRunArrived(SMemSet& set, const void* address) noexcept { set.m_onTheWay.unmark(chunkAt(set, address)); }
+
+ChunkRun* sqloi_setSendRun(SMemSet& set, void* address, std::uint32_t chunks) noexcept {
+  return sendOff(set, {chunkAt(set, address), chunks});
 }
 
 SqlzZrc sqloi_setReturnChunks(SMemSet& set, void* address, std::uint32_t chunks) noexcept {

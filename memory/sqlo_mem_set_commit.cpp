@@ -232,7 +232,8 @@ std::uint32_t SMemSet::increaseUseableMemory(std::uint32_t chunks) noexcept {
 
 // ---- after a death ---------------------------------------------------------------------------------------------
 
-// Makes the counters anew from the bits. A commit or decommit that had begun is brought to what the bits say.
+// Makes the counters anew from the bits. A commit or decommit that had begun is brought to what the bits say; chunks
+// that were about to be handed out or taken back are free.
 void SMemSet::repair() noexcept {
   const std::uint32_t withdrawn = m_decommittedChunks - std::min(m_recommitableChunks, m_decommittedChunks);
   for (std::uint32_t chunk = m_begun.first; chunk < m_begun.first + m_begun.count; ++chunk) {
@@ -242,6 +243,12 @@ void SMemSet::repair() noexcept {
       (void)decommitPhysically(*this, {chunk, 1});
   }
   m_begun = {};
+  for (std::uint32_t chunk = m_moving.first; chunk < m_moving.first + m_moving.count; ++chunk) {
+    m_used.drop(chunk);
+    m_kept.drop(chunk);
+    m_onTheWay.unmark(chunk);
+  }
+  m_moving = {};
   m_allocatedChunks = 0;
   for (std::uint32_t i = 0; i < m_groupCount; ++i) {
     m_allocatedChunks += m_groups[i].chunks;
@@ -268,4 +275,5 @@ void SMemSet::repair() noexcept {
   m_recommitableChunks = m_decommittedChunks - std::min(withdrawn, m_decommittedChunks);
   m_largestChunksUsed = std::max(m_largestChunksUsed, m_usedChunks);
   m_fastDraining = false;
+  (void)returnStrandedChunks();
 }

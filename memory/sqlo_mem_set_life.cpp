@@ -505,6 +505,10 @@ SqlzZrc sqlofshr(SQLO_MEM_SET* set) noexcept {
   vek::VekTrace<vek::FID_sqlofshr> trace;
   const SqlzZrc result = vek::checkSet(vek::FID_sqlofshr, set);
   if (result != 0) return trace.exit(result);
+  {
+    const vek::SetOperation operation(*set);
+    (void)set->returnStrandedChunks();
+  }
   SqloMemSetInfo info;
   (void)sqloGetSetInfo(set, &info);
   if (info.usedChunks != 0 && (info.options & SQLO_SET_CRASH_ON_LEAKS) != 0)

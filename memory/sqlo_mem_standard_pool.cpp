@@ -24,19 +24,17 @@ PoolOperation::~PoolOperation() {
   sqloi_tellPoolWhenMoved(base_);
   if (isLatched(base_)) base_.m_latch.releaseLatch();
   while (runs_ != nullptr) {
-    SqloMemSubgroup* const run = runs_;
+    ChunkRun* const run = runs_;
     runs_ = run->next;
     (void)sqloi_setReturnChunks(*set, run, run->chunks);
   }
 }
 
-// Nobody may take the header that is left behind for one of this pool.
 void PoolOperation::giveBack(SqloMemSubgroup* run) noexcept {
   givenBack_ += run->chunks;
-  run->pool = nullptr;
-  run->eyeCatcher = 0;
-  run->next = runs_;
-  runs_ = run;
+  ChunkRun* const sent = sqloi_setSendRun(*base_.m_set, run, run->chunks);
+  sent->next = runs_;
+  runs_ = sent;
 }
 
 namespace {

@@ -31,6 +31,13 @@ inline SMemSet* create(const SqloMemSetRequest& request) {
   return set;
 }
 
+// Takes a run of chunks for the test to keep.
+inline SqlzZrc takeChunks(SMemSet& set, std::uint32_t chunks, void** address) {
+  const SqlzZrc result = sqloi_setGetChunks(set, chunks, address);
+  if (result == 0) sqloi_setRunArrived(set, *address);
+  return result;
+}
+
 inline std::string setFile(const Instance& instance, const SMemSet& set) {
   return instance.region() + ":set." + std::to_string(set.m_window);
 }
@@ -75,7 +82,8 @@ inline void expectSound(const Instance& instance, SMemSet& set) {
   for (std::uint32_t word = 0; word < MEM_SET_WORDS; ++word) {
     EXPECT_EQ(set.m_used.words[word] & ~set.m_committed.words[word], 0U);
     EXPECT_EQ(set.m_committed.words[word] & set.m_decommitted.words[word], 0U);
-    EXPECT_EQ((set.m_starts.words[word] | set.m_kept.words[word]) & ~set.m_used.words[word], 0U);
+    EXPECT_EQ(
+        (set.m_starts.words[word] | set.m_kept.words[word] | set.m_onTheWay.words[word]) & ~set.m_used.words[word], 0U);
   }
   EXPECT_EQ(kernelBytes(instance, set), (std::uint64_t{set.m_committedChunks} + 1) << SQLO_CHUNK_SHIFT);
   set.releaseLatch();

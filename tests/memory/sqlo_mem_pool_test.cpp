@@ -439,7 +439,7 @@ TEST_APART(MemPool, IsSeenByTheSanitizer) {
     }
     EXPECT_EQ(freePool(pool), 0);
     void* chunk = nullptr;
-    ASSERT_EQ(sqloi_setGetChunks(*set, 1, &chunk), 0);
+    ASSERT_EQ(takeChunks(*set, 1, &chunk), 0);
     EXPECT_EQ(__asan_region_is_poisoned(chunk, SQLO_CHUNK_BYTES), nullptr);
   }
 }

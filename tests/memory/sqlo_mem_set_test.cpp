@@ -61,7 +61,7 @@ TEST(MemSet, MovesItsThresholds) {
     SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, 2000, kOptions | SQLO_SET_LAZY_DECOMMIT));
     ASSERT_NE(set, nullptr);
     void* block = nullptr;
-    ASSERT_EQ(sqloi_setGetChunks(*set, 1500, &block), 0);
+    ASSERT_EQ(takeChunks(*set, 1500, &block), 0);
     EXPECT_EQ(set->m_keepCommitChunks, 1500U) << "a lazy set keeps what it used";
     ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1500), 0);
     EXPECT_EQ(set->m_committedChunks, 1500U);
@@ -87,7 +87,7 @@ TEST(MemSet, MovesItsThresholds) {
       EXPECT_EQ(set->m_keepCommitChunks, row.keep);
       EXPECT_EQ(set->m_committedChunks, row.committed);
     }
-    ASSERT_EQ(sqloi_setGetChunks(*set, 700, &block), 0);
+    ASSERT_EQ(takeChunks(*set, 700, &block), 0);
     EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(set, 10'000), 0);
     EXPECT_EQ(set->m_keepCommitChunks, 700U) << "never below what is used";
     EXPECT_EQ(set->m_decommittedChunks, 800U);
@@ -119,7 +119,7 @@ TEST(MemSet, DrainsFastChunksByTheLowHalves) {
       const std::uint32_t options = kOptions | SQLO_SET_LAZY_DECOMMIT | SQLO_SET_CHUNK_KEEP;
       SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, drains ? 300 : 250, options));
       void* blocks[5];
-      for (void*& block : blocks) ASSERT_EQ(sqloi_setGetChunks(*set, 1, &block), 0);
+      for (void*& block : blocks) ASSERT_EQ(takeChunks(*set, 1, &block), 0);
       for (void* block : blocks) ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1), 0);
       EXPECT_EQ(set->m_fastCount, 5U);
       EXPECT_EQ(sqloi_setReturnChunks(*set, blocks[0], 1), SQLO_INV_MEM) << "given back twice";
@@ -143,7 +143,7 @@ void useSet(SMemSet& set, std::uint32_t seed, std::uint32_t steps, const std::fu
   for (std::uint32_t step = 0; step < steps; ++step) {
     const auto chunks = static_cast<std::uint32_t>(1 + (random() % 3 == 0 ? random() % 40 : 0));
     void* block = nullptr;
-    if (random() % 2 == 0 && sqloi_setGetChunks(set, chunks, &block) == 0) {
+    if (random() % 2 == 0 && takeChunks(set, chunks, &block) == 0) {
       std::memset(block, 1, 1);
       static_cast<char*>(block)[std::size_t{chunks} * SQLO_CHUNK_BYTES - 1] = 1;
       runs.push_back({static_cast<char*>(block), chunks});
@@ -235,7 +235,7 @@ TEST(MemSet, IsToldOfAFullFileSystem) {
     ASSERT_NE(set, nullptr);
     void* block = nullptr;
     std::uint32_t got = 0;
-    while (sqloi_setGetChunks(*set, 1, &block) == 0) {
+    while (takeChunks(*set, 1, &block) == 0) {
       std::memset(block, 1, SQLO_CHUNK_BYTES);
       ++got;
     }
@@ -243,7 +243,7 @@ TEST(MemSet, IsToldOfAFullFileSystem) {
     EXPECT_LT(got, 128U);
     expectSound(instance, *set);
     ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1), 0);
-    EXPECT_EQ(sqloi_setGetChunks(*set, 1, &block), 0);
+    EXPECT_EQ(takeChunks(*set, 1, &block), 0);
     EXPECT_EQ(sqlofshr(set), 0);
   });
   if (end == platformtest::kSkip) GTEST_SKIP() << "no file system can be mounted here";
@@ -292,7 +292,7 @@ TEST(MemSet, SaysWhatItCannotGive) {
     EXPECT_EQ(tryCreate(request, &set), 0);
     EXPECT_EQ(set->m_committedChunks, 1U);
     void* block = nullptr;
-    ASSERT_EQ(sqloi_setGetChunks(*set, 1, &block), 0);
+    ASSERT_EQ(takeChunks(*set, 1, &block), 0);
     ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1), 0);
     EXPECT_EQ(*static_cast<unsigned char*>(block), 0xDD);
     ::unsetenv("VEK_DEFER_MEMORY_COMMIT");
@@ -313,7 +313,7 @@ TEST(MemSet, SaysWhatItCannotGive) {
     EXPECT_EQ(tryCreate(request, &set), 0);
     EXPECT_EQ(set->m_options & (SQLO_SET_PINNED | SQLO_SET_LARGE_PAGES), 0U);
     EXPECT_EQ(sqloMemSetPageSize(set), 4096U);
-    EXPECT_EQ(sqloi_setGetChunks(*set, 17, &block), SQLO_NOMEM) << "the controller does not let it grow";
+    EXPECT_EQ(takeChunks(*set, 17, &block), SQLO_NOMEM) << "the controller does not let it grow";
     EXPECT_EQ(statsOf(controller).currentSize, kMb);
     EXPECT_EQ(sqlocshr(nullptr, &set), SQLO_INV_PARM);
     const std::string log = logText(instance);
@@ -364,7 +364,7 @@ TEST(MemSet, IsSharedAtOneAddress) {
   const pid_t owner = start([&] {
     SMemSet* set = create(requestOf(SQLO_SET_DBM_DBMS, 50));
     void* block = nullptr;
-    ASSERT_EQ(sqloi_setGetChunks(*set, 3, &block), 0);
+    ASSERT_EQ(takeChunks(*set, 3, &block), 0);
     *static_cast<void**>(block) = block;
     SMemSet* second = nullptr;
     SqloMemSetRequest request = requestOf(SQLO_SET_DBM_DBMS, 50);
@@ -392,7 +392,7 @@ TEST(MemSet, IsSharedAtOneAddress) {
     void* first = std::bit_cast<void*>(set->addressOf(0));
     EXPECT_EQ(*static_cast<void**>(first), first);
     void* block = nullptr;
-    ASSERT_EQ(sqloi_setGetChunks(*set, 60, &block), 0);
+    ASSERT_EQ(takeChunks(*set, 60, &block), 0);
     std::memset(block, 1, std::size_t{60} << SQLO_CHUNK_SHIFT);
     done.give();
     ASSERT_TRUE(ready.take());
