@@ -202,7 +202,7 @@ Block takeKeptLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place) noex
   const Block window = windowOf(blockOf(&pool));
   // Most often it is still the first one under the latch; where another thread freed it, its line is on the way by
   // then.
-  ossPrefetchToWrite(headerOf(window | __atomic_load_n(&head, __ATOMIC_RELAXED)));
+  ossPrefetchToWrite(pointerTo((window | __atomic_load_n(&head, __ATOMIC_RELAXED)) - SQLO_BLOCK_HEADER_BYTES));
   (void)pool.base().m_latch.captureLatch(kPoolLatchFile, __LINE__);
   const Block block = head == 0 ? 0 : window | head;
   if (block != 0) [[likely]] {
@@ -384,7 +384,8 @@ unknown:
 // them.
 SqlzZrc sqloMemPoolFree(void* pointer, const char* file, std::uint32_t line) noexcept {
   const vek::Block block = vek::blockOf(pointer);
-  vek::ossPrefetchToWrite(vek::headerOf(block));  // another thread may have written it: one transfer instead of two
+  vek::ossPrefetchToWrite(vek::pointerTo(
+      block - SQLO_BLOCK_HEADER_BYTES));  // another thread may have written it: one transfer instead of two
   vek::FastThread& thread = *vek::t_fast;
   if (block % SQLO_BLOCK_ALIGNMENT == 0) [[likely]] {
     const vek::FastInside inside(thread);
