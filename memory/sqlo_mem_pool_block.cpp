@@ -384,8 +384,8 @@ unknown:
 // them.
 SqlzZrc sqloMemPoolFree(void* pointer, const char* file, std::uint32_t line) noexcept {
   const vek::Block block = vek::blockOf(pointer);
-  vek::ossPrefetchToWrite(vek::pointerTo(
-      block - SQLO_BLOCK_HEADER_BYTES));  // another thread may have written it: one transfer instead of two
+  // Another thread may have written the header: one transfer of its line instead of two.
+  vek::ossPrefetchToWrite(vek::pointerTo(block - SQLO_BLOCK_HEADER_BYTES));
   vek::FastThread& thread = *vek::t_fast;
   if (block % SQLO_BLOCK_ALIGNMENT == 0) [[likely]] {
     const vek::FastInside inside(thread);
