@@ -199,12 +199,8 @@ MemPool* know(SQLO_MEM_POOL* handle, FastCache** cache) noexcept {
 Block takeKeptLatched(MemPool& pool, std::uint32_t bytes, BlockPlace place) noexcept {
   const std::uint32_t stride = strideFor(bytes);
   std::uint32_t& head = pool.m_kept[listOf(stride)];
-  const Block window = windowOf(blockOf(&pool));
-  // Most often it is still the first one under the latch; where another thread freed it, its line is on the way by
-  // then.
-  ossPrefetchToWrite(pointerTo((window | __atomic_load_n(&head, __ATOMIC_RELAXED)) - SQLO_BLOCK_HEADER_BYTES));
   (void)pool.base().m_latch.captureLatch(kPoolLatchFile, __LINE__);
-  const Block block = head == 0 ? 0 : window | head;
+  const Block block = head == 0 ? 0 : windowOf(blockOf(&pool)) | head;
   if (block != 0) [[likely]] {
     head = linkOf(block);
     sqloi_add(pool.m_keptBytes, -std::int64_t{stride});
