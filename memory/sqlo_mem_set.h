@@ -43,13 +43,6 @@ struct ChunkBits {
   bool has(std::uint32_t chunk) const noexcept { return (word(chunk) >> (chunk % 64) & 1) != 0; }
   void add(std::uint32_t chunk) noexcept { put(chunk, word(chunk) | std::uint64_t{1} << (chunk % 64)); }
   void drop(std::uint32_t chunk) noexcept { put(chunk, word(chunk) & ~(std::uint64_t{1} << (chunk % 64))); }
-  // The same where not all who change bits hold the same latch.
-  void mark(std::uint32_t chunk) noexcept {
-    __atomic_fetch_or(&words[chunk / 64], std::uint64_t{1} << (chunk % 64), __ATOMIC_ACQ_REL);
-  }
-  void unmark(std::uint32_t chunk) noexcept {
-    __atomic_fetch_and(&words[chunk / 64], ~(std::uint64_t{1} << (chunk % 64)), __ATOMIC_ACQ_REL);
-  }
   std::uint32_t count() const noexcept {
     std::uint32_t total = 0;
     for (const std::uint64_t bits : words) total += static_cast<std::uint32_t>(__builtin_popcountll(bits));

@@ -165,7 +165,7 @@ vek::ChunkRun* sendOff(SMemSet& set, vek::ChunkRange range) noexcept {
   vek::ChunkRun* const run = runAt(set, range.first);
   run->process = vek::regionProcessOwner();
   run->chunks = range.count;
-  if (!set.isPrivate()) set.m_onTheWay.mark(range.first);
+  if (!set.isPrivate()) set.m_onTheWay.add(range.first);
   run->eyeCatcher = 0;
   run->pool = nullptr;
   return run;
@@ -251,7 +251,7 @@ SqlzZrc SMemSet::returnContiguousChunks(vek::ChunkRange range) noexcept {
   // What is left of a run behind the range is a run of its own.
   if (end < m_allocatedChunks && m_used.has(end) && !m_kept.has(end)) noteStart(*this, end);
   for (std::uint32_t chunk = range.first; chunk < end; ++chunk) forgetStart(*this, chunk);
-  m_onTheWay.unmark(range.first);
+  m_onTheWay.drop(range.first);
   m_usedChunks -= range.count;
   if (range.count == 1 && m_fastEnabled && !m_fastDraining && m_fastCount < vek::MEM_SET_FAST_CHUNKS) {
     m_kept.add(range.first);
@@ -266,6 +266,7 @@ SqlzZrc SMemSet::returnContiguousChunks(vek::ChunkRange range) noexcept {
 }
 
 std::uint32_t SMemSet::returnStrandedChunks() noexcept {
+  if (isPrivate()) return 0;
   std::uint32_t returned = 0;
   for (std::uint32_t word = 0; word < vek::MEM_SET_WORDS; ++word)
     for (std::uint64_t marks = m_onTheWay.words[word]; marks != 0; marks &= marks - 1) {
@@ -276,7 +277,7 @@ std::uint32_t SMemSet::returnStrandedChunks() noexcept {
       if (returnContiguousChunks({chunk, chunks}) == 0)
         returned += chunks;
       else
-        m_onTheWay.unmark(chunk);
+        m_onTheWay.drop(chunk);
     }
   return returned;
 }
@@ -327,10 +328,20 @@ SqlzZrc sqloi_setGetChunks(SMemSet& set, std::uint32_t chunks, void** address) n
   }
 }
 
-void sqloi_setRunArrived(SMemSet& set, const void* address) noexcept { set.m_onTheWay.unmark(chunkAt(set, address)); }
+// Under the set latch, and no failure of the system is logged here: the caller may hold a pool latch.
+void sqloi_setRunArrived(SMemSet& set, const void* address) noexcept {
+  if (set.isPrivate()) return;
+  set.captureLatch("sqlo_mem_set_chunks", __LINE__);
+  set.m_onTheWay.drop(chunkAt(set, address));
+  set.releaseLatch();
+}
 
 ChunkRun* sqloi_setSendRun(SMemSet& set, void* address, std::uint32_t chunks) noexcept {
-  return sendOff(set, {chunkAt(set, address), chunks});
+  if (set.isPrivate()) return sendOff(set, {chunkAt(set, address), chunks});
+  set.captureLatch("sqlo_mem_set_chunks", __LINE__);
+  ChunkRun* const run = sendOff(set, {chunkAt(set, address), chunks});
+  set.releaseLatch();
+  return run;
 }
 
 SqlzZrc sqloi_setReturnChunks(SMemSet& set, void* address, std::uint32_t chunks) noexcept {

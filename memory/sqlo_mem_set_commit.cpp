@@ -246,7 +246,7 @@ void SMemSet::repair() noexcept {
   for (std::uint32_t chunk = m_moving.first; chunk < m_moving.first + m_moving.count; ++chunk) {
     m_used.drop(chunk);
     m_kept.drop(chunk);
-    m_onTheWay.unmark(chunk);
+    m_onTheWay.drop(chunk);
   }
   m_moving = {};
   m_allocatedChunks = 0;
