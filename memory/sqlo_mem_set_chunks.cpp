@@ -271,8 +271,10 @@ std::uint32_t SMemSet::returnStrandedChunks() noexcept {
   for (std::uint32_t word = 0; word < vek::MEM_SET_WORDS; ++word)
     for (std::uint64_t marks = m_onTheWay.words[word]; marks != 0; marks &= marks - 1) {
       const std::uint32_t chunk = word * 64 + static_cast<std::uint32_t>(std::countr_zero(marks));
-      const vek::ChunkRun& run = *runAt(*this, chunk);
-      if (vek::regionOwnerLives(run.process)) continue;
+      vek::ChunkRun& run = *runAt(*this, chunk);
+      // A forked child has no life before its first call into the region: it may live.
+      if (run.process == 0 || vek::regionOwnerLives(run.process)) continue;
+      run.eyeCatcher = 0;  // its pool may be about to look for what it has
       const std::uint32_t chunks = run.chunks;
       if (returnContiguousChunks({chunk, chunks}) == 0)
         returned += chunks;
@@ -308,6 +310,7 @@ SqlzZrc grow(SMemSet& set, std::uint32_t chunks) noexcept {
 
 SqlzZrc sqloi_setGetChunks(SMemSet& set, std::uint32_t chunks, void** address) noexcept {
   if (chunks == 0 || chunks > SQLO_SET_CHUNKS_MOST) return SQLO_MEM_SIZE;
+  (void)regionAttach();  // a forked child has a life from here on
   for (;;) {
     std::uint32_t first = 0;
     std::uint32_t step = 0;
