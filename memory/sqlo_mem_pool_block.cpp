@@ -190,6 +190,7 @@ MemPool* know(SQLO_MEM_POOL* handle, FastCache** cache) noexcept {
   return result;
 }
 
+// The same, by the name of the file.
 [[gnu::noinline]] SqlzZrc allocateAnyway(SQLO_MEM_POOL* handle, std::size_t bytes, std::uint32_t options,
                                          const char* file, std::uint32_t line, void** out) noexcept {
   return allocateOf(handle, bytes, options, {sqloi_fileKey(named(file)), line}, out);
@@ -356,24 +357,25 @@ SqlzZrc sqloMemPoolAllocate(SQLO_MEM_POOL* pool, std::size_t bytes, std::uint32_
     return vek::allocateAnyway(pool, bytes, options, file, line, block);
   const auto size = static_cast<std::uint32_t>(bytes);
   vek::BlockPlace place = {0, line};
+  bool isKnown = false;
   {
     vek::FastThread& thread = *vek::t_fast;
     const vek::FastInside inside(thread);
     const std::size_t at = vek::fastHash(pool);
     const std::size_t name = vek::fastFileAt(file);
-    if (!inside.knows() || thread.pools[at] != pool || thread.files[name] != file) [[unlikely]]
-      goto unknown;
-    place.file = static_cast<std::uint32_t>(thread.fileKeys[name]);
-    vek::FastCache& cache = *thread.caches[at];
-    vek::FastBin& bin = cache.bin(vek::listOf(vek::strideFor(size)));
-    if (bin.head() != 0) [[likely]] {
-      *block = vek::pointerTo(vek::takeFast(cache, bin, size, place));
-      return 0;
+    isKnown = inside.knows() && thread.pools[at] == pool && thread.files[name] == file;
+    if (isKnown) [[likely]] {
+      place.file = static_cast<std::uint32_t>(thread.fileKeys[name]);
+      vek::FastCache& cache = *thread.caches[at];
+      vek::FastBin& bin = cache.bin(vek::listOf(vek::strideFor(size)));
+      if (bin.head() != 0) [[likely]] {
+        *block = vek::pointerTo(vek::takeFast(cache, bin, size, place));
+        return 0;
+      }
     }
   }
-  return vek::allocateKnown(pool, size, place, block);
-unknown:
-  return vek::allocateAnyway(pool, bytes, 0, file, line, block);
+  return isKnown ? vek::allocateKnown(pool, size, place, block)
+                 : vek::allocateAnyway(pool, bytes, 0, file, line, block);
 }
 
 // The short way: the thread knows the pool of the chunk that the block lies in and keeps blocks of it, this one among
