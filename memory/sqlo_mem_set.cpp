@@ -173,8 +173,8 @@ std::uint32_t sqloMemSetPageSize(SQLO_MEM_SET* set) noexcept {
 // ---- background commit -----------------------------------------------------------------------------------------
 
 bool sqloBgCommitIsNeeded(const SQLO_MEM_SET* set) noexcept {
-  return vek::sqloi_readBoolean("VEK_ENABLE_BG_COMMIT", true) && set != nullptr && set->m_setType == SQLO_SET_DBM_DB &&
-         set->has(SQLO_SET_BACKGROUND_COMMIT);
+  return vek::sqloi_readBoolean("VEK_ENABLE_BG_COMMIT", true) && vek::sqloi_isSet(set) &&
+         set->m_setType == SQLO_SET_DBM_DB && set->has(SQLO_SET_BACKGROUND_COMMIT);
 }
 
 SqlzZrc sqloBgCommit(SQLO_MEM_SET* set, std::uint32_t chunks, std::uint32_t* committedOut) noexcept {

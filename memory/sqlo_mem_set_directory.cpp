@@ -115,7 +115,8 @@ std::uint32_t sqloi_findEntry(const SetDirectory& directory, std::uint32_t setTy
 
 bool sqloi_addProcess(SetEntry& entry) noexcept {
   std::uint64_t* const end = std::end(entry.connected);
-  std::uint64_t* place = std::find(std::begin(entry.connected), end, std::uint64_t{0});
+  std::uint64_t* place = std::find(std::begin(entry.connected), end, regionProcessOwner());
+  if (place == end) place = std::find(std::begin(entry.connected), end, std::uint64_t{0});
   if (place == end)
     place =
         std::find_if(std::begin(entry.connected), end, [](std::uint64_t owner) { return !regionOwnerLives(owner); });

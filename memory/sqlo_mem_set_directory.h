@@ -28,7 +28,8 @@ void sqloi_tidyDirectory(SetDirectory& directory) noexcept;
 // The entry of a set, MEM_SET_ENTRIES when there is none. Needs the latch.
 std::uint32_t sqloi_findEntry(const SetDirectory& directory, std::uint32_t setType, const char* name) noexcept;
 
-// Adds or takes away this process among those connected; false when there is no room. Need the latch.
+// Adds this process to those connected, unless it is one of them, or takes it away; false when there is no room. Need
+// the latch.
 bool sqloi_addProcess(SetEntry& entry) noexcept;
 void sqloi_dropProcess(SetEntry& entry) noexcept;
 

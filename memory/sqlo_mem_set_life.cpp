@@ -329,8 +329,33 @@ SqlzZrc createShared(const SetPlan& plan, SMemSet** out) noexcept {
   return result;
 }
 
+// Whether this process has the set of an entry mapped. A forked child has what its parent had: another set may have
+// taken the place of that one since.
+bool hasMapped(std::uint32_t number, const SetEntry& entry) noexcept {
+  if (!sqloi_isConnected(number)) return false;
+  if (sqloi_sharedSetAt(number)->m_sharedOwner == sharedRowOwner(number, entry.serial)) return true;
+  disconnect(number);
+  return false;
+}
+
+// Maps the set of an entry. Complains of what the system does not give.
+SqlzZrc mapSet(std::uint32_t number, const char** complaint) noexcept {
+  char path[PATH_BYTES];
+  int fd = -1;
+  if (!sqloi_setPath(number, path, sizeof path) || ossOpenMemoryFile(path, &fd) != 0) {
+    *complaint = "NULL shared memory mapping handle.";
+    return SQLO_NOSEG;
+  }
+  const SqlzZrc result = mapShared(number, fd);
+  if (result == 0) return 0;
+  if (result == SQLO_NOSEG) *complaint = "Set address is NULL.";
+  ossClose(fd);
+  return result;
+}
+
 // Connects under the directory's latch, so that two threads do not do it at once and nobody frees the set meanwhile.
-SqlzZrc connect(std::uint32_t setType, const char* name, SMemSet** out, bool* wasConnected) noexcept {
+SqlzZrc connect(std::uint32_t setType, const char* name, SMemSet** out, bool* wasConnected,
+                const char** complaint) noexcept {
   const DirectoryOperation operation;
   std::uint32_t number = sqloi_findEntry(operation.directory(), setType, name);
   if (number != MEM_SET_ENTRIES && operation.directory().entries[number].state == SetState::kCreating) {
@@ -341,18 +366,12 @@ SqlzZrc connect(std::uint32_t setType, const char* name, SMemSet** out, bool* wa
   SetEntry& entry = operation.directory().entries[number];
   if (entry.state != SetState::kReady) return SQLO_NOTAVAIL;
   *out = sqloi_sharedSetAt(number);
-  *wasConnected = sqloi_isConnected(number);
-  if (*wasConnected) return 0;
-  char path[PATH_BYTES];
-  int fd = -1;
-  if (!sqloi_setPath(number, path, sizeof path) || ossOpenMemoryFile(path, &fd) != 0) return SQLO_NOSEG;
-  SqlzZrc result = mapShared(number, fd);
-  if (result == 0 && !sqloi_addProcess(entry)) {
-    disconnect(number);
-    return SQLO_NOSEG;
-  }
-  if (result != 0) ossClose(fd);
-  return result;
+  *wasConnected = hasMapped(number, entry);
+  if (!*wasConnected)
+    if (const SqlzZrc mapped = mapSet(number, complaint); mapped != 0) return mapped;
+  if (sqloi_addProcess(entry)) return 0;
+  if (!*wasConnected) disconnect(number);
+  return SQLO_NOSEG;
 }
 
 SqlzZrc connectAndReport(EcfFunctionId function, std::uint32_t setType, const char* name, SMemSet** out,
@@ -362,8 +381,10 @@ SqlzZrc connectAndReport(EcfFunctionId function, std::uint32_t setType, const ch
   const SqlzZrc prepared = sqloi_prepareDirectory();
   if (prepared != 0) return prepared;
   SMemSet* set = nullptr;
-  const SqlzZrc result = connect(setType, name == nullptr ? "" : name, &set, wasConnected);
-  if (result == SQLO_NOTAVAIL) return complain(function, 20, result, "Memory set not ready to accept connections.");
+  const char* complaint = nullptr;
+  const SqlzZrc result = connect(setType, name == nullptr ? "" : name, &set, wasConnected, &complaint);
+  if (result == SQLO_NOTAVAIL) complaint = "Memory set not ready to accept connections.";
+  if (complaint != nullptr) return complain(function, 20, result, complaint);
   if (result == 0) *out = set;
   return result;
 }
@@ -410,13 +431,16 @@ ConsumerRef consumerOf(SMemSet& set) noexcept {
   return {set.m_consumer, set.m_consumerOwner};
 }
 
-void noteConsumer(SMemSet& set, ConsumerRef consumer) noexcept {
+// Puts a consumer in the place of another one; false: somebody else has done so meanwhile.
+bool replaceConsumer(SMemSet& set, ConsumerRef former, ConsumerRef consumer) noexcept {
   const std::uint32_t number =
       consumer.record == nullptr ? 0 : Access::numberOf(Access::theController(), consumer.record);
   const SetOperation operation(set);
+  if (set.m_consumer != former.record || set.m_consumerOwner != former.owner) return false;
   set.m_consumerNumber = number;
   set.m_consumer = consumer.record;
   set.m_consumerOwner = consumer.owner;
+  return true;
 }
 
 }  // namespace
@@ -470,7 +494,7 @@ bool sqloIsSetAlreadyConnected(std::uint32_t setType, const char* name) noexcept
   if (vek::sqloi_prepareDirectory() != 0) return false;
   const vek::DirectoryOperation operation;
   const std::uint32_t entry = vek::sqloi_findEntry(operation.directory(), setType, name == nullptr ? "" : name);
-  return entry != vek::MEM_SET_ENTRIES && vek::sqloi_isConnected(entry);
+  return entry != vek::MEM_SET_ENTRIES && vek::hasMapped(entry, operation.directory().entries[entry]);
 }
 
 SqlzZrc sqloConnectIfNotConnected(std::uint32_t setType, const char* name, SQLO_MEM_SET** set) noexcept {
@@ -550,7 +574,8 @@ SqlzZrc sqloRegisterMemorySetWithPMC(SQLO_MEM_SET* set) noexcept {
   SqloMemoryConsumer* record = nullptr;
   const SqlzZrc result = controller->registerConsumer(&record, info.allocatedChunks << SQLO_CHUNK_SHIFT, name, nullptr,
                                                       nullptr, false, vek::consumerKindOf(info.setType));
-  if (result == 0) vek::noteConsumer(*set, {record, vek::regionProcessOwner()});
+  if (result == 0 && !vek::replaceConsumer(*set, former, {record, vek::regionProcessOwner()}))
+    (void)controller->deregisterConsumer(record);
   return trace.exit(result);
 }
 
@@ -559,7 +584,7 @@ SqlzZrc sqloDeRegisterSet(SQLO_MEM_SET* set) noexcept {
   const SqlzZrc checked = vek::checkSet(vek::FID_sqloDeRegisterSet, set);
   if (checked != 0) return trace.exit(checked);
   const vek::ConsumerRef consumer = vek::consumerOf(*set);
-  vek::noteConsumer(*set, {nullptr, 0});
+  if (!vek::replaceConsumer(*set, consumer, {nullptr, 0})) return trace.exit(0);
   SqloMemController* controller = SqloMemController::instance();
   if (consumer.record == nullptr || controller == nullptr || !controller->isActive()) return trace.exit(0);
   // It may have been registered by another process, which lives or not.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "memory/set_support.h"
+#include "memory/sqlo_mem_set_directory.h"
 
 namespace vek::memorytest {
 namespace {
@@ -386,6 +387,16 @@ TEST(MemSet, IsSharedAtOneAddress) {
     SqloMemSetInfo info;
     EXPECT_EQ(sqloqshr(SQLO_SET_DBM_DBMS, "SAMPLE", &info), 0);
     EXPECT_EQ(info.usedChunks, 3U);
+    const auto becomes = [](SetState state) { DirectoryOperation().directory().entries[0].state = state; };
+    becomes(SetState::kCreating);
+    EXPECT_EQ(sqlogmshr(SQLO_SET_DBM_DBMS, "SAMPLE", &set), SQLO_NOTAVAIL);
+    becomes(SetState::kReady);
+    makeFail<&OssCalls::mmap>(-1, ENOMEM);
+    Failure::callsLeft = 0;
+    EXPECT_EQ(sqlogmshr(SQLO_SET_DBM_DBMS, "SAMPLE", &set), SQLO_NOSEG);
+    Failure::callsLeft = -1;
+    EXPECT_EQ(occurrences(logText(instance), "Memory set not ready to accept connections."), 1U);
+    EXPECT_EQ(occurrences(logText(instance), "Set address is NULL."), 1U);
     ASSERT_EQ(sqloConnectIfNotConnected(SQLO_SET_DBM_DBMS, "SAMPLE", &set), 0);
     EXPECT_EQ(sqlogmshr(SQLO_SET_DBM_DBMS, "SAMPLE", &set), 0);
     EXPECT_EQ(occurrences(logText(instance), "Shared memory set is already connected."), 1U);
@@ -401,6 +412,32 @@ TEST(MemSet, IsSharedAtOneAddress) {
     done.give();
   });
   EXPECT_EQ(finish(owner), 0);
+}
+
+// A forked child has its parent's connections, and connects anew where another set has taken a set's place since.
+TEST(MemSet, IsAnotherOneForAChildOfFork) {
+  const Instance instance;
+  Baton ready;
+  Baton done;
+  inProcess([&] {
+    EXPECT_EQ(sqlofshr(create(requestOf(SQLO_SET_DBM_DB, 10))), 0);
+    SMemSet* set = create(requestOf(SQLO_SET_DBM_DBMS, 50));
+    const pid_t child = start([&] {
+      ASSERT_TRUE(ready.take());
+      SMemSet* found = nullptr;
+      SqloMemSetInfo info;
+      ASSERT_EQ(sqlogmshr(SQLO_SET_DBM_DBMS, "SAMPLE", &found), 0);
+      ASSERT_EQ(sqloGetSetInfo(found, &info), 0);
+      EXPECT_EQ(info.allocatedChunks, 20U);
+      EXPECT_EQ(sqlodshr(found), 0);
+      done.give();
+    });
+    EXPECT_EQ(sqlofshr(set), 0);
+    EXPECT_EQ(create(requestOf(SQLO_SET_DBM_DBMS, 20)), set) << "in the same place";
+    ready.give();
+    ASSERT_TRUE(done.take());
+    EXPECT_EQ(finish(child), 0);
+  });
 }
 
 TEST(MemSet, IsRefusedWhereItsAddressIsTaken) {
