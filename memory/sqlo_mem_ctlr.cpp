@@ -234,12 +234,14 @@ int SqloMemController::setNewUpperBound(std::uint32_t bound, std::uint32_t desir
 }
 
 void SqloMemController::setNewDesiredMaxValue(std::uint32_t value) noexcept {
+  const vek::VekTrace<vek::FID_SqloMemController_setNewDesiredMaxValue> trace;
   if (!isActive()) return;
   const vek::MemOperation operation(*this);
   m_desiredMax = value;
 }
 
 void SqloMemController::setAutomaticFlag(bool on) noexcept {
+  const vek::VekTrace<vek::FID_SqloMemController_setAutomaticFlag> trace;
   if (!isActive()) return;
   const vek::MemOperation operation(*this);
   m_automatic = on ? 1 : 0;

@@ -94,14 +94,16 @@ SqloMemPartitionStats SqloMemControllerAccess::look(const Controller& controller
 // ---- records ----------------------------------------------------------------------------------------------------
 
 SqlzZrc SqloMemController::queryStats(SqloMemPartitionStats* partitionStats) noexcept {
+  vek::VekTrace<vek::FID_SqloMemController_queryStats> trace;
   SqloMemStatsSummary summary;
-  return getPartitionStatsSummary("", &summary, partitionStats);
+  return trace.exit(getPartitionStatsSummary("", &summary, partitionStats));
 }
 
 SqlzZrc SqloMemController::queryDBMemStats(const char* databaseName, SqloMemDatabaseStats* databaseStats) noexcept {
-  if (databaseName == nullptr || databaseStats == nullptr) return SQLO_INV_PARM;
+  vek::VekTrace<vek::FID_SqloMemController_queryDBMemStats> trace;
+  if (databaseName == nullptr || databaseStats == nullptr) return trace.exit(SQLO_INV_PARM);
   *databaseStats = {};
-  if (!isActive()) return 0;
+  if (!isActive()) return trace.exit(0);
   const vek::MemOperation operation(*this);
   vek::Access::removeDead(*this);
   vek::Access::visitConsumers(*this, [&](SqloMemoryConsumer& consumer) {
@@ -112,15 +114,16 @@ SqlzZrc SqloMemController::queryDBMemStats(const char* databaseName, SqloMemData
     databaseStats->usageHighWater += std::min(consumer.m_highWater, UINT32_MAX - databaseStats->usageHighWater);
     return true;
   });
-  return 0;
+  return trace.exit(0);
 }
 
 SqlzZrc SqloMemController::getPartitionStatsSummary(const char* databaseName, SqloMemStatsSummary* summary,
                                                     SqloMemPartitionStats* partitionStats) noexcept {
-  if (databaseName == nullptr || summary == nullptr || partitionStats == nullptr) return SQLO_INV_PARM;
+  vek::VekTrace<vek::FID_SqloMemController_getPartitionStatsSummary> trace;
+  if (databaseName == nullptr || summary == nullptr || partitionStats == nullptr) return trace.exit(SQLO_INV_PARM);
   *summary = {};
   *partitionStats = {};
-  if (!isActive()) return 0;
+  if (!isActive()) return trace.exit(0);
   const vek::MemOperation operation(*this);
   vek::Access::removeDead(*this);
   *partitionStats = {
@@ -137,7 +140,7 @@ SqlzZrc SqloMemController::getPartitionStatsSummary(const char* databaseName, Sq
     return true;
   });
   summary->available = m_upperBound - std::min(m_upperBound, m_currentSize);
-  return 0;
+  return trace.exit(0);
 }
 
 // ---- text -------------------------------------------------------------------------------------------------------

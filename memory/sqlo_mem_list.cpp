@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "diag/base/traced.h"
 #include "memory/sqlo_mem_ctlr.h"
 #include "memory/sqlo_mem_rows.h"
 #include "platform/osse.h"
@@ -207,11 +208,12 @@ void listConsumers(const SqloMemController& controller, Entries& entries, Lives&
 
 SqlzZrc sqloListMemory(SqloMemEntry* entries, std::size_t room, std::size_t* count,
                        SqloMemPartitionStats* controllerStats) noexcept {
-  if (count == nullptr) return SQLO_INV_PARM;
+  vek::VekTrace<vek::FID_sqloListMemory> trace;
+  if (count == nullptr) return trace.exit(SQLO_INV_PARM);
   *count = 0;
   if (controllerStats != nullptr) *controllerStats = {};
   const SqlzZrc attached = vek::regionAttach();
-  if (attached != 0) return attached;
+  if (attached != 0) return trace.exit(attached);
   const auto& controller =
       *static_cast<const SqloMemController*>(vek::regionSection(vek::RegionSectionId::kMemoryController));
   if (controllerStats != nullptr) *controllerStats = vek::Access::look(controller);
@@ -220,5 +222,5 @@ SqlzZrc sqloListMemory(SqloMemEntry* entries, std::size_t room, std::size_t* cou
   vek::listRows(out, lives);
   vek::listConnections(out, lives);
   vek::listConsumers(controller, out, lives);
-  return vek::regionSharedStatus();
+  return trace.exit(vek::regionSharedStatus());
 }

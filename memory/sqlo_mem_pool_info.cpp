@@ -1,6 +1,7 @@
 // Memory pools: limits, and what is told of a pool.
 #include <algorithm>
 
+#include "diag/base/traced.h"
 #include "memory/sqlo_mem_pool_fast.h"
 #include "memory/sqlo_mem_rows.h"
 #include "platform/osse.h"
@@ -86,24 +87,27 @@ std::uint64_t sqloMemPoolGetConfiguredSize(SQLO_MEM_POOL* pool) noexcept {
 }
 
 SqlzZrc sqloMemPoolChangeSize(SQLO_MEM_POOL* pool, std::uint64_t bytes) noexcept {
+  vek::VekTrace<vek::FID_sqloMemPoolChangeSize> trace;
   vek::MemPool* const found = vek::sqloi_poolOf(pool);
-  if (found == nullptr) return SQLO_INV_MEM;
+  if (found == nullptr) return trace.exit(SQLO_INV_MEM);
   vek::MemPool& base = found->base();
-  if (bytes == 0 || bytes > std::uint64_t{base.m_set->m_maxChunksAllowed} << SQLO_CHUNK_SHIFT) return SQLO_MEM_SIZE;
+  if (bytes == 0 || bytes > std::uint64_t{base.m_set->m_maxChunksAllowed} << SQLO_CHUNK_SHIFT)
+    return trace.exit(SQLO_MEM_SIZE);
   const vek::PoolOperation operation(base);
   base.m_configuredChunks = sqloChunksOf(bytes);
   vek::sqloi_set(base.m_maximumAllowed, base.m_configuredChunks);
   vek::sqloi_tellPool(base);
-  return 0;
+  return trace.exit(0);
 }
 
 SqlzZrc sqloSetMemoryPoolAutomaticBit(SQLO_MEM_POOL* pool, bool on) noexcept {
+  vek::VekTrace<vek::FID_sqloSetMemoryPoolAutomaticBit> trace;
   vek::MemPool* const found = vek::sqloi_poolOf(pool);
-  if (found == nullptr) return SQLO_INV_MEM;
+  if (found == nullptr) return trace.exit(SQLO_INV_MEM);
   vek::MemPool& base = found->base();
   const vek::PoolOperation operation(base);
   base.m_options = on ? base.m_options | SQLO_POOL_AUTOMATIC : base.m_options & ~SQLO_POOL_AUTOMATIC;
-  return 0;
+  return trace.exit(0);
 }
 
 bool sqloMemPoolAllowsAutomaticGrowth(SQLO_MEM_POOL* pool) noexcept {
@@ -145,13 +149,14 @@ std::uint32_t sqloGetRemainingSetSize(SQLO_MEM_POOL* pool) noexcept {
 }
 
 SqlzZrc sqloGetPoolInfo(SQLO_MEM_POOL* pool, SqloMemPoolInfo* info) noexcept {
-  if (info == nullptr) return SQLO_INV_PARM;
+  vek::VekTrace<vek::FID_sqloGetPoolInfo> trace;
+  if (info == nullptr) return trace.exit(SQLO_INV_PARM);
   if (pool == nullptr) {
     const SqlzZrc result = sqloGetPrivatePoolHandle(&pool);
-    if (result != 0) return result;
+    if (result != 0) return trace.exit(result);
   }
   vek::MemPool* const found = vek::sqloi_poolOf(pool);
-  if (found == nullptr) return SQLO_INV_MEM;
+  if (found == nullptr) return trace.exit(SQLO_INV_MEM);
   {
     vek::MemPool& base = found->base();
     vek::PoolOperation operation(base);
@@ -165,13 +170,14 @@ SqlzZrc sqloGetPoolInfo(SQLO_MEM_POOL* pool, SqloMemPoolInfo* info) noexcept {
     info->available = std::max(info->maximumAllowed - info->currentOwned, info->available);
   else
     info->maximumAllowed = info->currentOwned;
-  return 0;
+  return trace.exit(0);
 }
 
 SqlzZrc sqloGetMemPoolStatsUnlatched(SQLO_MEM_POOL* pool, SqloMemPoolStats* stats) noexcept {
-  if (stats == nullptr) return SQLO_INV_PARM;
+  vek::VekTrace<vek::FID_sqloGetMemPoolStatsUnlatched> trace;
+  if (stats == nullptr) return trace.exit(SQLO_INV_PARM);
   vek::MemPool* const found = vek::sqloi_poolOf(pool);
-  if (found == nullptr) return SQLO_INV_MEM;
+  if (found == nullptr) return trace.exit(SQLO_INV_MEM);
   const auto read = [](const std::uint32_t& counter) { return __atomic_load_n(&counter, __ATOMIC_RELAXED); };
   vek::MemPool& base = found->base();
   *stats = {vek::bytesOf(read(base.m_maximumAllowed)),
@@ -181,7 +187,7 @@ SqlzZrc sqloGetMemPoolStatsUnlatched(SQLO_MEM_POOL* pool, SqloMemPoolStats* stat
             read(base.m_refusals),
             read(found->m_currentUsed),
             vek::bytesOf(read(found->m_ownChunks))};
-  return 0;
+  return trace.exit(0);
 }
 
 std::size_t sqloMemBlockToString(const void* block, char* buffer, std::size_t bytes) noexcept {

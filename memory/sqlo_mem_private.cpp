@@ -42,17 +42,18 @@ SqlzZrc makePool(SQLO_MEM_POOL** pool) noexcept {
 
 // Two threads may make one each; the later one takes its own away again.
 SqlzZrc sqloGetPrivateSet(SQLO_MEM_SET** set) noexcept {
-  if (set == nullptr) return SQLO_INV_PARM;
+  vek::VekTrace<vek::FID_sqloGetPrivateSet> trace;
+  if (set == nullptr) return trace.exit(SQLO_INV_PARM);
   *set = vek::g_set.load(std::memory_order_acquire);
-  if (*set != nullptr) return 0;
+  if (*set != nullptr) return trace.exit(0);
   SMemSet* made = nullptr;
   const SqlzZrc result = vek::makeSet(&made);
-  if (result != 0) return result;
+  if (result != 0) return trace.exit(result);
   if (vek::g_set.compare_exchange_strong(*set, made))
     *set = made;
   else
     (void)sqlofshr(made);
-  return 0;
+  return trace.exit(0);
 }
 
 SqlzZrc sqloGetPrivatePoolHandle(SQLO_MEM_POOL** pool) noexcept {

@@ -67,6 +67,28 @@ SetOperation::~SetOperation() {
 
 }  // namespace vek
 
+// ---- the latch, sizes -------------------------------------------------------------------------------------------
+
+void SMemSet::captureLatch(const char* file, std::uint32_t line) noexcept {
+  const vek::VekTrace<vek::FID_SMemSet_captureLatch> trace;
+  (void)m_latch.captureLatch(file, line);
+}
+
+void SMemSet::releaseLatch() noexcept {
+  const vek::VekTrace<vek::FID_SMemSet_releaseLatch> trace;
+  m_latch.releaseLatch();
+}
+
+std::uint32_t SMemSet::getSetGrowthLimit() const noexcept {
+  vek::VekTrace<vek::FID_SMemSet_getSetGrowthLimit> trace;
+  return trace.exit(m_maxChunksAllowed - m_allocatedChunks);
+}
+
+std::uint32_t SMemSet::getSetUncommittedSize() const noexcept {
+  vek::VekTrace<vek::FID_SMemSet_getSetUncommittedSize> trace;
+  return trace.exit(m_allocatedChunks - m_committedChunks);
+}
+
 // ---- failures --------------------------------------------------------------------------------------------------
 
 // The first failure of an operation is what caused the others.
@@ -116,6 +138,7 @@ SqlzZrc sqloMemSetSetMaxSize(SQLO_MEM_SET* set, std::uint32_t bytes) noexcept {
 }
 
 void sqloEnableCriticalOptionForMemSet(SQLO_MEM_SET* set) noexcept {
+  const vek::VekTrace<vek::FID_sqloEnableCriticalOptionForMemSet> trace;
   if (!vek::sqloi_isSet(set)) return;
   set->m_options |= SQLO_SET_CRITICAL;
   for (vek::MemPool* pool = set->m_pools; pool != nullptr; pool = pool->m_next)
@@ -125,8 +148,9 @@ void sqloEnableCriticalOptionForMemSet(SQLO_MEM_SET* set) noexcept {
 // ---- questions -------------------------------------------------------------------------------------------------
 
 SqlzZrc sqloGetSetInfo(SQLO_MEM_SET* set, SqloMemSetInfo* info) noexcept {
-  if (info == nullptr) return SQLO_INV_PARM;
-  if (!vek::sqloi_isSet(set)) return SQLO_INV_MEM;
+  vek::VekTrace<vek::FID_sqloGetSetInfo> trace;
+  if (info == nullptr) return trace.exit(SQLO_INV_PARM);
+  if (!vek::sqloi_isSet(set)) return trace.exit(SQLO_INV_MEM);
   const vek::SetOperation operation(*set);
   *info = {set->m_setType,
            set->m_options,
@@ -148,33 +172,37 @@ SqlzZrc sqloGetSetInfo(SQLO_MEM_SET* set, SqloMemSetInfo* info) noexcept {
            set->addressOf(0),
            {}};
   std::memcpy(info->name, set->m_name, sizeof info->name);
-  return 0;
+  return trace.exit(0);
 }
 
 std::uint32_t sqloMemSetGetGrowthLimit(SQLO_MEM_SET* set) noexcept {
-  if (!vek::sqloi_isSet(set)) return 0;
+  vek::VekTrace<vek::FID_sqloMemSetGetGrowthLimit> trace;
+  if (!vek::sqloi_isSet(set)) return trace.exit(0U);
   const vek::SetOperation operation(*set);
-  return set->getSetGrowthLimit() << SQLO_CHUNK_SHIFT;
+  return trace.exit(set->getSetGrowthLimit() << SQLO_CHUNK_SHIFT);
 }
 
 bool sqloMemSetIsResizable(SQLO_MEM_SET* set) noexcept {
-  if (!vek::sqloi_isSet(set)) return false;
+  vek::VekTrace<vek::FID_sqloMemSetIsResizable> trace;
+  if (!vek::sqloi_isSet(set)) return trace.exit(false);
   const vek::SetOperation operation(*set);
-  return !set->has(SQLO_SET_FIXED_SIZE) && (set->has(SQLO_SET_GROWABLE) || set->has(SQLO_SET_REDUCIBLE));
+  return trace.exit(!set->has(SQLO_SET_FIXED_SIZE) && (set->has(SQLO_SET_GROWABLE) || set->has(SQLO_SET_REDUCIBLE)));
 }
 
 std::uint32_t sqloMemSetPageSize(SQLO_MEM_SET* set) noexcept {
+  vek::VekTrace<vek::FID_sqloMemSetPageSize> trace;
   constexpr std::uint32_t kPageBytes = 4096;
-  if (!vek::sqloi_isSet(set)) return 0;
+  if (!vek::sqloi_isSet(set)) return trace.exit(0U);
   const vek::SetOperation operation(*set);
-  return set->has(SQLO_SET_LARGE_PAGES) ? vek::ossLargePageBytes() : kPageBytes;
+  return trace.exit(set->has(SQLO_SET_LARGE_PAGES) ? vek::ossLargePageBytes() : kPageBytes);
 }
 
 // ---- background commit -----------------------------------------------------------------------------------------
 
 bool sqloBgCommitIsNeeded(const SQLO_MEM_SET* set) noexcept {
-  return vek::sqloi_readBoolean("VEK_ENABLE_BG_COMMIT", true) && vek::sqloi_isSet(set) &&
-         set->m_setType == SQLO_SET_DBM_DB && set->has(SQLO_SET_BACKGROUND_COMMIT);
+  vek::VekTrace<vek::FID_sqloBgCommitIsNeeded> trace;
+  return trace.exit(vek::sqloi_readBoolean("VEK_ENABLE_BG_COMMIT", true) && vek::sqloi_isSet(set) &&
+                    set->m_setType == SQLO_SET_DBM_DB && set->has(SQLO_SET_BACKGROUND_COMMIT));
 }
 
 SqlzZrc sqloBgCommit(SQLO_MEM_SET* set, std::uint32_t chunks, std::uint32_t* committedOut) noexcept {

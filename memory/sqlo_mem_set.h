@@ -96,8 +96,8 @@ class SMemSet {
   SMemSet& operator=(const SMemSet&) = delete;
 
   // The latch; all other members that change something need it.
-  void captureLatch(const char* file, std::uint32_t line) noexcept { (void)m_latch.captureLatch(file, line); }
-  void releaseLatch() noexcept { m_latch.releaseLatch(); }
+  void captureLatch(const char* file, std::uint32_t line) noexcept;
+  void releaseLatch() noexcept;
 
   // ---- sizes, in chunks
   bool isPrivate() const noexcept { return m_setType == SQLO_SET_PRIVATE; }
@@ -105,8 +105,8 @@ class SMemSet {
   std::uint32_t usableChunks() const noexcept {
     return (isPrivate() ? m_allocatedChunks : m_maxChunksAllowed) - (m_decommittedChunks - m_recommitableChunks);
   }
-  std::uint32_t getSetGrowthLimit() const noexcept { return m_maxChunksAllowed - m_allocatedChunks; }
-  std::uint32_t getSetUncommittedSize() const noexcept { return m_allocatedChunks - m_committedChunks; }
+  std::uint32_t getSetGrowthLimit() const noexcept;
+  std::uint32_t getSetUncommittedSize() const noexcept;
   std::uint64_t addressOf(std::uint32_t chunk) const noexcept {
     return reinterpret_cast<std::uintptr_t>(this) + ((std::uint64_t{chunk} + 1) << SQLO_CHUNK_SHIFT);
   }

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 
+#include "diag/base/traced.h"
 #include "memory/sqlo_mem_set.h"
 #include "platform/address_space.h"
 #include "platform/osse.h"
@@ -49,7 +50,8 @@ std::uint32_t SMemSet::growthFor(std::uint32_t chunks) const noexcept {
 }
 
 SqlzZrc SMemSet::allocateChunkGroup(std::uint32_t chunks) noexcept {
-  if (chunks > getSetGrowthLimit()) return SQLO_NOTAVAIL;
+  vek::VekTrace<vek::FID_SMemSet_allocateChunkGroup> trace;
+  if (chunks > getSetGrowthLimit()) return trace.exit(SQLO_NOTAVAIL);
   const vek::ChunkRange range = {m_allocatedChunks, chunks};
   const std::size_t bytes = std::size_t{chunks} << SQLO_CHUNK_SHIFT;
   const int error = isPrivate() ? vek::ossReserveAt(addressOf(range.first), bytes)
@@ -57,16 +59,17 @@ SqlzZrc SMemSet::allocateChunkGroup(std::uint32_t chunks) noexcept {
                                                    (std::uint64_t{range.first} + 1 + chunks) << SQLO_CHUNK_SHIFT);
   if (error != 0) {
     notePendingFailure(isPrivate() ? vek::SetFailure::kExhausted : vek::SetFailure::kSegment, error, SQLO_NOSEG, range);
-    return SQLO_NOMEM;
+    return trace.exit(SQLO_NOMEM);
   }
   if (has(SQLO_SET_LARGE_PAGES)) (void)vek::ossPreferLargePages(addressOf(range.first), bytes);
   addChunkGroupToSet(chunks);
   refreshMaxFreeChunks();
-  return 0;
+  return trace.exit(0);
 }
 
 // Groups are neighbours: when there is no record left for another one, the last one becomes larger.
 void SMemSet::addChunkGroupToSet(std::uint32_t chunks) noexcept {
+  const vek::VekTrace<vek::FID_SMemSet_addChunkGroupToSet> trace;
   if (m_groupCount < vek::MEM_SET_GROUPS)
     m_groups[m_groupCount++] = {m_allocatedChunks, chunks, 0};
   else
@@ -77,18 +80,19 @@ void SMemSet::addChunkGroupToSet(std::uint32_t chunks) noexcept {
 // Everything in it is decommitted, then the record goes, then the address space: whoever is killed in between leaves a
 // set that has less than the system thinks, never more.
 SqlzZrc SMemSet::freeChunkGroup() noexcept {
-  if (m_groupCount < 2) return SQLO_NOTAVAIL;
+  vek::VekTrace<vek::FID_SMemSet_freeChunkGroup> trace;
+  if (m_groupCount < 2) return trace.exit(SQLO_NOTAVAIL);
   const vek::ChunkGroup group = m_groups[m_groupCount - 1];
   const std::uint32_t end = group.firstChunk + group.chunks;
   for (std::uint32_t chunk = group.firstChunk; chunk < end; ++chunk)
-    if (m_used.has(chunk)) return SQLO_NOTAVAIL;
+    if (m_used.has(chunk)) return trace.exit(SQLO_NOTAVAIL);
   for (std::uint32_t below = end; below > group.firstChunk;) {
     if (!m_committed.has(below - 1)) {
       --below;
       continue;
     }
     const vek::ChunkRange range = decommitChunksFromFreeTree(below, below - group.firstChunk);
-    if (range.count == 0) return SQLO_NOSEG;
+    if (range.count == 0) return trace.exit(SQLO_NOSEG);
     below = range.first;
   }
   const std::uint32_t withdrawn = m_decommittedChunks - m_recommitableChunks;
@@ -106,10 +110,10 @@ SqlzZrc SMemSet::freeChunkGroup() noexcept {
   if (error != 0) {
     addChunkGroupToSet(group.chunks);
     notePendingFailure(vek::SetFailure::kFree, error, SQLO_NOSEG, {group.firstChunk, group.chunks});
-    return SQLO_NOSEG;
+    return trace.exit(SQLO_NOSEG);
   }
   refreshMaxFreeChunks();
-  return 0;
+  return trace.exit(0);
 }
 
 // Whether the last group is more than what may be kept free.
@@ -187,6 +191,7 @@ void noteUsed(SMemSet& set, vek::ChunkRange range) noexcept {
 // not told one by one, so that while there are any, decommitted chunks are taken only as far as they may be committed
 // again.
 SqlzZrc SMemSet::getChunksForInternalUse(std::uint32_t chunks, std::uint32_t* first) noexcept {
+  vek::VekTrace<vek::FID_SMemSet_getChunksForInternalUse> trace;
   const std::uint32_t end = m_allocatedChunks;
   const bool sparesDecommitted = m_recommitableChunks < std::min(chunks, m_decommittedChunks);
   std::uint32_t found =
@@ -202,31 +207,34 @@ SqlzZrc SMemSet::getChunksForInternalUse(std::uint32_t chunks, std::uint32_t* fi
     return getChunksForInternalUse(chunks, first);
   }
   const SqlzZrc committed = commitMemory({found, chunks});
-  if (committed != 0) return committed;
+  if (committed != 0) return trace.exit(committed);
   beginMove(*this, {found, chunks});
   noteUsed(*this, {found, chunks});
   endMove(*this);
   *first = found;
-  return 0;
+  return trace.exit(0);
 }
 
 SqlzZrc SMemSet::getChunksFromTree(std::uint32_t chunks, std::uint32_t* first) noexcept {
-  if (chunks > usableChunks() - std::min(m_usedChunks, usableChunks())) return SQLO_NOTAVAIL;
-  return getChunksForInternalUse(chunks, first);
+  vek::VekTrace<vek::FID_SMemSet_getChunksFromTree> trace;
+  if (chunks > usableChunks() - std::min(m_usedChunks, usableChunks())) return trace.exit(SQLO_NOTAVAIL);
+  return trace.exit(getChunksForInternalUse(chunks, first));
 }
 
 bool SMemSet::getFastChunk(std::uint32_t* first) noexcept {
-  if (m_fastCount == 0 || m_usedChunks >= usableChunks()) return false;
+  vek::VekTrace<vek::FID_SMemSet_getFastChunk> trace;
+  if (m_fastCount == 0 || m_usedChunks >= usableChunks()) return trace.exit(false);
   *first = m_fast[m_fastCount - 1];
   beginMove(*this, {*first, 1});
   --m_fastCount;
   m_kept.drop(*first);
   noteUsed(*this, {*first, 1});
   endMove(*this);
-  return true;
+  return trace.exit(true);
 }
 
 std::uint32_t SMemSet::freeFastChunksUntilTargetReached(std::uint32_t chunks) noexcept {
+  vek::VekTrace<vek::FID_SMemSet_freeFastChunksUntilTargetReached> trace;
   const std::uint32_t count = std::min(chunks, m_fastCount);
   m_fastDraining = true;
   for (std::uint32_t i = 0; i < count; ++i) {
@@ -235,15 +243,16 @@ std::uint32_t SMemSet::freeFastChunksUntilTargetReached(std::uint32_t chunks) no
     m_used.drop(chunk);
   }
   m_fastDraining = false;
-  return count;
+  return trace.exit(count);
 }
 
 SqlzZrc SMemSet::returnContiguousChunks(vek::ChunkRange range) noexcept {
+  vek::VekTrace<vek::FID_SMemSet_returnContiguousChunks> trace;
   if (range.count == 0 || range.first >= m_allocatedChunks || range.count > m_allocatedChunks - range.first)
-    return SQLO_INV_MEM;
+    return trace.exit(SQLO_INV_MEM);
   const std::uint32_t end = range.first + range.count;
   for (std::uint32_t chunk = range.first; chunk < end; ++chunk)
-    if (!m_used.has(chunk) || m_kept.has(chunk)) return SQLO_INV_MEM;
+    if (!m_used.has(chunk) || m_kept.has(chunk)) return trace.exit(SQLO_INV_MEM);
   beginMove(*this, range);
   if (m_fillsFreed)
     std::memset(std::bit_cast<void*>(addressOf(range.first)), vek::kFreedFill,
@@ -257,12 +266,12 @@ SqlzZrc SMemSet::returnContiguousChunks(vek::ChunkRange range) noexcept {
     m_kept.add(range.first);
     m_fast[m_fastCount++] = static_cast<std::uint16_t>(range.first);
     endMove(*this);
-    return 0;
+    return trace.exit(0);
   }
   for (std::uint32_t chunk = range.first; chunk < end; ++chunk) m_used.drop(chunk);
   endMove(*this);
   if (isDecommitDue()) decommitExcess();
-  return 0;
+  return trace.exit(0);
 }
 
 std::uint32_t SMemSet::returnStrandedChunks() noexcept {

@@ -79,15 +79,17 @@ int commitMissing(SMemSet& set, ChunkRange range) noexcept {
 
 // What was committed before the system refused stays committed, free for the next request.
 SqlzZrc SMemSet::commitMemory(ChunkRange range) noexcept {
+  vek::VekTrace<vek::FID_SMemSet_commitMemory> trace;
   int error = commitMissing(*this, range);
-  if (error == 0) return 0;
+  if (error == 0) return trace.exit(0);
   if (attemptRecoveryFromFailedMemoryCommit()) error = commitMissing(*this, range);
-  if (error == 0) return 0;
+  if (error == 0) return trace.exit(0);
   notePendingFailure(vek::SetFailure::kCommit, error, SQLO_NOMEM, range);
-  return SQLO_NOMEM;
+  return trace.exit(SQLO_NOMEM);
 }
 
 int SMemSet::decommitMemory(ChunkRange range) noexcept {
+  vek::VekTrace<vek::FID_SMemSet_decommitMemory> trace;
   m_begun = range;
   const int error = decommitPhysically(*this, range);
   if (error == 0) {
@@ -102,20 +104,22 @@ int SMemSet::decommitMemory(ChunkRange range) noexcept {
     notePendingFailure(vek::SetFailure::kDecommit, error, SQLO_NOSEG, range);
   }
   m_begun = {};
-  return error;
+  return trace.exit(error);
 }
 
 // Gives back everything that is committed and unused, whatever the thresholds say; true when that was anything.
 bool SMemSet::attemptRecoveryFromFailedMemoryCommit() noexcept {
+  vek::VekTrace<vek::FID_SMemSet_attemptRecoveryFromFailedMemoryCommit> trace;
   freeFastChunksUntilTargetReached(m_fastCount);
-  if (!has(SQLO_SET_DECOMMITABLE)) return false;
+  if (!has(SQLO_SET_DECOMMITABLE)) return trace.exit(false);
   const std::uint32_t before = m_decommittedChunks;
   decommitChunksUntilTargetReached(m_allocatedChunks);
-  return m_decommittedChunks != before;
+  return trace.exit(m_decommittedChunks != before);
 }
 
 // The highest run of free committed chunks below a chunk, its upper part when it has more than `most`; decommitted.
 ChunkRange SMemSet::decommitChunksFromFreeTree(std::uint32_t below, std::uint32_t most) noexcept {
+  const vek::VekTrace<vek::FID_SMemSet_decommitChunksFromFreeTree> trace;
   const auto isFree = [&](std::uint32_t chunk) { return m_committed.has(chunk) && !m_used.has(chunk); };
   while (below != 0 && !isFree(below - 1)) --below;
   std::uint32_t first = below;
@@ -126,6 +130,7 @@ ChunkRange SMemSet::decommitChunksFromFreeTree(std::uint32_t below, std::uint32_
 }
 
 void SMemSet::decommitChunksUntilTargetReached(std::uint32_t target) noexcept {
+  const vek::VekTrace<vek::FID_SMemSet_decommitChunksUntilTargetReached> trace;
   std::uint32_t below = m_allocatedChunks;
   while (m_decommittedChunks < target) {
     const ChunkRange range = decommitChunksFromFreeTree(below, target - m_decommittedChunks);
@@ -178,6 +183,7 @@ void SMemSet::decommitExcess() noexcept {
 }
 
 void SMemSet::refreshMaxFreeChunks() noexcept {
+  const vek::VekTrace<vek::FID_SMemSet_refreshMaxFreeChunks> trace;
   if (!has(SQLO_SET_AUTOMATIC_MAX_FREE)) return;
   const std::uint32_t bytes = usableChunks() << SQLO_CHUNK_SHIFT;
   m_maxFreeChunks = (bytes / 100 * m_maxFreePercent + SQLO_CHUNK_BYTES - 1) / SQLO_CHUNK_BYTES;
@@ -185,20 +191,23 @@ void SMemSet::refreshMaxFreeChunks() noexcept {
 }
 
 SqlzZrc SMemSet::updateMaxFree(std::uint32_t percent) noexcept {
-  if (percent > 100 || !has(SQLO_SET_AUTOMATIC_MAX_FREE)) return SQLO_INV_MEM;
+  vek::VekTrace<vek::FID_SMemSet_updateMaxFree> trace;
+  if (percent > 100 || !has(SQLO_SET_AUTOMATIC_MAX_FREE)) return trace.exit(SQLO_INV_MEM);
   m_maxFreePercent = percent;
   refreshMaxFreeChunks();
   if (isDecommitDue()) decommitExcess();
-  return 0;
+  return trace.exit(0);
 }
 
 SqlzZrc SMemSet::decreaseKeepCommitThresh(std::uint32_t hundredths) noexcept {
-  if (hundredths > 10'000 || !has(SQLO_SET_AUTOMATIC_MAX_FREE | SQLO_SET_LAZY_DECOMMIT)) return SQLO_INV_MEM;
+  vek::VekTrace<vek::FID_SMemSet_decreaseKeepCommitThresh> trace;
+  if (hundredths > 10'000 || !has(SQLO_SET_AUTOMATIC_MAX_FREE | SQLO_SET_LAZY_DECOMMIT))
+    return trace.exit(SQLO_INV_MEM);
   const std::uint32_t bytes = m_referenceChunks << SQLO_CHUNK_SHIFT;
   const std::uint32_t decrease =
       std::max((bytes / 10'000 * hundredths + SQLO_CHUNK_BYTES - 1) / SQLO_CHUNK_BYTES, vek::MEM_SET_LEAST_FREE);
   m_keepCommitChunks = std::max(m_keepCommitChunks - std::min(decrease, m_keepCommitChunks), m_usedChunks);
-  if (!isDecommitDue()) return 0;
+  if (!isDecommitDue()) return trace.exit(0);
   if (has(SQLO_SET_DECOMMITABLE)) {
     const std::int64_t excess = std::int64_t{m_committedChunks} - m_keepCommitChunks - m_maxFreeChunks;
     if (excess > 0) decommitChunksUntilTargetReached(m_decommittedChunks + static_cast<std::uint32_t>(excess));
@@ -208,26 +217,28 @@ SqlzZrc SMemSet::decreaseKeepCommitThresh(std::uint32_t hundredths) noexcept {
   const auto decreaseLow = static_cast<std::uint16_t>(decrease);
   if (m_fastCount != 0 && m_fastEnabled && !m_fastDraining && usableLow > decreaseLow)
     freeFastChunksUntilTargetReached(decrease);
-  return 0;
+  return trace.exit(0);
 }
 
 // Withdraws chunks from use: decommitted ones first, then what can be decommitted.
 std::uint32_t SMemSet::decreaseUseableMemory(std::uint32_t chunks) noexcept {
+  vek::VekTrace<vek::FID_SMemSet_decreaseUseableMemory> trace;
   if (m_recommitableChunks < chunks && has(SQLO_SET_DECOMMITABLE))
     decommitChunksUntilTargetReached(m_decommittedChunks + chunks - m_recommitableChunks);
   const std::uint32_t withdrawn = std::min(chunks, m_recommitableChunks);
   m_recommitableChunks -= withdrawn;
   refreshMaxFreeChunks();
-  return withdrawn;
+  return trace.exit(withdrawn);
 }
 
 // Lets withdrawn chunks be used again, and commits what is to stay committed.
 std::uint32_t SMemSet::increaseUseableMemory(std::uint32_t chunks) noexcept {
+  vek::VekTrace<vek::FID_SMemSet_increaseUseableMemory> trace;
   const std::uint32_t regained = std::min(chunks, m_decommittedChunks - m_recommitableChunks);
   m_recommitableChunks += regained;
   refreshMaxFreeChunks();
   recommitChunksUntilTargetReached(m_keepCommitChunks);
-  return regained;
+  return trace.exit(regained);
 }
 
 // ---- after a death ---------------------------------------------------------------------------------------------

@@ -491,26 +491,29 @@ SqlzZrc sqlogmshr(std::uint32_t setType, const char* name, SQLO_MEM_SET** set) n
 }
 
 bool sqloIsSetAlreadyConnected(std::uint32_t setType, const char* name) noexcept {
-  if (vek::sqloi_prepareDirectory() != 0) return false;
+  vek::VekTrace<vek::FID_sqloIsSetAlreadyConnected> trace;
+  if (vek::sqloi_prepareDirectory() != 0) return trace.exit(false);
   const vek::DirectoryOperation operation;
   const std::uint32_t entry = vek::sqloi_findEntry(operation.directory(), setType, name == nullptr ? "" : name);
-  return entry != vek::MEM_SET_ENTRIES && vek::hasMapped(entry, operation.directory().entries[entry]);
+  return trace.exit(entry != vek::MEM_SET_ENTRIES && vek::hasMapped(entry, operation.directory().entries[entry]));
 }
 
 SqlzZrc sqloConnectIfNotConnected(std::uint32_t setType, const char* name, SQLO_MEM_SET** set) noexcept {
+  vek::VekTrace<vek::FID_sqloConnectIfNotConnected> trace;
   bool wasConnected = false;
-  return vek::connectAndReport(vek::FID_sqlogmshr, setType, name, set, &wasConnected);
+  return trace.exit(vek::connectAndReport(vek::FID_sqloConnectIfNotConnected, setType, name, set, &wasConnected));
 }
 
 SqlzZrc sqloqshr(std::uint32_t setType, const char* name, SqloMemSetInfo* info) noexcept {
-  if (info == nullptr) return SQLO_INV_PARM;
+  vek::VekTrace<vek::FID_sqloqshr> trace;
+  if (info == nullptr) return trace.exit(SQLO_INV_PARM);
   SQLO_MEM_SET* set = nullptr;
   bool wasConnected = false;
-  SqlzZrc result = vek::connectAndReport(vek::FID_sqlogmshr, setType, name, &set, &wasConnected);
-  if (result != 0) return result;
+  SqlzZrc result = vek::connectAndReport(vek::FID_sqloqshr, setType, name, &set, &wasConnected);
+  if (result != 0) return trace.exit(result);
   result = sqloGetSetInfo(set, info);
   if (!wasConnected) (void)sqlodshr(set);
-  return result;
+  return trace.exit(result);
 }
 
 SqlzZrc sqlodshr(SQLO_MEM_SET* set) noexcept {

@@ -154,18 +154,20 @@ class User {
 };
 
 struct Kind {
+  const char* name;
   std::uint32_t setType;
   std::uint32_t options;
   bool isFast;
   bool isDebugged;
 };
-constexpr Kind kKinds[] = {{SQLO_SET_PRIVATE, 0, false, false},
-                           {SQLO_SET_PRIVATE, 0, true, false},
-                           {SQLO_SET_PRIVATE, SQLO_POOL_UNLATCHED, false, false},
-                           {SQLO_SET_PRIVATE, 0, false, true},
-                           {SQLO_SET_DBM_DB, 0, false, false},
-                           {SQLO_SET_DBM_DB, SQLO_POOL_RAW, false, false},
-                           {SQLO_SET_DBM_DB, 0, false, true}};
+constexpr Kind kKinds[] = {{"Private", SQLO_SET_PRIVATE, 0, false, false},
+                           {"PrivateFast", SQLO_SET_PRIVATE, 0, true, false},
+                           {"PrivateUnlatched", SQLO_SET_PRIVATE, SQLO_POOL_UNLATCHED, false, false},
+                           {"PrivateDebugged", SQLO_SET_PRIVATE, 0, false, true},
+                           {"Shared", SQLO_SET_DBM_DB, 0, false, false},
+                           {"SharedRaw", SQLO_SET_DBM_DB, SQLO_POOL_RAW, false, false},
+                           {"SharedDebugged", SQLO_SET_DBM_DB, 0, false, true}};
+void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
 
 class MemPoolKinds : public ::testing::TestWithParam<Kind> {};
 
@@ -246,7 +248,8 @@ TEST_P(MemPoolKinds, LoseNothingWhenTheSystemRefuses) {
   });
 }
 
-INSTANTIATE_TEST_SUITE_P(All, MemPoolKinds, ::testing::ValuesIn(kKinds));
+INSTANTIATE_TEST_SUITE_P(All, MemPoolKinds, ::testing::ValuesIn(kKinds),
+                         [](const ::testing::TestParamInfo<Kind>& kind) { return kind.param.name; });
 
 // ---- users that are killed
 // -------------------------------------------------------------------------------------------

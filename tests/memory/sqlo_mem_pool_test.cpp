@@ -2,9 +2,11 @@
 #include <algorithm>
 #include <numeric>
 #include <random>
+#include <set>
 
 #include "memory/pool_support.h"
 #include "platform/trace_support.h"
+#include "veksys_functions.h"
 
 namespace vek::memorytest {
 namespace {
@@ -185,7 +187,7 @@ TEST_APART(MemPool, IsRefusedWhatTheSetCannotGive) {
   EXPECT_EQ(sqloCreateMemoryPoolEx(nullptr, &pool), SQLO_INV_PARM);
 }
 
-TEST_APART(MemPool, CommitsRawChunks) {
+TEST_APART(MemPool, TracesWhatItCommits) {
   ASSERT_EQ(sqltTraceFacilityCreate(0x100000), 0);
   SqltTraceSettings settings = {};
   settings.options = SQLT_OPTION_COMPONENTS;
@@ -209,8 +211,15 @@ TEST_APART(MemPool, CommitsRawChunks) {
   expectSums(instance, *set);
   EXPECT_EQ(release(block), 0);
   std::string texts;
-  for (const vektest::ReadRecord& record : vektest::readInstance())
+  std::set<EcfFunctionId> functions;
+  for (const vektest::ReadRecord& record : vektest::readInstance()) {
+    functions.insert(record.function);
     for (const vektest::ReadItem& item : record.items) texts += item.bytes + "\n";
+  }
+  for (const EcfFunctionId function :
+       {FID_SMemSet_captureLatch, FID_SMemSet_getChunksFromTree, FID_SMemSet_commitMemory,
+        FID_SMemSet_returnContiguousChunks, FID_SMemSet_releaseLatch, FID_SQLO_MEM_POOL_commitRawChunks})
+    EXPECT_EQ(functions.count(function), 1U) << std::hex << function;
   EXPECT_EQ(occurrences(texts, "Exceeded max chunks"), 1U);
   EXPECT_EQ(occurrences(texts, "Raw chunk commit failed"), 1U);
 }
