@@ -19,173 +19,157 @@ using platformtest::finishKilled;
 using platformtest::Shared;
 using platformtest::start;
 
-TEST(MemController, GrantsEverythingUntilItIsActive) {
-  const Instance instance;
-  inProcess([] {
-    SqloMemController* controller = SqloMemController::instance();
-    ASSERT_NE(controller, nullptr);
-    EXPECT_FALSE(controller->isActive());
-    auto* record = reinterpret_cast<SqloMemoryConsumer*>(controller);
-    EXPECT_EQ(controller->registerConsumer(&record, 10, "c", nullptr, nullptr, false, SQLO_MEM_CONSUMER_INSTANCE), 0);
-    EXPECT_EQ(record, nullptr);
-    EXPECT_EQ(controller->requestMemory(record, 0xFFFFFFFF, false, false, false), 0);
-    controller->freeMemory(record, 5, false);
-    char text[512];
-    std::uint32_t position = 0;
-    controller->formatStatistics(SQLO_MEM_STATS_LOG, text, sizeof text, &position);
-    EXPECT_STREQ(text, "Instance Memory Controller is not active.\n");
-  });
+TEST_APART(MemController, GrantsEverythingUntilItIsActive) {
+  SqloMemController* controller = SqloMemController::instance();
+  ASSERT_NE(controller, nullptr);
+  EXPECT_FALSE(controller->isActive());
+  auto* record = reinterpret_cast<SqloMemoryConsumer*>(controller);
+  EXPECT_EQ(controller->registerConsumer(&record, 10, "c", nullptr, nullptr, false, SQLO_MEM_CONSUMER_INSTANCE), 0);
+  EXPECT_EQ(record, nullptr);
+  EXPECT_EQ(controller->requestMemory(record, 0xFFFFFFFF, false, false, false), 0);
+  controller->freeMemory(record, 5, false);
+  char text[512];
+  std::uint32_t position = 0;
+  controller->formatStatistics(SQLO_MEM_STATS_LOG, text, sizeof text, &position);
+  EXPECT_STREQ(text, "Instance Memory Controller is not active.\n");
 }
 
-TEST(MemController, KeepsItsBound) {
-  const Instance instance;
-  inProcess([&] {
-    SqloMemController* controller = controllerOf(100 * kMb);
-    Consumer consumer(controller, "one", 10 * kMb, 0);
-    struct Step {
-      std::uint32_t bytes;
-      bool force;
-      bool persist;
-      SqlzZrc result;
-      std::uint32_t current;
-      std::uint32_t highWater;
-    };
-    g_memPersistentAttempts = 20;
-    const Step steps[] = {
-        {90 * kMb, false, false, 0, 100 * kMb, 100 * kMb},            // exactly full
-        {0, false, false, 0, 100 * kMb, 100 * kMb},                   // nothing still fits
-        {1, false, false, SQLO_NOMEM, 100 * kMb, 100 * kMb},          // not logged
-        {kMb, true, false, 0, 101 * kMb, 101 * kMb},                  // forced: the mark follows
-        {0, false, false, SQLO_NOMEM, 101 * kMb, 101 * kMb},          // beyond the bound even nothing is refused
-        {0xFFFFFFFF, true, false, SQLO_NOMEM, 101 * kMb, 101 * kMb},  // more than can be counted
-        {7777, false, true, SQLO_NOMEM, 101 * kMb, 101 * kMb},        // logged
-        {7777, false, true, SQLO_NOMEM, 101 * kMb, 101 * kMb},        // not again
-        {kMb, true, false, 0, 102 * kMb, 102 * kMb},                  // a forced success does not count
-        {7777, false, true, SQLO_NOMEM, 102 * kMb, 102 * kMb},
-    };
-    for (const Step& step : steps) {
-      EXPECT_EQ(controller->requestMemory(consumer.record, step.bytes, false, step.force, step.persist), step.result);
-      EXPECT_EQ(statsOf(controller).currentSize, step.current);
-      EXPECT_EQ(statsOf(controller).usageHighWater, step.highWater);
-    }
-    EXPECT_EQ(occurrences(logText(instance), "OOM - Instance memory request failed"), 1U);
-    EXPECT_EQ(occurrences(logText(instance), "Logging disabled until next success"), 1U);
-    EXPECT_EQ(occurrences(logText(instance), "one - Current size : 103424 KB, HWM : 103424 KB, Cached : 0 KB"), 1U);
+TEST_APART(MemController, KeepsItsBound) {
+  SqloMemController* controller = controllerOf(100 * kMb);
+  Consumer consumer(controller, "one", 10 * kMb, 0);
+  struct Step {
+    std::uint32_t bytes;
+    bool force;
+    bool persist;
+    SqlzZrc result;
+    std::uint32_t current;
+    std::uint32_t highWater;
+  };
+  g_memPersistentAttempts = 20;
+  const Step steps[] = {
+      {90 * kMb, false, false, 0, 100 * kMb, 100 * kMb},            // exactly full
+      {0, false, false, 0, 100 * kMb, 100 * kMb},                   // nothing still fits
+      {1, false, false, SQLO_NOMEM, 100 * kMb, 100 * kMb},          // not logged
+      {kMb, true, false, 0, 101 * kMb, 101 * kMb},                  // forced: the mark follows
+      {0, false, false, SQLO_NOMEM, 101 * kMb, 101 * kMb},          // beyond the bound even nothing is refused
+      {0xFFFFFFFF, true, false, SQLO_NOMEM, 101 * kMb, 101 * kMb},  // more than can be counted
+      {7777, false, true, SQLO_NOMEM, 101 * kMb, 101 * kMb},        // logged
+      {7777, false, true, SQLO_NOMEM, 101 * kMb, 101 * kMb},        // not again
+      {kMb, true, false, 0, 102 * kMb, 102 * kMb},                  // a forced success does not count
+      {7777, false, true, SQLO_NOMEM, 102 * kMb, 102 * kMb},
+  };
+  for (const Step& step : steps) {
+    EXPECT_EQ(controller->requestMemory(consumer.record, step.bytes, false, step.force, step.persist), step.result);
+    EXPECT_EQ(statsOf(controller).currentSize, step.current);
+    EXPECT_EQ(statsOf(controller).usageHighWater, step.highWater);
+  }
+  EXPECT_EQ(occurrences(logText(instance), "OOM - Instance memory request failed"), 1U);
+  EXPECT_EQ(occurrences(logText(instance), "Logging disabled until next success"), 1U);
+  EXPECT_EQ(occurrences(logText(instance), "one - Current size : 103424 KB, HWM : 103424 KB, Cached : 0 KB"), 1U);
 
-    controller->freeMemory(consumer.record, 50 * kMb, false);
-    EXPECT_EQ(controller->requestMemory(consumer.record, kMb, false, false, false), 0);
-    EXPECT_EQ(controller->requestMemory(consumer.record, 90 * kMb, false, false, true), SQLO_NOMEM);
-    EXPECT_EQ(occurrences(logText(instance), "OOM - Instance memory request failed"), 2U) << "a success re-enables it";
+  controller->freeMemory(consumer.record, 50 * kMb, false);
+  EXPECT_EQ(controller->requestMemory(consumer.record, kMb, false, false, false), 0);
+  EXPECT_EQ(controller->requestMemory(consumer.record, 90 * kMb, false, false, true), SQLO_NOMEM);
+  EXPECT_EQ(occurrences(logText(instance), "OOM - Instance memory request failed"), 2U) << "a success re-enables it";
 
-    controller->freeMemory(consumer.record, 200 * kMb, false);  // more than it has
-    EXPECT_EQ(statsOf(controller).currentSize, 0U);
-    EXPECT_EQ(occurrences(logText(instance), "gave back more than it was granted"), 1U);
-    EXPECT_EQ(controller->deregisterConsumer(consumer.record), 0);
-    EXPECT_EQ(controller->deregisterConsumer(consumer.record), SQLO_INV_MEM);
-    for (void* wild : {static_cast<void*>(nullptr), static_cast<void*>(&consumer), static_cast<void*>(consumer.record),
-                       static_cast<void*>(&consumer.record + 1)})
-      EXPECT_EQ(controller->requestMemory(static_cast<SqloMemoryConsumer*>(wild), 1, false, true, false), SQLO_INV_MEM);
-  });
+  controller->freeMemory(consumer.record, 200 * kMb, false);  // more than it has
+  EXPECT_EQ(statsOf(controller).currentSize, 0U);
+  EXPECT_EQ(occurrences(logText(instance), "gave back more than it was granted"), 1U);
+  EXPECT_EQ(controller->deregisterConsumer(consumer.record), 0);
+  EXPECT_EQ(controller->deregisterConsumer(consumer.record), SQLO_INV_MEM);
+  for (void* wild : {static_cast<void*>(nullptr), static_cast<void*>(&consumer), static_cast<void*>(consumer.record),
+                     static_cast<void*>(&consumer.record + 1)})
+    EXPECT_EQ(controller->requestMemory(static_cast<SqloMemoryConsumer*>(wild), 1, false, true, false), SQLO_INV_MEM);
 }
 
-TEST(MemController, RefusesConsumersThatDoNotFit) {
-  const Instance instance;
-  inProcess([] {
-    SqloMemController* controller = controllerOf(10 * kMb);
-    const auto add = [&](std::uint32_t size, bool force) {
-      SqloMemoryConsumer* record = nullptr;
-      return controller->registerConsumer(&record, size, "c", nullptr, nullptr, force, SQLO_MEM_CONSUMER_INSTANCE);
-    };
-    EXPECT_EQ(add(10 * kMb + 1, false), SQLO_NO_INS_MEM);
-    EXPECT_EQ(statsOf(controller).consumers, 0U);
-    EXPECT_EQ(add(10 * kMb + 1, true), 0);
-    EXPECT_EQ(controller->initialize(1, false, false, 0, 0), 0);
-    for (std::uint32_t i = 0; i < SQLO_MEM_CONSUMERS; ++i) ASSERT_EQ(add(0, false), 0);
-    EXPECT_EQ(add(0, false), SQLO_NOMEM);
-    EXPECT_EQ(controller->registerConsumer(nullptr, 0, "c", nullptr, nullptr, false, SQLO_MEM_CONSUMER_INSTANCE),
-              SQLO_INV_PARM);
-  });
+TEST_APART(MemController, RefusesConsumersThatDoNotFit) {
+  SqloMemController* controller = controllerOf(10 * kMb);
+  const auto add = [&](std::uint32_t size, bool force) {
+    SqloMemoryConsumer* record = nullptr;
+    return controller->registerConsumer(&record, size, "c", nullptr, nullptr, force, SQLO_MEM_CONSUMER_INSTANCE);
+  };
+  EXPECT_EQ(add(10 * kMb + 1, false), SQLO_NO_INS_MEM);
+  EXPECT_EQ(statsOf(controller).consumers, 0U);
+  EXPECT_EQ(add(10 * kMb + 1, true), 0);
+  EXPECT_EQ(controller->initialize(1, false, false, 0, 0), 0);
+  for (std::uint32_t i = 0; i < SQLO_MEM_CONSUMERS; ++i) ASSERT_EQ(add(0, false), 0);
+  EXPECT_EQ(add(0, false), SQLO_NOMEM);
+  EXPECT_EQ(controller->registerConsumer(nullptr, 0, "c", nullptr, nullptr, false, SQLO_MEM_CONSUMER_INSTANCE),
+            SQLO_INV_PARM);
 }
 
-TEST(MemController, AsksOthersToReleaseTheirCache) {
-  const Instance instance;
-  inProcess([] {
-    SqloMemController* controller = controllerOf(100 * kMb);
-    Consumer asking(controller, "asking", 0, 0);
-    Consumer rich(controller, "rich", 40 * kMb, 30 * kMb);
-    Consumer liar(controller, "liar", 40 * kMb, 10 * kMb);
-    liar.refuses = true;
-    const auto request = [&](std::uint32_t bytes, bool reclaim = true) {
-      return controller->requestMemory(asking.record, bytes, reclaim, false, false);
-    };
-    EXPECT_EQ(request(30 * kMb), SQLO_NOMEM) << "no engine unit, no reclaiming";
-    becomeEngine();
-    EXPECT_EQ(request(30 * kMb, false), SQLO_NOMEM);
-    EXPECT_EQ(request(61 * kMb), SQLO_NOMEM) << "all caches together would not make room";
-    EXPECT_EQ(rich.calls + liar.calls, 0U);
-    EXPECT_EQ(request(30 * kMb), 0);
-    EXPECT_EQ(rich.askedBytes, 30 * kMb);
-    EXPECT_EQ(rich.cached, 0U);
-    EXPECT_EQ(statsOf(controller).currentSize, 80 * kMb);
-    EXPECT_EQ(statsOf(controller).cachedMemory, 10 * kMb);
-    const std::uint32_t calls = liar.calls;
-    EXPECT_EQ(request(30 * kMb), SQLO_NOMEM) << "what a call-back claims is not believed";
-    EXPECT_EQ(liar.calls, calls + 10) << "asked once per attempt";
+TEST_APART(MemController, AsksOthersToReleaseTheirCache) {
+  SqloMemController* controller = controllerOf(100 * kMb);
+  Consumer asking(controller, "asking", 0, 0);
+  Consumer rich(controller, "rich", 40 * kMb, 30 * kMb);
+  Consumer liar(controller, "liar", 40 * kMb, 10 * kMb);
+  liar.refuses = true;
+  const auto request = [&](std::uint32_t bytes, bool reclaim = true) {
+    return controller->requestMemory(asking.record, bytes, reclaim, false, false);
+  };
+  EXPECT_EQ(request(30 * kMb), SQLO_NOMEM) << "no engine unit, no reclaiming";
+  becomeEngine();
+  EXPECT_EQ(request(30 * kMb, false), SQLO_NOMEM);
+  EXPECT_EQ(request(61 * kMb), SQLO_NOMEM) << "all caches together would not make room";
+  EXPECT_EQ(rich.calls + liar.calls, 0U);
+  EXPECT_EQ(request(30 * kMb), 0);
+  EXPECT_EQ(rich.askedBytes, 30 * kMb);
+  EXPECT_EQ(rich.cached, 0U);
+  EXPECT_EQ(statsOf(controller).currentSize, 80 * kMb);
+  EXPECT_EQ(statsOf(controller).cachedMemory, 10 * kMb);
+  const std::uint32_t calls = liar.calls;
+  EXPECT_EQ(request(30 * kMb), SQLO_NOMEM) << "what a call-back claims is not believed";
+  EXPECT_EQ(liar.calls, calls + 10) << "asked once per attempt";
 
-    // Beyond the bound already: what is asked for covers that as well. Requests from inside a call-back are refused.
-    ASSERT_EQ(controller->requestMemory(asking.record, 40 * kMb, false, true, false), 0);
-    SqloMemoryConsumer* deep = nullptr;
-    static SqlzZrc inside;
-    ASSERT_EQ(controller->registerConsumer(
-                  &deep, 30 * kMb, "deep", controller,
-                  [](std::uint32_t, void* argument) -> std::uint32_t {
-                    inside = static_cast<SqloMemController*>(argument)->requestMemory(nullptr, 1, true, true, true);
-                    return 0;
-                  },
-                  true, SQLO_MEM_CONSUMER_INSTANCE),
-              0);
-    controller->setCachedMemory(deep, 0xFFFFFFFF, false);  // counts as all it holds
-    liar.cached = 40 * kMb;
-    controller->setCachedMemory(liar.record, 40 * kMb, false);
-    EXPECT_EQ(request(kMb), SQLO_NOMEM);
-    EXPECT_EQ(liar.askedBytes, 51 * kMb);
-    EXPECT_EQ(inside, SQLO_NOMEM);
-  });
+  // Beyond the bound already: what is asked for covers that as well. Requests from inside a call-back are refused.
+  ASSERT_EQ(controller->requestMemory(asking.record, 40 * kMb, false, true, false), 0);
+  SqloMemoryConsumer* deep = nullptr;
+  static SqlzZrc inside;
+  ASSERT_EQ(controller->registerConsumer(
+                &deep, 30 * kMb, "deep", controller,
+                [](std::uint32_t, void* argument) -> std::uint32_t {
+                  inside = static_cast<SqloMemController*>(argument)->requestMemory(nullptr, 1, true, true, true);
+                  return 0;
+                },
+                true, SQLO_MEM_CONSUMER_INSTANCE),
+            0);
+  controller->setCachedMemory(deep, 0xFFFFFFFF, false);  // counts as all it holds
+  liar.cached = 40 * kMb;
+  controller->setCachedMemory(liar.record, 40 * kMb, false);
+  EXPECT_EQ(request(kMb), SQLO_NOMEM);
+  EXPECT_EQ(liar.askedBytes, 51 * kMb);
+  EXPECT_EQ(inside, SQLO_NOMEM);
 }
 
-TEST(MemController, FollowsTheMachineWhenAutomatic) {
-  const Instance instance;
-  inProcess([&] {
-    SqloMemController* controller = controllerOf(kMb);
-    Consumer consumer(controller, "c", 0, 0);
-    EXPECT_EQ(controller->setNewUpperBound(2 * kMb, 0, 2), SQLO_INV_PARM);
-    EXPECT_EQ(controller->setNewUpperBound(2 * kMb, 0, 0), 0);
-    EXPECT_EQ(controller->requestMemory(consumer.record, 2 * kMb, false, false, false), 0);
-    EXPECT_EQ(controller->setNewUpperBound(kMb, 0, SQLO_MEM_BOUND_NOT_BELOW_USE), SQLO_NO_INS_MEM);
-    controller->setAutomaticFlag(true);
-    EXPECT_EQ(controller->requestMemory(consumer.record, kMb, false, false, false), SQLO_NOMEM) << "the bound is fixed";
-    controller->setNewDesiredMaxValue(3 * kMb);
-    EXPECT_EQ(controller->setNewUpperBound(9 * kMb, 0, 0), 0);
-    EXPECT_EQ(statsOf(controller).upperBound, 3 * kMb);
+TEST_APART(MemController, FollowsTheMachineWhenAutomatic) {
+  SqloMemController* controller = controllerOf(kMb);
+  Consumer consumer(controller, "c", 0, 0);
+  EXPECT_EQ(controller->setNewUpperBound(2 * kMb, 0, 2), SQLO_INV_PARM);
+  EXPECT_EQ(controller->setNewUpperBound(2 * kMb, 0, 0), 0);
+  EXPECT_EQ(controller->requestMemory(consumer.record, 2 * kMb, false, false, false), 0);
+  EXPECT_EQ(controller->setNewUpperBound(kMb, 0, SQLO_MEM_BOUND_NOT_BELOW_USE), SQLO_NO_INS_MEM);
+  controller->setAutomaticFlag(true);
+  EXPECT_EQ(controller->requestMemory(consumer.record, kMb, false, false, false), SQLO_NOMEM) << "the bound is fixed";
+  controller->setNewDesiredMaxValue(3 * kMb);
+  EXPECT_EQ(controller->setNewUpperBound(9 * kMb, 0, 0), 0);
+  EXPECT_EQ(statsOf(controller).upperBound, 3 * kMb);
 
-    for (const char* strict : {"off", "On"}) {
-      ::setenv("VEK_STRICT_INSTANCE_MEMORY", strict, 1);
-      ASSERT_EQ(controller->initialize(kMb, true, false, 0, 0), 0);
-      ASSERT_EQ(
-          controller->registerConsumer(&consumer.record, 0, "c", nullptr, nullptr, false, SQLO_MEM_CONSUMER_INSTANCE),
-          0);
-      EXPECT_EQ(controller->requestMemory(consumer.record, 5 * kMb, true, false, false), 0) << strict;
-    }
-    ossCalls().open = [](const char*, int, mode_t) {
-      errno = EACCES;
-      return -1;
-    };
-    EXPECT_EQ(controller->requestMemory(consumer.record, kMb, true, false, false), SQLO_NOMEM);
-    EXPECT_EQ(statsOf(controller).currentSize, 5 * kMb);
-    std::uint64_t result = 1;
-    EXPECT_EQ(SqloMemController::calculateAutomaticSize(nullptr, false, 0, &result), SQLO_NOTAVAIL);
-    EXPECT_EQ(result, 1U);
-  });
+  for (const char* strict : {"off", "On"}) {
+    ::setenv("VEK_STRICT_INSTANCE_MEMORY", strict, 1);
+    ASSERT_EQ(controller->initialize(kMb, true, false, 0, 0), 0);
+    ASSERT_EQ(
+        controller->registerConsumer(&consumer.record, 0, "c", nullptr, nullptr, false, SQLO_MEM_CONSUMER_INSTANCE), 0);
+    EXPECT_EQ(controller->requestMemory(consumer.record, 5 * kMb, true, false, false), 0) << strict;
+  }
+  ossCalls().open = [](const char*, int, mode_t) {
+    errno = EACCES;
+    return -1;
+  };
+  EXPECT_EQ(controller->requestMemory(consumer.record, kMb, true, false, false), SQLO_NOMEM);
+  EXPECT_EQ(statsOf(controller).currentSize, 5 * kMb);
+  std::uint64_t result = 1;
+  EXPECT_EQ(SqloMemController::calculateAutomaticSize(nullptr, false, 0, &result), SQLO_NOTAVAIL);
+  EXPECT_EQ(result, 1U);
 }
 
 TEST(MemController, ComputesTheAutomaticBound) {
@@ -223,64 +207,58 @@ TEST(MemController, ComputesTheAutomaticBound) {
   });
 }
 
-TEST(MemController, TellsItsStatistics) {
-  const Instance instance;
-  inProcess([&] {
-    SqloMemController* controller = controllerOf(100 * kMb);
-    Consumer sample(controller, "SAMPLE", 10 * kMb, 4 * kMb, SQLO_MEM_CONSUMER_DATABASE);
-    Consumer again(controller, "SAMPLE", kMb, 0, SQLO_MEM_CONSUMER_DATABASE);
-    Consumer other(controller, "OTHER", 2 * kMb, kMb, SQLO_MEM_CONSUMER_DATABASE);
-    Consumer engine(controller, "engine", 3 * kMb, 2 * kMb);
-    SqloMemDatabaseStats database;
-    ASSERT_EQ(controller->queryDBMemStats("SAMPLE", &database), 0);
-    EXPECT_EQ(database.consumers, 2U);
-    EXPECT_EQ(database.currentSize, 11 * kMb);
-    EXPECT_EQ(database.cachedMemory, 4 * kMb);
-    SqloMemStatsSummary summary;
-    SqloMemPartitionStats stats;
-    ASSERT_EQ(controller->getPartitionStatsSummary("SAMPLE", &summary, &stats), 0);
-    EXPECT_EQ(summary.available, 84 * kMb);
-    EXPECT_EQ(summary.reclaimable, 3 * kMb);
-    EXPECT_EQ(summary.databaseSize, 11 * kMb);
-    EXPECT_EQ(summary.otherDatabases, 2 * kMb);
-    EXPECT_EQ(summary.otherConsumers, 3 * kMb);
-    EXPECT_EQ(stats.cachedMemory, 7 * kMb);
-    EXPECT_EQ(stats.cachedDatabaseMemory, 5 * kMb);
+TEST_APART(MemController, TellsItsStatistics) {
+  SqloMemController* controller = controllerOf(100 * kMb);
+  Consumer sample(controller, "SAMPLE", 10 * kMb, 4 * kMb, SQLO_MEM_CONSUMER_DATABASE);
+  Consumer again(controller, "SAMPLE", kMb, 0, SQLO_MEM_CONSUMER_DATABASE);
+  Consumer other(controller, "OTHER", 2 * kMb, kMb, SQLO_MEM_CONSUMER_DATABASE);
+  Consumer engine(controller, "engine", 3 * kMb, 2 * kMb);
+  SqloMemDatabaseStats database;
+  ASSERT_EQ(controller->queryDBMemStats("SAMPLE", &database), 0);
+  EXPECT_EQ(database.consumers, 2U);
+  EXPECT_EQ(database.currentSize, 11 * kMb);
+  EXPECT_EQ(database.cachedMemory, 4 * kMb);
+  SqloMemStatsSummary summary;
+  SqloMemPartitionStats stats;
+  ASSERT_EQ(controller->getPartitionStatsSummary("SAMPLE", &summary, &stats), 0);
+  EXPECT_EQ(summary.available, 84 * kMb);
+  EXPECT_EQ(summary.reclaimable, 3 * kMb);
+  EXPECT_EQ(summary.databaseSize, 11 * kMb);
+  EXPECT_EQ(summary.otherDatabases, 2 * kMb);
+  EXPECT_EQ(summary.otherConsumers, 3 * kMb);
+  EXPECT_EQ(stats.cachedMemory, 7 * kMb);
+  EXPECT_EQ(stats.cachedDatabaseMemory, 5 * kMb);
 
-    char text[4096];
-    std::uint32_t position = 0;
-    controller->formatStatistics(SQLO_MEM_STATS_LOG, text, sizeof text, &position);
-    EXPECT_STREQ(text,
-                 "Instance Memory Controller statistics.\nInstance Memory Automatic: No.\nMaximum size = 102400 KB\n"
-                 "Current size = 16384 KB\nUsage HWM = 16384 KB\nCached memory = 7168 KB\nCached DB memory = 5120 KB\n"
-                 "SAMPLE - Current size : 10240 KB, HWM : 10240 KB, Cached : 4096 KB\n"
-                 "SAMPLE - Current size : 1024 KB, HWM : 1024 KB, Cached : 0 KB\n"
-                 "OTHER - Current size : 2048 KB, HWM : 2048 KB, Cached : 1024 KB\n"
-                 "engine - Current size : 3072 KB, HWM : 3072 KB, Cached : 2048 KB\n");
-    controller->setAutomaticFlag(true);
-    std::string dump;
-    do {
-      controller->formatStatistics(SQLO_MEM_STATS_DUMP, text, 512, &position);
-      dump += text;
-    } while (position != 0);
-    EXPECT_EQ(dump,
-              "Instance Memory Controller statistics.\nInstance Memory Automatic: Yes.\nMaximum size (KB) = 102400\n"
-              "Current size (KB) = 16384\nUsage HWM (KB) = 16384\nCached memory (KB) = 7168\n"
-              "Cached DB memory (KB) = 5120\n\nCurrent, Usage HWM, and Cached memory in KB for individual consumers.\n"
-              "SAMPLE - 10240, 10240, 4096\nSAMPLE - 1024, 1024, 0\nOTHER - 2048, 2048, 1024\n"
-              "engine - 3072, 3072, 2048\n");
-  });
+  char text[4096];
+  std::uint32_t position = 0;
+  controller->formatStatistics(SQLO_MEM_STATS_LOG, text, sizeof text, &position);
+  EXPECT_STREQ(text,
+               "Instance Memory Controller statistics.\nInstance Memory Automatic: No.\nMaximum size = 102400 KB\n"
+               "Current size = 16384 KB\nUsage HWM = 16384 KB\nCached memory = 7168 KB\nCached DB memory = 5120 KB\n"
+               "SAMPLE - Current size : 10240 KB, HWM : 10240 KB, Cached : 4096 KB\n"
+               "SAMPLE - Current size : 1024 KB, HWM : 1024 KB, Cached : 0 KB\n"
+               "OTHER - Current size : 2048 KB, HWM : 2048 KB, Cached : 1024 KB\n"
+               "engine - Current size : 3072 KB, HWM : 3072 KB, Cached : 2048 KB\n");
+  controller->setAutomaticFlag(true);
+  std::string dump;
+  do {
+    controller->formatStatistics(SQLO_MEM_STATS_DUMP, text, 512, &position);
+    dump += text;
+  } while (position != 0);
+  EXPECT_EQ(dump,
+            "Instance Memory Controller statistics.\nInstance Memory Automatic: Yes.\nMaximum size (KB) = 102400\n"
+            "Current size (KB) = 16384\nUsage HWM (KB) = 16384\nCached memory (KB) = 7168\n"
+            "Cached DB memory (KB) = 5120\n\nCurrent, Usage HWM, and Cached memory in KB for individual consumers.\n"
+            "SAMPLE - 10240, 10240, 4096\nSAMPLE - 1024, 1024, 0\nOTHER - 2048, 2048, 1024\n"
+            "engine - 3072, 3072, 2048\n");
 }
 
-TEST(MemController, IsRefusedWhereItsAddressIsTaken) {
-  const Instance instance;
-  inProcess([] {
-    void* taken = ::mmap(reinterpret_cast<void*>(MEMORY_CONTROLLER_ADDRESS), 4096, PROT_READ,
-                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
-    ASSERT_EQ(taken, reinterpret_cast<void*>(MEMORY_CONTROLLER_ADDRESS));
-    EXPECT_EQ(SqloMemController::instance(), nullptr);
-    EXPECT_EQ(SqloMemController::instanceStatus(), SQLO_ADDRESS_TAKEN);
-  });
+TEST_APART(MemController, IsRefusedWhereItsAddressIsTaken) {
+  void* taken = ::mmap(reinterpret_cast<void*>(MEMORY_CONTROLLER_ADDRESS), 4096, PROT_READ,
+                       MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0);
+  ASSERT_EQ(taken, reinterpret_cast<void*>(MEMORY_CONTROLLER_ADDRESS));
+  EXPECT_EQ(SqloMemController::instance(), nullptr);
+  EXPECT_EQ(SqloMemController::instanceStatus(), SQLO_ADDRESS_TAKEN);
 }
 
 // ---- several processes

@@ -395,20 +395,17 @@ TEST(MemPoolDeath, AtRandomUnderLoad) {
 }
 
 // A pool that another process has destroyed is none here, however often it was used before.
-TEST(MemPoolDeath, IsNoticedInOtherProcesses) {
-  const Instance instance;
-  inProcess([] {
-    SMemSet* set = create(requestOf(SQLO_SET_DBM_DB, 100));
-    MemPool* pool = createPool(poolRequest(set, 50));
-    void* block = allocate(pool, 100);
-    EXPECT_EQ(release(allocate(pool, 100)), 0);
-    EXPECT_EQ(platformtest::runInProcess([&] {
-                EXPECT_EQ(release(block), 0) << "of another process";
-                EXPECT_EQ(freePool(pool), 0);
-              }),
-              0);
-    EXPECT_EQ(sqloMemPoolAllocate(pool, 100, 0, kHere, 1, &block), SQLO_INV_MEM);
-  });
+TEST_APART(MemPoolDeath, IsNoticedInOtherProcesses) {
+  SMemSet* set = create(requestOf(SQLO_SET_DBM_DB, 100));
+  MemPool* pool = createPool(poolRequest(set, 50));
+  void* block = allocate(pool, 100);
+  EXPECT_EQ(release(allocate(pool, 100)), 0);
+  EXPECT_EQ(platformtest::runInProcess([&] {
+              EXPECT_EQ(release(block), 0) << "of another process";
+              EXPECT_EQ(freePool(pool), 0);
+            }),
+            0);
+  EXPECT_EQ(sqloMemPoolAllocate(pool, 100, 0, kHere, 1, &block), SQLO_INV_MEM);
 }
 
 }  // namespace

@@ -56,81 +56,75 @@ TEST(MemSet, NamesTypesAndOptions) {
   EXPECT_STREQ(small, "\t0 | PI");
 }
 
-TEST(MemSet, MovesItsThresholds) {
-  const Instance instance;
-  inProcess([&] {
-    SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, 2000, kOptions | SQLO_SET_LAZY_DECOMMIT));
-    ASSERT_NE(set, nullptr);
-    void* block = nullptr;
-    ASSERT_EQ(takeChunks(*set, 1500, &block), 0);
-    EXPECT_EQ(set->m_keepCommitChunks, 1500U) << "a lazy set keeps what it used";
-    ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1500), 0);
-    EXPECT_EQ(set->m_committedChunks, 1500U);
-    struct Free {
-      std::uint32_t percent;
-      SqlzZrc result;
-      std::uint32_t maxFree;
-    };
-    for (const Free& row : {Free{100, 0, 2000}, {50, 0, 1000}, {1, 0, 257}, {101, SQLO_INV_MEM, 257}, {0, 0, 0}}) {
-      EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(set, row.percent), row.result);
-      EXPECT_EQ(set->m_maxFreeChunks, row.maxFree);
-      EXPECT_EQ(set->m_committedChunks, 1500U) << "what is to be kept is not free";
-    }
-    EXPECT_EQ(set->m_maxFreePercent, 0U);
-    struct Keep {
-      std::uint32_t hundredths;
-      SqlzZrc result;
-      std::uint32_t keep;
-      std::uint32_t committed;
-    };
-    for (const Keep& row : {Keep{10'001, SQLO_INV_MEM, 1500, 1500}, {0, 0, 1243, 1243}, {2'000, 0, 843, 843}}) {
-      EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(set, row.hundredths), row.result);
-      EXPECT_EQ(set->m_keepCommitChunks, row.keep);
-      EXPECT_EQ(set->m_committedChunks, row.committed);
-    }
-    ASSERT_EQ(takeChunks(*set, 700, &block), 0);
-    EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(set, 10'000), 0);
-    EXPECT_EQ(set->m_keepCommitChunks, 700U) << "never below what is used";
-    EXPECT_EQ(set->m_decommittedChunks, 800U);
-    {
-      const SetOperation operation(*set);
-      EXPECT_EQ(set->decreaseUseableMemory(300), 300U);
-      EXPECT_EQ(set->usableChunks(), 1700U);
-      EXPECT_EQ(set->decreaseUseableMemory(1000), 500U);
-      EXPECT_EQ(set->increaseUseableMemory(9000), 800U);
-      EXPECT_EQ(set->usableChunks(), 2000U);
-      set->recommitChunksUntilTargetReached(1000);
-      EXPECT_EQ(set->m_committedChunks, 1000U);
-      EXPECT_EQ(set->m_recommitableChunks, 500U);
-    }
-    expectSound(instance, *set);
-    EXPECT_EQ(sqlofshr(set), 0);
-    SMemSet* plain = create(requestOf(SQLO_SET_PRIVATE, 10, 0));
-    EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(plain, 5), SQLO_INV_MEM);
-    EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(plain, 5), SQLO_INV_MEM);
-    EXPECT_FALSE(sqloMemSetIsResizable(plain));
-  });
+TEST_APART(MemSet, MovesItsThresholds) {
+  SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, 2000, kOptions | SQLO_SET_LAZY_DECOMMIT));
+  ASSERT_NE(set, nullptr);
+  void* block = nullptr;
+  ASSERT_EQ(takeChunks(*set, 1500, &block), 0);
+  EXPECT_EQ(set->m_keepCommitChunks, 1500U) << "a lazy set keeps what it used";
+  ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1500), 0);
+  EXPECT_EQ(set->m_committedChunks, 1500U);
+  struct Free {
+    std::uint32_t percent;
+    SqlzZrc result;
+    std::uint32_t maxFree;
+  };
+  for (const Free& row : {Free{100, 0, 2000}, {50, 0, 1000}, {1, 0, 257}, {101, SQLO_INV_MEM, 257}, {0, 0, 0}}) {
+    EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(set, row.percent), row.result);
+    EXPECT_EQ(set->m_maxFreeChunks, row.maxFree);
+    EXPECT_EQ(set->m_committedChunks, 1500U) << "what is to be kept is not free";
+  }
+  EXPECT_EQ(set->m_maxFreePercent, 0U);
+  struct Keep {
+    std::uint32_t hundredths;
+    SqlzZrc result;
+    std::uint32_t keep;
+    std::uint32_t committed;
+  };
+  for (const Keep& row : {Keep{10'001, SQLO_INV_MEM, 1500, 1500}, {0, 0, 1243, 1243}, {2'000, 0, 843, 843}}) {
+    EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(set, row.hundredths), row.result);
+    EXPECT_EQ(set->m_keepCommitChunks, row.keep);
+    EXPECT_EQ(set->m_committedChunks, row.committed);
+  }
+  ASSERT_EQ(takeChunks(*set, 700, &block), 0);
+  EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(set, 10'000), 0);
+  EXPECT_EQ(set->m_keepCommitChunks, 700U) << "never below what is used";
+  EXPECT_EQ(set->m_decommittedChunks, 800U);
+  {
+    const SetOperation operation(*set);
+    EXPECT_EQ(set->decreaseUseableMemory(300), 300U);
+    EXPECT_EQ(set->usableChunks(), 1700U);
+    EXPECT_EQ(set->decreaseUseableMemory(1000), 500U);
+    EXPECT_EQ(set->increaseUseableMemory(9000), 800U);
+    EXPECT_EQ(set->usableChunks(), 2000U);
+    set->recommitChunksUntilTargetReached(1000);
+    EXPECT_EQ(set->m_committedChunks, 1000U);
+    EXPECT_EQ(set->m_recommitableChunks, 500U);
+  }
+  expectSound(instance, *set);
+  EXPECT_EQ(sqlofshr(set), 0);
+  SMemSet* plain = create(requestOf(SQLO_SET_PRIVATE, 10, 0));
+  EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(plain, 5), SQLO_INV_MEM);
+  EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(plain, 5), SQLO_INV_MEM);
+  EXPECT_FALSE(sqloMemSetIsResizable(plain));
 }
 
 // The cache of fast chunks is drained only when the low halves of the two sizes say so.
-TEST(MemSet, DrainsFastChunksByTheLowHalves) {
-  const Instance instance;
-  inProcess([&] {
-    for (const bool drains : {true, false}) {
-      const std::uint32_t options = kOptions | SQLO_SET_LAZY_DECOMMIT | SQLO_SET_CHUNK_KEEP;
-      SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, drains ? 300 : 250, options));
-      void* blocks[5];
-      for (void*& block : blocks) ASSERT_EQ(takeChunks(*set, 1, &block), 0);
-      for (void* block : blocks) ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1), 0);
-      EXPECT_EQ(set->m_fastCount, 5U);
-      EXPECT_EQ(sqloi_setReturnChunks(*set, blocks[0], 1), SQLO_INV_MEM) << "given back twice";
-      EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(set, 0), 0);
-      EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(set, 0), 0);
-      EXPECT_EQ(set->m_fastCount, drains ? 0U : 5U);
-      expectSound(instance, *set);
-      EXPECT_EQ(sqlofshr(set), 0);
-    }
-  });
+TEST_APART(MemSet, DrainsFastChunksByTheLowHalves) {
+  for (const bool drains : {true, false}) {
+    const std::uint32_t options = kOptions | SQLO_SET_LAZY_DECOMMIT | SQLO_SET_CHUNK_KEEP;
+    SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, drains ? 300 : 250, options));
+    void* blocks[5];
+    for (void*& block : blocks) ASSERT_EQ(takeChunks(*set, 1, &block), 0);
+    for (void* block : blocks) ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1), 0);
+    EXPECT_EQ(set->m_fastCount, 5U);
+    EXPECT_EQ(sqloi_setReturnChunks(*set, blocks[0], 1), SQLO_INV_MEM) << "given back twice";
+    EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(set, 0), 0);
+    EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(set, 0), 0);
+    EXPECT_EQ(set->m_fastCount, drains ? 0U : 5U);
+    expectSound(instance, *set);
+    EXPECT_EQ(sqlofshr(set), 0);
+  }
 }
 
 // Random work on a set; `alive` is asked to go on.
@@ -163,66 +157,88 @@ void useSet(SMemSet& set, std::uint32_t seed, std::uint32_t steps, const std::fu
   for (const Run& run : runs) EXPECT_EQ(sqloi_setReturnChunks(set, run.address, run.chunks), 0);
 }
 
-TEST(MemSet, IsWhatTheKernelShows) {
-  const Instance instance;
+TEST_APART(MemSet, IsWhatTheKernelShows) {
   const std::uint32_t seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  inProcess([&] {
-    for (const std::uint32_t type : {SQLO_SET_PRIVATE, SQLO_SET_DBM_DBMS})
-      for (const std::uint32_t options : {0U, std::uint32_t{SQLO_SET_CHUNK_KEEP}, std::uint32_t{SQLO_SET_REDUCIBLE}}) {
-        SMemSet* set = create(requestOf(type, 100, kOptions | options));
-        ASSERT_NE(set, nullptr);
-        useSet(*set, seed, 4000 / kSlower, [&] { expectSound(instance, *set); });
-        expectSound(instance, *set);
-        EXPECT_EQ(set->m_usedChunks, 0U);
-        EXPECT_EQ(set->m_starts.count(), 0U);
-        const std::string file = setFile(instance, *set);
-        EXPECT_EQ(sqlofshr(set), 0);
-        EXPECT_FALSE(sqloIsSetAlreadyConnected(type, "SAMPLE"));
-        EXPECT_FALSE(std::filesystem::exists(file));
-      }
-  });
+  for (const std::uint32_t type : {SQLO_SET_PRIVATE, SQLO_SET_DBM_DBMS})
+    for (const std::uint32_t options : {0U, std::uint32_t{SQLO_SET_CHUNK_KEEP}, std::uint32_t{SQLO_SET_REDUCIBLE}}) {
+      SMemSet* set = create(requestOf(type, 100, kOptions | options));
+      ASSERT_NE(set, nullptr);
+      useSet(*set, seed, 4000 / kSlower, [&] { expectSound(instance, *set); });
+      expectSound(instance, *set);
+      EXPECT_EQ(set->m_usedChunks, 0U);
+      EXPECT_EQ(set->m_starts.count(), 0U);
+      const std::string file = setFile(instance, *set);
+      EXPECT_EQ(sqlofshr(set), 0);
+      EXPECT_FALSE(sqloIsSetAlreadyConnected(type, "SAMPLE"));
+      EXPECT_FALSE(std::filesystem::exists(file));
+    }
 }
 
+// Failures by kind, as they stand in the log.
+constexpr std::pair<const char*, const char*> kTexts[] = {
+    {"Unmapped memory set failure", "probe:700"},
+    {"Private memory and/or virtual address space exhausted", "probe:100"},
+    {"Failure freeing private memory", "probe:300"},
+    {"Failed memory commit operation", "probe:400"},
+    {"Failed memory decommit operation", "probe:500"},
+    {"New shared memory segment allocation", "probe:600"}};
+
 // Any call of the system fails in turn, while sets are made, used and freed; what failed is told, nothing stays behind.
-TEST(MemSet, LosesNothingWhenTheSystemRefuses) {
-  const Instance instance;
-  inProcess([&] {
-    SqloMemController* controller = controllerOf(0xFFFFFFFF);
-    makeFail<&OssCalls::mmap, &OssCalls::munmap, &OssCalls::mprotect, &OssCalls::madvise, &OssCalls::fallocate,
-             &OssCalls::ftruncate>(-1, ENOMEM);
-    for (const std::uint32_t type : {SQLO_SET_PRIVATE, SQLO_SET_DBM_DBMS}) {
-      SqloMemSetRequest request = requestOf(type, 20, kOptions | SQLO_SET_REDUCIBLE);
-      request.commitBytes = request.bytes;
-      bool wasDue = true;
-      for (int call = 0; wasDue; ++call) {
-        Failure::callsLeft = call;
-        SMemSet* set = nullptr;
-        const SqlzZrc created = sqlocshr(&request, &set);
-        EXPECT_TRUE(created == 0 || created == SQLO_NOSEG || created == SQLO_REGION_NO_MEMORY) << std::hex << created;
-        if (set != nullptr) {
-          EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(set, 0), 0);
-          useSet(*set, 7, 60, [] {});
-        }
-        wasDue = Failure::callsLeft < 0;
-        Failure::callsLeft = -1;
-        if (set != nullptr) {
-          expectSound(instance, *set);
-          EXPECT_FALSE(set->has(SQLO_SET_PENDING_REPORT));
-          EXPECT_EQ(sqlofshr(set), 0);
-        }
-        EXPECT_EQ(statsOf(controller).currentSize, 0U) << "call " << call;
-        EXPECT_FALSE(std::filesystem::exists(instance.region() + ":set.1"));
-        ASSERT_LT(call, 2000);
+TEST_APART(MemSet, LosesNothingWhenTheSystemRefuses) {
+  SqloMemController* controller = controllerOf(0xFFFFFFFF);
+  makeFail<&OssCalls::mmap, &OssCalls::munmap, &OssCalls::mprotect, &OssCalls::madvise, &OssCalls::fallocate,
+           &OssCalls::ftruncate>(-1, ENOMEM);
+  for (const std::uint32_t type : {SQLO_SET_PRIVATE, SQLO_SET_DBM_DBMS}) {
+    SqloMemSetRequest request = requestOf(type, 20, kOptions | SQLO_SET_REDUCIBLE);
+    request.commitBytes = request.bytes;
+    bool wasDue = true;
+    for (int call = 0; wasDue; ++call) {
+      Failure::callsLeft = call;
+      SMemSet* set = nullptr;
+      const SqlzZrc created = sqlocshr(&request, &set);
+      EXPECT_TRUE(created == 0 || created == SQLO_NOSEG || created == SQLO_REGION_NO_MEMORY) << std::hex << created;
+      if (set != nullptr) {
+        EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(set, 0), 0);
+        useSet(*set, 7, 60, [] {});
       }
+      wasDue = Failure::callsLeft < 0;
+      Failure::callsLeft = -1;
+      if (set != nullptr) {
+        expectSound(instance, *set);
+        EXPECT_FALSE(set->has(SQLO_SET_PENDING_REPORT));
+        EXPECT_EQ(sqlofshr(set), 0);
+      }
+      EXPECT_EQ(statsOf(controller).currentSize, 0U) << "call " << call;
+      EXPECT_FALSE(std::filesystem::exists(instance.region() + ":set.1"));
+      ASSERT_LT(call, 2000);
     }
-    const std::string log = logText(instance);
-    for (const char* text :
-         {"Private memory and/or virtual address space exhausted", "Failure freeing private memory",
-          "Failed memory commit operation", "Failed memory decommit operation", "New shared memory segment allocation"})
-      EXPECT_GT(occurrences(log, text), 0U) << text;
-    EXPECT_GT(occurrences(log, "DBM_DBMS"), 0U);
-  });
+  }
+  for (std::size_t kind = 1; kind < std::size(kTexts); ++kind)
+    EXPECT_GT(occurrences(logText(instance), kTexts[kind].first), 0U) << kTexts[kind].first;
+}
+
+// What failed under the latch is kept as six words, the first of an operation, and logged once the latch is released.
+TEST_APART(MemSet, ReportsWhatFailedAfterwards) {
+  SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, 20));
+  for (const std::uint32_t kind : {0U, 1U, 2U, 3U, 4U, 5U, 6U}) {
+    const std::size_t before = logText(instance).size();
+    {
+      const SetOperation operation(*set);
+      set->notePendingFailure(static_cast<SetFailure>(kind), ENOMEM, SQLO_NOMEM, {7, 8});
+      set->notePendingFailure(SetFailure::kFree, EPERM, SQLO_NOSEG, {1, 2});
+      EXPECT_TRUE(set->has(SQLO_SET_PENDING_REPORT));
+      const std::uint32_t words[] = {ENOMEM, static_cast<std::uint32_t>(SQLO_NOMEM), 7, 8, 0, kind};
+      EXPECT_EQ(std::memcmp(set->m_pending.words, words, sizeof words), 0);
+      EXPECT_EQ(logText(instance).size(), before);
+    }
+    EXPECT_FALSE(set->has(SQLO_SET_PENDING_REPORT));
+    const std::string log = logText(instance).substr(before);
+    const auto& [text, probe] = kTexts[kind < std::size(kTexts) ? kind : 0];
+    EXPECT_EQ(occurrences(log, text), 1U) << log;
+    EXPECT_EQ(occurrences(log, probe), 1U) << log;
+    EXPECT_EQ(occurrences(log, "PRIVATE"), kind == 3 || kind == 4 ? 1U : 0U) << log;
+  }
 }
 
 // A file system that is really full: a code, no signal, and all that was got can be written to.
@@ -251,108 +267,102 @@ TEST(MemSet, IsToldOfAFullFileSystem) {
   EXPECT_EQ(end, 0);
 }
 
-TEST(MemSet, SaysWhatItCannotGive) {
-  const Instance instance;
-  inProcess([&] {
-    const auto tryCreate = [&](SqloMemSetRequest request, SMemSet** out = nullptr) {
-      SMemSet* set = nullptr;
-      const SqlzZrc result = sqlocshr(&request, &set);
-      if (out != nullptr)
-        *out = set;
-      else if (set != nullptr)
-        sqlofshr(set);
-      return result;
-    };
-    SqloMemSetRequest request = requestOf(SQLO_SET_PRIVATE, 0);
-    EXPECT_EQ(tryCreate(request), SQLO_MEM_SIZE);
-    request = requestOf(3, 10);
-    EXPECT_EQ(tryCreate(request), SQLO_INV_PARM);
-    request = requestOf(SQLO_SET_PRIVATE, 10);
-    request.heapBytes = request.bytes + 1;
-    EXPECT_EQ(tryCreate(request), SQLO_MEM_SIZE);
-    request = requestOf(SQLO_SET_PRIVATE, 10);
-    request.maxBytes = 0xFFFFFFFF;
-    request.paddingBytes = kMb;
-    EXPECT_EQ(tryCreate(request), 0);
-    ::setenv("VEKNTMEMSIZE", "DBM_DB:65536;PRIVATE:1048576", 1);
-    request.paddingBytes = 0;
-    request.maxBytes = 3 * kMb;
+TEST_APART(MemSet, SaysWhatItCannotGive) {
+  const auto tryCreate = [&](SqloMemSetRequest request, SMemSet** out = nullptr) {
     SMemSet* set = nullptr;
-    EXPECT_EQ(tryCreate(request, &set), 0);
-    EXPECT_EQ(set->m_maxChunksAllowed, 16U);
-    EXPECT_EQ(sqloMemSetSetMaxSize(set, 32 * SQLO_CHUNK_BYTES), 0);
-    EXPECT_EQ(sqloMemSetGetGrowthLimit(set), 22 * SQLO_CHUNK_BYTES);
-    EXPECT_EQ(sqloMemSetSetMaxSize(set, 9 * SQLO_CHUNK_BYTES), SQLO_MEM_SIZE);
-    EXPECT_EQ(sqlofshr(set), 0);
-    EXPECT_EQ(sqlofshr(set), SQLO_INV_MEM);
-    ::unsetenv("VEKNTMEMSIZE");
-    request.maxBytes = 0;
-    ::setenv("VEKMEMDBG", "ALL", 1);
-    ::setenv("VEK_DEFER_MEMORY_COMMIT", "ON", 1);
-    request.commitBytes = SQLO_CHUNK_BYTES;
-    EXPECT_EQ(tryCreate(request, &set), 0);
-    EXPECT_EQ(set->m_committedChunks, 1U);
-    void* block = nullptr;
-    ASSERT_EQ(takeChunks(*set, 1, &block), 0);
-    ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1), 0);
-    EXPECT_EQ(*static_cast<unsigned char*>(block), 0xDD);
-    ::unsetenv("VEK_DEFER_MEMORY_COMMIT");
-    SqloMemController* controller = controllerOf(kMb);
-    request.bytes = 2 * kMb;
-    EXPECT_EQ(tryCreate(request), SQLO_NO_INS_MEM);
-    request.bytes = kMb;
-    request.maxBytes = 2 * kMb;
-    request.options = kOptions | SQLO_SET_PINNED | SQLO_SET_LARGE_PAGES;
-    ossCalls().mlock = [](const void*, std::size_t) {
-      errno = EPERM;
-      return -1;
-    };
-    ossCalls().madvise = [](void*, std::size_t, int) {
-      errno = EINVAL;
-      return -1;
-    };
-    EXPECT_EQ(tryCreate(request, &set), 0);
-    EXPECT_EQ(set->m_options & (SQLO_SET_PINNED | SQLO_SET_LARGE_PAGES), 0U);
-    EXPECT_EQ(sqloMemSetPageSize(set), 4096U);
-    EXPECT_EQ(takeChunks(*set, 17, &block), SQLO_NOMEM) << "the controller does not let it grow";
-    EXPECT_EQ(statsOf(controller).currentSize, kMb);
-    EXPECT_EQ(sqlocshr(nullptr, &set), SQLO_INV_PARM);
-    const std::string log = logText(instance);
-    constexpr const char* kTruncated =
-        "Set 9 size truncated from 3145728 bytes to 1048576 bytes  To avoid this truncation, either reduce your memory "
-        "configuration parameters for this set or update the VEKNTMEMSIZE registry variable with the string "
-        "PRIVATE:3145728.";
-    for (const char* text : {"Insufficient set size for heap reservations.", kTruncated,
-                             "Set 9 size truncated from 4294967295 bytes to 4294901760 bytes",
-                             "The value requested for padding was 1048576, and the value assigned is 0.",
-                             "No private set handle.", "Deferred memory commit is disabled in memory debug modes",
-                             "Insufficient INSTANCE_MEMORY to allocate new memory set.",
-                             "Can not continue with large page support, disabling to continue",
-                             "Can not continue with VEK_PINNED_BP=true, disabling to continue", "pSetHdl was NULL"})
-      EXPECT_EQ(occurrences(log, text), 1U) << text;
-  });
+    const SqlzZrc result = sqlocshr(&request, &set);
+    if (out != nullptr)
+      *out = set;
+    else if (set != nullptr)
+      sqlofshr(set);
+    return result;
+  };
+  SqloMemSetRequest request = requestOf(SQLO_SET_PRIVATE, 0);
+  EXPECT_EQ(tryCreate(request), SQLO_MEM_SIZE);
+  request = requestOf(3, 10);
+  EXPECT_EQ(tryCreate(request), SQLO_INV_PARM);
+  request = requestOf(SQLO_SET_PRIVATE, 10);
+  request.heapBytes = request.bytes + 1;
+  EXPECT_EQ(tryCreate(request), SQLO_MEM_SIZE);
+  request = requestOf(SQLO_SET_PRIVATE, 10);
+  request.maxBytes = 0xFFFFFFFF;
+  request.paddingBytes = kMb;
+  EXPECT_EQ(tryCreate(request), 0);
+  ::setenv("VEKNTMEMSIZE", "DBM_DB:65536;PRIVATE:1048576", 1);
+  request.paddingBytes = 0;
+  request.maxBytes = 3 * kMb;
+  SMemSet* set = nullptr;
+  EXPECT_EQ(tryCreate(request, &set), 0);
+  EXPECT_EQ(set->m_maxChunksAllowed, 16U);
+  EXPECT_EQ(sqloMemSetSetMaxSize(set, 32 * SQLO_CHUNK_BYTES), 0);
+  EXPECT_EQ(sqloMemSetGetGrowthLimit(set), 22 * SQLO_CHUNK_BYTES);
+  EXPECT_EQ(sqloMemSetSetMaxSize(set, 9 * SQLO_CHUNK_BYTES), SQLO_MEM_SIZE);
+  EXPECT_EQ(sqlofshr(set), 0);
+  EXPECT_EQ(sqlofshr(set), SQLO_INV_MEM);
+  ::unsetenv("VEKNTMEMSIZE");
+  request.maxBytes = 0;
+  ::setenv("VEKMEMDBG", "ALL", 1);
+  ::setenv("VEK_DEFER_MEMORY_COMMIT", "ON", 1);
+  request.commitBytes = SQLO_CHUNK_BYTES;
+  EXPECT_EQ(tryCreate(request, &set), 0);
+  EXPECT_EQ(set->m_committedChunks, 1U);
+  void* block = nullptr;
+  ASSERT_EQ(takeChunks(*set, 1, &block), 0);
+  ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1), 0);
+  EXPECT_EQ(*static_cast<unsigned char*>(block), 0xDD);
+  ::unsetenv("VEK_DEFER_MEMORY_COMMIT");
+  SqloMemController* controller = controllerOf(kMb);
+  request.bytes = 2 * kMb;
+  EXPECT_EQ(tryCreate(request), SQLO_NO_INS_MEM);
+  request.bytes = kMb;
+  request.maxBytes = 2 * kMb;
+  request.options = kOptions | SQLO_SET_PINNED | SQLO_SET_LARGE_PAGES;
+  ossCalls().mlock = [](const void*, std::size_t) {
+    errno = EPERM;
+    return -1;
+  };
+  ossCalls().madvise = [](void*, std::size_t, int) {
+    errno = EINVAL;
+    return -1;
+  };
+  EXPECT_EQ(tryCreate(request, &set), 0);
+  EXPECT_EQ(set->m_options & (SQLO_SET_PINNED | SQLO_SET_LARGE_PAGES), 0U);
+  EXPECT_EQ(sqloMemSetPageSize(set), 4096U);
+  EXPECT_EQ(takeChunks(*set, 17, &block), SQLO_NOMEM) << "the controller does not let it grow";
+  EXPECT_EQ(statsOf(controller).currentSize, kMb);
+  EXPECT_EQ(sqlocshr(nullptr, &set), SQLO_INV_PARM);
+  const std::string log = logText(instance);
+  constexpr const char* kTruncated =
+      "Set 9 size truncated from 3145728 bytes to 1048576 bytes  To avoid this truncation, either reduce your memory "
+      "configuration parameters for this set or update the VEKNTMEMSIZE registry variable with the string "
+      "PRIVATE:3145728.";
+  for (const char* text : {"Insufficient set size for heap reservations.", kTruncated,
+                           "Set 9 size truncated from 4294967295 bytes to 4294901760 bytes",
+                           "The value requested for padding was 1048576, and the value assigned is 0.",
+                           "No private set handle.", "Deferred memory commit is disabled in memory debug modes",
+                           "Insufficient INSTANCE_MEMORY to allocate new memory set.",
+                           "Can not continue with large page support, disabling to continue",
+                           "Can not continue with VEK_PINNED_BP=true, disabling to continue", "pSetHdl was NULL"})
+    EXPECT_EQ(occurrences(log, text), 1U) << text;
 }
 
-TEST(MemSet, IsCommittedInTheBackground) {
-  const Instance instance;
-  inProcess([&] {
-    SqloMemSetRequest request = requestOf(SQLO_SET_DBM_DB, 30);
-    request.commitBytes = 20 << SQLO_CHUNK_SHIFT;
-    for (const bool isOn : {true, false}) {
-      ::setenv("VEK_ENABLE_BG_COMMIT", isOn ? "TRUE" : "OFF", 1);
-      SMemSet* set = create(request);
-      ASSERT_NE(set, nullptr);
-      EXPECT_EQ(sqloBgCommitIsNeeded(set), isOn);
-      EXPECT_EQ(set->m_committedChunks, isOn ? 0U : 20U);
-      std::uint32_t total = 0;
-      for (std::uint32_t committed = 1; committed != 0; total += committed)
-        ASSERT_EQ(sqloBgCommit(set, 7, &committed), 0);
-      EXPECT_EQ(total, isOn ? 20U : 0U);
-      expectSound(instance, *set);
-      EXPECT_EQ(sqlofshr(set), 0);
-    }
-    EXPECT_FALSE(sqloBgCommitIsNeeded(nullptr));
-  });
+TEST_APART(MemSet, IsCommittedInTheBackground) {
+  SqloMemSetRequest request = requestOf(SQLO_SET_DBM_DB, 30);
+  request.commitBytes = 20 << SQLO_CHUNK_SHIFT;
+  for (const bool isOn : {true, false}) {
+    ::setenv("VEK_ENABLE_BG_COMMIT", isOn ? "TRUE" : "OFF", 1);
+    SMemSet* set = create(request);
+    ASSERT_NE(set, nullptr);
+    EXPECT_EQ(sqloBgCommitIsNeeded(set), isOn);
+    EXPECT_EQ(set->m_committedChunks, isOn ? 0U : 20U);
+    std::uint32_t total = 0;
+    for (std::uint32_t committed = 1; committed != 0; total += committed)
+      ASSERT_EQ(sqloBgCommit(set, 7, &committed), 0);
+    EXPECT_EQ(total, isOn ? 20U : 0U);
+    expectSound(instance, *set);
+    EXPECT_EQ(sqlofshr(set), 0);
+  }
+  EXPECT_FALSE(sqloBgCommitIsNeeded(nullptr));
 }
 
 // ---- several processes
@@ -440,16 +450,13 @@ TEST(MemSet, IsAnotherOneForAChildOfFork) {
   });
 }
 
-TEST(MemSet, IsRefusedWhereItsAddressIsTaken) {
-  const Instance instance;
-  inProcess([] {
-    void* where = std::bit_cast<void*>(addressOfWindow(SHARED_WINDOWS, 1) + 4096);
-    ASSERT_EQ(::mmap(where, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0), where);
-    SMemSet* set = nullptr;
-    const SqloMemSetRequest request = requestOf(SQLO_SET_DBM_DBMS, 50);
-    EXPECT_EQ(sqlocshr(&request, &set), SQLO_ADDRESS_TAKEN);
-    EXPECT_FALSE(sqloIsSetAlreadyConnected(SQLO_SET_DBM_DBMS, "SAMPLE"));
-  });
+TEST_APART(MemSet, IsRefusedWhereItsAddressIsTaken) {
+  void* where = std::bit_cast<void*>(addressOfWindow(SHARED_WINDOWS, 1) + 4096);
+  ASSERT_EQ(::mmap(where, 4096, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED_NOREPLACE, -1, 0), where);
+  SMemSet* set = nullptr;
+  const SqloMemSetRequest request = requestOf(SQLO_SET_DBM_DBMS, 50);
+  EXPECT_EQ(sqlocshr(&request, &set), SQLO_ADDRESS_TAKEN);
+  EXPECT_FALSE(sqloIsSetAlreadyConnected(SQLO_SET_DBM_DBMS, "SAMPLE"));
 }
 
 // Processes are killed at random in the middle of changes; those that live on find a sound set.
