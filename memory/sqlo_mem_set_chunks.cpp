@@ -204,7 +204,7 @@ SqlzZrc SMemSet::getChunksForInternalUse(std::uint32_t chunks, std::uint32_t* fi
     // What is kept for fast reuse may lie in between.
     if (m_fastCount == 0) return SQLO_NOTAVAIL;
     freeFastChunksUntilTargetReached(m_fastCount);
-    return getChunksForInternalUse(chunks, first);
+    return trace.exit(getChunksForInternalUse(chunks, first));
   }
   const SqlzZrc committed = commitMemory({found, chunks});
   if (committed != 0) return trace.exit(committed);
