@@ -20,6 +20,7 @@
 // Blocks are the truth: after the death of a holder of the latch everything else is made anew from them.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <mutex>
@@ -43,7 +44,8 @@ struct FastCache;
 inline constexpr std::uint32_t MEM_DEBUG_EYE_CATCHER = 0x474244E5;
 inline constexpr std::uint32_t KEPT_MOST_STRIDE = 2048;
 inline constexpr std::uint32_t KEPT_LISTS = KEPT_MOST_STRIDE / SQLO_BLOCK_ALIGNMENT + 1;
-inline constexpr std::uint32_t KEPT_LEAST_BYTES = 1024 * 1024;  // kept, before all kept blocks are joined
+inline constexpr std::uint32_t KEPT_LEAST_BYTES = 1024 * 1024;      // kept, before all kept blocks are joined
+inline constexpr std::uint32_t KEPT_MOST_BYTES = 32 * 1024 * 1024;  // joining these holds the latch for milliseconds
 inline constexpr std::uint32_t CACHED_CHUNKS_MOST = 4;
 inline constexpr std::uint32_t GROWTH_MOST_CHUNKS = 16;  // that a pool grows by beyond what a request needs
 inline constexpr std::uint32_t MEM_POOL_DEPTH = 2;       // of sub-pools below a base pool
@@ -169,6 +171,14 @@ struct KeptChain {
 void sqloi_keepChain(MemPool& pool, std::uint32_t first, Block last, std::uint32_t count, std::uint32_t stride,
                      PoolOperation& operation) noexcept;
 KeptChain sqloi_takeChain(MemPool& pool, std::uint32_t stride, std::uint32_t most) noexcept;
+
+// Whether a pool keeps so many freed blocks that they are to be joined: more than are in use. Threads that free what
+// others allocate pass about that much through the pool again and again.
+inline bool sqloi_keepsTooMuch(const MemPool& pool) noexcept {
+  const std::uint32_t kept = __atomic_load_n(&pool.m_keptBytes, __ATOMIC_RELAXED);
+  const std::uint32_t used = __atomic_load_n(&pool.m_currentUsed, __ATOMIC_RELAXED);
+  return kept > KEPT_LEAST_BYTES + std::min(used, KEPT_MOST_BYTES - KEPT_LEAST_BYTES);
+}
 
 // Joins all kept blocks with their neighbours; the carve goes back to the tree.
 void sqloi_joinKept(MemPool& pool, PoolOperation& operation) noexcept;

@@ -308,8 +308,7 @@ bool keep(MemPool& pool, Block block, std::uint32_t stride, const char* file, st
 
 // Under the latch, or deferred, the most frequent case: a block that the pool keeps. False: there is more to do.
 bool keepLatched(MemPool& pool, Block block, std::uint32_t stride, BlockPlace place) noexcept {
-  if (stride > KEPT_MOST_STRIDE || pool.m_deferred.load(std::memory_order_relaxed) != 0 ||
-      __atomic_load_n(&pool.m_keptBytes, __ATOMIC_RELAXED) > KEPT_LEAST_BYTES - KEPT_MOST_STRIDE)
+  if (stride > KEPT_MOST_STRIDE || pool.m_deferred.load(std::memory_order_relaxed) != 0 || sqloi_keepsTooMuch(pool))
     return false;
   setPlace(block, place, 0);
   SqloSpinLatch& latch = pool.base().m_latch;

@@ -162,14 +162,6 @@ void sqloi_joinBlock(MemPool& pool, Block block, PoolOperation& operation) noexc
     sqloi_treeInsert(&pool.m_freeTree, block);
 }
 
-namespace {
-
-bool isKeptTooMuch(const MemPool& pool) noexcept {
-  return pool.m_keptBytes > KEPT_LEAST_BYTES + pool.m_currentUsed / 8;
-}
-
-}  // namespace
-
 void sqloi_putBlock(MemPool& pool, Block block, PoolOperation& operation) noexcept {
   const std::uint32_t stride = strideOf(block);
   if (stride > KEPT_MOST_STRIDE) return sqloi_joinBlock(pool, block, operation);
@@ -178,7 +170,7 @@ void sqloi_putBlock(MemPool& pool, Block block, PoolOperation& operation) noexce
   setLink(block, head);
   head = shortOf(block);
   sqloi_add(pool.m_keptBytes, stride);
-  if (isKeptTooMuch(pool)) sqloi_joinKept(pool, operation);
+  if (sqloi_keepsTooMuch(pool)) sqloi_joinKept(pool, operation);
 }
 
 void sqloi_keepChain(MemPool& pool, std::uint32_t first, Block last, std::uint32_t count, std::uint32_t stride,
@@ -188,7 +180,7 @@ void sqloi_keepChain(MemPool& pool, std::uint32_t first, Block last, std::uint32
   head = first;
   sqloi_add(pool.m_keptBytes, std::int64_t{count} * stride);
   sqloi_noteUsed(pool, -std::int64_t{count} * stride, -static_cast<std::int32_t>(count));
-  if (isKeptTooMuch(pool)) sqloi_joinKept(pool, operation);
+  if (sqloi_keepsTooMuch(pool)) sqloi_joinKept(pool, operation);
 }
 
 KeptChain sqloi_takeChain(MemPool& pool, std::uint32_t stride, std::uint32_t most) noexcept {
