@@ -1,7 +1,6 @@
 // Folding of failures into the SQL communications area.
 #include "veksys/diag/sqlca.h"
 
-#include <algorithm>
 #include <climits>
 #include <cstring>
 
@@ -67,49 +66,37 @@ TEST_APART(SqlcaFold, WritesCodeStateTokensAndZrc) {
   EXPECT_EQ(area.sqlerrd[0], kZrc);
   EXPECT_EQ(std::string(area.sqlcaid, 8), "SQLCA   ");
   sqlzSqlcodeToSqlca(nullptr, nullptr, kZrc, nullptr, -911, 0);
-}
 
-TEST_APART(SqlcaFold, ClearsTheTokensOfAReplacedWarning) {
-  sqlca area = emptyArea();
+  area = emptyArea();
   sqlzFoldSqlcode(nullptr, &area, 0, nullptr, 100, "left", std::string("over"));
   EXPECT_EQ(tokensOf(area), std::string("left") + kSeparator + "over");
+  sqlzRcToSqlca(nullptr, &area, 0, nullptr, 0);
+  EXPECT_EQ(area.sqlcode, 100) << "success folds nothing";
+  sqlca other = area;
   sqlzFoldZrc(nullptr, &area, kZrc, nullptr);
   EXPECT_EQ(area.sqlcode, -911);
-  EXPECT_EQ(area.sqlerrml, 0);
+  EXPECT_EQ(area.sqlerrml, 0) << "those of the warning";
+  sqlzRcToSqlca(nullptr, &other, SQLO_FNEX, nullptr, 1, std::int32_t{4}, "file");
+  EXPECT_EQ(other.sqlcode, -980);
+  EXPECT_EQ(tokensOf(other), "file");
+  EXPECT_EQ(other.sqlerrd[0], SQLO_FNEX);
 }
 
-TEST_APART(SqlcaFold, CallsBackBeforeItWrites) {
+TEST_APART(SqlcaFold, CallsBackBeforeItWritesAndDumpsTheEngineUnitOfAnInternalError) {
   using Seen = std::tuple<std::int32_t, SqlzZrc, std::int32_t, std::uint32_t>;
   static std::vector<Seen> seen;
+  static std::vector<SqlzZrc> dumped;
   const SqlzErrorCallback note = [](SqlzCallerContext* context, sqlca* area, SqlzZrc zrc, std::int32_t sqlcode) {
     seen.emplace_back(area->sqlcode, zrc, sqlcode, context->flags);
   };
+  vek::platformtest::installHost(
+      [](VekHost& host) { host.dumpEngineUnit = [](void*, SqlzZrc zrc) { dumped.push_back(zrc); }; });
   SqlzCallerContext context = {0, nullptr};
   sqlca area = emptyArea();
   area.sqlcode = 100;
-  sqlzSqlcodeToSqlca(&context, &area, kZrc, note, -902, 0);
-  sqlzSqlcodeToSqlca(&context, &area, kZrc, note, -902, 0);  // an error stays: no call
-  EXPECT_EQ(seen, (std::vector<Seen>{{100, kZrc, -902, SQLZ_CONTEXT_SQLCA_SET}}));
-}
-
-TEST_APART(SqlcaFold, MapsAReturnCode) {
-  sqlca area = emptyArea();
-  area.sqlcode = 100;
-  sqlzRcToSqlca(nullptr, &area, 0, nullptr, 0);
-  EXPECT_EQ(area.sqlcode, 100);
-  sqlzRcToSqlca(nullptr, &area, SQLO_FNEX, nullptr, 1, std::int32_t{4}, "file");
-  EXPECT_EQ(area.sqlcode, -980);
-  EXPECT_EQ(tokensOf(area), "file");
-  EXPECT_EQ(area.sqlerrd[0], SQLO_FNEX);
-}
-
-TEST_APART(SqlcaFold, DumpsTheEngineUnitOfAnInternalError) {
-  static std::vector<SqlzZrc> dumped;
-  vek::platformtest::installHost(
-      [](VekHost& host) { host.dumpEngineUnit = [](void*, SqlzZrc zrc) { dumped.push_back(zrc); }; });
-  sqlca area = emptyArea();
-  sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -901, 0);
-  sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -901, 0);  // not folded: not dumped
+  for (int i = 0; i < 2; ++i)  // the second time an error stays: no call, no dump
+    sqlzSqlcodeToSqlca(&context, &area, kZrc, note, -901, 0);
+  EXPECT_EQ(seen, (std::vector<Seen>{{100, kZrc, -901, SQLZ_CONTEXT_SQLCA_SET}}));
   area = emptyArea();
   sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -902, 0);
   EXPECT_EQ(dumped, std::vector<SqlzZrc>{kZrc});
@@ -123,55 +110,45 @@ TEST_APART(SqlcaTokens, AreCutToThirtyFiveAndSeventyBytes) {
   EXPECT_EQ(count, 35);
   EXPECT_EQ(area.sqlerrml, 69);
   EXPECT_EQ(tokensOf(area).substr(66), std::string("x") + kSeparator + "x");
+#define FOUR std::int32_t{1}, "a", std::int32_t{1}, "b", std::int32_t{1}, "c", std::int32_t{1}, "d"
+  sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -911, 36, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR);
+#undef FOUR
+  EXPECT_EQ(tokensOf(area).substr(66), std::string("b") + kSeparator + "c");
 
   const std::string text(80, 'y');
-  const struct {
-    std::vector<std::int32_t> lengths;
-    std::int16_t stored;
-  } cases[] = {{{}, 0},       {{0}, 0},      {{69}, 69},     {{70}, 70},     {{71}, 70},
-               {{69, 0}, 70}, {{70, 1}, 70}, {{34, 35}, 70}, {{34, 36}, 70}, {{0, 0, 0}, 2}};
-  for (const auto& one : cases) {
+  const std::pair<std::vector<std::int32_t>, std::int16_t> cases[] = {
+      {{}, 0},       {{0}, 0},      {{69}, 69},     {{70}, 70},     {{71}, 70},
+      {{69, 0}, 70}, {{70, 1}, 70}, {{34, 35}, 70}, {{34, 36}, 70}, {{0, 0, 0}, 2}};
+  for (const auto& [lengths, stored] : cases) {
     tokens.clear();
-    for (const std::int32_t length : one.lengths) tokens.push_back({length, text.data()});
+    for (const std::int32_t length : lengths) tokens.push_back({length, text.data()});
     count = static_cast<std::int32_t>(tokens.size());
     EXPECT_EQ(sqlzStoreVariableMsgTokensInSqlca(&area, &count, tokens.data()), 0);
-    EXPECT_EQ(area.sqlerrml, one.stored);
-    EXPECT_EQ(count, static_cast<std::int32_t>(one.lengths.size()));
+    EXPECT_EQ(area.sqlerrml, stored);
+    EXPECT_EQ(count, static_cast<std::int32_t>(lengths.size()));
   }
   EXPECT_EQ(std::string(area.sqlerrp, 6), "VEKSYS");  // the field behind the tokens
 }
 
-TEST_APART(SqlcaTokens, TakeMorePairsThanAnAreaHolds) {
-  sqlca area = emptyArea();
-#define FOUR std::int32_t{1}, "a", std::int32_t{1}, "b", std::int32_t{1}, "c", std::int32_t{1}, "d"
-  sqlzSqlcodeToSqlca(nullptr, &area, kZrc, nullptr, -911, 36, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR, FOUR);
-#undef FOUR
-  EXPECT_EQ(area.sqlerrml, 69);
-  EXPECT_EQ(area.sqlerrmc[68], 'c');
-}
-
 TEST_APART(SqlcaTokens, WithImpossibleLengthsAreReportedAndNotStored) {
-  const struct {
-    std::vector<std::int32_t> lengths;
-    const char* event;
-  } cases[] = {
+  const std::pair<std::vector<std::int32_t>, const char*> cases[] = {
       {{INT_MAX, 1}, "Invalid token length for SQLCA (token count 2, token index 1)"},
       {{1, -1, 1}, "Invalid token length for SQLCA (token count 3, token index 1)"},
       {{INT_MIN}, "Invalid token length for SQLCA (token count 1, token index 0)"},
   };
   static std::vector<std::string> reported;
   vek::g_ports.reportEvent = [](const vek::PortEvent& event) { reported.emplace_back(event.message); };
-  for (const auto& one : cases) {
+  for (const auto& [lengths, event] : cases) {
     reported.clear();
     sqlca area = emptyArea();
     std::vector<SqlzToken> tokens;
-    for (const std::int32_t length : one.lengths) tokens.push_back({length, "z"});
+    for (const std::int32_t length : lengths) tokens.push_back({length, "z"});
     std::memcpy(area.sqlerrmc, "old", 3);
     area.sqlerrml = 3;
     auto count = static_cast<std::int32_t>(tokens.size());
     EXPECT_EQ(sqlzStoreVariableMsgTokensInSqlca(&area, &count, tokens.data()), SQLO_INV_PARM);
     EXPECT_EQ(tokensOf(area), "old");
-    EXPECT_EQ(reported, std::vector<std::string>{one.event});
+    EXPECT_EQ(reported, std::vector<std::string>{event});
     sqlzSqlcodeToSqlcaTokens(nullptr, &area, kZrc, nullptr, -902, count, tokens.data());
     EXPECT_EQ(area.sqlcode, -902);  // the code is folded without tokens
     EXPECT_EQ(area.sqlerrml, 0);
@@ -194,15 +171,13 @@ TEST_APART(SqlcaTokens, MayBeMissing) {
 }
 
 TEST_APART(SqlState, IsThatOfTheCode) {
-  const struct {
-    std::int32_t sqlcode;
-    const char* state;
-  } cases[] = {{0, "00000"},    {100, "02000"},  {-911, "40001"},   {-902, "58005"},  {-803, "23505"},
-               {-104, "42601"}, {-952, "57014"}, {-99999, "58004"}, {99998, "01000"}, {INT_MIN, "58004"}};
-  for (const auto& one : cases) {
+  const std::pair<std::int32_t, const char*> cases[] = {
+      {0, "00000"},    {100, "02000"},  {-911, "40001"},   {-902, "58005"},  {-803, "23505"},
+      {-104, "42601"}, {-952, "57014"}, {-99999, "58004"}, {99998, "01000"}, {INT_MIN, "58004"}};
+  for (const auto& [sqlcode, wanted] : cases) {
     char state[6] = "?????";
-    sqlzelsc(one.sqlcode, state);
-    EXPECT_STREQ(state, one.state) << one.sqlcode;
+    sqlzelsc(sqlcode, state);
+    EXPECT_STREQ(state, wanted) << sqlcode;
   }
   sqlzelsc(-902, nullptr);
 }
@@ -210,11 +185,8 @@ TEST_APART(SqlState, IsThatOfTheCode) {
 // Lost data above substituted values, those above degraded plans, those above no row, that above mere information.
 TEST_APART(WarningPrecedence, IsAStrictOrder) {
   const std::int32_t ascending[] = {598, 100, 437, 335, 445};
-  for (const std::int32_t low : ascending)
-    for (const std::int32_t high : ascending)
-      EXPECT_EQ(sqlzewsc(low, high), std::find(std::begin(ascending), std::end(ascending), low) <
-                                         std::find(std::begin(ascending), std::end(ascending), high))
-          << low << ' ' << high;
+  for (const std::int32_t& low : ascending)
+    for (const std::int32_t& high : ascending) EXPECT_EQ(sqlzewsc(low, high), &low < &high) << low << ' ' << high;
 }
 
 }  // namespace
