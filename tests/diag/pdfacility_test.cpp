@@ -4,34 +4,19 @@
 #include <set>
 
 #include "diag/base/pdlog.h"
+#include "pdlog_support.h"
 #include "platform/library_mutex.h"
-#include "platform/support.h"
 #include "veksys/codes.h"
 
-using namespace vek;
-using namespace vek::platformtest;
-
+namespace vek::logtest {
 namespace {
-
-constexpr EcfFunctionId kFunction = ecfFunctionId(0x0F, 1);
 
 std::string log(const char* name = "vekdiag") {
   return contentOf(std::string(::getenv("VEK_INSTANCE_DIR")) + "/diag/" + name + ".log");
 }
 
-// What was written to the log since the last call of this.
-std::string news() {
-  static std::size_t seen = 0;
-  const std::string all = log();
-  const std::string fresh = all.substr(seen);
-  seen = all.size();
-  return fresh;
-}
-
-std::uint64_t to(std::uint32_t facility) { return static_cast<std::uint64_t>(facility) << PD_LOG_FACILITY_SHIFT; }
-
 SqlzZrc write(std::uint32_t facility, std::uint32_t level, const char* text) {
-  return pdLogPrintf(to(facility), kFunction, 0, 1, level, "%s", text);
+  return pdLogPrintf(static_cast<std::uint64_t>(facility) << PD_LOG_FACILITY_SHIFT, kFunction, 0, 1, level, "%s", text);
 }
 
 // ---- facilities -------------------------------------------------------------------------------------------------
@@ -71,29 +56,31 @@ TEST_APART(FacilityLogs, OneThatCannotBeWrittenLosesItsOwnRecords) {
   ASSERT_EQ(pdLogFacOpen("lost", PD_LEVEL_EVENT, &lost), 0);
   ASSERT_TRUE(std::filesystem::create_directories(instance.directory() + "/instance/diag/lost.log"));
   EXPECT_EQ(write(lost, PD_LEVEL_ERROR, "nowhere"), SQLT_DIAGERR_LOGERR);
-  EXPECT_EQ(pdLogPrintf(0, kFunction, 0, 1, PD_LEVEL_ERROR, "goes on"), 0);
+  EXPECT_EQ(logText("goes on"), 0);
   EXPECT_TRUE(holds(log(), "goes on") && !holds(log(), "ALT_DIAGPATH")) << log();
 }
 
 TEST_APART(FacilityLogs, NamesThatLeadElsewhereAreRefused) {
   std::uint32_t facility = 0;
   const std::string longest(64, 'x');
-  for (const std::string& name :
-       {std::string(), std::string(".hidden"), std::string("../up"), std::string("a/b"), std::string("a b"),
-        std::string("vekdiag"), std::string("vekdiag.0"), longest + "x", std::string("a\n")})
-    EXPECT_EQ(pdLogFacOpen(name.c_str(), 1, &facility), SQLO_INV_PARM) << name;
-  EXPECT_EQ(pdLogFacOpen(nullptr, 1, &facility), SQLO_INV_PARM);
+  const std::string tooLong = longest + "x";
+  for (const char* name : {"", ".hidden", "../up", "a/b", "a b", "a\n", "vekdiag", "vekdiag.0", tooLong.c_str(),
+                           static_cast<const char*>(nullptr)})
+    EXPECT_EQ(pdLogFacOpen(name, 1, &facility), SQLO_INV_PARM) << (name == nullptr ? "null" : name);
   EXPECT_EQ(pdLogFacOpen("a", 1, nullptr), SQLO_INV_PARM);
   EXPECT_EQ(facility, 0U);
-  for (const std::string& name : {longest, std::string("vekdiag2"), std::string("A-b_9.c")})
-    EXPECT_EQ(pdLogFacOpen(name.c_str(), 1, &facility), 0) << name;
+  for (const char* name : {longest.c_str(), "vekdiag2", "A-b_9.c"})
+    EXPECT_EQ(pdLogFacOpen(name, 1, &facility), 0) << name;
 }
 
+// Also where there was no memory for a name at first.
 TEST_APART(FacilityLogs, ThreadsThatOpenAtOnceAgreeOnTheNumbers) {
   constexpr std::uint32_t kThreads = 8;
   constexpr std::uint32_t kNames = 40;
   std::uint32_t numbers[kThreads][kNames] = {};
   EXPECT_EQ(pdLogFacOpen("first", 1, &numbers[0][0]), 0);  // the first traced call maps the trace words
+  makeFail<&OssCalls::mmap>(0, ENOMEM);
+  EXPECT_EQ(pdLogFacOpen("name0", 1, &numbers[0][0]), SQLT_DIAGERR_LOGERR);
   std::atomic<std::uint32_t> ready = 0;
   inThreads(kThreads, [&](unsigned thread) {
     ++ready;
@@ -106,20 +93,10 @@ TEST_APART(FacilityLogs, ThreadsThatOpenAtOnceAgreeOnTheNumbers) {
   for (const auto& each : numbers) EXPECT_EQ(std::memcmp(each, numbers[0], sizeof each), 0);
 }
 
-TEST_APART(FacilityLogs, WithoutMemoryTheAnswerIsACode) {
-  std::uint32_t facility = 0;
-  EXPECT_EQ(pdLogFacOpen("first", 1, &facility), 0);
-  makeFail<&OssCalls::mmap>(0, ENOMEM);
-  EXPECT_EQ(pdLogFacOpen("a", 1, &facility), SQLT_DIAGERR_LOGERR);
-  EXPECT_EQ(pdLogFacOpen("a", 1, &facility), 0);
-}
-
 // ---- the older interface ----------------------------------------------------------------------------------------
 
 TEST_APART(OlderInterface, EachCallWritesOneRecord) {
   const char bytes[] = "ABCD";
-  (void)sqlt_logerr_string(kFunction, 1, PD_LEVEL_INFO, "the first record brings the file's own with it");
-  (void)news();
   const struct {
     SqlzZrc result;
     std::vector<std::string> parts;
@@ -136,17 +113,12 @@ TEST_APART(OlderInterface, EachCallWritesOneRecord) {
        {"MESSAGE : all", "RETCODE : ZRC=0x8B0F0000", "4142 4344"}},
       {sqlt_logerr(kFunction, 19, PD_LEVEL_ERROR, 0, nullptr, 0, nullptr), {"probe:19"}},
   };
-  const std::string text = news();
-  std::size_t at = 0;
-  for (const auto& each : cases) {
-    SCOPED_TRACE(each.parts.front());
-    EXPECT_EQ(each.result, 0);
-    const std::size_t end = std::min(text.find("\r\n\r\n", at), text.size());
-    const std::string record = text.substr(at, end - at);
-    for (const std::string& part : each.parts) EXPECT_TRUE(holds(record, part)) << part << "\n" << record;
-    at = std::min(end + 2, text.size());
+  const std::vector<std::string> records = Log{instance}.records();
+  ASSERT_EQ(records.size(), 1 + std::size(cases)) << "one each, behind the one that begins the file";
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    EXPECT_EQ(cases[i].result, 0);
+    for (const std::string& part : cases[i].parts) EXPECT_TRUE(holds(records[i + 1], part)) << part << records[i + 1];
   }
-  EXPECT_FALSE(holds(text.substr(at), "LEVEL: ")) << "one record each";
 }
 
 // ---- messages of the OS-services layer --------------------------------------------------------------------------
@@ -159,31 +131,26 @@ TEST(OSSeMessages, WhatNobodyIsToldOfBecomesARecord) {
       const int result = ::close(fd);
       return std::exchange(isFailing, false) ? (errno = EIO, -1) : result;
     };
-    const auto closeBadly = [] {
+    auto recordsOfBadClose = [&, seen = std::size_t{0}]() mutable {
       isFailing = true;
       ossClose(::dup(0));
+      const std::string all = log();
+      return all.substr(std::exchange(seen, all.size()));
     };
-    closeBadly();
-    EXPECT_EQ(log(), "") << "no hook yet";
+    EXPECT_EQ(recordsOfBadClose(), "") << "no hook yet";
     EXPECT_EQ(sqltSyncOSSeLogFacility(), 0);
     EXPECT_EQ(sqltSyncOSSeLogFacility(), 0);
-    closeBadly();
-    EXPECT_TRUE(holds(log(), "A file could not be closed"));
-    EXPECT_TRUE(holds(log(), "EIO (5)"));
-
+    const std::string record = recordsOfBadClose();
+    EXPECT_TRUE(holds(record, "A file could not be closed") && holds(record, "EIO (5)")) << record;
     EXPECT_EQ(sqltSetOSSeLogLevel(PD_LEVEL_SEVERE), 0);
-    (void)news();
-    closeBadly();
-    EXPECT_EQ(news(), "");
+    EXPECT_EQ(recordsOfBadClose(), "");
     EXPECT_EQ(sqltSetOSSeLogLevel(7), SQLT_OSSE_LOG_SET_LEVEL_FAILED);
     EXPECT_EQ(sqltSetOSSeLogLevel(PD_LEVEL_EVENT), 0);
     {
       const LockDepth inside;
-      closeBadly();
+      EXPECT_EQ(recordsOfBadClose(), "") << "not from inside a lock";
     }
-    EXPECT_EQ(news(), "") << "not from inside a lock";
-    closeBadly();
-    EXPECT_TRUE(holds(news(), "1 messages were held back because they came from inside a lock"));
+    EXPECT_TRUE(holds(recordsOfBadClose(), "1 messages were held back because they came from inside a lock"));
   });
   inProcess([] {
     ASSERT_EQ(ossSetLogHook([](const PdOSSeMessage*) noexcept {}), 0);
@@ -193,25 +160,16 @@ TEST(OSSeMessages, WhatNobodyIsToldOfBecomesARecord) {
 
 // ---- optional header fields -------------------------------------------------------------------------------------
 
-bool hostFields(void*, VekApplication* out) {
-  out->hasHandle = true;
-  out->handlePartition = 1;
-  out->handleIndex = 2;
-  ossCopyText(out->applicationId, sizeof out->applicationId, "host-app");
-  ossCopyText(out->databaseName, sizeof out->databaseName, "HOSTDB");
-  out->unitOfWorkId = 3;
-  out->activityId = 4;
-  out->tenantId = 5;
-  return true;
-}
-
 TEST_APART(HeaderFields, CallBacksComeBeforeTheHostAndTheMaskBeforeBoth) {
   VekApplication fields;
   VekEngineUnit unit;
   EXPECT_FALSE(pdi_applicationFields(&fields)) << "a plain program has none";
   EXPECT_FALSE(pdi_engineUnit(&unit));
   installHost([](VekHost& host) {
-    host.application = hostFields;
+    host.application = [](void*, VekApplication* out) {
+      *out = {true, 1, 2, "host-app", "", "", "HOSTDB", 3, 4, 5};
+      return true;
+    };
     host.currentEngineUnit = [](void*, VekEngineUnit* out) {
       *out = {17, "agent"};
       return true;
@@ -257,3 +215,4 @@ TEST_APART(HeaderFields, CallBacksComeBeforeTheHostAndTheMaskBeforeBoth) {
 }
 
 }  // namespace
+}  // namespace vek::logtest

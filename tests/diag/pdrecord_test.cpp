@@ -61,8 +61,6 @@ class PdRecord : public ::testing::Test {
     constexpr std::string_view kLastOfHeader = "probe:30\r\n";
     return record.substr(record.find(kLastOfHeader) + kLastOfHeader.size());
   }
-
-  static std::string headerOf(const PdRecordHeader& header) { return format(header, {}); }
 };
 
 // Each step changes one thing that kept parts were made of, and the record after it changes nothing.
@@ -98,32 +96,18 @@ TEST_APART_F(PdRecord, IsTheSameWithAMemoryOfTheOnesBefore) {
 }
 
 TEST_APART_F(PdRecord, WholeRecordWithEverythingBelowTheHeader) {
-  PdRecordHeader header = plainHeader();
-  header.partition = 3;
-  header.database = "SALES";
-  header.hasHandle = true;
-  header.handleIndex = 57;
-  header.applicationId = "*LOCAL.prod.240501135959";
-  header.unitOfWorkId = 12;
-  header.activityId = 2;
-  header.tenantId = 9;
-  header.authorizationId = "APPUSER";
-  header.hostName = "alpha";
-  header.hasEngineUnit = true;
-  header.engineUnitId = 88;
-  header.engineUnitName = "vekagent (SALES)";
-  header.secondLevel = "Origin";
-
+  const PdRecordHeader header = {
+      // the fields in the order in which they are shown
+      kMayDay,   PD_LEVEL_ERROR, "Origin", 4711, 140'737'353'967'360,        "vekengine",  "prod", 3,
+      "SALES",   true,           0,        57,   "*LOCAL.prod.240501135959", 12,           2,      9,
+      "APPUSER", "alpha",        true,     88,   "vekagent (SALES)",         kOwnFunction, 30};
   const std::uint32_t pages = 4000;
   const PdItem items[] = {{PD_TYPE_STRING, 30, "page cache"},
                           {PD_TYPE_UINT, sizeof pages, &pages},
                           {PD_TYPE_FILE_NAME, 9, "/db/f.dat", true},
                           {PD_TYPE_HEXDUMP, 18, "0123456789abcdef\x01Z"}};
-  const PdSection sections[] = {{"CHANGE", "Table space SYSTEM"}};
-  PdCalled called;
-  called.product = "OS";
-  called.component = "-";
-  called.function = "open";
+  const PdSection section = {"CHANGE", "Table space SYSTEM"};
+  const PdCalled called = {0, "OS", "-", "open"};
   PdRecordBody body;
   body.message = "Read of page failed\nsecond line";
   body.called = &called;
@@ -132,7 +116,7 @@ TEST_APART_F(PdRecord, WholeRecordWithEverythingBelowTheHeader) {
   body.osError = {PdOsError::Line::kOfCalled, 2};
   body.impact = "Potential";
   body.object = "Table space";
-  body.sections = sections;
+  body.sections = &section;
   body.sectionCount = 1;
   body.items = items;
   body.itemCount = std::size(items);
@@ -192,7 +176,7 @@ TEST_F(PdRecord, HeaderLinesInTheirOtherForms) {
   for (const auto& [line, set] : cases) {
     PdRecordHeader header = plainHeader();
     set(header);
-    const std::string text = headerOf(header);
+    const std::string text = format(header, {});
     EXPECT_TRUE(platformtest::holds(text, line)) << line << text;
     const auto lines = std::count(text.begin(), text.end(), '\n');
     EXPECT_TRUE(lines == 5 || lines == 6) << text;
@@ -220,16 +204,9 @@ TEST_APART_F(PdRecord, CodesOfEveryKind) {
 }
 
 TEST_F(PdRecord, SectionsInTheirOtherForms) {
-  PdDumpedObject dumped;
-  dumped.dumped = true;
-  dumped.offset = 512;
-  dumped.writtenBytes = 700;
-  dumped.file = "/diag/4711.1.000.dump.bin";
-  PdDumpedObject unknown;
-  unknown.dumped = true;
-  PdDumpedObject refused;
-  refused.object = "Page";
-  refused.reason = "No space left";
+  const PdDumpedObject dumped = {true, 512, 700, "/diag/4711.1.000.dump.bin", {}, {}};
+  const PdDumpedObject unknown = {true, -1, 0, {}, {}, {}};
+  const PdDumpedObject refused = {false, -1, 0, {}, "Page", "No space left"};
   const auto* const object = reinterpret_cast<const void*>(0x1234);
   const PdItem items[] = {
       {0, 600, object, false, &dumped}, {0, 8, object, true, &unknown}, {0, 9, object, false, &refused}};
@@ -252,8 +229,7 @@ TEST_F(PdRecord, SectionsInTheirOtherForms) {
             "Address: 0x00001234 Size: 9 Reason: No space left\r\n"
             "Note\r\n");
 
-  PdCalled called;
-  called.functionId = kOwnFunction;
+  const PdCalled called = {kOwnFunction, {}, {}, {}};
   body = {};
   body.called = &called;
   body.osError = {PdOsError::Line::kOwn, 4000};
@@ -273,8 +249,7 @@ TEST_F(PdRecord, SectionsInTheirOtherForms) {
 }
 
 TEST_F(PdRecord, MessagesOfTheCatalogue) {
-  ::setenv("VEK_MESSAGE_DIR",
-           std::string(VEKSYS_TEST_MESSAGES).substr(0, std::strlen(VEKSYS_TEST_MESSAGES) - 10).c_str(), 1);
+  ::setenv("VEK_MESSAGE_DIR", std::filesystem::path(VEKSYS_TEST_MESSAGES).parent_path().c_str(), 1);
   sqlzi_forgetMessages();
   PdRecordBody body;
   body.hasMessageNumber = true;
@@ -314,11 +289,8 @@ TEST_F(PdRecord, FormattedMessagesKeepTheirLinesAndTheirBounds) {
 
 // Whatever room there is, a record is the whole one or its beginning and the mark, and nothing behind is touched.
 TEST_F(PdRecord, CutRecordsSayThatTheyAreCut) {
-  const std::string text =
-      "Gr\xC3\xBC\xC3\x9F"
-      "e \xE2\x82\xAC\r\n\xF0\x9F\x90\x98 ";
   std::string message;
-  while (message.size() < 600) message += text;
+  while (message.size() < 600) message += "Gr\u00FC\u00DFe \u20AC\r\n\U0001F418 ";
   PdRecordBody body;
   body.message = message;
   const std::string whole = format(plainHeader(), body);
@@ -376,7 +348,7 @@ TEST_F(PdRecord, TimeStampsOfOtherZones) {
   };
   for (const auto& [zone, text] : cases) {
     useZone(zone);
-    EXPECT_EQ(headerOf(plainHeader()).substr(2, 31), text) << zone;
+    EXPECT_EQ(format(plainHeader(), {}).substr(2, 31), text) << zone;
   }
 }
 
@@ -393,21 +365,18 @@ TEST_F(PdRecord, GetTimeStampWritesOrStores) {
   EXPECT_EQ(pdGetTimeStamp(nullptr, 0, &after), SQLZ_RC_OK);
   PdRecordHeader header = plainHeader();
   header.timeNs = before;
-  EXPECT_LE(headerOf(header).substr(2, 26), text);
+  EXPECT_LE(format(header, {}).substr(2, 26), text);
   header.timeNs = after;
-  EXPECT_GE(headerOf(header).substr(2, 26), text);
+  EXPECT_GE(format(header, {}).substr(2, 26), text);
 }
 
 TEST_F(PdRecord, CallStackLines) {
-  CallStack stack = {};
-  stack.frameCount = 3;
-  stack.frames[0] = {0x401234, "sqlbReadPage", 0x34, 0};
-  stack.frames[1] = {0x7FFF'0000'1000, nullptr, 0x1000, 1};
-  stack.frames[2] = {0x10, nullptr, 0, -1};
-  stack.isCut = true;
-  stack.moduleCount = 2;
-  stack.modules[0] = {"", 0x400000, {}, 0};
-  stack.modules[1] = {"/usr/lib/libx.so.1", 0x7FFF'0000'0000, {0xAB, 0x01}, 2};
+  const CallStack stack = {
+      .frames = {{0x401234, "sqlbReadPage", 0x34, 0}, {0x7FFF'0000'1000, nullptr, 0x1000, 1}, {0x10, nullptr, 0, -1}},
+      .frameCount = 3,
+      .isCut = true,
+      .modules = {{"", 0x400000, {}, 0}, {"/usr/lib/libx.so.1", 0x7FFF'0000'0000, {0xAB, 0x01}, 2}},
+      .moduleCount = 2};
   PdRecordBody body;
   body.callStack = &stack;
   const std::string lines =
