@@ -148,19 +148,10 @@ TEST_APART(PdLog, LosesNoProcessToALimitOnFileSizes) {
   EXPECT_EQ(result, SQLT_DIAGERR_LOGERR);
 }
 
-TEST_APART(PdLog, ALockFileThatIsCutIsLaidOutAnew) {
-  const Log log{instance};
-  EXPECT_EQ(logText("before"), 0);
-  ASSERT_EQ(::truncate((log.directory() + ".vekdiag.log.lck").c_str(), 0), 0);
-  (void)logText("met the cut");
-  EXPECT_EQ(logText("after"), 0);
-}
-
 TEST_APART(PdLog, ADirectoryThatOthersMayWriteToIsLeftForTheAlternate) {
-  const Log log{instance};
   VekInstanceControl& control = installControl();
-  const std::string open = log.instance.directory() + "/open";
-  const std::string alternate = log.instance.directory() + "/alternate";
+  const std::string open = instance.path("open");
+  const std::string alternate = instance.path("alternate");
   ASSERT_EQ(::mkdir(open.c_str(), 0700), 0);
   ASSERT_EQ(::chmod(open.c_str(), 0777), 0);
   ossCopyText(control.DIAGPATH, sizeof control.DIAGPATH, open.c_str());
@@ -275,41 +266,33 @@ TEST_APART(PdLog, AllocatesNothingAndTakesLittleStack) {
   EXPECT_EQ(g_allocations.load(), before);
 }
 
-TEST_APART(PdLog, TextsCannotForgeRecords) {
+// No text can be taken for another record, nor for a section of its own, whatever way it comes in.
+TEST_APART(PdLog, TextsForgeNeitherRecordsNorSections) {
   const Log log{instance};
-  const std::string forged = "\r\n\r\n2026-01-01-00.00.00.000000+000 I2H100                LEVEL: Severe\r\nPID : 1";
-  EXPECT_EQ(logText(forged), 0);
-  EXPECT_EQ(pdLogPrintf(1, kFunction, 0, 5, 2, "%s", forged.c_str()), 0);
-  EXPECT_EQ(logText(std::string(200'000, '\n')), 0);
-  const auto records = log.records();  // follows the identifiers
-  ASSERT_EQ(records.size(), 4U);
-  EXPECT_LT(records[3].size(), 65'536U);
-}
-
-// Nor a section of their own record, whatever way they come in.
-TEST_APART(PdLog, TextsCannotForgeSections) {
-  const Log log{instance};
-  static const std::string forged = "RETCODE : x\nDATA #1 : y\r\nRETCODE: no label\n RETCODE : nor this";
+  static const std::string forged =
+      "\r\n\r\n2026-01-01-00.00.00.000000+000 I2H100                LEVEL: Severe\r\n"
+      "RETCODE : x\nDATA #1 : y\r\nRETCODE: no label\n RETCODE : nor this";
   const auto size = static_cast<std::uint32_t>(forged.size());
   const PdLogEvent event = {"CHANGE", forged.c_str(), forged.c_str()};
+  const PdLogEvent action = {"RETCODE ", "ZRC=0x1", forged.c_str()};
   g_ports.formatItem = [](std::uint32_t, const void*, std::uint32_t, char* text, std::size_t room) -> std::size_t {
     return ossSnprintf(text, room, "%s", forged.c_str());
   };
   EXPECT_EQ(logText(forged), 0);
-  EXPECT_EQ(pdLogPrintf(1, kFunction, 0, 5, 2, "\n%s", forged.c_str()), 0);
+  EXPECT_EQ(pdLogPrintf(1, kFunction, 0, 5, 2, "%s", forged.c_str()), 0);
   EXPECT_EQ(pdLog(1, kFunction, 0, 5, 2, 1, PD_TYPE_RAW_STRINGN, size, forged.data()), 0);
-  EXPECT_EQ(pdLog(1, kFunction, 0, 5, 2, 1, PD_TYPE_STRUCTURES + 4, size, forged.data()), 0);
-  EXPECT_EQ(pdLogEvent(1, kFunction, 0, 5, 2, &event, 0), 0);
-  const PdLogEvent action = {"RETCODE ", "ZRC=0x1", forged.c_str()};
-  EXPECT_EQ(pdLogEvent(1, kFunction, 0, 5, 2, &action, 0), 0);
-  EXPECT_EQ(sqlt_logerr_string(kFunction, 5, 2, ("\n" + forged).c_str()), 0);
-  const auto records = log.records();
+  EXPECT_EQ(pdLog(1, kFunction, 0, 5, 2, 1, kStructure, size, forged.data()), 0);
+  for (const PdLogEvent* each : {&event, &action}) EXPECT_EQ(pdLogEvent(1, kFunction, 0, 5, 2, each, 0), 0);
+  EXPECT_EQ(sqlt_logerr_string(kFunction, 5, 2, forged.c_str()), 0);
+  const auto records = log.records();  // follows the identifiers
   ASSERT_EQ(records.size(), 8U);
   for (std::size_t i = 1; i < records.size(); ++i) {
     EXPECT_FALSE(holds(records[i], "\nRETCODE : ") || holds(records[i], "\nDATA #1 : y")) << records[i];
     EXPECT_TRUE(holds(records[i], "\n DATA #1 : y")) << records[i];
     EXPECT_TRUE(holds(records[i], "\nRETCODE: no label") && holds(records[i], "\n RETCODE : nor this"));
   }
+  EXPECT_EQ(logText(std::string(200'000, '\n')), 0);
+  EXPECT_LT(log.records().at(8).size(), 65'536U);
 }
 
 // A formatter that faults, and pointers of the caller that lead nowhere, in every place where one is followed.
@@ -342,29 +325,28 @@ TEST_APART(PdLog, FaultsCostTheirOwnRecordOnly) {
       [] { return pdLog(1, kFunction, 0, 5, 2, 1, kStructure, 4U, &kSeven); },
   };
   for (const auto& call : calls) EXPECT_EQ(call(), 0);
-  char line[128];
-  std::snprintf(line, sizeof line, "Trap 0000000b detected in vekdiag call from [%ld,5] trapfile created",
-                static_cast<long>(kFunction));
-  EXPECT_EQ(countOf(log.records(), line), std::size(calls));
-  std::snprintf(line, sizeof line, "%u.%u.000.trap.txt", ossProcessId(), ossThreadId());
-  EXPECT_EQ(countOf(recordsOf(contentOf(log.directory() + line)), "SIGSEGV"), std::size(calls));
-  const std::string trapFile = line;
-  std::filesystem::remove(log.directory() + trapFile);
-  std::filesystem::create_directory(log.directory() + trapFile);
+  const auto told = [](int probe) {
+    return "Trap 0000000b detected in vekdiag call from [" + std::to_string(kFunction) + "," + std::to_string(probe) +
+           "] ";
+  };
+  EXPECT_EQ(countOf(log.records(), told(5) + "trapfile created"), std::size(calls));
+  const std::string trapFile =
+      log.directory() + std::to_string(ossProcessId()) + "." + std::to_string(ossThreadId()) + ".000.trap.txt";
+  EXPECT_EQ(countOf(recordsOf(contentOf(trapFile)), "SIGSEGV"), std::size(calls));
+  std::filesystem::remove(trapFile);
+  std::filesystem::create_directory(trapFile);
   EXPECT_EQ(pdLogSysRC(1, kFunction, SQLO_NOMEM, 5, 2, text, 2, 1, PD_TYPE_STRING, 9U, text), 0);
   EXPECT_EQ(pdLogPrintf(1, kFunction, SQLO_NOMEM, 5, 2, "the message of %s", text), 0);
   const auto withoutFile = log.records();
-  std::filesystem::remove(log.directory() + trapFile);
-  EXPECT_EQ(countOf(withoutFile, ",5] no trapfile, error 21"), 2U);
+  std::filesystem::remove(trapFile);
+  EXPECT_EQ(countOf(withoutFile, told(5) + "no trapfile, error 21"), 2U);
   EXPECT_EQ(countOf(withoutFile, "SQLO_NOMEM"), 2U);
   EXPECT_EQ(countOf(withoutFile, "the message of %s"), 1U);
   EXPECT_EQ(pdLogEvRecEx(1, kFunction, 0, 5, 2, static_cast<const PdRecorderEvent*>(bad), 0), 0);
   EXPECT_EQ(recorded, 1);
   const PdOSSeMessage message = {kFunction, 6, PD_LEVEL_ERROR, 0, 0, text};
   for (const PdOSSeMessage* each : {&message, static_cast<const PdOSSeMessage*>(bad)}) pdOSSeLoggingCallback(each);
-  std::snprintf(line, sizeof line, "Trap 0000000b detected in vekdiag call from [%ld,6] trapfile created",
-                static_cast<long>(kFunction));
-  EXPECT_EQ(countOf(log.records(), line), 1U);
+  EXPECT_EQ(countOf(log.records(), told(6) + "trapfile created"), 1U);
   EXPECT_EQ(countOf(log.records(), "A message of the OS-services layer could not be read"), 1U);
   PdApplInfoFunctions functions = {};
   functions.work = [](std::uint32_t* work, std::uint32_t*, std::uint32_t*) {
