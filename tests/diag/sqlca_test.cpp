@@ -34,26 +34,22 @@ TEST(Sqlca, StartsEmpty) {
 }
 
 TEST_APART(SqlcaFold, KeepsTheFirstErrorAndTheHigherWarning) {
-  const struct {
-    std::int32_t existing;
-    std::int32_t fresh;
-    bool replaced;
-  } cases[] = {
+  const std::tuple<std::int32_t, std::int32_t, bool> cases[] = {
       {-911, -902, false}, {-911, 100, false}, {-911, 0, false},                          // the first error wins
       {0, -902, true},     {0, 100, true},     {0, 0, true},                              // nothing gives way
       {100, -902, true},   {100, -901, true},                                             // an error replaces a warning
       {100, 0, false},     {100, 100, false},  {100, 445, true},      {445, 100, false},  // the higher warning stays
       {100, 99999, false}, {99999, 100, true}, {99999, 99998, false},                     // a code without a rank
   };
-  for (const auto& one : cases) {
+  for (const auto& [existing, fresh, replaced] : cases) {
     sqlca area = emptyArea();
-    area.sqlcode = one.existing;
+    area.sqlcode = existing;
     SqlzCallerContext context = {1, nullptr};
-    sqlzSqlcodeToSqlca(&context, &area, kZrc, nullptr, one.fresh, 0);
-    SCOPED_TRACE(std::to_string(one.existing) + " then " + std::to_string(one.fresh));
-    EXPECT_EQ(area.sqlcode, one.replaced ? one.fresh : one.existing);
-    EXPECT_EQ(area.sqlerrd[0], one.replaced ? kZrc : 0);
-    EXPECT_EQ(context.flags, one.replaced ? 1U | SQLZ_CONTEXT_SQLCA_SET : 1U);
+    sqlzSqlcodeToSqlca(&context, &area, kZrc, nullptr, fresh, 0);
+    SCOPED_TRACE(std::to_string(existing) + " then " + std::to_string(fresh));
+    EXPECT_EQ(area.sqlcode, replaced ? fresh : existing);
+    EXPECT_EQ(area.sqlerrd[0], replaced ? kZrc : 0);
+    EXPECT_EQ(context.flags, replaced ? 1U | SQLZ_CONTEXT_SQLCA_SET : 1U);
   }
 }
 

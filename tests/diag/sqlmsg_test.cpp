@@ -75,10 +75,7 @@ TEST(MessageObject, RefusesWhatIsNotSound) {
     return std::string(good).replace(at, bytes.size(), bytes);
   };
   const std::string far = {'\xF0', '\xFF', '\xFF', '\xFF'};
-  const struct {
-    const char* what;
-    std::string bytes;
-  } cases[] = {
+  const std::pair<const char*, std::string> cases[] = {
       {"wrong magic", with(0, "\x01")},
       {"other byte order", with(0, "\x95\x04\x12\xDE")},
       {"later revision", with(6, "\x01")},
@@ -93,8 +90,8 @@ TEST(MessageObject, RefusesWhatIsNotSound) {
       {"a key twice", makeObject({"A", "A"})},
   };
   MessageObject object;
-  for (const auto& one : cases) {
-    EXPECT_FALSE(object.open(one.bytes)) << one.what;
+  for (const auto& [what, bytes] : cases) {
+    EXPECT_FALSE(object.open(bytes)) << what;
     EXPECT_EQ(object.count(), 0U);
     EXPECT_EQ(object.find("A"), "");
   }

@@ -69,11 +69,7 @@ TEST(ZrcCatalogue, HoldsEachCodeAndNameOnceWithATextOfOneLine) {
 }
 
 TEST(ZrcCatalogue, KnowsTheCodesThatOthersRelyOn) {
-  const struct {
-    std::uint32_t code;
-    const char* name;
-    const char* text;
-  } rows[] = {
+  const std::tuple<std::uint32_t, const char*, const char*> rows[] = {
       {0x8B0F0000, "SQLO_NOMEM", "No Memory Available"},
       {0x840F0001, "SQLO_ACCD", "Access Denied"},
       {0x870F0009, "SQLO_EOF", "the data does not exist"},
@@ -89,11 +85,11 @@ TEST(ZrcCatalogue, KnowsTheCodesThatOthersRelyOn) {
       {0x8714012A, "SQLT_VEK_INSTALL_LOG_FACILITY_FAILED", "Unable to set the default VEK Install log facility"},
       {0x8714012B, "SQLT_VEK_INSTALL_LOG_SET_LEVEL_FAILED", "Failed to set the VEK Install log facility level"},
   };
-  for (const auto& row : rows) {
-    const SqlzZrcEntry* entry = sqlzFindZrc(sqlzZrc(row.code));
-    ASSERT_NE(entry, nullptr) << row.name;
-    EXPECT_STREQ(entry->name, row.name);
-    EXPECT_STREQ(entry->description, row.text);
+  for (const auto& [code, name, text] : rows) {
+    const SqlzZrcEntry* entry = sqlzFindZrc(sqlzZrc(code));
+    ASSERT_NE(entry, nullptr) << name;
+    EXPECT_STREQ(entry->name, name);
+    EXPECT_STREQ(entry->description, text);
   }
   // Values that other subsystems answer: fixed for good.
   std::istringstream fixed(
@@ -151,16 +147,13 @@ TEST_APART(ZrcMap, AnswersWhatEveryRowOfTheTableSays) {
 }
 
 TEST_APART(ZrcMap, AnswersTheTellingEntries) {
-  const struct {
-    std::uint32_t code;
-    Mapped mapped;
-  } rows[] = {
+  const std::pair<std::uint32_t, Mapped> rows[] = {
       {0x80000000, {-902, 1, 1}},      {0x80000001, {100, 0, 8000}},  {0x80000002, {-911, 1, 8002}},
       {0x80000003, {-952, 0, 8003}},   {0x800F0003, {-952, 0, 8003}},  // the component takes no part
       {0x8B000000, {-10003, 0, 8300}}, {0x8C000000, {-1141, 1, 1}},   {0x83000000, {-902, 1, 1}},
       {0x83FFFFFF, {-902, 1, 1}},      {0x83120005, {-902, 1, 1}},  // every type-3 code has the one entry
   };
-  for (const auto& row : rows) EXPECT_EQ(mappedOf(sqlzZrc(row.code)), row.mapped) << std::hex << row.code;
+  for (const auto& [code, mapped] : rows) EXPECT_EQ(mappedOf(sqlzZrc(code)), mapped) << std::hex << code;
   for (std::uint32_t number = 0; number < 128; ++number)
     EXPECT_EQ(std::get<0>(mappedOf(codeOf(6, 0x0F, number))), -980);
   const std::uint32_t transportCounts[] = {52, 24, 49, 17};
@@ -192,9 +185,7 @@ TEST_APART(ZrcMap, EndsWhereEachTypeEnds) {
 
 TEST_APART(ZrcMap, TellsTypeAndReason) {
   // The last two: "lock list full" of the list itself, and the same entry under another component.
-  const struct {
-    std::uint32_t code, type, reason;
-  } rows[] = {
+  const std::tuple<std::uint32_t, std::uint32_t, std::uint32_t> rows[] = {
       {0x8B0F0000, 0x0B000000, 0},        {0x800F00FC, 0, 0xFC},
       {0x83120005, 0x03000000, 0x120005}, {0x07310005, 0x07000000, 5},
       {0xFF12ABCD, 0x7F000000, 0xABCD},   {0x8510000A, 0x05000000, 1},

@@ -145,34 +145,31 @@ TEST_APART(TraceFlags, WithoutABitmapAllButTheOptionsAreSetAndWorkloadDisplayIsK
 }
 
 TEST(TraceFlags, ClientInterfaceHasOptionsOfItsOwn) {
-  const struct {
-    std::uint32_t options;
-    std::uint32_t added;
-    std::uint32_t addedWhenDisabled;
-  } cases[] = {{0, 0, 0},
-               {0x40000, 0x80000, 0x80000},
-               {0x2000000, 0x1000000, 0},
-               {0x2100000, 0x1400000, 0},
-               {0x2200000, 0x1800000, 0},
-               {0x2300000, 0x1C00000, 0},
-               {0x8000000, 0x2000000, 0},
-               {0x8300000, 0x2000000, 0},
-               {0xA340000, 0x1C80000, 0x80000},
-               {0xA300000, 0x1C00000, 0}};  // the other option counts only without selection
+  const std::array<std::uint32_t, 3> cases[] = {
+      {0, 0, 0},
+      {0x40000, 0x80000, 0x80000},
+      {0x2000000, 0x1000000, 0},
+      {0x2100000, 0x1400000, 0},
+      {0x2200000, 0x1800000, 0},
+      {0x2300000, 0x1C00000, 0},
+      {0x8000000, 0x2000000, 0},
+      {0x8300000, 0x2000000, 0},
+      {0xA340000, 0x1C80000, 0x80000},
+      {0xA300000, 0x1C00000, 0}};  // the other option counts only without selection
   const Instance instance;
   for (const char* disable : {"", "TRUE", "true", "FALSE"}) {
     SCOPED_TRACE(disable);
     inProcess([&cases, disable] {
       ::setenv("VEK_CLITRC_DISABLE", disable, 1);
       const bool disabled = std::string(disable) == "TRUE";
-      for (const auto& each : cases) {
-        const std::uint32_t added = disabled ? each.addedWhenDisabled : each.added;
-        SqltTraceSettings settings = settingsFor(each.options | SQLT_OPTION_COMPONENTS, {SQLT_CLIENT_INTERFACE});
+      for (const auto& [options, addedOtherwise, addedWhenDisabled] : cases) {
+        const std::uint32_t added = disabled ? addedWhenDisabled : addedOtherwise;
+        SqltTraceSettings settings = settingsFor(options | SQLT_OPTION_COMPONENTS, {SQLT_CLIENT_INTERFACE});
         settings.mask[0] = 0x02;
         expectWords(settings, SQLT_CLIENT_INTERFACE, 0x1 | added, 0);
-        settings.options = each.options;
+        settings.options = options;
         expectWords(settings, SQLT_CLIENT_INTERFACE, kAllOnes | added, kAllOnes);
-        settings = settingsFor(each.options | SQLT_OPTION_COMPONENTS, {9});
+        settings = settingsFor(options | SQLT_OPTION_COMPONENTS, {9});
         settings.mask[0] = 0x02;
         expectWords(settings, 9, 0x1, 0);
       }

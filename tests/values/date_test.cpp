@@ -127,18 +127,6 @@ TEST(Timestamp, OfEveryScaleIsReadBackAndPassesThroughTheStandardLibrary) {
   }
 }
 
-template <class Duration>
-void passesThrough(const std::uint8_t* value, std::chrono::local_seconds exact) {
-  std::chrono::local_time<Duration> moment;
-  ASSERT_EQ(sqlvTimestampToChrono(value, 0, &moment), 0);
-  EXPECT_EQ(moment, std::chrono::floor<Duration>(exact));
-  std::uint8_t cut[SQLV_TIMESTAMP_BYTES_MAX] = {};
-  ASSERT_EQ(sqlvTimestampFromChrono(moment, 0, cut), 0);
-  std::chrono::local_seconds again;
-  ASSERT_EQ(sqlvTimestampToChrono(cut, 0, &again), 0);
-  EXPECT_EQ(again, moment);
-}
-
 TEST(Timestamp, ChronoTakesEveryUnit) {
   using namespace std::chrono;
   // Years that seconds of 32 bits and picoseconds of 64 miss or hold.
@@ -147,9 +135,19 @@ TEST(Timestamp, ChronoTakesEveryUnit) {
     std::uint8_t value[SQLV_TIMESTAMP_BYTES_MAX] = {};
     ASSERT_EQ(sqlvDateFromChrono(year(number) / 3 / 4, value), 0);
     ASSERT_EQ(sqlvTimeFromChrono(seconds(40271), value + SQLV_DATE_BYTES), 0);
-    const auto pass = [&]<class... Durations>() { (passesThrough<Durations>(value, exact), ...); };
-    pass.operator()<years, duration<std::int16_t, months::period>, weeks, days, hours, minutes, seconds, milliseconds,
-                    nanoseconds>();
+    const auto passesThrough = [&]<class Unit>(Unit) {
+      local_time<Unit> moment;
+      ASSERT_EQ(sqlvTimestampToChrono(value, 0, &moment), 0);
+      EXPECT_EQ(moment, floor<Unit>(exact));
+      std::uint8_t cut[SQLV_TIMESTAMP_BYTES_MAX] = {};
+      ASSERT_EQ(sqlvTimestampFromChrono(moment, 0, cut), 0);
+      local_seconds again;
+      ASSERT_EQ(sqlvTimestampToChrono(cut, 0, &again), 0);
+      EXPECT_EQ(again, moment);
+    };
+    std::apply([&](auto... units) { (passesThrough(units), ...); },
+               std::tuple<years, duration<std::int16_t, months::period>, weeks, days, hours, minutes, seconds,
+                          milliseconds, nanoseconds>());
   }
 }
 
@@ -191,11 +189,7 @@ constexpr std::uint8_t kDate[] = {0x20, 0x16, 0x03, 0x04};
 constexpr std::uint8_t kTime[] = {0x15, 0x20, 0x30};
 
 TEST(DateText, TerritoriesAndRequests) {
-  constexpr struct {
-    std::uint16_t territory;
-    const char* date;
-    const char* time;
-  } kCases[] = {
+  const std::tuple<std::uint16_t, const char*, const char*> cases[] = {
       {840, "03/04/2016", "03:20 PM"},
       {276, "04.03.2016", "15:20:30"},
       {826, "04/03/2016", "15:20:30"},
@@ -209,11 +203,11 @@ TEST(DateText, TerritoriesAndRequests) {
       {999, "", ""},
   };
   SqlvNationalLanguage language;
-  for (const auto& each : kCases) {
-    language.territory = each.territory;  // the entry that the object kept belongs to another one
+  for (const auto& [territory, date, time] : cases) {
+    language.territory = territory;  // the entry that the object kept belongs to another one
     for (const SqlvFormatRequest request : {SQLV_FORMAT_DEFAULT, SQLV_FORMAT_LOCAL, SQLV_FORMAT_LOCAL}) {
-      EXPECT_EQ(written(sqlvputd, &language, request, kDate), each.date) << each.territory;
-      EXPECT_EQ(written(sqlvputt, &language, request, kTime), each.time) << each.territory;
+      EXPECT_EQ(written(sqlvputd, &language, request, kDate), date) << territory;
+      EXPECT_EQ(written(sqlvputt, &language, request, kTime), time) << territory;
     }
   }
   const char* const dates[7] = {"2016-03-04", "03/04/2016", "04.03.2016", "2016-03-04",
@@ -374,10 +368,7 @@ TEST(TimestampText, TimestampsAreReadOrRefused) {
 }
 
 TEST(TimestampText, ScaleFollowsFromTheLength) {
-  constexpr struct {
-    std::string_view text;
-    std::size_t scale;
-  } kCases[] = {
+  constexpr std::pair<std::string_view, std::size_t> kCases[] = {
       {"2016-03-04-10.20.30.123456", 6}, {"2016-03-04-10.20.30", 0},
       {"2016-03-04-10.20.30.", 0},       {"2016-3-4-10.20.30.123", 3},
       {"2016-3-4-1.20.30.1   ", 1},      {"2016-3-14-1.20.30.12", 2},
@@ -385,8 +376,7 @@ TEST(TimestampText, ScaleFollowsFromTheLength) {
       {"2016-3-4-1.20.30", 0},           {"", 0},
       {"                         ", 0},
   };
-  for (const auto& each : kCases)
-    EXPECT_EQ(sqlvGetTsScaleFromString(each.text.data(), each.text.size()), each.scale) << each.text;
+  for (const auto& [text, scale] : kCases) EXPECT_EQ(sqlvGetTsScaleFromString(text.data(), text.size()), scale) << text;
 }
 
 }  // namespace

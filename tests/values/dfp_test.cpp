@@ -39,11 +39,7 @@ class DfpCodes : public ::testing::Test {
 };
 
 TEST_F(DfpCodes, NarrowingTellsWhatWasLost) {
-  const struct {
-    const char* source;
-    SqlzZrc zrc;
-    const char* target;
-  } cases[] = {
+  const std::tuple<const char*, SqlzZrc, const char*> cases[] = {
       {"-1234567890.123456", 0, "-1234567890.123456"},
       {"1.200000000000000000000000000000000", 0, "1.200000000000000"},
       {"12345678901234565", SQLRX_DFP_INEXACT, "1.234567890123456E+16"},
@@ -55,11 +51,11 @@ TEST_F(DfpCodes, NarrowingTellsWhatWasLost) {
       {"-sNaN77", 0, "-sNaN"},
       {"sNaN", 0, "sNaN"},
   };
-  for (const auto& each : cases) {
-    const auto source = make<Width128>(each.source);
+  for (const auto& [text, zrc, wanted] : cases) {
+    const auto source = make<Width128>(text);
     DfpalDecimal64 target = kUntouched;
-    EXPECT_EQ(sqlvdfp2dfpTmpl(&source, &target), each.zrc) << each.source;
-    EXPECT_EQ(textOf(target), each.target);
+    EXPECT_EQ(sqlvdfp2dfpTmpl(&source, &target), zrc) << text;
+    EXPECT_EQ(textOf(target), wanted);
   }
   const auto signalling = make<Width64>("-sNaN77");
   DfpalDecimal128 wide = {};
@@ -69,11 +65,7 @@ TEST_F(DfpCodes, NarrowingTellsWhatWasLost) {
 
 TEST_F(DfpCodes, FollowTheControlFlagsInTheirOrder) {
   constexpr std::uint32_t kBoth = DFPAL_OVERFLOW | DFPAL_INEXACT;  // what 1E+385 raises
-  const struct {
-    DfpalControlFlags control;
-    SqlzZrc zrc;
-    bool isStored;
-  } cases[] = {
+  const std::tuple<DfpalControlFlags, SqlzZrc, bool> cases[] = {
       {{DFPAL_INVALID, kBoth, kBoth, 0, 0}, 0, true},
       {{kBoth, DFPAL_INEXACT, DFPAL_OVERFLOW, 0, 0}, SQLRX_DFP_RANGE, true},
       {{DFPAL_OVERFLOW, 0, DFPAL_INEXACT, 0, 0}, SQLRX_DFP_INEXACT, true},
@@ -81,11 +73,11 @@ TEST_F(DfpCodes, FollowTheControlFlagsInTheirOrder) {
       {{kBoth, 0, 0, DFPAL_INEXACT, 0}, 0, true},
   };
   const auto source = make<Width128>("1E+385");
-  for (const auto& each : cases) {
-    ASSERT_EQ(dfpalSetControlFlags(&each.control), 0);
+  for (const auto& [control, zrc, isStored] : cases) {
+    ASSERT_EQ(dfpalSetControlFlags(&control), 0);
     DfpalDecimal64 target = kUntouched;
-    EXPECT_EQ(sqlvdfp2dfpTmpl(&source, &target), each.zrc);
-    EXPECT_EQ(target == kUntouched, !each.isStored);
+    EXPECT_EQ(sqlvdfp2dfpTmpl(&source, &target), zrc);
+    EXPECT_EQ(target == kUntouched, !isStored);
   }
   const auto infinity = make<Width64>("Infinity");
   for (const std::uint32_t trapped : {DFPAL_CONDITIONS & ~DFPAL_INVALID, DFPAL_INVALID}) {
@@ -95,22 +87,19 @@ TEST_F(DfpCodes, FollowTheControlFlagsInTheirOrder) {
     EXPECT_EQ(sqlvdfp2sht(&infinity, sizeof infinity, &number), trapped == DFPAL_INVALID ? SQLRX_DEC_OVERFLOW : 0);
     EXPECT_EQ(number, trapped == DFPAL_INVALID ? 7 : 0);
   }
-  ASSERT_EQ(dfpalSetControlFlags(&cases[4].control), 0);
+  const DfpalControlFlags& last = std::get<0>(cases[4]);
+  ASSERT_EQ(dfpalSetControlFlags(&last), 0);
   const DfpalControlFlags refused[] = {{0x20, 0, 0, 0, 0}, {0, 0, 0, 0x100, 0}, {0, 0, 0, 0, DFPAL_ROUND_MODES}};
   for (const DfpalControlFlags& each : refused) EXPECT_EQ(dfpalSetControlFlags(&each), SQLO_INV_PARM);
   DfpalControlFlags inForce = {};
   dfpalGetControlFlags(&inForce);
-  EXPECT_EQ(std::memcmp(&inForce, &cases[4].control, sizeof inForce), 0) << "a refused record changed something";
+  EXPECT_EQ(std::memcmp(&inForce, &last, sizeof inForce), 0) << "a refused record changed something";
 }
 
 TEST_F(DfpCodes, ShortIntegersRoundWhenTheSettingIsOn) {
   constexpr std::int16_t kNone = 12345;
-  const struct {
-    const char* value;
-    std::uint32_t mode;
-    std::int16_t cut;
-    std::int16_t rounded;  // kNone: does not fit
-  } cases[] = {
+  // A value, a mode, and what it gives cut and rounded; kNone: does not fit.
+  const std::tuple<const char*, std::uint32_t, std::int16_t, std::int16_t> cases[] = {
       {"32767.9", DFPAL_ROUND_HALF_UP, 32767, kNone},
       {"32767.9", DFPAL_ROUND_FLOOR, 32767, 32767},
       {"-32768.5", DFPAL_ROUND_HALF_EVEN, -32768, -32768},
@@ -123,18 +112,18 @@ TEST_F(DfpCodes, ShortIntegersRoundWhenTheSettingIsOn) {
       {"Infinity", DFPAL_ROUND_DOWN, kNone, kNone},
       {"sNaN", DFPAL_ROUND_DOWN, kNone, kNone},
   };
-  for (const auto& each : cases) {
-    const auto narrow = make<Width64>(each.value);
-    const auto wide = make<Width128>(each.value);
-    dfpalSetRoundingMode(each.mode);
+  for (const auto& [text, mode, cut, rounded] : cases) {
+    const auto narrow = make<Width64>(text);
+    const auto wide = make<Width128>(text);
+    dfpalSetRoundingMode(mode);
     for (const bool isOn : {false, true}) {
       sqlvSetDecimalRounding(isOn ? 1 : 0);
-      const std::int16_t wanted = isOn ? each.rounded : each.cut;
+      const std::int16_t wanted = isOn ? rounded : cut;
+      const SqlzZrc zrc = wanted == kNone ? SQLRX_DEC_OVERFLOW : 0;
       std::int16_t got[2] = {kNone, kNone};
-      EXPECT_EQ(sqlvdfp2sht(&narrow, sizeof narrow, &got[0]), wanted == kNone ? SQLRX_DEC_OVERFLOW : 0) << each.value;
-      EXPECT_EQ(sqlvdfp2sht(&wide, sizeof wide, &got[1]), wanted == kNone ? SQLRX_DEC_OVERFLOW : 0) << each.value;
-      EXPECT_EQ(got[0], wanted) << each.value;
-      EXPECT_EQ(got[1], wanted) << each.value;
+      EXPECT_EQ(sqlvdfp2sht(&narrow, sizeof narrow, &got[0]), zrc) << text;
+      EXPECT_EQ(sqlvdfp2sht(&wide, sizeof wide, &got[1]), zrc) << text;
+      EXPECT_TRUE(got[0] == wanted && got[1] == wanted) << text << ": " << got[0] << ", " << got[1];
     }
   }
 }
