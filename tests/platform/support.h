@@ -221,6 +221,8 @@ inline VekInstanceControl& installControl() {
 
 // ---- failing services -------------------------------------------------------------------------------------------
 
+inline constexpr int kKilled = -1;  // in place of an error: the process is killed before the call
+
 // The n-th call of any service (counted from 0) fails with `error`. Giving a record lock back never does.
 struct Failure {
   static inline int callsLeft = -1;
@@ -228,6 +230,7 @@ struct Failure {
 
   static bool isDue() {
     if (callsLeft < 0 || callsLeft-- != 0) return false;
+    if (error == kKilled) ::raise(SIGKILL);
     errno = error;
     return true;
   }
@@ -266,12 +269,6 @@ void makeFail(int call, int error) {
   (makeFailing<Members>(Members), ...);
   Failure::callsLeft = call;
   Failure::error = error;
-}
-
-inline void makeAnyServiceFail(int call, int error) {
-  makeFail<&OssCalls::open, &OssCalls::fstat, &OssCalls::stat, &OssCalls::unlink, &OssCalls::ftruncate,
-           &OssCalls::fallocate, &OssCalls::pread, &OssCalls::lockByte, &OssCalls::mmap, &OssCalls::munmap,
-           &OssCalls::memfd>(call, error);
 }
 
 }  // namespace vek::platformtest

@@ -28,6 +28,14 @@ void noteStep(char step) {
   EXPECT_EQ(ownerOf(g_slot), regionProcessOwner());
 }
 
+constinit bool g_expectsEnd = false;
+
+// Runs behind the library's own destructor.
+[[gnu::destructor(101)]] void expectEnded() {
+  const bool right = ::strcmp(g_steps, "ml") == 0 && processIsEnding();
+  if (g_expectsEnd && !right) ::_exit(2);
+}
+
 void lateDestructor(void*) { EXPECT_EQ(threadSelf(), nullptr) << "a thread that has ended got a state again"; }
 
 TEST_APART(ThreadEnd, GivesBackInOrder) {
@@ -44,22 +52,8 @@ TEST_APART(ThreadEnd, GivesBackInOrder) {
   EXPECT_STREQ(g_steps, "ml");
   EXPECT_EQ(ownerOf(g_slot), 0U);
   g_slot = threadSelf()->threadSlot;  // of the main thread: process exit runs the same steps
-  g_steps[0] = g_steps[1] = 0;
-}
-
-constinit bool g_expectsEnd = false;
-
-// Runs behind the library's own destructor.
-[[gnu::destructor(101)]] void expectEnded() {
-  const bool right = ::strcmp(g_steps, "ml") == 0 && processIsEnding();
-  if (g_expectsEnd && !right) ::_exit(2);
-}
-
-TEST_APART(ProcessEnd, RunsTheStepsOfTheExitingThread) {
+  ::memset(g_steps, 0, sizeof g_steps);
   g_expectsEnd = true;
-  g_ports.flushMemoryCaches = [] { noteStep('m'); };
-  g_ports.checkLatches = [] { noteStep('l'); };
-  g_slot = threadSelf()->threadSlot;
 }
 
 TEST(ThreadState, SerialsAreUniqueInTheInstance) {
@@ -75,19 +69,6 @@ TEST(ThreadState, SerialsAreUniqueInTheInstance) {
   EXPECT_EQ(distinct.count(0), 0U);
 }
 
-TEST_APART(ThreadState, ForkedChildStartsAnew) {
-  const ThreadState parent = *threadSelf();
-  inProcess([&] {
-    EXPECT_EQ(t_self, nullptr);
-    const ThreadState* child = threadSelf();
-    ASSERT_NE(child, nullptr);
-    EXPECT_NE(child->threadSlot, parent.threadSlot);
-    EXPECT_NE(child->serial, parent.serial);
-    EXPECT_NE(child->threadId, parent.threadId);
-  });
-  EXPECT_EQ(ownerOf(parent.threadSlot), regionProcessOwner());
-}
-
 // A host that has used up all keys: the library keeps off those of others and takes no slot that nobody would return.
 TEST_APART(ThreadState, WithoutAKeyThereIsNone) {
   pthread_key_t first = 0;
@@ -101,23 +82,6 @@ TEST_APART(ThreadState, WithoutAKeyThereIsNone) {
   EXPECT_EQ(threadSelf(), nullptr);
   for (pthread_key_t key = 0; key <= first; ++key) EXPECT_EQ(::pthread_getspecific(key), values[key]);
   for (std::uint32_t slot = 0; slot < REGION_THREAD_SLOTS; ++slot) EXPECT_EQ(ownerOf(slot), 0U);
-}
-
-TEST_APART(ThreadState, ForkWhileThreadsComeAndGo) {
-  std::atomic<bool> over{false};
-  std::vector<std::thread> churn;
-  for (int i = 0; i < 2; ++i)
-    churn.emplace_back([&] {
-      while (!over) std::thread([] { EXPECT_NE(threadSelf(), nullptr); }).join();
-    });
-  for (int i = 0; i < 15; ++i)
-    inProcess([] {
-      EXPECT_NE(threadSelf(), nullptr);
-      EXPECT_EQ(regionSharedStatus(), 0);
-      endAtOnce();
-    });
-  over = true;
-  for (std::thread& thread : churn) thread.join();
 }
 
 }  // namespace

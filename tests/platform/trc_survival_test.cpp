@@ -25,37 +25,33 @@ constexpr std::uint32_t kBulk = 4000;  // two such records fill a segment
 struct Stamp {
   std::uint64_t writer;
   std::uint64_t number;
-  std::uint64_t payloadBytes;
-  std::uint64_t check;
 };
 
-Stamp stampOf(std::uint64_t writer, std::uint64_t number) {
-  const std::uint64_t seed = mix(writer * 0x100000001B3U + number);
-  return {writer, number, seed % (kWordsMost * 8), mix(seed)};
-}
+using Payload = std::uint64_t[kWordsMost];
 
-void fillPayload(const Stamp& stamp, std::uint64_t (&payload)[kWordsMost]) {
-  for (std::uint32_t i = 0; i * 8 < stamp.payloadBytes; ++i) payload[i] = stamp.check * (2 * i + 1);
+// What a record carries besides its stamp follows from that; answers how many bytes of it.
+std::uint32_t fillPayload(const Stamp& stamp, Payload& payload) {
+  const std::uint64_t seed = mix(stamp.writer * 0x100000001B3U + stamp.number);
+  for (std::uint32_t i = 0; i < kWordsMost; ++i) payload[i] = seed * (2 * i + 1);
+  return static_cast<std::uint32_t>(seed % sizeof payload);
 }
 
 void writeStamped(std::uint64_t writer, std::uint64_t number) {
-  std::uint64_t payload[kWordsMost];
-  const Stamp stamp = stampOf(writer, number);
-  fillPayload(stamp, payload);
-  pdtData2(kFunction, static_cast<std::uint32_t>(number), PD_TYPE_HEXDUMP, sizeof stamp, &stamp, PD_TYPE_HEXDUMP,
-           static_cast<std::uint32_t>(stamp.payloadBytes), payload);
+  const Stamp stamp = {writer, number};
+  Payload payload;
+  const std::uint32_t bytes = fillPayload(stamp, payload);
+  pdtData2(kFunction, static_cast<std::uint32_t>(number), PD_TYPE_HEXDUMP, sizeof stamp, &stamp, PD_TYPE_HEXDUMP, bytes,
+           payload);
 }
 
 bool isRight(const SqltTraceRecord& record) {
   if (record.itemCount != 2 || record.items[0].stored != sizeof(Stamp)) return false;
   Stamp stamp;
   std::memcpy(&stamp, record.items[0].data, sizeof stamp);
-  const Stamp wanted = stampOf(stamp.writer, stamp.number);
-  std::uint64_t payload[kWordsMost];
-  fillPayload(wanted, payload);
-  return std::memcmp(&stamp, &wanted, sizeof stamp) == 0 && record.number == stamp.number &&
-         record.probe == static_cast<std::uint32_t>(stamp.number) && record.items[1].stored == stamp.payloadBytes &&
-         std::memcmp(record.items[1].data, payload, stamp.payloadBytes) == 0;
+  Payload payload;
+  const std::uint32_t bytes = fillPayload(stamp, payload);
+  return record.number == stamp.number && record.probe == static_cast<std::uint32_t>(stamp.number) &&
+         record.items[1].stored == bytes && std::memcmp(record.items[1].data, payload, bytes) == 0;
 }
 
 // Reads a whole trace of stamped records: each is right, and between two of a thread exactly as many are missing as
@@ -104,10 +100,14 @@ std::uint32_t segmentsOwned() {
   return reader.info()->segmentsOwned;
 }
 
+void writeBulk() {
+  static const char bulk[kBulk] = {};
+  sqltData(kFunction, 1, kBulk, bulk);
+}
+
 // Goes round the ring `wraps` times with large records.
 void wrapRing(unsigned wraps) {
-  static const char bulk[kBulk] = {};
-  for (unsigned i = 0; i < wraps * kSegments * 2; ++i) sqltData(kFunction, 1, kBulk, bulk);
+  for (unsigned i = 0; i < wraps * kSegments * 2; ++i) writeBulk();
 }
 
 // ---- random kills and stops -------------------------------------------------------------------------------------
@@ -147,21 +147,21 @@ class Chaos {
     waitForRecords(board_, random_() % 60'000);
     if (random_() % 4 == 0 && stopped_ == 0) {
       ::kill(victim, SIGSTOP);
-      stopped_ = std::exchange(victim, startWriters(board_));
+      stopped_ = victim;
     } else if (random_() % 8 == 0 && stopped_ != 0) {
       ::kill(stopped_, random_() % 4 == 0 ? SIGKILL : SIGCONT);
       woken_.push_back(std::exchange(stopped_, 0));
+      return;
     } else {
-      ::kill(victim, SIGKILL);
-      ::waitpid(victim, nullptr, 0);
-      victim = startWriters(board_);
+      EXPECT_EQ(finishKilled(victim), -SIGKILL);
     }
+    victim = startWriters(board_);
   }
 
   void end() {
     board_.stop = true;
-    if (stopped_ != 0) ::kill(stopped_, SIGCONT);
     if (stopped_ != 0) woken_.push_back(stopped_);
+    if (stopped_ != 0) ::kill(stopped_, SIGCONT);
     for (const pid_t writer : writers_) EXPECT_EQ(finish(writer), 0);
     for (const pid_t writer : woken_) {
       const int end = finish(writer);
@@ -291,10 +291,7 @@ TEST(TraceSurvival, WritersKilledInARecordLoseThatRecordAloneAndGiveTheirSegment
   // Enough to come round to the dead writers' segments and find them crowding the ring; what the first of them held is
   // overwritten then, the rest stays readable.
   inProcess([&] {
-    for (unsigned i = 0; i < (kSegments - kKilled + 1) * 2 && segmentsOwned() > 1; ++i) {
-      static const char bulk[kBulk] = {};
-      sqltData(kFunction, 1, kBulk, bulk);
-    }
+    for (unsigned i = 0; i < (kSegments - kKilled + 1) * 2 && segmentsOwned() > 1; ++i) writeBulk();
     EXPECT_EQ(segmentsOwned(), 1U) << "only the writer of this process";
     check(kKilled - 2);
     wrapRing(2);
@@ -366,8 +363,7 @@ TEST(TraceSurvival, WritingAcrossManyWrapsNeedsNoSystemCallAndNeverWaits) {
   EXPECT_EQ(writeWithoutSystemCalls(*besides), 0) << "a record made a system call";
   const auto sweeps = static_cast<std::uint64_t>(besides->elapsedNs / 100'000'000 + 2);
   EXPECT_LE(besides->count, sweeps * 3);
-  ::kill(holder, SIGKILL);
-  finish(holder);
+  finishKilled(holder);
 }
 
 TEST(TraceSurvival, WithoutAFreeSegmentRecordsAreCountedLostAtTheirPlace) {

@@ -1,6 +1,7 @@
 // The example engine, run as a person runs it: its report, its exit code, and the trace it leaves behind.
 #include <sys/stat.h>
 
+#include <iterator>
 #include <set>
 
 #include "tools/veksys_support.h"
@@ -24,15 +25,9 @@ std::string valueOf(const Answer& report, const std::string& label) {
 }
 
 std::vector<pid_t> childrenOf(pid_t parent) {
-  std::vector<pid_t> children;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    const std::string stat = contentOf(entry.path() / "stat");
-    const std::size_t end = stat.rfind(')');
-    int ppid = 0;
-    if (end != std::string::npos && std::sscanf(stat.c_str() + end + 1, " %*c %d", &ppid) == 1 && ppid == parent)
-      children.push_back(std::stoi(entry.path().filename()));
-  }
-  return children;
+  const std::string process = "/proc/" + std::to_string(parent);
+  std::ifstream in(process + "/task/" + std::to_string(parent) + "/children");
+  return {std::istream_iterator<pid_t>(in), {}};
 }
 
 class Demo : public CommandTest {
@@ -41,10 +36,8 @@ class Demo : public CommandTest {
     std::ofstream(instance_.path("input")) << text;
     return instance_.path("input");
   }
-  static pid_t startDemo(const std::vector<std::string>& arguments) {
-    return startProgram(VEKSYS_TEST_BIN "/veksys_demo", arguments);
-  }
-  static Answer runDemo(const std::vector<std::string>& arguments) { return answerOf(startDemo(arguments)); }
+  static pid_t startDemo(const Words& arguments) { return startProgram(VEKSYS_TEST_BIN "/veksys_demo", arguments); }
+  static Answer runDemo(const Words& arguments) { return answerOf(startDemo(arguments)); }
 };
 
 std::string stanza(const std::string& name, const std::string& rest = "", const std::string& version = "Version: 1\n") {
@@ -187,7 +180,7 @@ TEST_F(Demo, GoesOnWithoutWorkersThatWereKilled) {
 }
 
 TEST_F(Demo, RefusesWrongUseInASentence) {
-  const std::pair<std::vector<std::string>, const char*> cases[] = {
+  const std::pair<Words, const char*> cases[] = {
       {{"--frobnicate"}, "not expected: --frobnicate"},
       {{"--workers", "0"}, "accepted: [FILE] [--workers 1..16]"},
       {{"--threads", "many"}, "--threads"},

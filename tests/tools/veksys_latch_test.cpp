@@ -34,71 +34,52 @@ std::vector<LatchSight> sightsOf(const std::string& text) {
 
 std::string threadName(const LatchSight& sight) { return std::to_string(sight.entry.threadId); }
 
-std::string edgesOf(const LatchGraph& graph, const std::vector<LatchSight>& sights) {
-  std::string text;
-  for (const auto& [waiter, blocker] : graph.edges) {
-    text += text.empty() ? "" : " ";
-    text += threadName(sights[waiter]);
-    text += '>';
-    text += threadName(sights[blocker]);
-  }
-  return text;
-}
-
-// Each cycle as the threads that wait, the least one first.
-std::string cyclesOf(const LatchGraph& graph, const std::vector<LatchSight>& sights) {
-  std::string text;
-  for (const LatchCycle& cycle : graph.cycles) {
-    text += text.empty() ? "" : " ";
-    for (const std::size_t edge : cycle) text += threadName(sights[graph.edges[edge].waiter]);
-  }
-  return text;
-}
-
 std::string threadsOf(const std::vector<std::size_t>& chosen, const std::vector<LatchSight>& sights) {
   std::string text;
   for (const std::size_t sight : chosen) text += threadName(sights[sight]);
   return text;
 }
 
+// What a graph tells; of a cycle the threads that wait, the least one first.
+Words toldBy(const LatchGraph& graph, const std::vector<LatchSight>& sights) {
+  Words told;
+  for (const auto& [waiter, blocker] : graph.edges)
+    told.push_back(threadName(sights[waiter]) + ">" + threadName(sights[blocker]));
+  for (const LatchCycle& cycle : graph.cycles) {
+    told.emplace_back("cycle ");
+    for (const std::size_t edge : cycle) told.back() += threadName(sights[graph.edges[edge].waiter]);
+  }
+  if (!graph.deadHolders.empty()) told.push_back("dead " + threadsOf(graph.deadHolders, sights));
+  if (!graph.orphans.empty()) told.push_back("orphans " + threadsOf(graph.orphans, sights));
+  return told;
+}
+
 TEST(LatchGraphOf, EntriesTellsWhoWaitsForWhomAndWhatIsWrong) {
-  struct Case {
-    const char* about;
-    const char* entries;
-    const char* edges;
-    const char* cycles;
-    const char* dead;
-    const char* orphans;
+  const std::tuple<const char*, const char*, Words> cases[] = {
+      {"nothing", "", {}},
+      {"holders alone", "1+aX 2+bS 3+bS", {}},
+      {"a queue behind one", "1+aX 2-aX 3-aS", {"2>1", "3>1"}},
+      {"a writer behind readers", "1+aS 2+aS 3-aX", {"3>1", "3>2"}},
+      {"a reader behind a writer in line", "1+aS 2-aX 3-aS", {"2>1", "3>2"}},
+      {"a chain", "1+aX 2-aX 2+bX 3-bS", {"2>1", "3>2"}},
+      {"two", "1+aX 1-bX 2+bX 2-aS", {"2>1", "1>2", "cycle 12"}},
+      {"three, and one behind them", "1+aX 1-bX 2+bX 2-cX 3+cX 3-aX 4-aX", {"3>1", "4>1", "1>2", "2>3", "cycle 123"}},
+      {"two apart", "1+aX 1-bX 2+bX 2-aX 3+cX 3-dX 4+dX 4-cX", {"2>1", "1>2", "4>3", "3>4", "cycle 12", "cycle 34"}},
+      {"itself", "1+aX 1-aX", {"1>1", "cycle 1"}},
+      {"its own shared hold", "1+aS 1-aX", {"1>1", "cycle 1"}},
+      {"an upgrade behind another reader", "1+aS 1-aX 2+aS", {"1>2"}},
+      {"two upgrades", "1+aS 1-aX 2+aS 2-aX", {"1>2", "2>1", "cycle 12"}},
+      {"a reader again behind a writer", "1+aS 1-aS 2-aX", {"1>2", "2>1", "cycle 12"}},
+      {"what was not there all the time", "1+aX 1-bX 2+bX~ 2-aX", {"2>1", "1>2"}},
+      {"a dead holder", "1+aX! 2-aS", {"2>1", "dead 1"}},
+      {"a dead waiter waits no more", "1+aX 2-aX!", {}},
+      {"held by nobody", "1-aX 2-aS 3-bS", {"2>1", "orphans 13"}},
+      {"only just", "1-aX~", {}},
+      {"the same address in two processes", "1+aX@ 2-aX@ 1-bX 2+bX", {"1>2", "orphans 2"}},
   };
-  const Case cases[] = {
-      {"nothing", "", "", "", "", ""},
-      {"holders alone", "1+aX 2+bS 3+bS", "", "", "", ""},
-      {"a queue behind one", "1+aX 2-aX 3-aS", "2>1 3>1", "", "", ""},
-      {"a writer behind readers", "1+aS 2+aS 3-aX", "3>1 3>2", "", "", ""},
-      {"a reader behind a writer in line", "1+aS 2-aX 3-aS", "2>1 3>2", "", "", ""},
-      {"a chain", "1+aX 2-aX 2+bX 3-bS", "2>1 3>2", "", "", ""},
-      {"two", "1+aX 1-bX 2+bX 2-aS", "2>1 1>2", "12", "", ""},
-      {"three, and one behind them", "1+aX 1-bX 2+bX 2-cX 3+cX 3-aX 4-aX", "3>1 4>1 1>2 2>3", "123", "", ""},
-      {"two apart", "1+aX 1-bX 2+bX 2-aX 3+cX 3-dX 4+dX 4-cX", "2>1 1>2 4>3 3>4", "12 34", "", ""},
-      {"itself", "1+aX 1-aX", "1>1", "1", "", ""},
-      {"its own shared hold", "1+aS 1-aX", "1>1", "1", "", ""},
-      {"an upgrade behind another reader", "1+aS 1-aX 2+aS", "1>2", "", "", ""},
-      {"two upgrades", "1+aS 1-aX 2+aS 2-aX", "1>2 2>1", "12", "", ""},
-      {"a reader again behind a writer", "1+aS 1-aS 2-aX", "1>2 2>1", "12", "", ""},
-      {"what was not there all the time", "1+aX 1-bX 2+bX~ 2-aX", "2>1 1>2", "", "", ""},
-      {"a dead holder", "1+aX! 2-aS", "2>1", "", "1", ""},
-      {"a dead waiter waits no more", "1+aX 2-aX!", "", "", "", ""},
-      {"held by nobody", "1-aX 2-aS 3-bS", "2>1", "", "", "13"},
-      {"only just", "1-aX~", "", "", "", ""},
-      {"the same address in two processes", "1+aX@ 2-aX@ 1-bX 2+bX", "1>2", "", "", "2"},
-  };
-  for (const Case& each : cases) {
-    const std::vector<LatchSight> sights = sightsOf(each.entries);
-    const LatchGraph graph = drawLatchGraph(sights);
-    EXPECT_EQ(edgesOf(graph, sights), each.edges) << each.about;
-    EXPECT_EQ(cyclesOf(graph, sights), each.cycles) << each.about;
-    EXPECT_EQ(threadsOf(graph.deadHolders, sights), each.dead) << each.about;
-    EXPECT_EQ(threadsOf(graph.orphans, sights), each.orphans) << each.about;
+  for (const auto& [about, entries, told] : cases) {
+    const std::vector<LatchSight> sights = sightsOf(entries);
+    EXPECT_EQ(toldBy(drawLatchGraph(sights), sights), told) << about;
   }
 }
 
@@ -116,25 +97,16 @@ TEST(LatchLooks, TellHowLongAndWhatStaysTrue) {
   last[3].sequence = 99;         // the same latch once more
   last.erase(last.begin() + 2);  // given back
   const auto sights = compareLooks({first, last}, 100, 1000);
-  struct Expected {
-    std::uint32_t thread;
-    LatchSpan span;
-    std::int64_t ns;
-    bool isSteady;
-  };
-  const Expected expected[] = {
+  using Told = std::tuple<std::uint64_t, LatchSpan, std::int64_t, bool>;
+  const std::vector<Told> expected = {
       {1, LatchSpan::kAtLeast, 100, true},   {2, LatchSpan::kExact, 600, true},
       {4, LatchSpan::kLessThan, 100, false}, {5, LatchSpan::kLessThan, 100, false},
       {6, LatchSpan::kLessThan, 100, false}, {3, LatchSpan::kGone, 0, false},
       {4, LatchSpan::kGone, 0, false},
   };
-  ASSERT_EQ(sights.size(), std::size(expected));
-  for (std::size_t i = 0; i < sights.size(); ++i) {
-    EXPECT_EQ(sights[i].entry.threadId, expected[i].thread) << i;
-    EXPECT_EQ(sights[i].span, expected[i].span) << i;
-    EXPECT_EQ(sights[i].ns, expected[i].ns) << i;
-    EXPECT_EQ(sights[i].isSteady, expected[i].isSteady) << i;
-  }
+  std::vector<Told> told;
+  for (const LatchSight& sight : sights) told.emplace_back(sight.entry.threadId, sight.span, sight.ns, sight.isSteady);
+  EXPECT_EQ(told, expected);
 
   // Nobody holds it at one look, somebody does at the next.
   const auto waiters = sightsOf("1-aX 2-bX");

@@ -134,38 +134,37 @@ TEST_F(Views, FiltersChooseTheSameRecordsInEveryView) {
       {{"--rc", "0x800F00FC", "--function", "serve"},
        [&](const auto& r) { return failed(r) && text(r, "function") == "serve"; }},
   };
+  const auto mark = [&](const rapidjson::Value& record) { return text(record, "time") + text(record, "kind"); };
   for (const Case& each : cases) {
+    SCOPED_TRACE(::testing::PrintToString(each.options));
     Words expected;
-    for (const auto& record : all)
-      if (each.chooses(record)) expected.push_back(text(record, "time") + text(record, "kind"));
-    const auto run = [&](const Words& arguments) {
-      const Answer answer = veksys(joined(arguments, each.options));
+    std::map<std::string, std::int64_t> exits;
+    for (const auto& record : all) {
+      if (!each.chooses(record)) continue;
+      expected.push_back(mark(record));
+      exits[text(record, "function")] += text(record, "kind") == "exit" ? 1 : 0;
+    }
+    const auto run = [&](const Words& view) {
+      const Answer answer = veksys(joined(joined({"trace"}, view), joined(each.options, {"--json"})));
       EXPECT_EQ(answer.status, expected.empty() ? 1 : 0) << answer.err;
       return answer.out;
     };
-    const auto timesOf = [&](const std::string& out) {
-      Words times;
-      for (const auto& record : jsonLines(out)) times.push_back(text(record, "time") + text(record, "kind"));
-      return times;
+    const auto marks = [&](const Words& view) {
+      Words shown;
+      for (const auto& record : jsonLines(run(view))) shown.push_back(mark(record));
+      return shown;
     };
-    EXPECT_EQ(timesOf(run({"trace", "format", "--json"})), expected) << each.options[0] << each.options.back();
-    Words last = expected;
-    if (last.size() > 5) last.erase(last.begin(), last.end() - 5);
-    EXPECT_EQ(timesOf(run({"trace", "format", "--json", "--last", "5"})), last);
-    const Words first(expected.begin(), expected.begin() + std::min<long>(5, static_cast<long>(expected.size())));
-    EXPECT_EQ(timesOf(run({"trace", "format", "--json", "--limit", "5"})), first);
-
+    const std::ptrdiff_t some = std::min<std::ptrdiff_t>(5, std::ssize(expected));
+    EXPECT_EQ(marks({"format"}), expected);
+    EXPECT_EQ(marks({"format", "--last", "5"}), Words(expected.end() - some, expected.end()));
+    EXPECT_EQ(marks({"format", "--limit", "5"}), Words(expected.begin(), expected.begin() + some));
     // The flow adds calls around what was chosen, and leaves out nothing.
-    const auto flow = timesOf(run({"trace", "flow", "--merged", "--json"}));
+    const Words flow = marks({"flow", "--merged"});
     const std::set<std::string> shown(flow.begin(), flow.end());
-    for (const std::string& each_ : expected) EXPECT_TRUE(shown.contains(each_)) << each_;
-
-    std::map<std::string, std::int64_t> exits;
-    for (const auto& record : all)
-      if (each.chooses(record) && text(record, "kind") == "exit") ++exits[text(record, "function")];
-    const auto stat = json(run({"trace", "stat", "--json"}));
+    for (const std::string& chosen : expected) EXPECT_TRUE(shown.contains(chosen)) << chosen;
+    const auto stat = json(run({"stat"}));
     for (const auto& row : stat["functions"].GetArray())
-      EXPECT_EQ(row["calls"].GetInt64(), exits[row["function"].GetString()]) << each.options[0];
+      EXPECT_EQ(row["calls"].GetInt64(), exits[row["function"].GetString()]);
   }
 }
 
