@@ -105,6 +105,13 @@ void exitWith8(int signal, siginfo_t* info, void* context) {
   ::_exit(signal == SIGSEGV && info != nullptr && context != nullptr ? 8 : 1);
 }
 
+void handleDetailed(void (*handler)(int, siginfo_t*, void*), struct sigaction* before = nullptr) {
+  struct sigaction action = {};
+  action.sa_sigaction = handler;
+  action.sa_flags = SA_SIGINFO | SA_NODEFER;
+  ::sigaction(SIGSEGV, &action, before);
+}
+
 TEST(FaultHandler, HandsOnWhatNoGuardCatches) {
   if (kHandsSignalsOn) GTEST_SKIP() << "the thread sanitizer hands signals on in its own way";
   const struct {
@@ -116,14 +123,7 @@ TEST(FaultHandler, HandsOnWhatNoGuardCatches) {
       {"nothing installed, a fault", [] {}, fault, -SIGSEGV},
       {"nothing installed, a signal that was sent", [] {}, [] { ::raise(SIGBUS); }, -SIGBUS},
       {"a plain handler", [] { ::signal(SIGSEGV, exitWith9); }, fault, 9},
-      {"a handler that takes the details",
-       [] {
-         struct sigaction action = {};
-         action.sa_sigaction = exitWith8;
-         action.sa_flags = SA_SIGINFO;
-         ::sigaction(SIGSEGV, &action, nullptr);
-       },
-       fault, 8},
+      {"a handler that takes the details", [] { handleDetailed(exitWith8); }, fault, 8},
       {"ignored, a fault", [] { ::signal(SIGSEGV, SIG_IGN); }, fault, -SIGSEGV},
       {"ignored, a signal that was sent", [] { ::signal(SIGFPE, SIG_IGN); }, [] { ::raise(SIGFPE); }, 0},
       {"sent while a guard is in force", [] { ::signal(SIGSEGV, exitWith9); },
@@ -161,13 +161,11 @@ TEST(FaultHandler, PutsItselfBeforeHandlersInstalledLater) {
   const auto installLater = [] {
     ::signal(SIGSEGV, exitWith9);
     EXPECT_TRUE(faultGuard(nothing, nullptr, nullptr));
-    struct sigaction later = {};
-    later.sa_sigaction = [](int signal, siginfo_t* info, void* context) {
+    const auto handOn = [](int signal, siginfo_t* info, void* context) {
       if (++handed > 3) ::_exit(10);
       found.sa_sigaction(signal, info, context);
     };
-    later.sa_flags = SA_SIGINFO | SA_NODEFER;
-    ::sigaction(SIGSEGV, &later, &found);
+    handleDetailed(handOn, &found);
   };
   EXPECT_EQ(runInProcess([&] {
               installLater();

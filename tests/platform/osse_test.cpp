@@ -1,7 +1,6 @@
 #include "platform/osse.h"
 
 #include <string.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 
@@ -25,15 +24,14 @@ TEST(OsText, CutTerminatedAndZeroFilled) {
     EXPECT_EQ(length, ::strlen(text));
     EXPECT_EQ(std::string(text), std::string("fo12").substr(0, bytes - 1));
   }
-  char untouched = '#';
-  ossCopyText(&untouched, 0, "x");
-  EXPECT_EQ(ossSnprintf(&untouched, 0, "x"), 0U);
-  char kept[32];
-  ossSnprintf(kept, sizeof kept, "no such %lc", static_cast<wint_t>(0x7FFFFFFF));
-  EXPECT_STREQ(kept, "<Not formatted> no such %lc");
-  EXPECT_EQ(untouched, '#');
-  ossCopyText(&untouched, 1, nullptr);
-  EXPECT_EQ(untouched, '\0');
+  char text[32] = "#";
+  ossCopyText(text, 0, "x");
+  EXPECT_EQ(ossSnprintf(text, 0, "x"), 0U);
+  EXPECT_STREQ(text, "#");
+  ossCopyText(text, 1, nullptr);
+  EXPECT_STREQ(text, "");
+  ossSnprintf(text, sizeof text, "no such %lc", static_cast<wint_t>(0x7FFFFFFF));
+  EXPECT_STREQ(text, "<Not formatted> no such %lc");
 }
 
 TEST(OsDirectories, MadeWithTheirParents) {
@@ -42,10 +40,7 @@ TEST(OsDirectories, MadeWithTheirParents) {
   ASSERT_EQ(::symlink("nowhere", (base + "/dangling").c_str()), 0);
   ASSERT_EQ(::symlink(base.c_str(), (base + "/loop").c_str()), 0);
   std::fclose(std::fopen((base + "/file").c_str(), "w"));
-  const struct {
-    std::string path;
-    int result;
-  } rows[] = {
+  const std::pair<std::string, int> rows[] = {
       {base, 0},
       {base + "/a/b//c/", 0},
       {base + "/a/b/c", 0},
@@ -57,10 +52,8 @@ TEST(OsDirectories, MadeWithTheirParents) {
       {base + "/" + std::string(4096, 'x'), ENAMETOOLONG},
       {base + "/" + std::string(256, 'x'), ENAMETOOLONG},
   };
-  for (const auto& row : rows) EXPECT_EQ(ossMakeDirectories(row.path.c_str()), row.result) << row.path;
-  struct stat status;
-  ASSERT_EQ(::stat((base + "/a/b").c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 0777U, 0700U);
+  for (const auto& [path, result] : rows) EXPECT_EQ(ossMakeDirectories(path.c_str()), result) << path;
+  EXPECT_EQ(std::filesystem::status(base + "/a/b").permissions(), std::filesystem::perms::owner_all);
 }
 
 // Services that take or give a byte at a time and are interrupted before each: everything arrives all the same.
@@ -118,32 +111,6 @@ TEST(OsFiles, NoDescriptorTakesThePlaceOfAStandardStream) {
       EXPECT_EQ(::fcntl(regionDescriptor(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
     });
   }
-}
-
-TEST(OsLocks, ExcludeOtherProcessesAndEndWithTheirHolder) {
-  const Instance instance;
-  const std::string path = instance.directory() + "/lock";
-  Baton locked;
-  const pid_t holder = start([&] {
-    int fd = -1;
-    ASSERT_EQ(ossOpen(path.c_str(), O_RDWR | O_CREAT, 0600, &fd), 0);
-    EXPECT_EQ(ossLockByte(fd, 7), 0);
-    EXPECT_EQ(ossLockByte(fd, 7), 0);
-    EXPECT_FALSE(ossByteLockedElsewhere(fd, 7));
-    locked.give();
-    ::pause();
-  });
-  ASSERT_TRUE(locked.take());
-  int fd = -1;
-  ASSERT_EQ(ossOpen(path.c_str(), O_RDWR, 0, &fd), 0);
-  EXPECT_EQ(ossLockByte(fd, 7), EAGAIN);
-  EXPECT_TRUE(ossByteLockedElsewhere(fd, 7));
-  EXPECT_EQ(ossLockByte(fd, 8), 0);
-  EXPECT_EQ(finishKilled(holder), -SIGKILL);
-  EXPECT_FALSE(ossByteLockedElsewhere(fd, 7));
-  EXPECT_EQ(ossLockByte(fd, 7), 0);
-  ossClose(fd);
-  EXPECT_TRUE(ossByteLockedElsewhere(fd, 7)) << "in doubt the owner lives";
 }
 
 TEST_APART(OsIdentity, OfTheBoot) {

@@ -136,60 +136,47 @@ void waitForRecords(const Board& board, std::uint64_t more) {
   while (board.written.load(std::memory_order_relaxed) < target) ::sched_yield();
 }
 
-class Chaos {
- public:
-  Chaos(Board& board, std::uint64_t seed) : board_(board), random_(seed) {
-    for (pid_t& writer : writers_) writer = startWriters(board_);
-  }
-
-  void round() {
-    pid_t& victim = writers_[random_() % std::size(writers_)];
-    waitForRecords(board_, random_() % 60'000);
-    if (random_() % 4 == 0 && stopped_ == 0) {
-      ::kill(victim, SIGSTOP);
-      stopped_ = victim;
-    } else if (random_() % 8 == 0 && stopped_ != 0) {
-      ::kill(stopped_, random_() % 4 == 0 ? SIGKILL : SIGCONT);
-      woken_.push_back(std::exchange(stopped_, 0));
-      return;
+// Kills a writer in each round, or stops one, or has the stopped one go on or die.
+void killAndStopWriters(Board& board, std::uint64_t seed, unsigned rounds) {
+  std::mt19937_64 random(seed);
+  pid_t writers[] = {startWriters(board), startWriters(board), startWriters(board)};
+  pid_t stopped = 0;
+  std::vector<pid_t> woken;
+  for (unsigned i = 0; i < rounds; ++i) {
+    pid_t& victim = writers[random() % std::size(writers)];
+    waitForRecords(board, random() % 60'000);
+    if (random() % 8 == 0 && stopped != 0) {
+      ::kill(stopped, random() % 4 == 0 ? SIGKILL : SIGCONT);
+      woken.push_back(std::exchange(stopped, 0));
+      continue;
+    }
+    if (random() % 4 == 0 && stopped == 0) {
+      ::kill(stopped = victim, SIGSTOP);
     } else {
       EXPECT_EQ(finishKilled(victim), -SIGKILL);
     }
-    victim = startWriters(board_);
+    victim = startWriters(board);
   }
-
-  void end() {
-    board_.stop = true;
-    if (stopped_ != 0) woken_.push_back(stopped_);
-    if (stopped_ != 0) ::kill(stopped_, SIGCONT);
-    for (const pid_t writer : writers_) EXPECT_EQ(finish(writer), 0);
-    for (const pid_t writer : woken_) {
-      const int end = finish(writer);
-      EXPECT_TRUE(end == 0 || end == -SIGKILL) << end;
-    }
+  board.stop = true;
+  for (const pid_t writer : writers) EXPECT_EQ(finish(writer), 0);
+  if (stopped != 0) ::kill(woken.emplace_back(stopped), SIGCONT);
+  for (const pid_t writer : woken) {
+    const int end = finish(writer);
+    EXPECT_TRUE(end == 0 || end == -SIGKILL) << end;
   }
-
- private:
-  Board& board_;
-  std::mt19937_64 random_;
-  pid_t writers_[3] = {};
-  pid_t stopped_ = 0;
-  std::vector<pid_t> woken_;
-};
+}
 
 TEST(TraceSurvival, WritersKilledAndStoppedAtRandomCostNothingElse) {
   const Instance instance;
   createRing();
   const Shared<Board> board;
-  Chaos chaos(*board, 20240611);
   const pid_t reader = start([&board] {
     while (!board->stop && !testing::Test::HasFailure()) {
       checkInstance();
       board->passes.fetch_add(1);
     }
   });
-  for (unsigned i = 0; i < 60 * stressFactor(); ++i) chaos.round();
-  chaos.end();
+  killAndStopWriters(*board, 20240611, 60 * stressFactor());
   EXPECT_EQ(finish(reader), 0);
   EXPECT_GT(board->passes, 20U);
 
@@ -371,18 +358,17 @@ TEST(TraceSurvival, WithoutAFreeSegmentRecordsAreCountedLostAtTheirPlace) {
   createRing();
   inProcess([] {
     constexpr std::uint64_t kLost = 200;
-    std::barrier taken(kSegments + 1);
-    std::barrier released(kSegments + 1);
+    std::barrier together(kSegments + 1);
     std::vector<std::jthread> holders;
     for (std::uint32_t i = 0; i < kSegments; ++i)
       holders.emplace_back([&] {
         pdtEvent(kFunction, 1, 1);
-        taken.arrive_and_wait();
-        released.arrive_and_wait();
+        together.arrive_and_wait();  // all segments are taken
+        together.arrive_and_wait();  // and go back
       });
-    taken.arrive_and_wait();
+    together.arrive_and_wait();
     for (std::uint64_t number = 0; number < kLost; ++number) writeStamped(7, number);
-    released.arrive_and_wait();
+    together.arrive_and_wait();
     holders.clear();
     for (std::uint64_t number = kLost; number < kLost + 100; ++number) writeStamped(7, number);
 

@@ -95,7 +95,7 @@ TEST_F(Demo, FoldsTheFirstErrorOfARequest) {
   for (const auto& c : cases) {
     const Answer report = runDemo({"--workers", "1", fileOf(c.file)});
     EXPECT_EQ(0, report.status);
-    EXPECT_EQ(c.sqlcode, valueOf(report, "sqlcode").substr(0, valueOf(report, "sqlcode").find(' '))) << report.out;
+    EXPECT_TRUE((valueOf(report, "sqlcode") + " ").starts_with(c.sqlcode + std::string(" "))) << report.out;
     EXPECT_EQ(c.state, valueOf(report, "sqlstate"));
     EXPECT_EQ(c.tokens, valueOf(report, "sqlerrmc"));
     EXPECT_TRUE(valueOf(report, "sqlerrd").starts_with(c.rc)) << report.out;

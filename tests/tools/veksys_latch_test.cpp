@@ -155,8 +155,7 @@ TEST_F(LatchCommand, ShowsStoppedAndDeadHoldersAndWhoWaitsForThem) {
     initialise();
     EXPECT_EQ((*latches_)[0].getExclusive("pool/fix.cpp", 812), 0);
   });
-  ::kill(stopped, SIGSTOP);
-  ASSERT_TRUE(waitUntilStopped(stopped));
+  stop(stopped);
   EXPECT_EQ(veksys({"latch"}).status, 0) << "a stopped holder that nobody waits for is no problem";
 
   const pid_t waiting = livingIn([&] { (void)(*latches_)[0].getShared("pool/read.cpp", 99); });

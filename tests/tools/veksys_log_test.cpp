@@ -137,8 +137,8 @@ TEST_F(Log, NoTwoTextsLookTheSameInJson) {
       {"\xED\xA0\x80", "\\xED\\xA0\\x80*"},
   };
   for (const auto& [text, shown] : cases) {
-    const std::vector<Told> one = numbered(1, 1, std::string("MESSAGE : ") + text + "\r\n");
-    const auto record = json(log({write("a", logOf(one)), "--json"}).out);
+    const std::string body = std::string("MESSAGE : ") + text + "\r\n";
+    const auto record = json(log({write("a", logOf(numbered(1, 1, body))), "--json"}).out);
     EXPECT_EQ(record["message"].GetString() + std::string(record.HasMember("message_escaped") ? "*" : ""), shown);
   }
 }
@@ -154,8 +154,7 @@ TEST_F(Log, OneLineHoldsTheGist) {
       {"DATA #1 : <preformatted>\r\nabc\r\n", "abc"},
   };
   for (const auto& [body, gist] : cases) {
-    std::vector<Told> one = numbered(1, 1, body);
-    const std::string line = log({write("a", logOf(one)), "--oneline"}).out;
+    const std::string line = log({write("a", logOf(numbered(1, 1, body))), "--oneline"}).out;
     EXPECT_TRUE(line.ends_with(std::string(" ") + gist + "\n")) << line;
   }
 }
@@ -488,21 +487,8 @@ TEST_F(Log, TerminalGetsColoursButNoControlsOfTexts) {
 
 // ---- lnav -------------------------------------------------------------------------------------------------------
 
-// The rows that lnav finds in a log with the format file that is installed.
-Words rowsOfLnav(const Instance& instance, const std::string& path) {
-  const std::string formats = instance.path("lnav/formats/veksys");
-  std::filesystem::create_directories(formats);
-  std::filesystem::copy(VEKSYS_TEST_SOURCE "/../tools/veksys/veksys.lnav.json", formats + "/veksys.lnav.json",
-                        std::filesystem::copy_options::overwrite_existing);
-  const Answer answer =
-      runProgram("env", {"HOME=" + directoryOfInstance(), "lnav", "-n", "-I", instance.path("lnav"), "-c",
-                         ";select log_level, pid, component, probe from vekdiag_log where pid is not null", "-c",
-                         ":write-csv-to -", path});
-  EXPECT_EQ(answer.status, 0) << answer.err;
-  return linesOf(answer.out);
-}
-
-// Over records of every shape and over a log of the library; skipped where lnav is not there.
+// The rows that it finds, with the format file that is installed, in records of every shape; skipped where it is not
+// there.
 TEST_F(Log, LnavReadsIt) {
   if (runProgram("lnav", {"-V"}).status != 0) GTEST_SKIP() << "lnav is not installed";
   const std::string path = write(
@@ -510,11 +496,19 @@ TEST_F(Log, LnavReadsIt) {
       logOf({{1, "Severe (Fatal)"},
              {2, "Info"},
              {3, "Warning", "2025-11-21-10.00.00.000000", "+000", 77, "", "c, f", "MESSAGE : two\r\nlines\r\n"}}));
-  EXPECT_EQ(rowsOfLnav(instance_, path),
-            (Words{"log_level,pid,component,probe", "fatal,100,operating-system services,1",
-                   "info,100,operating-system services,2", "warning,77,c,3"}));
   inProcess([] { EXPECT_EQ(pdLogPrintf(1, kRead, SQLO_NOMEM, 5, 2, "page %u", 9U), 0); });
-  const auto rows = rowsOfLnav(instance_, std::string(::getenv("VEK_INSTANCE_DIR")) + "/diag/vekdiag.log");
+  write("lnav/formats/veksys/veksys.lnav.json", contentOf(VEKSYS_TEST_SOURCE "/../tools/veksys/veksys.lnav.json"));
+  const auto rowsOf = [&](const std::string& file) {
+    const Answer answer =
+        runProgram("env", {"HOME=" + directoryOfInstance(), "lnav", "-n", "-I", instance_.path("lnav"), "-c",
+                           ";select log_level, pid, component, probe from vekdiag_log where pid is not null", "-c",
+                           ":write-csv-to -", file});
+    EXPECT_EQ(answer.status, 0) << answer.err;
+    return linesOf(answer.out);
+  };
+  EXPECT_EQ(rowsOf(path), (Words{"log_level,pid,component,probe", "fatal,100,operating-system services,1",
+                                 "info,100,operating-system services,2", "warning,77,c,3"}));
+  const Words rows = rowsOf(instance_.path("instance/diag/vekdiag.log"));
   ASSERT_FALSE(rows.empty());
   EXPECT_TRUE(rows.back().starts_with("error,") && rows.back().ends_with(",buffer pool services,5")) << rows.back();
 }

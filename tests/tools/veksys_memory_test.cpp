@@ -4,16 +4,16 @@
 #include <map>
 #include <set>
 
+#include "memory/memory_support.h"
 #include "tools/veksys/memory_picture.h"
 #include "tools/veksys_support.h"
-#include "veksys/memory.h"
 
 namespace vektest {
 namespace {
 
 using namespace veksys;
-
-constexpr std::uint32_t kMb = 1024 * 1024;
+using vek::memorytest::controllerOf;
+using vek::memorytest::kMb;
 
 SqloMemEntry entryOf(std::uint32_t kind, std::uint64_t set, std::uint64_t owner, std::uint64_t size,
                      std::uint64_t used) {
@@ -67,11 +67,9 @@ TEST(MemoryPictureOf, LooksTellsSumsAndGrowth) {
   later.entries[3].usedBytes -= 1;
   later.entries[7].sizeBytes += 9;
   later.entries.push_back(entryOf(SQLO_MEM_ENTRY_SET, 3, 9, 10, 5));
-  const std::vector<MemoryGrowth> growth = compareMemory(look, later);
-  ASSERT_EQ(growth.size(), 3U);
-  EXPECT_EQ(growth[0].bytes, 9U);
-  EXPECT_EQ(growth[1].bytes, 7U);
-  EXPECT_EQ(growth[2].bytes, 5U);
+  std::vector<std::uint64_t> grown;
+  for (const MemoryGrowth& each : compareMemory(look, later)) grown.push_back(each.bytes);
+  EXPECT_EQ(grown, (std::vector<std::uint64_t>{9, 7, 5}));
 }
 
 // ---- real processes ---------------------------------------------------------------------------------------------
@@ -116,23 +114,10 @@ const rapidjson::Value* processIn(const rapidjson::Document& picture, pid_t numb
   return nullptr;
 }
 
-std::uint64_t sumOf(const rapidjson::Value& list, const char* member) {
-  std::uint64_t sum = 0;
-  for (const auto& each : list.GetArray()) sum += each[member].GetUint64();
-  return sum;
-}
-
-void expectSumsOf(const rapidjson::Value& set) {
-  EXPECT_EQ(sumOf(set["pools"], "owned_bytes") + set["in_no_pool_bytes"].GetUint64(), set["used_bytes"].GetUint64());
-  EXPECT_EQ(set["granted_bytes"].GetUint64(), set["reserved_bytes"].GetUint64());
-  EXPECT_LE(set["used_bytes"].GetUint64(), set["committed_bytes"].GetUint64());
-}
-
 TEST_F(MemoryCommand, ShowsRunningStoppedAndDeadProcesses) {
   expectSentence(veksys({"memory"}), 1, "no process of it has run here");
   const pid_t keeper = live([] {
-    SqloMemController* controller = SqloMemController::instance();
-    EXPECT_EQ(controller->initialize(512 * kMb, false, true, 0, 0), 0);
+    SqloMemController* controller = controllerOf(512 * kMb);
     SQLO_MEM_SET* set = makeSet(SQLO_SET_DBM_DB, "SAMPLE", 8 * kMb);
     allocate(makePool(set, SQLO_POOL_KRCBH), 2 * kMb);
     SqloMemoryConsumer* consumer = nullptr;
@@ -154,24 +139,19 @@ TEST_F(MemoryCommand, ShowsRunningStoppedAndDeadProcesses) {
     }
     ::wait(nullptr);
   });
-  ::kill(stopped, SIGSTOP);
-  ASSERT_TRUE(waitUntilStopped(stopped));
+  stop(stopped);
   const pid_t dead = live([] { allocate(makePool(makeSet(SQLO_SET_PRIVATE, "lost", kMb), SQLO_POOL_FLH), 100); });
   end(dead);
 
   const auto seen = pictureNow();
   EXPECT_TRUE(seen["adds_up"].GetBool());
   ASSERT_EQ(seen["processes"].Size(), 3U);
-  const std::pair<pid_t, const char*> states[] = {{keeper, "running"}, {stopped, "stopped"}, {dead, "dead"}};
-  std::uint64_t granted = 0;
-  for (const auto& [number, state] : states) {
+  for (const auto& [number, state] : {std::pair(keeper, "running"), {stopped, "stopped"}, {dead, "dead"}}) {
     const rapidjson::Value* process = processIn(seen, number);
     ASSERT_NE(process, nullptr) << state;
     EXPECT_STREQ((*process)["state"].GetString(), state);
-    for (const auto& set : (*process)["sets"].GetArray()) expectSumsOf(set);
-    granted += sumOf((*process)["consumers"], "granted_bytes");
+    for (const auto& set : (*process)["sets"].GetArray()) EXPECT_EQ(set["granted_bytes"], set["reserved_bytes"]);
   }
-  EXPECT_EQ(seen["controller"]["granted_bytes"].GetUint64(), granted);
   const rapidjson::Value& mine = (*processIn(seen, stopped))["sets"];
   ASSERT_EQ(mine.Size(), 1U);
   EXPECT_STREQ(mine[0]["name"].GetString(), "mine");
@@ -179,7 +159,6 @@ TEST_F(MemoryCommand, ShowsRunningStoppedAndDeadProcesses) {
   EXPECT_STREQ(mine[0]["pools"][0]["pool"].GetString(), "apmh");
   EXPECT_GE(mine[0]["pools"][0]["used_bytes"].GetUint64(), kMb);
   ASSERT_EQ(seen["shared_sets"].Size(), 1U);
-  expectSumsOf(seen["shared_sets"][0]);
   EXPECT_EQ(seen["shared_sets"][0]["connections"].Size(), 2U);
   EXPECT_EQ(seen["sums"]["reserved_bytes"].GetUint64(), 12U * kMb);
 
@@ -195,7 +174,7 @@ TEST_F(MemoryCommand, ShowsRunningStoppedAndDeadProcesses) {
   end(keeper);
   live([] { makeSet(SQLO_SET_PRIVATE, "", kMb); });
   const auto after = pictureNow();
-  EXPECT_EQ(processIn(after, dead) == nullptr || (*processIn(after, dead))["sets"].Size() == 0, true);
+  EXPECT_TRUE(processIn(after, dead) == nullptr || (*processIn(after, dead))["sets"].Empty());
   ASSERT_EQ(after["shared_sets"].Size(), 1U);
   EXPECT_EQ(after["shared_sets"][0]["pools"].Size(), 1U);
 }
@@ -205,25 +184,23 @@ TEST_F(MemoryCommand, ShowsWhatGrows) {
   livingIn([] {
     SQLO_MEM_POOL* pool = makePool(makeSet(SQLO_SET_PRIVATE, "leaky", 64 * kMb), SQLO_POOL_XMLCACHEH);
     for (unsigned round = 0;; ++round) {
-      if (round < 900) allocate(pool, 60'000);
+      if (round < 5000) allocate(pool, 10'000);
       ::usleep(5000);
     }
   });
-  const Answer stream =
-      runProgram("sh", {"-c", "\"$0\" memory --json --watch 20ms | head -n 4", VEKSYS_TEST_BIN "/veksys"});
-  const auto looks = jsonLines(stream.out);
-  ASSERT_EQ(looks.size(), 4U);
+  // Looks until it has grown.
+  const char* const stream = R"("$0" memory --json --watch 20ms | sed '/"growth":\[[^]]*"xmlcacheh"/q')";
+  const Answer answer = runProgram("sh", {"-c", stream, VEKSYS_TEST_BIN "/veksys"});
+  EXPECT_EQ(answer.status, 0) << answer.err;
+  const auto looks = jsonLines(answer.out);
+  ASSERT_GT(looks.size(), 1U);
   EXPECT_FALSE(looks[0].HasMember("growth"));
-  std::set<std::string> growers;
-  for (std::size_t i = 1; i < looks.size(); ++i)
-    for (const auto& each : looks[i]["growth"].GetArray()) growers.insert(each["name"].GetString());
-  EXPECT_TRUE(growers.contains("xmlcacheh")) << stream.out;
 }
 
 // A family's name, type, unit and help stand before its samples; no sample occurs twice; the end is marked.
 TEST_F(MemoryCommand, PrintsMetricsThatFollowTheirGrammar) {
   live([] {
-    EXPECT_EQ(SqloMemController::instance()->initialize(64 * kMb, false, true, 0, 0), 0);
+    controllerOf(64 * kMb);
     SQLO_MEM_SET* set = makeSet(SQLO_SET_PRIVATE, "odd \"name\\\n", 2 * kMb);
     for (const std::uint32_t id : {SQLO_POOL_APMH, SQLO_POOL_APMH, SQLO_POOL_DRI}) makePool(set, id);
   });
@@ -234,24 +211,23 @@ TEST_F(MemoryCommand, PrintsMetricsThatFollowTheirGrammar) {
   std::map<std::string, std::string> types;
   std::set<std::string> samples;
   std::string family;
-  const Words lines = linesOf(answer.out);
-  ASSERT_GT(lines.size(), 20U);
-  EXPECT_EQ(lines.back(), "# EOF");
-  EXPECT_TRUE(answer.out.ends_with("# EOF\n"));
-  for (std::size_t i = 0; i + 1 < lines.size(); ++i) {
+  Words lines = linesOf(answer.out);
+  EXPECT_TRUE(answer.out.ends_with("\n# EOF\n"));
+  lines.pop_back();
+  for (const std::string& line : lines) {
     std::smatch match;
-    if (std::regex_match(lines[i], match, meta)) {
+    if (std::regex_match(line, match, meta)) {
       if (match[1] == "TYPE") {
         family = match[2];
         EXPECT_TRUE(types.emplace(family, match[3]).second) << family << " begins twice";
       }
-      EXPECT_EQ(match[2], family) << lines[i];
-      EXPECT_TRUE(match[1] != "UNIT" || family.ends_with("_" + match[3].str())) << lines[i];
-    } else if (std::regex_match(lines[i], match, sample)) {
-      EXPECT_EQ(match[1], family + (types[family] == "counter" ? "_total" : "")) << lines[i];
-      EXPECT_TRUE(samples.insert(match[1].str() + match[2].str()).second) << lines[i];
+      EXPECT_EQ(match[2], family) << line;
+      EXPECT_TRUE(match[1] != "UNIT" || family.ends_with("_" + match[3].str())) << line;
+    } else if (std::regex_match(line, match, sample)) {
+      EXPECT_EQ(match[1], family + (types[family] == "counter" ? "_total" : "")) << line;
+      EXPECT_TRUE(samples.insert(match[1].str() + match[2].str()).second) << line;
     } else {
-      ADD_FAILURE() << lines[i];
+      ADD_FAILURE() << line;
     }
   }
   for (const char* part : {"veksys_memory_bound_bytes{", "pool=\"apmh\"", "state=\"running\"", "odd \\\"name"})

@@ -1,4 +1,7 @@
 // veksys rc, run as a person runs it.
+#include <iomanip>
+#include <span>
+
 #include "tools/veksys_support.h"
 #include "veksys/diag/rc.h"
 
@@ -88,22 +91,19 @@ TEST_F(Rc, NamesTheCodesBehindAnSqlCode) {
 
 // Every code of the catalogue, handed over as text, is found and explained by its own name.
 TEST_F(Rc, KnowsTheWholeCatalogue) {
-  std::string text;
-  std::vector<const SqlzZrcEntry*> expected;
-  for (std::size_t i = 0; i < SQLZ_ZRC_MAP_COUNT; ++i) {
-    const SqlzZrcEntry& entry = sqlzGetZrcMap()[i];
+  std::ostringstream text;
+  std::vector<const char*> expected;
+  for (const SqlzZrcEntry& entry : std::span(sqlzGetZrcMap(), SQLZ_ZRC_MAP_COUNT)) {
     if (entry.code == 0) continue;
-    char line[64];
-    (void)std::snprintf(line, sizeof line, "rc=0x%08X\n", static_cast<unsigned>(entry.code));
-    text += line;
-    expected.push_back(&entry);
+    text << "rc=0x" << std::hex << std::setw(8) << std::setfill('0') << static_cast<std::uint32_t>(entry.code) << "\n";
+    expected.push_back(entry.name);
   }
-  const Answer answer = veksys({"rc", "--json"}, text);
+  const Answer answer = veksys({"rc", "--json"}, text.str());
   ASSERT_EQ(answer.status, 0) << answer.err;
   const auto explained = json(answer.out);
   ASSERT_EQ(explained["codes"].Size(), expected.size());
   for (rapidjson::SizeType i = 0; i < explained["codes"].Size(); ++i)
-    EXPECT_STREQ(explained["codes"][i]["name"].GetString(), expected[i]->name);
+    EXPECT_STREQ(explained["codes"][i]["name"].GetString(), expected[i]);
 }
 
 TEST_F(Rc, FindsCodesByWords) {
@@ -118,9 +118,6 @@ TEST_F(Rc, FindsCodesByWords) {
     for (char& c : text) c = static_cast<char>(std::tolower(c));
     EXPECT_TRUE(holds(text, "lock") && holds(text, "timeout")) << text;
   }
-  const auto byName = json(veksys({"rc", "SQLO_NOMEM_", "--json"}).out);
-  for (const auto& each : byName["matches"].GetArray())
-    EXPECT_TRUE(std::string(each["name"].GetString()).starts_with("SQLO_NOMEM_"));
 }
 
 TEST_F(Rc, RefusesWhatIsNoCode) {

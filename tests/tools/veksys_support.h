@@ -3,6 +3,7 @@
 
 #include <rapidjson/document.h>
 
+#include <functional>
 #include <regex>
 
 #include "platform/trace_support.h"
@@ -104,20 +105,16 @@ class LivingProcesses : public CommandTest {
   }
 
   // A process that has done `body`.
-  template <class Body>
-  pid_t live(Body body) {
-    return startLiving([&] {
-      body();
-      done_.give();
-    });
+  pid_t live(const std::function<void()>& body) {
+    return startLiving(body, [] {});
   }
   // One that ends up waiting in `body`, or busy with it.
-  template <class Body>
-  pid_t livingIn(Body body) {
-    return startLiving([&] {
-      done_.give();
-      body();
-    });
+  pid_t livingIn(const std::function<void()>& body) {
+    return startLiving([] {}, body);
+  }
+  static void stop(pid_t process) {
+    ::kill(process, SIGSTOP);
+    EXPECT_TRUE(waitUntilStopped(process));
   }
   void end(pid_t process) {
     finishKilled(process);
@@ -125,10 +122,11 @@ class LivingProcesses : public CommandTest {
   }
 
  private:
-  template <class Body>
-  pid_t startLiving(Body body) {
+  pid_t startLiving(const std::function<void()>& first, const std::function<void()>& then) {
     processes_.push_back(start([&] {
-      body();
+      first();
+      done_.give();
+      then();
       for (;;) ::pause();
     }));
     EXPECT_TRUE(done_.take());
