@@ -150,8 +150,13 @@ TEST_F(MemoryCommand, ShowsRunningStoppedAndDeadProcesses) {
     const rapidjson::Value* process = processIn(seen, number);
     ASSERT_NE(process, nullptr) << state;
     EXPECT_STREQ((*process)["state"].GetString(), state);
-    for (const auto& set : (*process)["sets"].GetArray()) EXPECT_EQ(set["granted_bytes"], set["reserved_bytes"]);
+    for (const auto& set : (*process)["sets"].GetArray()) {
+      EXPECT_EQ(set["granted_bytes"], set["reserved_bytes"]);
+      EXPECT_EQ(set["pools"][0]["owned_bytes"].GetUint64() + set["in_no_pool_bytes"].GetUint64(),
+                set["used_bytes"].GetUint64());
+    }
   }
+  EXPECT_GE(seen["controller"]["granted_bytes"].GetUint64(), 15U * kMb);
   const rapidjson::Value& mine = (*processIn(seen, stopped))["sets"];
   ASSERT_EQ(mine.Size(), 1U);
   EXPECT_STREQ(mine[0]["name"].GetString(), "mine");
