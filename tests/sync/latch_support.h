@@ -4,6 +4,7 @@
 #include <random>
 
 #include "platform/region.h"
+#include "platform/semaphore.h"
 #include "platform/support.h"
 #include "veksys/codes.h"
 #include "veksys/sync.h"
@@ -16,24 +17,12 @@ inline constexpr std::uint16_t kType = 77;
 class Instance : public platformtest::Instance {
  public:
   ~Instance() {
-    RegionHeader header = {};
-    if (std::FILE* file = std::fopen(region().c_str(), "rb"); file != nullptr) {
-      const bool whole = std::fread(static_cast<void*>(&header), sizeof header, 1, file) == 1;
-      (void)std::fclose(file);
-      if (whole) removeSemaphores(header);
-    }
-  }
-
- private:
-  static void removeSemaphores(const RegionHeader& header) {
-    char stamp[32];
-    std::snprintf(stamp, sizeof stamp, ".%llx_", static_cast<unsigned long long>(header.createdRealtimeNs));
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm")) {
-      const std::string name = entry.path().filename().string();
-      std::error_code ignored;
-      if (name.starts_with("sem.VEKSEM") && name.find(stamp) != std::string::npos)
-        std::filesystem::remove(entry.path(), ignored);
-    }
+    RegionHeader header;
+    std::ifstream file(region(), std::ios::binary);
+    if (!file.read(reinterpret_cast<char*>(&header), sizeof header)) return;
+    char identity[96];
+    regionIdentity(header, identity, sizeof identity);
+    ossRemoveSemaphoresOf((std::string("/") + REGION_SEMAPHORE_PREFIX + identity + "_").c_str());
   }
 };
 

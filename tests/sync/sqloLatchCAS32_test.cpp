@@ -1,4 +1,4 @@
-// The latches of one process: words, texts, modes, and many threads at once.
+// The latches of one process: words, texts, modes, upgrades, and more waiters than there are semaphore elements.
 #include <algorithm>
 #include <cstring>
 
@@ -115,20 +115,20 @@ TEST_APART(Latch, ModesGoTogetherAsTheyShould) {
 TEST_APART(Latch, OnlyOneSharerWaitsToBecomeExclusive) {
   SQLO_SLATCH_CAS32 latch;
   ASSERT_EQ(latch.init(1, kFair), 0);
-  std::atomic<unsigned> refused{0};
   std::atomic<unsigned> granted{0};
   std::atomic<unsigned> shared{0};
   inThreads(4, [&](unsigned) {
-    ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
-    shared.fetch_add(1);
-    while (shared.load() < 4) std::this_thread::yield();
-    const SqlzZrc result = latch.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__);
-    if (result == 0) granted.fetch_add(1);
-    if (result == SQLO_LATCH_UPGRADE_CONFLICT) refused.fetch_add(1);
-    latch.release();
+    for (unsigned round = 1; round <= 500; ++round) {
+      ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
+      shared.fetch_add(1);
+      while (shared.load() < 4 * round) std::this_thread::yield();
+      const SqlzZrc result = latch.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__);
+      EXPECT_TRUE(result == 0 || result == SQLO_LATCH_UPGRADE_CONFLICT) << result;
+      granted.fetch_add(result == 0 ? 1 : 0);
+      latch.release();
+    }
   });
-  EXPECT_GE(granted.load(), 1U);
-  EXPECT_EQ(granted.load() + refused.load(), 4U);
+  EXPECT_GE(granted.load(), 500U);
   EXPECT_EQ(latch.state(), 0U);
 }
 
@@ -161,87 +161,6 @@ TEST(Latch, MoreAreWaitedForThanThereAreElements) {
     EXPECT_EQ(got.load(), kLatches);
     for (const auto& latch : latches) EXPECT_EQ(latch.state(), 0U);
   });
-}
-
-// What the latches guard: a sharer must never see it change, an exclusive holder is alone.
-struct Guarded {
-  SQLO_SLATCH_CAS32 latch;
-  SqloSpinLatch spin;
-  std::atomic<std::uint32_t> sharers{0};
-  std::atomic<std::uint32_t> owners{0};
-  std::uint64_t value = 0;
-  std::uint64_t copy = 0;
-  std::uint64_t spun = 0;
-};
-
-void exclusively(Guarded& guarded, Dice& dice) {
-  EXPECT_EQ(guarded.owners.fetch_add(1), 0U);
-  EXPECT_EQ(guarded.sharers.load(), 0U);
-  ++guarded.value;
-  if (dice(64) == 0) std::this_thread::yield();
-  ++guarded.copy;
-  guarded.owners.fetch_sub(1);
-}
-
-void sharing(Guarded& guarded, Dice& dice) {
-  guarded.sharers.fetch_add(1);
-  EXPECT_EQ(guarded.owners.load(), 0U);
-  const std::uint64_t value = guarded.value;
-  if (dice(64) == 0) std::this_thread::yield();
-  EXPECT_EQ(value, guarded.copy);
-  guarded.sharers.fetch_sub(1);
-}
-
-// One random step; counts what it wrote.
-void step(Guarded& guarded, Dice& dice, std::uint64_t* written) {
-  const std::uint32_t choice = dice(10);
-  if (choice == 9) {
-    ASSERT_EQ(guarded.spin.captureLatch(__FILE__, __LINE__), 0);
-    ++guarded.spun;
-    guarded.spin.releaseLatch();
-    return;
-  }
-  const bool conditional = dice(4) == 0;
-  const bool exclusive = choice < 3;
-  const SqlzZrc result = exclusive ? (conditional ? guarded.latch.tryGetExclusive(__FILE__, __LINE__)
-                                                  : guarded.latch.getExclusive(__FILE__, __LINE__))
-                                   : (conditional ? guarded.latch.tryGetShared(__FILE__, __LINE__)
-                                                  : guarded.latch.getShared(__FILE__, __LINE__));
-  if (result != 0) return;
-  if (exclusive) {
-    exclusively(guarded, dice);
-    ++*written;
-    if (dice(4) == 0) {
-      EXPECT_EQ(guarded.latch.convert(SQLO_LATCH_SHARED, __FILE__, __LINE__), 0);
-      sharing(guarded, dice);
-    }
-  } else {
-    sharing(guarded, dice);
-    if (choice == 8 && guarded.latch.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__) == 0) {
-      exclusively(guarded, dice);
-      ++*written;
-    }
-  }
-  guarded.latch.release();
-}
-
-TEST_APART(LatchStress, ThreadsExcludeEachOther) {
-  const std::uint32_t seed = std::random_device{}();
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  for (const std::uint16_t flags : {SQLO_LATCH_X_STARVATION, kFair}) {
-    Guarded guarded;
-    ASSERT_EQ(guarded.latch.init(kType, flags), 0);
-    std::atomic<std::uint64_t> written{0};
-    inThreads(6, [&](unsigned number) {
-      Dice dice(seed + number);
-      std::uint64_t mine = 0;
-      for (int i = 0; i < 20'000; ++i) step(guarded, dice, &mine);
-      written.fetch_add(mine);
-    });
-    EXPECT_EQ(guarded.value, written.load());
-    EXPECT_EQ(guarded.latch.state(), 0U);
-    guarded.latch.term();
-  }
 }
 
 }  // namespace

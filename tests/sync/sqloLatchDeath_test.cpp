@@ -1,5 +1,6 @@
 // Latches of holders and waiters that are killed: at any instruction of a capture or a release, asleep, and just woken.
 #include <algorithm>
+#include <array>
 
 #include "diag/pdlog_support.h"
 #include "platform/victim.h"
@@ -67,6 +68,9 @@ void hold(Latches& latches) { ASSERT_EQ(latches.word.getExclusive(__FILE__, __LI
 void holdSpin(Latches& latches) { ASSERT_EQ(latches.spin.captureLatch(__FILE__, __LINE__), 0); }
 void release(Latches& latches) { latches.word.release(); }
 void releaseSpin(Latches& latches) { latches.spin.releaseLatch(); }
+void dieHolding(Latches& latches, bool spin) {
+  finish(start([&] { (spin ? holdSpin : hold)(latches), ::_exit(0); }));
+}
 
 const Scenario kScenarios[] = {
     {"spin", nothing, [](Latches& l) { (void)l.spin.captureLatch(kVictim, 1), l.spin.releaseLatch(); }, nothing},
@@ -109,9 +113,15 @@ unsigned killAt(Latches& latches, const Scenario& scenario, unsigned instruction
   return done;
 }
 
+// Does body(latches) in a process of its own, with new latches that processes share.
 template <class Body>
-void inTracingProcess(Body body) {
-  const int result = runInProcess(body);
+void withLatches(std::uint16_t policy, Body body) {
+  const Instance instance;
+  const Shared<Latches> latches;
+  const int result = runInProcess([&] {
+    initialise(*latches, policy);
+    body(*latches);
+  });
   if (result == kSkip) GTEST_SKIP() << "a process may not be traced here";
   EXPECT_EQ(result, 0);
 }
@@ -121,40 +131,34 @@ class LatchDeath : public ::testing::TestWithParam<std::uint16_t> {};
 TEST_P(LatchDeath, AtAnyInstruction) {
   const std::uint32_t seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  const Instance instance;
-  const Shared<Latches> latches;
-  inTracingProcess([&] {
-    initialise(*latches, GetParam());
+  withLatches(GetParam(), [&](Latches& latches) {
     Dice dice(seed);
     std::string lengths;
     for (const Scenario& scenario : kScenarios) {
       const bool waits = scenario.before != nothing;
-      const unsigned length = killAt(*latches, scenario, waits ? 3000 : kStepsMost);  // a waiter would wait for ever
+      const unsigned length = killAt(latches, scenario, waits ? 3000 : kStepsMost);  // a waiter would wait for ever
       lengths += std::string(scenario.name) + " " + std::to_string(length) + " instructions, ";
       // The way of a waiter is long: samples. Of the others every kStride-th instruction, other ones in each run.
       for (unsigned i = 0; i < (waits ? 20 : std::min(length, kBody) / kStride); ++i)
-        killAt(*latches, scenario, waits ? dice(length) : kStride * i + seed % kStride);
+        killAt(latches, scenario, waits ? dice(length) : kStride * i + seed % kStride);
     }
-    EXPECT_GT(latches->repaired.load(), 0U) << lengths;
+    EXPECT_GT(latches.repaired.load(), 0U) << lengths;
   });
 }
 
 // A waiter that is posted and killed before it has looked: its wake-up is lost, the others must get in all the same.
 TEST_P(LatchDeath, JustWoken) {
-  const Instance instance;
-  const Shared<Latches> latches;
-  inTracingProcess([&] {
-    initialise(*latches, GetParam());
+  withLatches(GetParam(), [](Latches& latches) {
     for (unsigned i = 0; i < 40; ++i) {
-      hold(*latches);
+      hold(latches);
       {
-        Victim victim(captureOnce, [&] { (void)latches->word.getExclusive(kVictim, 1), latches->word.release(); });
+        Victim victim(captureOnce, [&] { (void)latches.word.getExclusive(kVictim, 1), latches.word.release(); });
         if (!victim.canRun()) ::exit(kSkip);
         victim.runUntilAsleep();
-        latches->word.release();
+        latches.word.release();
         victim.step(i * 25);
       }
-      expectUsable(*latches, "woken, killed after " + std::to_string(i * 25));
+      expectUsable(latches, "woken, killed after " + std::to_string(i * 25));
     }
   });
 }
@@ -162,7 +166,7 @@ TEST_P(LatchDeath, JustWoken) {
 INSTANTIATE_TEST_SUITE_P(Policies, LatchDeath, ::testing::Values(SQLO_LATCH_X_STARVATION, kFair),
                          [](const auto& policy) { return policy.param == kFair ? "NoXStarvation" : "XStarvation"; });
 
-// Without a policy the process that finds the dead holder stops; with refusal it is told.
+// Without a policy the process that finds the dead holder stops, and says so in the log; with refusal it is told.
 TEST(LatchDeathPolicy, DecidesWhatBecomesOfIt) {
   for (const bool spin : {false, true}) {
     const Instance instance;
@@ -173,12 +177,7 @@ TEST(LatchDeathPolicy, DecidesWhatBecomesOfIt) {
       EXPECT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REPAIR, nullptr, nullptr), SQLO_INV_PARM);
       EXPECT_EQ(sqloSetLatchDeathPolicy(SQLO_LATCH_TYPE_COUNT, SQLO_LATCH_DEATH_PANIC, nullptr, nullptr),
                 SQLO_INV_PARM);
-      const pid_t holder = ::fork();
-      if (holder == 0) {
-        (void)(spin ? latches->spin.captureLatch("h", 1) : latches->word.getExclusive("h", 1));
-        ::_exit(0);
-      }
-      finish(holder);
+      dieHolding(*latches, spin);
       const auto request = [&] { return spin ? latches->spin.captureLatch("w", 2) : latches->word.getShared("w", 2); };
       EXPECT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REFUSE, nullptr, nullptr), 0);
       EXPECT_EQ(request(), SQLO_LATCH_HOLDER_DIED);
@@ -188,67 +187,42 @@ TEST(LatchDeathPolicy, DecidesWhatBecomesOfIt) {
       (void)request();
     });
     EXPECT_EQ(*code, SQLO_LATCH_HOLDER_DIED);
+    EXPECT_EQ(logtest::countOf(logtest::Log{instance}.records(), "The exclusive holder of a latch died"), 1U);
   }
 }
 
-// What a thread holds without a mark hides the dead only as long as it is held; a killed upgrader leaves its place; the
-// panic over a dead holder stands in the log.
+// What a thread holds without a mark hides the dead only as long as it is held; a killed upgrader leaves its place.
 TEST(LatchDeathPolicy, NothingHidesTheDeadForGood) {
-  const Instance instance;
-  const Shared<Latches> latches;
-  struct Many {
-    SQLO_SLATCH_CAS32 latches[65];
-  };
-  const Shared<Many> many;
-  inProcess([&] {
-    initialise(*latches, kFair);
-    for (auto& latch : many->latches) ASSERT_EQ(latch.init(kType, kShared), 0);
-    for (auto& latch : many->latches) ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
-    for (auto& latch : many->latches) latch.release();
-    finish(start([&] { hold(*latches), ::_exit(0); }));
-    expectUsable(*latches, "after more latches than the list has room for");
-    EXPECT_EQ(latches->repaired.load(), 1U);
+  const Shared<std::array<SQLO_SLATCH_CAS32, 65>> many;
+  withLatches(kFair, [&](Latches& latches) {
+    for (auto& latch : *many) ASSERT_EQ(latch.init(kType, kShared), 0);
+    for (auto& latch : *many) ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
+    for (auto& latch : *many) latch.release();
+    dieHolding(latches, false);
+    expectUsable(latches, "after more latches than the list has room for");
+    EXPECT_EQ(latches.repaired.load(), 1U);
 
-    ASSERT_EQ(latches->word.getShared(__FILE__, __LINE__), 0);
+    ASSERT_EQ(latches.word.getShared(__FILE__, __LINE__), 0);
     const pid_t upgrader = start([&] {
-      (void)latches->word.getShared("u", 1);
-      (void)latches->word.convert(SQLO_LATCH_EXCLUSIVE, "u", 2);
+      (void)latches.word.getShared("u", 1);
+      (void)latches.word.convert(SQLO_LATCH_EXCLUSIVE, "u", 2);
     });
-    while ((latches->word.state() & SQLO_SLATCH_WAITER_X) == 0) ::usleep(100);
+    while ((latches.word.state() & SQLO_SLATCH_WAITER_X) == 0) ::usleep(100);
     EXPECT_EQ(finishKilled(upgrader), -SIGKILL);
     SqlzZrc result = SQLO_LATCH_UPGRADE_CONFLICT;
     for (int i = 0; i < 100 && result == SQLO_LATCH_UPGRADE_CONFLICT; ++i)
-      result = latches->word.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__);
+      result = latches.word.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__);
     EXPECT_EQ(result, 0);
-    latches->word.release();
+    latches.word.release();
   });
-  inProcess([&] {
-    initialise(*latches, kFair);
-    ASSERT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_PANIC, nullptr, nullptr), 0);
-    finish(start([&] { hold(*latches), ::_exit(0); }));
-    const Shared<SqlzZrc> code;
-    reportPanics(&*code);
-    (void)latches->word.getShared(__FILE__, __LINE__);
-  });
-  const std::string text = contentOf(instance.directory() + "/instance/diag/vekdiag.log");
-  EXPECT_NE(text.find("The exclusive holder of a latch died"), std::string::npos);
 }
 
-// A thread that ends with a private latch held is as gone as a process, for the threads of its own.
-TEST_APART(LatchDeathPolicy, HoldsForThreadsToo) {
-  Latches own;
-  ASSERT_EQ(own.word.init(kType, kFair), 0);
-  ASSERT_EQ(sqloSetLatchDeathPolicy(kType, SQLO_LATCH_DEATH_REPAIR, countRepair, &own), 0);
-  inThreads(1, [&](unsigned) { (void)own.word.getExclusive("ended", 1); });
-  ASSERT_EQ(own.word.getShared(__FILE__, __LINE__), 0);
-  EXPECT_EQ(own.repaired.load(), 1U);
-  own.word.release();
-}
-
-// A repair that has to wait for another latch itself: what the thread waits for first is not lost.
-TEST_APART(LatchDeathPolicy, ARepairMayWaitToo) {
+// A thread that ends with private latches held is as gone as a process, for the threads of its own. A repair that has
+// to wait for another such latch itself: what the thread waits for first is not lost.
+TEST_APART(LatchDeathPolicy, HoldsForThreadsAndARepairMayWait) {
   static SqloSpinLatch outer;
   static SQLO_SLATCH_CAS32 inner;
+  static int repairs = 0;
   static const auto expectWaiting = [](const void* latch, std::uint32_t typeId, std::uint32_t line) {
     const SqloLatchTable& table = *sqloCurrentLatchTable();
     EXPECT_TRUE(table.isWaiting);
@@ -256,6 +230,7 @@ TEST_APART(LatchDeathPolicy, ARepairMayWaitToo) {
     EXPECT_EQ(table.waiting.typeId, typeId);
     EXPECT_EQ(table.waiting.line, line);
     EXPECT_STREQ(table.waiting.file, "w");
+    ++repairs;
   };
   const auto repairInner = [](void*, void* latch, std::uint32_t typeId) {
     expectWaiting(latch, typeId, 2);
@@ -263,7 +238,7 @@ TEST_APART(LatchDeathPolicy, ARepairMayWaitToo) {
     return SqlzZrc{0};
   };
   const auto repairOuter = [](void*, void* latch, std::uint32_t typeId) {
-    EXPECT_EQ(inner.getExclusive("w", 2), 0);
+    EXPECT_EQ(inner.getShared("w", 2), 0);
     inner.release();
     expectWaiting(latch, typeId, 1);
     return SqlzZrc{0};
@@ -278,32 +253,30 @@ TEST_APART(LatchDeathPolicy, ARepairMayWaitToo) {
   });
   EXPECT_EQ(outer.captureLatch("w", 1), 0);
   outer.releaseLatch();
+  EXPECT_EQ(repairs, 2);
   EXPECT_FALSE(sqloCurrentLatchTable()->isWaiting);
 }
 
 // Threads that try again and again, and others that wait, do not make a dead holder look alive.
 TEST(LatchDeathPolicy, TheLivingHideNobody) {
   for (const bool spin : {false, true}) {
-    const Instance instance;
-    const Shared<Latches> latches;
-    inProcess([&] {
-      initialise(*latches, kFair);
-      finish(start([&] { (spin ? holdSpin : hold)(*latches), ::_exit(0); }));
+    withLatches(kFair, [=](Latches& latches) {
+      dieHolding(latches, spin);
       std::atomic<bool> stop{false};
       inThreads(5, [&](unsigned number) {
         const bool tries = number < 3;
         SqlzZrc result = SQLO_NOTAVAIL;
         while (result == SQLO_NOTAVAIL && !(tries && stop.load())) {
           if (spin)
-            result = tries ? latches->spin.tryCaptureLatch("t", 1) : latches->spin.captureLatch("w", 2);
+            result = tries ? latches.spin.tryCaptureLatch("t", 1) : latches.spin.captureLatch("w", 2);
           else
-            result = tries ? latches->word.tryGetExclusive("t", 1) : latches->word.getExclusive("w", 2);
+            result = tries ? latches.word.tryGetExclusive("t", 1) : latches.word.getExclusive("w", 2);
         }
-        if (result == 0) (spin ? releaseSpin : release)(*latches);
+        if (result == 0) (spin ? releaseSpin : release)(latches);
         stop = stop || !tries;
       });
-      EXPECT_EQ(latches->repaired.load(), 1U);
-      expectUsable(*latches, "beside threads that try");
+      EXPECT_EQ(latches.repaired.load(), 1U);
+      expectUsable(latches, "beside threads that try");
     });
   }
 }
@@ -331,22 +304,19 @@ void workUntilKilled(Latches& latches, std::uint32_t seed) {
 TEST(LatchStress, ProcessesAreKilledAtRandom) {
   const std::uint32_t seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  const Instance instance;
-  const Shared<Latches> latches;
-  inProcess([&] {
-    initialise(*latches, kFair);
+  withLatches(kFair, [&](Latches& latches) {
     Dice dice(seed);
     pid_t workers[4] = {};
-    for (unsigned i = 0; i < 4; ++i) workers[i] = start([&] { workUntilKilled(*latches, seed + i); });
+    for (unsigned i = 0; i < 4; ++i) workers[i] = start([&] { workUntilKilled(latches, seed + i); });
     for (unsigned round = 0; round < 60; ++round) {
       ::usleep(5000 + dice(20'000));
       pid_t& worker = workers[dice(4)];
       EXPECT_EQ(finishKilled(worker), -SIGKILL);
-      worker = start([&] { workUntilKilled(*latches, seed + 100 + round); });
+      worker = start([&] { workUntilKilled(latches, seed + 100 + round); });
     }
     for (const pid_t worker : workers) EXPECT_EQ(finishKilled(worker), -SIGKILL);
-    expectUsable(*latches, "at the end");
-    EXPECT_GT(latches->inside.load(), 1000U);
+    expectUsable(latches, "at the end");
+    EXPECT_GT(latches.inside.load(), 1000U);
   });
 }
 

@@ -1,9 +1,11 @@
-// What is noted of a thread's latches, what is said of those it leaves held, and the debug checks.
+// What is noted of a thread's latches, what is said of those it leaves held, the debug checks and the settings.
 #include <cstring>
+#include <set>
 
 #include "diag/pdlog_support.h"
 #include "platform/ports.h"
 #include "sync/latch_support.h"
+#include "veksys/latch_types.h"
 
 namespace vek::synctest {
 namespace {
@@ -12,6 +14,16 @@ using namespace platformtest;
 using synctest::Instance;
 
 using logtest::countOf;
+
+TEST(LatchTypes, AreNamedByIdAndUnique) {
+  std::set<std::string> names;
+  for (std::uint32_t id = 0; id < SQLO_LATCH_TYPE_COUNT; ++id) names.insert(sqloLatchTypeName(id));
+  EXPECT_EQ(names.size(), SQLO_LATCH_TYPE_COUNT);
+  EXPECT_STREQ(sqloLatchTypeName(SQLO_LT_SMemSet__MemLatchType__latch), "SQLO_LT_SMemSet__MemLatchType__latch");
+  EXPECT_STREQ(sqloLatchTypeName(466), "SQLO_LT_SqloMemController__m_latch__latch");
+  for (const std::uint32_t id : {SQLO_LATCH_TYPE_COUNT, 0xFFFFFFFFU})
+    EXPECT_STREQ(sqloLatchTypeName(id), "SQLO_LT_UNKNOWN") << id;
+}
 
 TEST_APART(LatchTable, CountsHoldsByType) {
   SqloSpinLatch first;
@@ -75,30 +87,26 @@ TEST(LatchTable, WhatAThreadLeavesHeldIsReported) {
   EXPECT_EQ(countOf(written, "shared, captured in leak.cpp line 4711"), 1U);
 }
 
+void nest(SqloSpinLatch& outer, SqloSpinLatch& inner, std::uint32_t line) {
+  EXPECT_EQ(outer.captureLatch("order.cpp", line), 0);
+  EXPECT_EQ(inner.captureLatch("order.cpp", line + 1), 0);
+  inner.releaseLatch();
+  outer.releaseLatch();
+}
+
 // Everything that hangs on the debug setting, in a process that has it.
 TEST(LatchDebug, FindsWhatCanBlockForGood) {
   const Instance instance;
   const logtest::Log log{instance};
   ::setenv("VEK_LATCH_DEBUG", "on", 1);
   inProcess([] {
-    SqloSpinLatch a;
-    SqloSpinLatch b;
-    SqloSpinLatch c;
-    a.init(11);
-    b.init(12);
-    c.init(13);
-    const auto nest = [](SqloSpinLatch& outer, SqloSpinLatch& inner, std::uint32_t line) {
-      EXPECT_EQ(outer.captureLatch("order.cpp", line), 0);
-      EXPECT_EQ(inner.captureLatch("order.cpp", line + 1), 0);
-      inner.releaseLatch();
-      outer.releaseLatch();
-    };
+    SqloSpinLatch latches[4];
+    for (std::uint16_t i = 0; i < 4; ++i) latches[i].init(static_cast<std::uint16_t>(11 + i % 3));
+    auto& [a, b, c, twin] = latches;                                                // twin is of the type of a
     for (int i = 0; i < 3; ++i) nest(a, b, 100), nest(b, c, 200), nest(a, c, 300);  // an order
     nest(c, a, 400);                                                                // is broken, by way of b or not
     nest(c, a, 500);
     nest(b, a, 600);
-    SqloSpinLatch twin;
-    twin.init(11);
     for (int i = 0; i < 2; ++i) nest(a, twin, 700), nest(twin, a, 800);
   });
   // What blocks the thread for good is written before it does.
@@ -138,12 +146,7 @@ TEST(LatchDebug, FindsWhatCanBlockForGood) {
 void invertOrder(std::uint16_t type) {
   SqloSpinLatch latches[2];
   for (std::uint16_t i = 0; i < 2; ++i) latches[i].init(static_cast<std::uint16_t>(type + i));
-  for (const int outer : {0, 1}) {
-    EXPECT_EQ(latches[outer].captureLatch("first.cpp", 1), 0);
-    EXPECT_EQ(latches[1 - outer].captureLatch("first.cpp", 2), 0);
-    latches[1 - outer].releaseLatch();
-    latches[outer].releaseLatch();
-  }
+  for (const int outer : {0, 1}) nest(latches[outer], latches[1 - outer], 1);
 }
 
 // Whatever a process calls first, also while another thread is still reading the setting.
@@ -169,14 +172,15 @@ TEST(LatchDebug, WatchesEveryThreadFromItsFirstCapture) {
 TEST(LatchTuning, SaysWhatItDoesNotUnderstand) {
   const Instance instance;
   const logtest::Log log{instance};
-  ::setenv("VEK_LATCH_TUNE", "XLOOP=80, 12.SLOOP=7 ENABLE_ADAPTIVE_SLEEP,OUTER=x,NONSENSE=1,SLEEP_MIN", 1);
-  ::setenv("VEKSPINLATCHES", "sometimes", 1);
-  inProcess([] { EXPECT_EQ(sqloInitializeLatchTuningInfo(), SQLO_INV_PARM); });
-  ::setenv("VEK_LATCH_TUNE", "sloop=1,XLOOP=1000000;12.WASTE=0", 1);
-  ::setenv("VEKSPINLATCHES", "no", 1);
-  inProcess([] { EXPECT_EQ(sqloInitializeLatchTuningInfo(), 0); });
-  ::unsetenv("VEK_LATCH_TUNE");
-  ::unsetenv("VEKSPINLATCHES");
+  const auto expectRead = [](const char* tune, const char* spin, SqlzZrc result) {
+    inProcess([=] {
+      ::setenv("VEK_LATCH_TUNE", tune, 1);
+      ::setenv("VEKSPINLATCHES", spin, 1);
+      EXPECT_EQ(sqloInitializeLatchTuningInfo(), result);
+    });
+  };
+  expectRead("XLOOP=80, 12.SLOOP=7 ENABLE_ADAPTIVE_SLEEP,OUTER=x,NONSENSE=1,SLEEP_MIN", "sometimes", SQLO_INV_PARM);
+  expectRead("sloop=1,XLOOP=1000000;12.WASTE=0", "no", 0);
   const auto written = log.records();
   for (const char* word : {"\"OUTER=x\"", "\"NONSENSE=1\"", "\"SLEEP_MIN\"", "VEKSPINLATCHES: \"sometimes\""})
     EXPECT_EQ(countOf(written, word), 1U) << word;
