@@ -2,8 +2,7 @@
 #pragma once
 
 #include <algorithm>
-#include <fstream>
-#include <sstream>
+#include <atomic>
 #include <string>
 
 #include "platform/support.h"
@@ -13,8 +12,7 @@
 
 namespace vek::memorytest {
 
-using platformtest::inProcess;
-using platformtest::Instance;
+using namespace platformtest;
 
 inline constexpr std::uint32_t kMb = 1024 * 1024;
 
@@ -24,12 +22,7 @@ inline constexpr std::uint32_t kSlower = 10;
 inline constexpr std::uint32_t kSlower = 1;
 #endif
 
-inline std::string logText(const Instance& instance) {
-  std::ifstream file(instance.path("instance/diag/vekdiag.log"), std::ios::binary);
-  std::ostringstream text;
-  text << file.rdbuf();
-  return text.str();
-}
+inline std::string logText(const Instance& instance) { return contentOf(instance.path("instance/diag/vekdiag.log")); }
 
 inline std::size_t occurrences(const std::string& text, const std::string& what) {
   std::size_t count = 0;
@@ -39,13 +32,12 @@ inline std::size_t occurrences(const std::string& text, const std::string& what)
 
 // Makes every thread of this process an engine unit.
 inline void becomeEngine() {
-  VekHost host = {};
-  host.size = sizeof host;
-  host.currentEngineUnit = [](void*, VekEngineUnit* unit) {
-    unit->number = 1;
-    return true;
-  };
-  EXPECT_EQ(vekHostInstall(&host), 0);
+  installHost([](VekHost& host) {
+    host.currentEngineUnit = [](void*, VekEngineUnit* unit) {
+      unit->number = 1;
+      return true;
+    };
+  });
 }
 
 // The controller of the instance, made active with a fixed bound.
@@ -63,19 +55,21 @@ inline SqloMemPartitionStats statsOf(SqloMemController* controller) {
   return stats;
 }
 
-// A consumer with a cache that it gives up when it is asked.
+// A consumer with a cache that it gives up when it is asked, by whatever thread.
 struct Consumer {
   SqloMemController* controller;
-  SqloMemoryConsumer* record = nullptr;
-  std::uint32_t cached = 0;
+  std::atomic<SqloMemoryConsumer*> record{nullptr};
+  std::uint32_t cached;
   std::uint32_t calls = 0;
   std::uint32_t askedBytes = 0;
-  bool refuses = false;  // answers that it released everything, and releases nothing
+  std::atomic<bool> refuses{false};  // answers that it released everything, and releases nothing
 
   Consumer(SqloMemController* of, const char* name, std::uint32_t size, std::uint32_t cache,
            SqloMemConsumerKind kind = SQLO_MEM_CONSUMER_INSTANCE)
       : controller(of), cached(cache) {
-    EXPECT_EQ(controller->registerConsumer(&record, size, name, this, release, false, kind), 0);
+    SqloMemoryConsumer* registered = nullptr;
+    EXPECT_EQ(controller->registerConsumer(&registered, size, name, this, release, false, kind), 0);
+    record = registered;
     controller->setCachedMemory(record, cache, false);
   }
   Consumer(const Consumer&) = delete;
@@ -91,6 +85,10 @@ struct Consumer {
     self->controller->freeMemory(self->record, released, true);
     self->controller->setCachedMemory(self->record, self->cached, true);
     return released;
+  }
+
+  SqlzZrc request(std::uint32_t bytes, bool reclaims = false, bool force = false, bool persist = false) {
+    return controller->requestMemory(record, bytes, reclaims, force, persist);
   }
 };
 

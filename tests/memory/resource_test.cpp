@@ -4,28 +4,16 @@
 #include <map>
 #include <memory_resource>
 #include <string>
-#include <vector>
 
-#include "memory/memory_support.h"
+#include "memory/pool_support.h"
 
 namespace vek::memorytest {
 namespace {
 
-SQLO_MEM_POOL* makePool() {
-  SqloMemPoolRequest request = {};
-  request.size = sizeof request;
-  request.poolId = SQLO_POOL_DEBUG;
-  request.bytes = 4 * kMb;
-  EXPECT_EQ(sqloGetPrivateSet(&request.set), 0);
-  SQLO_MEM_POOL* pool = nullptr;
-  EXPECT_EQ(sqloCreateMemoryPoolEx(&request, &pool), 0);
-  return pool;
-}
-
-TEST(MemoryResource, ServesContainersAndGetsEverythingBack) {
-  const Instance instance;
-  SQLO_MEM_POOL* pool = makePool();
-  SQLO_MEM_POOL* other = makePool();
+TEST_APART(MemoryResource, ServesContainersAndGetsEverythingBack) {
+  SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, 128));
+  SQLO_MEM_POOL* pool = createPool(poolRequest(set, 64));
+  SQLO_MEM_POOL* other = createPool(poolRequest(set, 64));
   VekMemoryResource resource(pool);
   VekMemoryResource twin(pool);
   VekMemoryResource foreign(other);

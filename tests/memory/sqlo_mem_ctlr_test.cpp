@@ -3,21 +3,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <random>
-#include <thread>
-#include <vector>
 
 #include "memory/memory_support.h"
 #include "platform/address_windows.h"
 
 namespace vek::memorytest {
 namespace {
-
-using platformtest::Baton;
-using platformtest::finish;
-using platformtest::finishKilled;
-using platformtest::Shared;
-using platformtest::start;
 
 TEST_APART(MemController, GrantsEverythingUntilItIsActive) {
   SqloMemController* controller = SqloMemController::instance();
@@ -59,7 +52,7 @@ TEST_APART(MemController, KeepsItsBound) {
       {7777, false, true, SQLO_NOMEM, 102 * kMb, 102 * kMb},
   };
   for (const Step& step : steps) {
-    EXPECT_EQ(controller->requestMemory(consumer.record, step.bytes, false, step.force, step.persist), step.result);
+    EXPECT_EQ(consumer.request(step.bytes, false, step.force, step.persist), step.result);
     EXPECT_EQ(statsOf(controller).currentSize, step.current);
     EXPECT_EQ(statsOf(controller).usageHighWater, step.highWater);
   }
@@ -68,8 +61,8 @@ TEST_APART(MemController, KeepsItsBound) {
   EXPECT_EQ(occurrences(logText(instance), "one - Current size : 103424 KB, HWM : 103424 KB, Cached : 0 KB"), 1U);
 
   controller->freeMemory(consumer.record, 50 * kMb, false);
-  EXPECT_EQ(controller->requestMemory(consumer.record, kMb, false, false, false), 0);
-  EXPECT_EQ(controller->requestMemory(consumer.record, 90 * kMb, false, false, true), SQLO_NOMEM);
+  EXPECT_EQ(consumer.request(kMb), 0);
+  EXPECT_EQ(consumer.request(90 * kMb, false, false, true), SQLO_NOMEM);
   EXPECT_EQ(occurrences(logText(instance), "OOM - Instance memory request failed"), 2U) << "a success re-enables it";
 
   controller->freeMemory(consumer.record, 200 * kMb, false);  // more than it has
@@ -77,8 +70,8 @@ TEST_APART(MemController, KeepsItsBound) {
   EXPECT_EQ(occurrences(logText(instance), "gave back more than it was granted"), 1U);
   EXPECT_EQ(controller->deregisterConsumer(consumer.record), 0);
   EXPECT_EQ(controller->deregisterConsumer(consumer.record), SQLO_INV_MEM);
-  for (void* wild : {static_cast<void*>(nullptr), static_cast<void*>(&consumer), static_cast<void*>(consumer.record),
-                     static_cast<void*>(&consumer.record + 1)})
+  void* gone = consumer.record;
+  for (void* wild : {static_cast<void*>(nullptr), static_cast<void*>(&consumer), gone, static_cast<void*>(&gone + 1)})
     EXPECT_EQ(controller->requestMemory(static_cast<SqloMemoryConsumer*>(wild), 1, false, true, false), SQLO_INV_MEM);
 }
 
@@ -104,25 +97,22 @@ TEST_APART(MemController, AsksOthersToReleaseTheirCache) {
   Consumer rich(controller, "rich", 40 * kMb, 30 * kMb);
   Consumer liar(controller, "liar", 40 * kMb, 10 * kMb);
   liar.refuses = true;
-  const auto request = [&](std::uint32_t bytes, bool reclaim = true) {
-    return controller->requestMemory(asking.record, bytes, reclaim, false, false);
-  };
-  EXPECT_EQ(request(30 * kMb), SQLO_NOMEM) << "no engine unit, no reclaiming";
+  EXPECT_EQ(asking.request(30 * kMb, true), SQLO_NOMEM) << "no engine unit, no reclaiming";
   becomeEngine();
-  EXPECT_EQ(request(30 * kMb, false), SQLO_NOMEM);
-  EXPECT_EQ(request(61 * kMb), SQLO_NOMEM) << "all caches together would not make room";
+  EXPECT_EQ(asking.request(30 * kMb), SQLO_NOMEM);
+  EXPECT_EQ(asking.request(61 * kMb, true), SQLO_NOMEM) << "all caches together would not make room";
   EXPECT_EQ(rich.calls + liar.calls, 0U);
-  EXPECT_EQ(request(30 * kMb), 0);
+  EXPECT_EQ(asking.request(30 * kMb, true), 0);
   EXPECT_EQ(rich.askedBytes, 30 * kMb);
   EXPECT_EQ(rich.cached, 0U);
   EXPECT_EQ(statsOf(controller).currentSize, 80 * kMb);
   EXPECT_EQ(statsOf(controller).cachedMemory, 10 * kMb);
   const std::uint32_t calls = liar.calls;
-  EXPECT_EQ(request(30 * kMb), SQLO_NOMEM) << "what a call-back claims is not believed";
+  EXPECT_EQ(asking.request(30 * kMb, true), SQLO_NOMEM) << "what a call-back claims is not believed";
   EXPECT_EQ(liar.calls, calls + 10) << "asked once per attempt";
 
   // Beyond the bound already: what is asked for covers that as well. Requests from inside a call-back are refused.
-  ASSERT_EQ(controller->requestMemory(asking.record, 40 * kMb, false, true, false), 0);
+  ASSERT_EQ(asking.request(40 * kMb, false, true), 0);
   SqloMemoryConsumer* deep = nullptr;
   static SqlzZrc inside;
   ASSERT_EQ(controller->registerConsumer(
@@ -136,20 +126,20 @@ TEST_APART(MemController, AsksOthersToReleaseTheirCache) {
   controller->setCachedMemory(deep, 0xFFFFFFFF, false);  // counts as all it holds
   liar.cached = 40 * kMb;
   controller->setCachedMemory(liar.record, 40 * kMb, false);
-  EXPECT_EQ(request(kMb), SQLO_NOMEM);
+  EXPECT_EQ(asking.request(kMb, true), SQLO_NOMEM);
   EXPECT_EQ(liar.askedBytes, 51 * kMb);
   EXPECT_EQ(inside, SQLO_NOMEM);
 }
 
 TEST_APART(MemController, FollowsTheMachineWhenAutomatic) {
   SqloMemController* controller = controllerOf(kMb);
-  Consumer consumer(controller, "c", 0, 0);
+  Consumer fixed(controller, "c", 0, 0);
   EXPECT_EQ(controller->setNewUpperBound(2 * kMb, 0, 2), SQLO_INV_PARM);
   EXPECT_EQ(controller->setNewUpperBound(2 * kMb, 0, 0), 0);
-  EXPECT_EQ(controller->requestMemory(consumer.record, 2 * kMb, false, false, false), 0);
+  EXPECT_EQ(fixed.request(2 * kMb), 0);
   EXPECT_EQ(controller->setNewUpperBound(kMb, 0, SQLO_MEM_BOUND_NOT_BELOW_USE), SQLO_NO_INS_MEM);
   controller->setAutomaticFlag(true);
-  EXPECT_EQ(controller->requestMemory(consumer.record, kMb, false, false, false), SQLO_NOMEM) << "the bound is fixed";
+  EXPECT_EQ(fixed.request(kMb), SQLO_NOMEM) << "the bound is fixed";
   controller->setNewDesiredMaxValue(3 * kMb);
   EXPECT_EQ(controller->setNewUpperBound(9 * kMb, 0, 0), 0);
   EXPECT_EQ(statsOf(controller).upperBound, 3 * kMb);
@@ -157,22 +147,18 @@ TEST_APART(MemController, FollowsTheMachineWhenAutomatic) {
   for (const char* strict : {"off", "On"}) {
     ::setenv("VEK_STRICT_INSTANCE_MEMORY", strict, 1);
     ASSERT_EQ(controller->initialize(kMb, true, false, 0, 0), 0);
-    ASSERT_EQ(
-        controller->registerConsumer(&consumer.record, 0, "c", nullptr, nullptr, false, SQLO_MEM_CONSUMER_INSTANCE), 0);
-    EXPECT_EQ(controller->requestMemory(consumer.record, 5 * kMb, true, false, false), 0) << strict;
+    EXPECT_EQ(Consumer(controller, "c", 0, 0).request(5 * kMb, true), 0) << strict;
   }
-  ossCalls().open = [](const char*, int, mode_t) {
-    errno = EACCES;
-    return -1;
-  };
-  EXPECT_EQ(controller->requestMemory(consumer.record, kMb, true, false, false), SQLO_NOMEM);
+  Consumer unknown(controller, "c", 0, 0);
+  ossCalls().open = [](auto...) { return errno = EACCES, -1; };
+  EXPECT_EQ(unknown.request(kMb, true), SQLO_NOMEM);
   EXPECT_EQ(statsOf(controller).currentSize, 5 * kMb);
   std::uint64_t result = 1;
   EXPECT_EQ(SqloMemController::calculateAutomaticSize(nullptr, false, 0, &result), SQLO_NOTAVAIL);
   EXPECT_EQ(result, 1U);
 }
 
-TEST(MemController, ComputesTheAutomaticBound) {
+TEST_APART(MemController, ComputesTheAutomaticBound) {
   constexpr std::uint64_t kGb = 1ULL << 30;
   struct Row {
     std::uint64_t physical;
@@ -198,13 +184,10 @@ TEST(MemController, ComputesTheAutomaticBound) {
     EXPECT_EQ(sqloi_automaticBound(row.physical, row.percentage, row.members, row.wholeChunks, &fraction), row.bound);
     EXPECT_DOUBLE_EQ(fraction, row.fraction);
   }
-  const Instance instance;
-  inProcess([] {
-    std::uint64_t physical = 0;
-    std::uint64_t result = 0;
-    EXPECT_EQ(SqloMemController::calculateAutomaticSize(&physical, false, 1, &result), 0);
-    EXPECT_EQ(result, std::min(physical / 100, SQLO_MEM_AUTOMATIC_MOST));
-  });
+  std::uint64_t physical = 0;
+  std::uint64_t result = 0;
+  EXPECT_EQ(SqloMemController::calculateAutomaticSize(&physical, false, 1, &result), 0);
+  EXPECT_EQ(result, std::min(physical / 100, SQLO_MEM_AUTOMATIC_MOST));
 }
 
 TEST_APART(MemController, TellsItsStatistics) {
@@ -215,19 +198,14 @@ TEST_APART(MemController, TellsItsStatistics) {
   Consumer engine(controller, "engine", 3 * kMb, 2 * kMb);
   SqloMemDatabaseStats database;
   ASSERT_EQ(controller->queryDBMemStats("SAMPLE", &database), 0);
-  EXPECT_EQ(database.consumers, 2U);
-  EXPECT_EQ(database.currentSize, 11 * kMb);
-  EXPECT_EQ(database.cachedMemory, 4 * kMb);
+  const SqloMemDatabaseStats wantedOfDatabase = {2, 11 * kMb, 4 * kMb, 11 * kMb};
+  EXPECT_EQ(std::memcmp(&database, &wantedOfDatabase, sizeof database), 0);
   SqloMemStatsSummary summary;
   SqloMemPartitionStats stats;
   ASSERT_EQ(controller->getPartitionStatsSummary("SAMPLE", &summary, &stats), 0);
-  EXPECT_EQ(summary.available, 84 * kMb);
-  EXPECT_EQ(summary.reclaimable, 3 * kMb);
-  EXPECT_EQ(summary.databaseSize, 11 * kMb);
-  EXPECT_EQ(summary.otherDatabases, 2 * kMb);
-  EXPECT_EQ(summary.otherConsumers, 3 * kMb);
-  EXPECT_EQ(stats.cachedMemory, 7 * kMb);
-  EXPECT_EQ(stats.cachedDatabaseMemory, 5 * kMb);
+  const SqloMemStatsSummary wanted = {84 * kMb, 3 * kMb, 11 * kMb, 2 * kMb, 3 * kMb};
+  EXPECT_EQ(std::memcmp(&summary, &wanted, sizeof summary), 0);
+  EXPECT_EQ(stats.consumers, 4U);
 
   char text[4096];
   std::uint32_t position = 0;
@@ -261,61 +239,38 @@ TEST_APART(MemController, IsRefusedWhereItsAddressIsTaken) {
   EXPECT_EQ(SqloMemController::instanceStatus(), SQLO_ADDRESS_TAKEN);
 }
 
-// ---- several processes
-// -----------------------------------------------------------------------------------------------
+// ---- several processes ---------------------------------------------------------------------------------------------
 
-TEST(MemController, HasAnotherProcessReleaseAtItsNextCall) {
+TEST(MemController, HasAnotherProcessReleaseAndTakesBackWhatItHeldWhenItDies) {
   const Instance instance;
-  Baton cached;
-  Baton asked;
-  const pid_t other = start([&] {
-    SqloMemController* controller = controllerOf(100 * kMb);
-    Consumer consumer(controller, "other", 80 * kMb, 80 * kMb);
-    cached.give();
-    ASSERT_TRUE(asked.take());
-    EXPECT_EQ(consumer.calls, 0U);
-    EXPECT_EQ(controller->requestMemory(consumer.record, 0, false, false, false), 0);
-    EXPECT_EQ(consumer.calls, 1U);
-    EXPECT_EQ(consumer.askedBytes, 50 * kMb);
-    cached.give();
-    ASSERT_TRUE(asked.take());  // lives until the memory was granted
-  });
-  inProcess([&] {
+  inProcess([] {
+    Baton cached;
+    Baton asked;
+    const pid_t other = start([&] {
+      Consumer consumer(controllerOf(100 * kMb), "other", 80 * kMb, 80 * kMb, SQLO_MEM_CONSUMER_DATABASE);
+      cached.give();
+      ASSERT_TRUE(asked.take());
+      EXPECT_EQ(consumer.calls, 0U);
+      EXPECT_EQ(consumer.request(0), 0);
+      EXPECT_EQ(consumer.calls, 1U);
+      EXPECT_EQ(consumer.askedBytes, 50 * kMb);
+      cached.give();
+      ::pause();
+    });
     becomeEngine();
     ASSERT_TRUE(cached.take());
     SqloMemController* controller = SqloMemController::instance();
     Consumer consumer(controller, "mine", 0, 0);
-    EXPECT_EQ(controller->requestMemory(consumer.record, 50 * kMb, true, false, false), SQLO_NOMEM);
+    EXPECT_EQ(consumer.request(50 * kMb, true), SQLO_NOMEM);
     asked.give();
     ASSERT_TRUE(cached.take());
-    EXPECT_EQ(controller->requestMemory(consumer.record, 50 * kMb, true, false, false), 0);
-    asked.give();
-  });
-  EXPECT_EQ(finish(other), 0);
-}
-
-TEST(MemController, TakesBackWhatDeadProcessesHeld) {
-  const Instance instance;
-  Baton ready;
-  Baton done;
-  const pid_t keeper = start([&] {
-    SqloMemController* controller = controllerOf(100 * kMb);
-    Consumer consumer(controller, "keeper", kMb, 0);
-    ready.give();
-    ASSERT_TRUE(done.take());
-    EXPECT_EQ(controller->requestMemory(consumer.record, 99 * kMb, false, false, false), 0);
+    EXPECT_EQ(consumer.request(50 * kMb, true), 0);
+    EXPECT_EQ(statsOf(controller).cachedDatabaseMemory, 30 * kMb);
+    EXPECT_EQ(finishKilled(other), -SIGKILL);
+    EXPECT_EQ(consumer.request(50 * kMb), 0);
     EXPECT_EQ(statsOf(controller).consumers, 1U);
+    EXPECT_EQ(statsOf(controller).cachedDatabaseMemory, 0U);
   });
-  ASSERT_TRUE(ready.take());
-  const pid_t dying = start([&] {
-    Consumer consumer(SqloMemController::instance(), "dying", 90 * kMb, 10 * kMb, SQLO_MEM_CONSUMER_DATABASE);
-    ready.give();
-    ::pause();
-  });
-  ASSERT_TRUE(ready.take());
-  EXPECT_EQ(finishKilled(dying), -SIGKILL);
-  done.give();
-  EXPECT_EQ(finish(keeper), 0);
   inProcess([] { EXPECT_FALSE(SqloMemController::instance()->isActive()) << "a new run of the instance"; });
 }
 
@@ -344,49 +299,34 @@ struct Ledger {
 
 constexpr std::uint32_t kBound = 64 * kMb;
 
-// One thread: grows and shrinks at random, with a cache that it gives up, or lies about.
+// One thread: grows and shrinks at random, with a cache that it gives up, or lies about. What it holds it counts
+// itself.
 void useMemory(SqloMemController* controller, Ledger& ledger, unsigned process, std::uint32_t seed,
                std::uint32_t steps) {
-  struct Holder {
-    SqloMemController* controller;
-    SqloMemoryConsumer* record = nullptr;
-    std::uint32_t size = 0;  // guarded by the controller latch, or changed by the only thread that asks
-    bool lies = false;
-  } holder = {controller};
   std::minstd_rand random(seed);
-  holder.lies = seed % 3 == 0;
-  const SqloMemReleaseCallback release = [](std::uint32_t bytes, void* argument) -> std::uint32_t {
-    auto* self = static_cast<Holder*>(argument);
-    if (self->lies) return bytes;
-    // The thread's own count is not touched here: it learns of what went by what is cached.
-    self->controller->setCachedMemory(self->record, 0, true);
-    return 0;
-  };
-  ASSERT_EQ(controller->registerConsumer(&holder.record, 0, "random", &holder, release, false,
-                                         seed % 2 == 0 ? SQLO_MEM_CONSUMER_DATABASE : SQLO_MEM_CONSUMER_INSTANCE),
-            0);
+  Consumer consumer(controller, "random", 0, 0,
+                    seed % 2 == 0 ? SQLO_MEM_CONSUMER_DATABASE : SQLO_MEM_CONSUMER_INSTANCE);
+  consumer.refuses = seed % 3 == 0;
+  std::uint32_t size = 0;
   for (std::uint32_t step = 0; step < steps; ++step) {
     const auto bytes = static_cast<std::uint32_t>(random() % (2 * kMb));
-    if (random() % 2 == 0) {
-      const SqlzZrc result = controller->requestMemory(holder.record, bytes, random() % 4 == 0, false, false);
-      if (result != 0) {
-        ledger.refused.fetch_add(1, std::memory_order_relaxed);
-        continue;
-      }
-      holder.size += bytes;
+    if (random() % 2 != 0) {
+      const std::uint32_t given = std::min(bytes, size);
+      size -= given;
+      ledger.takeOut(process, given);
+      controller->freeMemory(consumer.record, given, false);
+      if (step % 8 == 0) controller->setCachedMemory(consumer.record, bytes, false);
+    } else if (consumer.request(bytes, random() % 4 == 0) != 0) {
+      ledger.refused.fetch_add(1, std::memory_order_relaxed);
+    } else {
+      size += bytes;
       ledger.granted.fetch_add(1, std::memory_order_relaxed);
       ASSERT_LE(ledger.enter(process, bytes), std::int64_t{kBound});
-    } else {
-      const std::uint32_t given = std::min(bytes, holder.size);
-      holder.size -= given;
-      ledger.takeOut(process, given);
-      controller->freeMemory(holder.record, given, false);
-      if (step % 8 == 0) controller->setCachedMemory(holder.record, bytes, false);
     }
   }
-  ledger.takeOut(process, holder.size);
-  if (seed % 2 == 0) controller->freeMemory(holder.record, holder.size, false);
-  EXPECT_EQ(controller->deregisterConsumer(holder.record), 0);
+  ledger.takeOut(process, size);
+  if (seed % 2 == 0) controller->freeMemory(consumer.record, size, false);
+  EXPECT_EQ(controller->deregisterConsumer(consumer.record), 0);
 }
 
 TEST(MemController, KeepsItsBoundAmongProcessesThatAreKilled) {
@@ -417,10 +357,8 @@ TEST(MemController, KeepsItsBoundAmongProcessesThatAreKilled) {
       ::alarm(280);
       becomeEngine();
       SqloMemController* controller = SqloMemController::instance();
-      std::vector<std::thread> threads;
-      for (unsigned i = 0; i < kThreads; ++i)
-        threads.emplace_back([&, i] { useMemory(controller, *ledger, process, processSeed + i, 200'000 / kSlower); });
-      for (std::thread& thread : threads) thread.join();
+      inThreads(kThreads,
+                [&](unsigned i) { useMemory(controller, *ledger, process, processSeed + i, 200'000 / kSlower); });
     });
   };
   pid_t users[kProcesses];

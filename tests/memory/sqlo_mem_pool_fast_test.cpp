@@ -40,27 +40,17 @@ void exchangeBlocks(SQLO_MEM_POOL* pool, Exchange& exchange, std::uint32_t seed,
 }
 
 // What a pool tells while others use it is never more than it can be, and never torn.
-void look(MemPool* pool, std::uint32_t seed) {
-  std::minstd_rand random(seed);
+void look(MemPool* pool, std::uint32_t turn) {
   const SqloMemPoolInfo info = infoOf(pool);
   EXPECT_LE(info.poolUsed, info.currentOwned);
   EXPECT_LE(info.poolKept, info.currentOwned);
   EXPECT_LE(sqloMemPoolGetCurrentSize(pool), sqloMemPoolGetMaxSize(pool));
   SqloMemPoolStats stats;
   EXPECT_EQ(sqloGetMemPoolStatsUnlatched(pool, &stats), 0);
-  switch (random() % 4) {
-    case 0:
-      EXPECT_EQ(sqloFlushMemory(pool, nullptr), 0);
-      break;
-    case 1:
-      EXPECT_EQ(sqloEnableFastMemoryBlocks(pool, random() % 2 != 0), 0);
-      break;
-    case 2:
-      (void)sqloUpdateMaxFastMemoryBlocks(pool, static_cast<std::uint32_t>(1 + random() % 200));
-      break;
-    default:
-      (void)sqloMemPoolHasSpace(pool, 1000);
-  }
+  EXPECT_EQ(turn % 4 == 0 ? sqloFlushMemory(pool, nullptr) : 0, 0);
+  EXPECT_EQ(turn % 4 == 1 ? sqloEnableFastMemoryBlocks(pool, turn % 8 == 1) : 0, 0);
+  if (turn % 4 == 2) (void)sqloUpdateMaxFastMemoryBlocks(pool, 1 + turn % 200);
+  if (turn % 4 == 3) (void)sqloMemPoolHasSpace(pool, 1000);
 }
 
 TEST_APART(MemPoolFast, ThreadsExchangeBlocks) {
@@ -77,13 +67,8 @@ TEST_APART(MemPoolFast, ThreadsExchangeBlocks) {
       std::thread looker([&] {
         for (std::uint32_t turn = 0; !isDone.load(); ++turn) look(pool, seed + turn);
       });
-      std::vector<std::thread> threads;
-      for (std::uint32_t i = 0; i < 4; ++i)
-        threads.emplace_back([&, i] {
-          for (std::uint32_t life = 0; life < 4; ++life)  // threads that end leave nothing behind
-            std::thread([&] { exchangeBlocks(pool, exchange, seed + life * 4 + i, 8000 / kSlower); }).join();
-        });
-      for (std::thread& thread : threads) thread.join();
+      for (std::uint32_t life = 0; life < 4; ++life)  // threads that end leave nothing behind
+        inThreads(4, [&](unsigned i) { exchangeBlocks(pool, exchange, seed + life * 4 + i, 8000 / kSlower); });
       isDone.store(true);
       looker.join();
     }
@@ -143,25 +128,23 @@ TEST_APART(MemPoolFast, AreOfOnePoolOnly) {
   SMemSet* set = create(requestOf(SQLO_SET_PRIVATE, 100));
   MemPool* pool = createPool(poolRequest(set, 50));
   EXPECT_EQ(sqloEnableFastMemoryBlocks(pool, true), 0);
-  std::atomic<int> step{0};
-  const auto waitFor = [&](int number) {
-    while (step.load() != number) std::this_thread::yield();
-  };
+  Baton stopped;
+  Baton replaced;
   std::thread thread([&] {
     EXPECT_EQ(release(allocate(pool, 100)), 0);
     t_fast->inside.store(1);
-    step.store(1);
-    waitFor(2);
+    stopped.give();
+    ASSERT_TRUE(replaced.take());
     t_fast->inside.store(0);
     for (int i = 0; i < 1000; ++i) std::memset(allocate(pool, 100), 1, 100);
   });
-  waitFor(1);
+  ASSERT_TRUE(stopped.take());
   EXPECT_EQ(freePool(pool), 0);
   ASSERT_EQ(createPool(poolRequest(set, 50)), pool);
   EXPECT_EQ(sqloEnableFastMemoryBlocks(pool, true), 0);
   void* own = allocate(pool, 50'000);
   std::memset(own, 2, 50'000);
-  step.store(2);
+  replaced.give();
   thread.join();
   EXPECT_EQ(infoOf(pool).poolBlocks, 1001U);
   expectSums(instance, *set);

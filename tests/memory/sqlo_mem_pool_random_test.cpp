@@ -9,20 +9,13 @@
 namespace vek::memorytest {
 namespace {
 
-using platformtest::Baton;
-using platformtest::Failure;
-using platformtest::finishKilled;
-using platformtest::makeFail;
-using platformtest::start;
-using platformtest::Victim;
-
 std::uint32_t anySeed() { return std::random_device{}(); }
 
 // Somebody who works with a base pool and sub-pools of his own, and knows what must be in his blocks.
 class User {
  public:
   User(MemPool* base, std::uint32_t seed, bool isAlone = true) : random_(seed), isAlone_(isAlone) {
-    pools_.push_back({base, -1});
+    pools_.push_back(base);
   }
 
   void work(std::uint32_t steps) {
@@ -61,9 +54,9 @@ class User {
   // What the pools tell of themselves is what their user knows, when he is the only one.
   void expectCounted(std::uint32_t ownBlocks) {
     for (std::size_t i = 0; i < pools_.size(); ++i) {
-      const auto mine = static_cast<std::uint32_t>(std::count_if(
-          blocks_.begin(), blocks_.end(), [&](const Held& each) { return each.pool == static_cast<int>(i); }));
-      EXPECT_EQ(infoOf(pools_[i].pool).poolBlocks, mine + (i == 0 ? ownBlocks : 0));
+      const auto mine = static_cast<std::uint32_t>(
+          std::count_if(blocks_.begin(), blocks_.end(), [&](const Held& each) { return each.pool == i; }));
+      EXPECT_EQ(infoOf(pools_[i]).poolBlocks, mine + (i == 0 ? ownBlocks : 0));
     }
   }
 
@@ -76,23 +69,19 @@ class User {
     while (pools_.size() > 1) leaveSub(false);
   }
 
-  MemPool* base() { return pools_[0].pool; }
+  MemPool* base() { return pools_[0]; }
 
  private:
-  struct Pool {
-    MemPool* pool;
-    int parent;
-  };
   struct Held {
     unsigned char* address;
     std::size_t bytes;
-    int pool;
+    std::size_t pool;  // its number
     unsigned char fill;
   };
 
   std::uint32_t dice(std::uint32_t sides) { return static_cast<std::uint32_t>(random_()) % sides; }
-  int anyNumber() { return static_cast<int>(dice(static_cast<std::uint32_t>(pools_.size()))); }
-  MemPool* anyPool() { return pools_[static_cast<std::size_t>(anyNumber())].pool; }
+  std::size_t anyNumber() { return dice(static_cast<std::uint32_t>(pools_.size())); }
+  MemPool* anyPool() { return pools_[anyNumber()]; }
 
   static void expectFilled(const Held& held) {
     EXPECT_EQ(held.address[0], held.fill);
@@ -107,14 +96,15 @@ class User {
 
   void allocateOne() {
     const std::size_t bytes = anySize();
-    const int number = anyNumber();
+    const std::size_t number = anyNumber();
     const std::uint32_t options = dice(4) == 0 ? SQLO_MEM_ZERO : 0;
     void* block = nullptr;
-    const SqlzZrc result =
-        sqloMemPoolAllocate(pools_[static_cast<std::size_t>(number)].pool, bytes, options, kHere, dice(1000), &block);
+    const SqlzZrc result = sqloMemPoolAllocate(pools_[number], bytes, options, kHere, dice(1000), &block);
     EXPECT_TRUE(result == 0 || result == SQLO_NOMEM) << result;
     EXPECT_EQ(block == nullptr, result != 0);
     if (block == nullptr) return freeOne();
+    const std::uintptr_t inChunk = reinterpret_cast<std::uintptr_t>(block) % SQLO_CHUNK_BYTES;
+    EXPECT_TRUE(!base()->isRaw() || inChunk == BLOCK_FIRST_OFFSET) << "a raw block has chunks of its own";
     const Held held = {static_cast<unsigned char*>(block), bytes, number, static_cast<unsigned char>(random_())};
     if (options != 0) expectFilled({held.address, bytes, number, 0});
     std::memset(block, held.fill, bytes);
@@ -130,26 +120,24 @@ class User {
   }
 
   void createSub() {
-    const int parent = anyNumber();
-    MemPool* const above = pools_[static_cast<std::size_t>(parent)].pool;
+    MemPool* const above = anyPool();
     if (pools_.size() > 6 || above->m_depth == MEM_POOL_DEPTH) return;
     SQLO_MEM_POOL* made = nullptr;
-    if (sqloCreateMemorySubPool(above, &made) == 0) pools_.push_back({static_cast<MemPool*>(made), parent});
+    if (sqloCreateMemorySubPool(above, &made) == 0) pools_.push_back(static_cast<MemPool*>(made));
   }
 
   // Purges or frees the youngest sub-pool: it has none below it.
   void leaveSub(bool purges) {
     if (pools_.size() < 2) return;
-    const int number = static_cast<int>(pools_.size()) - 1;
-    std::erase_if(blocks_, [&](const Held& each) { return each.pool == number; });
-    EXPECT_EQ(purges ? sqloPurgeMemoryInSubPool(pools_.back().pool) : sqloFreeMemorySubPool(pools_.back().pool), 0);
+    std::erase_if(blocks_, [&](const Held& each) { return each.pool == pools_.size() - 1; });
+    EXPECT_EQ(purges ? sqloPurgeMemoryInSubPool(pools_.back()) : sqloFreeMemorySubPool(pools_.back()), 0);
     if (!purges) pools_.pop_back();
   }
 
   std::minstd_rand random_;
   bool isAlone_;
   bool isFast_ = false;
-  std::vector<Pool> pools_;
+  std::vector<MemPool*> pools_;
   std::vector<Held> blocks_;
 };
 
@@ -183,6 +171,10 @@ TEST_P(MemPoolKinds, AreWhatTheirUserKnows) {
     User user(createPool(poolRequest(set, 100, kind.options)), seed);
     if (kind.isFast) user.turnFast(true);
     const SqloMemPoolInfo before = infoOf(user.base());
+    const bool isRaw = kind.options == SQLO_POOL_RAW;
+    EXPECT_EQ(before.isRaw, isRaw ? 1U : 0U);
+    EXPECT_EQ(before.largestFreeBlock == 0, isRaw);
+    EXPECT_EQ(user.base()->commitRawChunks(6, nullptr), 0);
     for (std::uint32_t round = 0; round < 60; ++round) {
       user.work(600 / kSlower);
       other.work(60 / kSlower);
@@ -251,8 +243,7 @@ TEST_P(MemPoolKinds, LoseNothingWhenTheSystemRefuses) {
 INSTANTIATE_TEST_SUITE_P(All, MemPoolKinds, ::testing::ValuesIn(kKinds),
                          [](const ::testing::TestParamInfo<Kind>& kind) { return kind.param.name; });
 
-// ---- users that are killed
-// -------------------------------------------------------------------------------------------
+// ---- users that are killed -----------------------------------------------------------------------------------------
 
 struct Meeting {
   MemPool* pool;
@@ -292,15 +283,13 @@ const Scenario kScenarios[] = {
      }},
 };
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr unsigned kSamples = 1;
-#else
-constexpr unsigned kSamples = 15;
-#endif
+constexpr unsigned kSamples = 15 / kSlower;
 constexpr unsigned kStepsMost = 200'000;
 
-// What was on its way when a process died goes back, so that the pools of the set own all that it has handed out.
-void expectNothingStranded(const Instance& instance, SMemSet& set) {
+// After a death the blocks that the survivor knows are as they were, and what was on its way then goes back: the pools
+// of the set own all that it has handed out.
+void expectNothingLost(const Instance& instance, SMemSet& set, const User& survivor) {
+  survivor.expectIntact();
   {
     const SetOperation operation(set);
     (void)set.returnStrandedChunks();
@@ -309,21 +298,12 @@ void expectNothingStranded(const Instance& instance, SMemSet& set) {
   expectSums(instance, set);
 }
 
-// The survivor goes on: its next operations work, the pool is whole, and the blocks that it knows are as they were.
-void expectLife(const Instance& instance, Meeting& meeting, User& survivor, const std::string& what) {
-  SCOPED_TRACE(what);
-  survivor.work(5);
-  survivor.expectIntact();
-  expectNothingStranded(instance, *meeting.pool->m_set);
-}
-
 TEST(MemPoolDeath, AtAnyInstruction) {
   const std::uint32_t seed = anySeed();
   SCOPED_TRACE("seed " + std::to_string(seed));
   const Instance instance;
-  const int result = platformtest::runInProcess([&] {
-    SqloMemSetRequest request = requestOf(SQLO_SET_DBM_DB, 1000);
-    SMemSet* set = create(request);
+  const int result = runInProcess([&] {
+    SMemSet* set = create(requestOf(SQLO_SET_DBM_DB, 1000));
     std::minstd_rand random(seed);
     for (const Scenario& scenario : kScenarios) {
       Meeting meeting = {};
@@ -336,20 +316,21 @@ TEST(MemPoolDeath, AtAnyInstruction) {
         unsigned instruction = sample == 0 ? kStepsMost : static_cast<unsigned>(random()) % length;
         {
           Victim victim([&] { (void)release(allocate(meeting.pool, 1)); }, [&] { scenario.victim(meeting); });
-          if (!victim.canRun()) ::exit(platformtest::kSkip);
+          if (!victim.canRun()) ::exit(kSkip);
           instruction = victim.step(instruction);
         }
         if (sample == 0) length = instruction;
-        expectLife(
-            instance, meeting, survivor,
-            std::string(scenario.name) + " killed at " + std::to_string(instruction) + " of " + std::to_string(length));
+        SCOPED_TRACE(std::string(scenario.name) + " killed at " + std::to_string(instruction) + " of " +
+                     std::to_string(length));
+        survivor.work(5);
+        expectNothingLost(instance, *set, survivor);
       }
       survivor.freeAll();
       EXPECT_EQ(freePool(meeting.pool), 0);
     }
     EXPECT_EQ(sqlofshr(set), 0);
   });
-  if (result == platformtest::kSkip) GTEST_SKIP() << "a process may not be traced here";
+  if (result == kSkip) GTEST_SKIP() << "a process may not be traced here";
   EXPECT_EQ(result, 0);
 }
 
@@ -386,8 +367,7 @@ TEST(MemPoolDeath, AtRandomUnderLoad) {
     }
     for (const pid_t user : users) EXPECT_EQ(finishKilled(user), -SIGKILL);
     survivor.work(500);
-    survivor.expectIntact();
-    expectNothingStranded(instance, *set);
+    expectNothingLost(instance, *set, survivor);
     survivor.freeAll();
     EXPECT_EQ(freePool(pool), 0);
     EXPECT_EQ(sqlofshr(set), 0);
@@ -400,11 +380,10 @@ TEST_APART(MemPoolDeath, IsNoticedInOtherProcesses) {
   MemPool* pool = createPool(poolRequest(set, 50));
   void* block = allocate(pool, 100);
   EXPECT_EQ(release(allocate(pool, 100)), 0);
-  EXPECT_EQ(platformtest::runInProcess([&] {
-              EXPECT_EQ(release(block), 0) << "of another process";
-              EXPECT_EQ(freePool(pool), 0);
-            }),
-            0);
+  inProcess([&] {
+    EXPECT_EQ(release(block), 0) << "of another process";
+    EXPECT_EQ(freePool(pool), 0);
+  });
   EXPECT_EQ(sqloMemPoolAllocate(pool, 100, 0, kHere, 1, &block), SQLO_INV_MEM);
 }
 

@@ -16,13 +16,6 @@
 namespace vek::memorytest {
 namespace {
 
-using platformtest::Baton;
-using platformtest::Failure;
-using platformtest::finish;
-using platformtest::finishKilled;
-using platformtest::makeFail;
-using platformtest::start;
-
 TEST(MemSet, NamesTypesAndOptions) {
   const char* names[] = {"DBM_DBMS", "DBM_DB", "FMP_RESOURCES", "", "LOCAL_APL",     "",        "",
                          "",         "",       "PRIVATE",       "", "FCM_RESOURCES", "APL_CTL", "INVALID SET ID"};
@@ -49,8 +42,7 @@ TEST(MemSet, NamesTypesAndOptions) {
   }
   char all[1024];
   sqloMemSetOptionsToString(all, sizeof all, 0xFFFFFFFF);
-  EXPECT_NE(std::string(all).find("SEMAPHORES | AUTOMATIC_MAX_FREE | KEY_PROTECTED | LAZY_DECOMMIT | 0x80020A10"),
-            std::string::npos);
+  EXPECT_TRUE(holds(all, "SEMAPHORES | AUTOMATIC_MAX_FREE | KEY_PROTECTED | LAZY_DECOMMIT | 0x80020A10"));
   char small[8];
   sqloMemSetOptionsToString(small, sizeof small, 0x3);
   EXPECT_STREQ(small, "\t0 | PI");
@@ -64,28 +56,29 @@ TEST_APART(MemSet, MovesItsThresholds) {
   EXPECT_EQ(set->m_keepCommitChunks, 1500U) << "a lazy set keeps what it used";
   ASSERT_EQ(sqloi_setReturnChunks(*set, block, 1500), 0);
   EXPECT_EQ(set->m_committedChunks, 1500U);
-  struct Free {
-    std::uint32_t percent;
+  constexpr auto kFree = sqloUpdateMemorySetFreeThreshold;
+  constexpr auto kKeep = sqloDecreaseMemorySetKeepCommitThresh;
+  struct Row {
+    SqlzZrc (*update)(SMemSet*, std::uint32_t) noexcept;
+    std::uint32_t value;  // percent, hundredths of it
     SqlzZrc result;
     std::uint32_t maxFree;
+    std::uint32_t kept;  // and committed: what is to be kept is not free
   };
-  for (const Free& row : {Free{100, 0, 2000}, {50, 0, 1000}, {1, 0, 257}, {101, SQLO_INV_MEM, 257}, {0, 0, 0}}) {
-    EXPECT_EQ(sqloUpdateMemorySetFreeThreshold(set, row.percent), row.result);
+  for (const Row& row : {Row{kFree, 100, 0, 2000, 1500},
+                         {kFree, 50, 0, 1000, 1500},
+                         {kFree, 1, 0, 257, 1500},
+                         {kFree, 101, SQLO_INV_MEM, 257, 1500},
+                         {kFree, 0, 0, 0, 1500},
+                         {kKeep, 10'001, SQLO_INV_MEM, 0, 1500},
+                         {kKeep, 0, 0, 0, 1243},
+                         {kKeep, 2'000, 0, 0, 843}}) {
+    EXPECT_EQ(row.update(set, row.value), row.result);
     EXPECT_EQ(set->m_maxFreeChunks, row.maxFree);
-    EXPECT_EQ(set->m_committedChunks, 1500U) << "what is to be kept is not free";
+    EXPECT_EQ(set->m_keepCommitChunks, row.kept);
+    EXPECT_EQ(set->m_committedChunks, row.kept);
   }
   EXPECT_EQ(set->m_maxFreePercent, 0U);
-  struct Keep {
-    std::uint32_t hundredths;
-    SqlzZrc result;
-    std::uint32_t keep;
-    std::uint32_t committed;
-  };
-  for (const Keep& row : {Keep{10'001, SQLO_INV_MEM, 1500, 1500}, {0, 0, 1243, 1243}, {2'000, 0, 843, 843}}) {
-    EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(set, row.hundredths), row.result);
-    EXPECT_EQ(set->m_keepCommitChunks, row.keep);
-    EXPECT_EQ(set->m_committedChunks, row.committed);
-  }
   ASSERT_EQ(takeChunks(*set, 700, &block), 0);
   EXPECT_EQ(sqloDecreaseMemorySetKeepCommitThresh(set, 10'000), 0);
   EXPECT_EQ(set->m_keepCommitChunks, 700U) << "never below what is used";
@@ -244,10 +237,10 @@ TEST_APART(MemSet, ReportsWhatFailedAfterwards) {
 // A file system that is really full: a code, no signal, and all that was got can be written to.
 TEST(MemSet, IsToldOfAFullFileSystem) {
   const Instance instance;
-  const int end = platformtest::runInProcess([&] {
+  const int end = runInProcess([&] {
     if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         ::mount("tmpfs", instance.directory().c_str(), "tmpfs", 0, "size=8m,mode=0700") != 0)
-      ::_exit(platformtest::kSkip);
+      ::_exit(kSkip);
     SMemSet* set = create(requestOf(SQLO_SET_DBM_DBMS, 400));
     ASSERT_NE(set, nullptr);
     void* block = nullptr;
@@ -263,36 +256,26 @@ TEST(MemSet, IsToldOfAFullFileSystem) {
     EXPECT_EQ(takeChunks(*set, 1, &block), 0);
     EXPECT_EQ(sqlofshr(set), 0);
   });
-  if (end == platformtest::kSkip) GTEST_SKIP() << "no file system can be mounted here";
+  if (end == kSkip) GTEST_SKIP() << "no file system can be mounted here";
   EXPECT_EQ(end, 0);
 }
 
 TEST_APART(MemSet, SaysWhatItCannotGive) {
-  const auto tryCreate = [&](SqloMemSetRequest request, SMemSet** out = nullptr) {
-    SMemSet* set = nullptr;
-    const SqlzZrc result = sqlocshr(&request, &set);
-    if (out != nullptr)
-      *out = set;
-    else if (set != nullptr)
-      sqlofshr(set);
-    return result;
-  };
-  SqloMemSetRequest request = requestOf(SQLO_SET_PRIVATE, 0);
-  EXPECT_EQ(tryCreate(request), SQLO_MEM_SIZE);
-  request = requestOf(3, 10);
-  EXPECT_EQ(tryCreate(request), SQLO_INV_PARM);
-  request = requestOf(SQLO_SET_PRIVATE, 10);
+  SMemSet* set = nullptr;
+  const auto tryCreate = [&](const SqloMemSetRequest& request) { return sqlocshr(&request, &set); };
+  EXPECT_EQ(tryCreate(requestOf(SQLO_SET_PRIVATE, 0)), SQLO_MEM_SIZE);
+  EXPECT_EQ(tryCreate(requestOf(3, 10)), SQLO_INV_PARM);
+  SqloMemSetRequest request = requestOf(SQLO_SET_PRIVATE, 10);
   request.heapBytes = request.bytes + 1;
   EXPECT_EQ(tryCreate(request), SQLO_MEM_SIZE);
-  request = requestOf(SQLO_SET_PRIVATE, 10);
+  request.heapBytes = 0;
   request.maxBytes = 0xFFFFFFFF;
   request.paddingBytes = kMb;
   EXPECT_EQ(tryCreate(request), 0);
   ::setenv("VEKNTMEMSIZE", "DBM_DB:65536;PRIVATE:1048576", 1);
   request.paddingBytes = 0;
   request.maxBytes = 3 * kMb;
-  SMemSet* set = nullptr;
-  EXPECT_EQ(tryCreate(request, &set), 0);
+  EXPECT_EQ(tryCreate(request), 0);
   EXPECT_EQ(set->m_maxChunksAllowed, 16U);
   EXPECT_EQ(sqloMemSetSetMaxSize(set, 32 * SQLO_CHUNK_BYTES), 0);
   EXPECT_EQ(sqloMemSetGetGrowthLimit(set), 22 * SQLO_CHUNK_BYTES);
@@ -304,7 +287,7 @@ TEST_APART(MemSet, SaysWhatItCannotGive) {
   ::setenv("VEKMEMDBG", "ALL", 1);
   ::setenv("VEK_DEFER_MEMORY_COMMIT", "ON", 1);
   request.commitBytes = SQLO_CHUNK_BYTES;
-  EXPECT_EQ(tryCreate(request, &set), 0);
+  EXPECT_EQ(tryCreate(request), 0);
   EXPECT_EQ(set->m_committedChunks, 1U);
   void* block = nullptr;
   ASSERT_EQ(takeChunks(*set, 1, &block), 0);
@@ -317,15 +300,9 @@ TEST_APART(MemSet, SaysWhatItCannotGive) {
   request.bytes = kMb;
   request.maxBytes = 2 * kMb;
   request.options = kOptions | SQLO_SET_PINNED | SQLO_SET_LARGE_PAGES;
-  ossCalls().mlock = [](const void*, std::size_t) {
-    errno = EPERM;
-    return -1;
-  };
-  ossCalls().madvise = [](void*, std::size_t, int) {
-    errno = EINVAL;
-    return -1;
-  };
-  EXPECT_EQ(tryCreate(request, &set), 0);
+  ossCalls().mlock = [](auto...) { return errno = EPERM, -1; };
+  ossCalls().madvise = [](auto...) { return errno = EINVAL, -1; };
+  EXPECT_EQ(tryCreate(request), 0);
   EXPECT_EQ(set->m_options & (SQLO_SET_PINNED | SQLO_SET_LARGE_PAGES), 0U);
   EXPECT_EQ(sqloMemSetPageSize(set), 4096U);
   EXPECT_EQ(takeChunks(*set, 17, &block), SQLO_NOMEM) << "the controller does not let it grow";
@@ -365,8 +342,7 @@ TEST_APART(MemSet, IsCommittedInTheBackground) {
   EXPECT_FALSE(sqloBgCommitIsNeeded(nullptr));
 }
 
-// ---- several processes
-// -----------------------------------------------------------------------------------------------
+// ---- several processes ---------------------------------------------------------------------------------------------
 
 TEST(MemSet, IsSharedAtOneAddress) {
   const Instance instance;

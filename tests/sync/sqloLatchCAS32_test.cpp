@@ -1,5 +1,6 @@
 // The latches of one process: words, texts, modes, upgrades, and more waiters than there are semaphore elements.
 #include <algorithm>
+#include <barrier>
 #include <cstring>
 
 #include "sync/latch_support.h"
@@ -116,16 +117,16 @@ TEST_APART(Latch, OnlyOneSharerWaitsToBecomeExclusive) {
   SQLO_SLATCH_CAS32 latch;
   ASSERT_EQ(latch.init(1, kFair), 0);
   std::atomic<unsigned> granted{0};
-  std::atomic<unsigned> shared{0};
+  std::barrier all(4);
   inThreads(4, [&](unsigned) {
-    for (unsigned round = 1; round <= 500; ++round) {
+    for (int round = 0; round < 500; ++round) {
       ASSERT_EQ(latch.getShared(__FILE__, __LINE__), 0);
-      shared.fetch_add(1);
-      while (shared.load() < 4 * round) std::this_thread::yield();
+      all.arrive_and_wait();
       const SqlzZrc result = latch.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__);
       EXPECT_TRUE(result == 0 || result == SQLO_LATCH_UPGRADE_CONFLICT) << result;
       granted.fetch_add(result == 0 ? 1 : 0);
       latch.release();
+      all.arrive_and_wait();
     }
   });
   EXPECT_GE(granted.load(), 500U);
