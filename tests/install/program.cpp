@@ -27,39 +27,30 @@ void round(int number) {
   (void)sqltTrcSharedIPCInfo(&info);  // a traced function of the library
 }
 
-struct Seen {
-  int entries = 0;
-  int exits = 0;
-  int data = 0;
-};
-
-Seen recordsOf(std::string_view function) {
-  Seen seen;
-  SqltTraceReader reader;
-  SqltTraceRecord record;
-  if (reader.openInstance() != 0) return seen;
-  while (reader.next(&record)) {
-    const char* name = reader.functionName(record.functionId);
-    if (name == nullptr || name != function) continue;
-    seen.entries += record.kind == SqltRecordKind::kEntry;
-    seen.exits += record.kind == SqltRecordKind::kExit;
-    seen.data += record.kind == SqltRecordKind::kData;
-  }
-  return seen;
-}
-
-int expectRecords(const char* function, int rounds, int data) {
-  const Seen seen = recordsOf(function);
-  if (seen.entries == rounds && seen.exits == rounds && seen.data == data) return 0;
-  std::fprintf(stderr, "%s: %d entries, %d exits, %d data points recorded; expected %d, %d, %d\n", function,
-               seen.entries, seen.exits, seen.data, rounds, rounds, data);
-  return 1;
-}
-
 int expectSuccess(const char* what, SqlzZrc code) {
   if (code == 0) return 0;
   std::fprintf(stderr, "%s answered 0x%08X\n", what, static_cast<unsigned>(code));
   return 1;
+}
+
+int expectRecords(std::string_view function, int rounds, int points) {
+  SqltTraceReader reader;
+  SqltTraceRecord record;
+  int entries = 0;
+  int exits = 0;
+  int data = 0;
+  int faults = expectSuccess("openInstance", reader.openInstance());
+  while (faults == 0 && reader.next(&record)) {
+    const char* name = reader.functionName(record.functionId);
+    if (name == nullptr || name != function) continue;
+    entries += record.kind == SqltRecordKind::kEntry;
+    exits += record.kind == SqltRecordKind::kExit;
+    data += record.kind == SqltRecordKind::kData;
+  }
+  if (entries == rounds && exits == rounds && data == points) return faults;
+  std::fprintf(stderr, "%s: %d entries, %d exits, %d data points recorded; expected %d, %d, %d\n", function.data(),
+               entries, exits, data, rounds, rounds, points);
+  return faults + 1;
 }
 
 int installHost() {
@@ -71,22 +62,20 @@ int installHost() {
   return expectSuccess("vekHostInstall", vekHostInstall(&host));
 }
 
-// Counts the exits of firstStep that asked for a performance record.
-int g_performanceRecords = 0;
-
 }  // namespace
 
+#if defined(VEKSYS_STATIC)
+static int expectPerformanceRecord() { return 0; }
+#else
+// Counts the exits of firstStep that asked for a performance record.
+static int g_performanceRecords = 0;
+
 // Stands in the place of the library's own where that is the shared one.
-#if !defined(VEKSYS_STATIC)
 extern "C" void sqltPerformanceRecordHook(const SqltPerformanceRecord* record) noexcept {
   g_performanceRecords += record->functionId == FID_firstStep && record->returnCode == 5 && record->reserved[0] == 0;
 }
-#endif
 
-namespace {
-
-int expectPerformanceRecord() {
-#if !defined(VEKSYS_STATIC)
+static int expectPerformanceRecord() {
   SqltTraceSettings performance = {};
   performance.options = SQLT_OPTION_COMPONENTS;
   performance.selection = SQLT_SELECT_MASK_BYTES;
@@ -97,12 +86,8 @@ int expectPerformanceRecord() {
   if (g_performanceRecords == 1) return faults;
   std::fprintf(stderr, "%d performance records, expected 1\n", g_performanceRecords);
   return faults + 1;
-#else
-  return 0;
-#endif
 }
-
-}  // namespace
+#endif
 
 int runProgram() {
   int faults = installHost();
