@@ -14,27 +14,24 @@
 namespace vek::logtest {
 namespace {
 
-constexpr int kProcesses = 3;
-constexpr int kThreads = 3;
-constexpr int kRounds = 6;
+constexpr std::size_t kProcesses = 3;
+constexpr std::size_t kThreads = 3;
+constexpr std::size_t kRounds = 6;
 constexpr int kMostEach = 400;  // all of them together stay in the files that rotation keeps (20 MB)
 
-struct Answers {
-  std::atomic<int> written[kRounds][kProcesses][kThreads];
-};
+using Answers = std::array<std::atomic<int>, kRounds * kProcesses * kThreads>;  // by thread, over all rounds
 
-std::string keyOf(int round, int process, int thread, int number) {
-  return "<" + std::to_string(round) + "." + std::to_string(process) + "." + std::to_string(thread) + "." +
-         std::to_string(number) + ">";
+std::string keyOf(std::size_t thread, int number) {
+  return "<" + std::to_string(thread) + "." + std::to_string(number) + ">";
 }
 
 // Logs until it is killed, from several threads, and notes what was answered 0.
-void logUntilKilled(int round, int process, Answers* answers) {
+void logUntilKilled(std::size_t firstThread, Answers* answers) {
   inThreads(kThreads, [=](unsigned thread) {
     for (int number = 0; number < kMostEach; ++number) {
       const std::string filler(number % 40 == 0 ? 9000U : 60U, 'x');
-      if (logText(keyOf(round, process, static_cast<int>(thread), number) + filler) != 0) ::_exit(9);
-      answers->written[round][process][thread].store(number + 1);
+      if (logText(keyOf(firstThread + thread, number) + filler) != 0) ::_exit(9);
+      (*answers)[firstThread + thread].store(number + 1);
     }
     ::pause();
   });
@@ -55,15 +52,15 @@ void killAtRandom(std::uint32_t diagSize) {
   const Instance instance;
   const Log log{instance};
   Shared<Answers> answers;
-  for (int round = 0; round < kRounds; ++round) {
+  for (std::size_t first = 0; first < answers->size(); first += kProcesses * kThreads) {
     std::vector<pid_t> writers;
-    for (int process = 0; process < kProcesses; ++process)
+    for (std::size_t process = 0; process < kProcesses; ++process)
       writers.push_back(start([&, process] {
         installControl().DIAGSIZE = diagSize;
-        logUntilKilled(round, process, &*answers);
+        logUntilKilled(first + process * kThreads, &*answers);
       }));
     const int until = static_cast<int>(random() % 200);
-    while (answers->written[round][0][0].load() < until) std::this_thread::yield();
+    while ((*answers)[first].load() < until) std::this_thread::yield();
     for (const pid_t writer : writers) EXPECT_EQ(finishKilled(writer), -SIGKILL);
   }
   inProcess([&] {
@@ -74,15 +71,13 @@ void killAtRandom(std::uint32_t diagSize) {
   for (const std::string& record : allRecords(log))
     if (const std::size_t at = record.find('<'); at != std::string::npos)
       ++found[record.substr(at, record.find('>', at) + 1 - at)];
-  for (int round = 0; round < kRounds; ++round)
-    for (int process = 0; process < kProcesses; ++process)
-      for (int thread = 0; thread < kThreads; ++thread) {
-        const int written = answers->written[round][process][thread].load();
-        for (int number = 0; number <= written; ++number) {
-          const int count = found[keyOf(round, process, thread, number)];
-          EXPECT_TRUE(count == 1 || (count == 0 && number == written)) << keyOf(round, process, thread, number);
-        }
-      }
+  for (std::size_t thread = 0; thread < answers->size(); ++thread) {
+    const int written = (*answers)[thread].load();
+    for (int number = 0; number <= written; ++number) {
+      const int count = found[keyOf(thread, number)];
+      EXPECT_TRUE(count == 1 || (count == 0 && number == written)) << keyOf(thread, number);
+    }
+  }
 }
 
 TEST(PdLogSurvival, WritersKilledAtRandomCostOnlyTheirOwnRecord) { killAtRandom(0); }

@@ -36,18 +36,7 @@ std::string makeObject(const std::vector<std::string>& keys) {
   return out + table + table + text;
 }
 
-// Looks every string up; with a sanitizer this touches all that the object gave away.
-std::size_t touchAll(const MessageObject& object) {
-  std::size_t bytes = 0;
-  for (int number = -11000; number <= 11000; number += 7) {
-    char key[16];
-    std::snprintf(key, sizeof key, "SQL%04d%c", std::abs(number), number < 0 ? 'N' : 'W');
-    for (const char c : object.find(key)) bytes += c != '\0' ? 1 : 0;
-  }
-  return bytes;
-}
-
-TEST(MessageObject, FindsWhatTheCatalogueHolds) {
+TEST(MessageObject, FindsWhatItHolds) {
   const std::vector<char> bytes = catalogueBytes();
   MessageObject object;
   ASSERT_TRUE(object.open(bytes));
@@ -56,10 +45,6 @@ TEST(MessageObject, FindsWhatTheCatalogueHolds) {
   EXPECT_TRUE(object.find("SQL0100W").starts_with("SQL0100W  "));
   EXPECT_TRUE(object.find("SQL30081N").starts_with("SQL30081N  "));
   for (const char* key : {"SQL0100N", "SQL902N", "SQL0902", "zzz", "!"}) EXPECT_EQ(object.find(key), "") << key;
-}
-
-TEST(MessageObject, FindsFirstLastAndOnly) {
-  MessageObject object;
   const std::string three = makeObject({"A", "B", "C"});
   ASSERT_TRUE(object.open(three));
   for (const char* key : {"A", "B", "C"}) EXPECT_EQ(object.find(key), key);
@@ -101,16 +86,23 @@ TEST(MessageObject, RefusesWhatIsNotSound) {
 TEST(MessageObject, StandsRandomDamage) {
   const std::vector<char> bytes = catalogueBytes();
   const unsigned seed = std::random_device{}();
-  std::printf("seed %u\n", seed);
+  SCOPED_TRACE(seed);
   std::mt19937 random(seed);
   MessageObject object;
+  std::size_t touched = 0;  // with a sanitizer this tells what an object gave away
   for (int round = 0; round < 300; ++round) {
     std::vector<char> damaged = bytes;
     const std::size_t within = round % 2 == 0 ? 28 : damaged.size();
     for (int hit = 0; hit <= round % 5; ++hit) damaged[random() % within] = static_cast<char>(random());
     if (round % 3 == 0) damaged.resize(random() % damaged.size());
-    if (object.open(damaged)) touchAll(object);
+    if (!object.open(damaged)) continue;
+    for (int number = -11000; number <= 11000; number += 7) {
+      char key[16];
+      std::snprintf(key, sizeof key, "SQL%04d%c", std::abs(number), number < 0 ? 'N' : 'W');
+      for (const char c : object.find(key)) touched += c != '\0' ? 1 : 0;
+    }
   }
+  EXPECT_GT(touched, 0U);
 }
 
 TEST_APART(SqlMessage, IsCutToTheBuffer) {
