@@ -166,10 +166,6 @@ TEST_F(PdRecord, HeaderLinesInTheirOtherForms) {
       {"EDUID   : 0\r\n", [](PdRecordHeader& h) { h.hasEngineUnit = true; }},
       {"INSTANCE: prod                 NODE : -001\r\n", [](PdRecordHeader& h) { h.partition = -1; }},
       {"INSTANCE: a?b?                 NODE : 000\r\n", [](PdRecordHeader& h) { h.instance = "a\rb\n"; }},
-      {" LEVEL: Unknown\r\n", [](PdRecordHeader& h) { h.level = 0; }},
-      {" LEVEL: Unknown\r\n", [](PdRecordHeader& h) { h.level = 7; }},
-      {" LEVEL: Severe\r\n", [](PdRecordHeader& h) { h.level = 1; }},
-      {" LEVEL: Event\r\n", [](PdRecordHeader& h) { h.level = 6; }},
       {"FUNCTION: VEK, utilities, 0x18D7FFFF, probe:0\r\n",
        [](PdRecordHeader& h) { h.functionId = kNameless, h.probe = 0; }},
   };

@@ -53,35 +53,31 @@ TEST_APART_F(Description, WrapsAtTheWidthInForce) {
   }
 }
 
-TEST_APART_F(Description, OfACodeKnownWithoutItsComponent) {
-  EXPECT_EQ(description(sqlzZrc(0x800F0001)),
-            "ZRC=0x800F0001=-2146500607=SQLZ_RC_NO_ROW, SQLT_SQLO\r\n"
-            "          \"" +
-                std::string(sqlzFindZrc(sqlzZrc(0x80000001))->description) + "\"\r\n");
-  EXPECT_EQ(description(sqlzZrc(0x80FE0003)),  // no component has the number FE
-            "ZRC=0x80FE0003=-2130837501=SQLZ_RC_INTERRUPTED\r\n"
-            "          \"Request was interrupted by the application\"\r\n");
-}
-
-TEST_APART_F(Description, OfAnSqlCodeIsItsMessage) {
-  EXPECT_EQ(description(-902),
-            "ZRC=0xFFFFFC7A=-902\r\n"
-            "          SQL0902N  A system error occurred. Later SQL statements\r\n"
-            "          cannot be processed. Internal return code: <zrc>.\r\n");
+TEST_APART_F(Description, OfCodesOfEveryKind) {
+  const std::string noRow = sqlzFindZrc(sqlzZrc(0x80000001))->description;
+  const std::pair<std::uint32_t, std::string> cases[] = {
+      {0, "ZRC=0x00000000=0=SQLZ_RC_OK \"The operation completed successfully\"\r\n"},
+      {0x800F0001,  // known without its component
+       "ZRC=0x800F0001=-2146500607=SQLZ_RC_NO_ROW, SQLT_SQLO\r\n          \"" + noRow + "\"\r\n"},
+      {0x80FE0003,  // no component has the number FE
+       "ZRC=0x80FE0003=-2130837501=SQLZ_RC_INTERRUPTED\r\n"
+       "          \"Request was interrupted by the application\"\r\n"},
+      {0xFFFFFFFF, "ZRC=0xFFFFFFFF=-1\r\n"},
+      {0xFFFFD8E9, "ZRC=0xFFFFD8E9=-10007\r\n          \r\n"},  // the message that says: none found
+      {0x80000000, "ZRC=0x80000000=-2147483648\r\n          \r\n"},
+      {0x7FFFFFFF, "ZRC=0x7FFFFFFF=2147483647\r\n          \r\n"},
+      {0xFFFFFC7A,  // that of an SQL code is its message
+       "ZRC=0xFFFFFC7A=-902\r\n"
+       "          SQL0902N  A system error occurred. Later SQL statements\r\n"
+       "          cannot be processed. Internal return code: <zrc>.\r\n"},
+  };
+  for (const auto& [zrc, text] : cases) EXPECT_EQ(description(sqlzZrc(zrc)), text);
   pdSetWideMessages(true);
   EXPECT_EQ(description(-902),
             "ZRC=0xFFFFFC7A=-902\r\n"
             "          SQL0902N  A system error occurred. Later SQL statements cannot be\r\n"
             "          processed. Internal return code: <zrc>.\r\n");
   EXPECT_EQ(description(-100).substr(0, 40), "ZRC=0xFFFFFF9C=-100\r\n          SQL0100W ");
-}
-
-TEST_APART_F(Description, OfSuccessAndUnknownCodes) {
-  EXPECT_EQ(description(0), "ZRC=0x00000000=0=SQLZ_RC_OK \"The operation completed successfully\"\r\n");
-  EXPECT_EQ(description(-1), "ZRC=0xFFFFFFFF=-1\r\n");
-  EXPECT_EQ(description(-10007), "ZRC=0xFFFFD8E9=-10007\r\n          \r\n");  // the message that says: none found
-  EXPECT_EQ(description(sqlzZrc(0x80000000)), "ZRC=0x80000000=-2147483648\r\n          \r\n");
-  EXPECT_EQ(description(0x7FFFFFFF), "ZRC=0x7FFFFFFF=2147483647\r\n          \r\n");
 }
 
 TEST_APART_F(Description, WithoutMessages) {
@@ -108,13 +104,12 @@ TEST_APART_F(Description, NeverPassesItsBuffer) {
   for (const SqlzZrc zrc : {SQLO_NOMEM, SQLO_SEM_TIMEOUT, sqlzZrc(0x80140001), -1, -902, -77777}) {
     const std::string whole = description(zrc);
     for (std::size_t size = 0; size <= whole.size() + 2; ++size) {
-      std::vector<char> buffer(size + 8, '#');
-      char* end = pdZRCGetDescription(zrc, buffer.data(), size);
-      const std::size_t expected = size == 0 ? 0 : std::min(size - 1, whole.size());
-      ASSERT_EQ(end, buffer.data() + expected) << size;
-      EXPECT_EQ(std::string(buffer.data(), expected), whole.substr(0, expected));
-      EXPECT_TRUE(size == 0 || *end == '\0');
-      for (std::size_t i = size == 0 ? 0 : expected + 1; i < buffer.size(); ++i) ASSERT_EQ(buffer[i], '#') << size;
+      std::string wanted = size == 0 ? "" : whole.substr(0, size - 1) + '\0';
+      const std::size_t length = size == 0 ? 0 : wanted.size() - 1;
+      wanted.resize(size + 8, '#');
+      std::string buffer(size + 8, '#');
+      ASSERT_EQ(pdZRCGetDescription(zrc, buffer.data(), size), buffer.data() + length) << size;
+      ASSERT_EQ(buffer, wanted);
     }
   }
   EXPECT_EQ(pdZRCGetDescription(SQLO_NOMEM, nullptr, 100), nullptr);
