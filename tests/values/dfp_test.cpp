@@ -12,7 +12,8 @@ namespace {
 constexpr std::uint32_t kCallersFlags = DFPAL_DIVISION_BY_ZERO | DFPAL_INEXACT;
 constexpr DfpalDecimal64 kUntouched = {0x123456789ABCDEF0U};
 
-// Every test begins with flags of its caller and the settings of the start, and must leave those flags alone.
+// Every test begins with flags of its caller and the settings of the start, and must leave those flags alone. Values
+// are made of texts that raise none.
 class DfpCodes : public ::testing::Test {
  protected:
   DfpCodes() {
@@ -24,15 +25,6 @@ class DfpCodes : public ::testing::Test {
     EXPECT_EQ(dfpalSetControlFlags(&atStart_), 0);
     EXPECT_EQ(dfpalSetRoundingMode(DFPAL_ROUND_HALF_EVEN), 0);
     sqlvSetDecimalRounding(0);
-  }
-
-  // A value without a trace of its making in the flags.
-  template <class Width>
-  static typename Width::Value make(std::string_view text) {
-    const std::uint32_t saved = dfpalReadClearAllStatusFlag();
-    const auto value = valueOf<Width>(text);
-    dfpalSwapStatusFlag(saved);
-    return value;
   }
 
   DfpalControlFlags atStart_ = {};
@@ -52,12 +44,12 @@ TEST_F(DfpCodes, NarrowingTellsWhatWasLost) {
       {"sNaN", 0, "sNaN"},
   };
   for (const auto& [text, zrc, wanted] : cases) {
-    const auto source = make<Width128>(text);
+    const auto source = valueOf<Width128>(text);
     DfpalDecimal64 target = kUntouched;
     EXPECT_EQ(sqlvdfp2dfpTmpl(&source, &target), zrc) << text;
     EXPECT_EQ(textOf(target), wanted);
   }
-  const auto signalling = make<Width64>("-sNaN77");
+  const auto signalling = valueOf<Width64>("-sNaN77");
   DfpalDecimal128 wide = {};
   EXPECT_EQ(sqlvdfp2dfpTmpl(&signalling, &wide), 0);
   EXPECT_EQ(textOf(wide), "-sNaN");
@@ -72,14 +64,14 @@ TEST_F(DfpCodes, FollowTheControlFlagsInTheirOrder) {
       {{kBoth, DFPAL_INVALID, DFPAL_UNDERFLOW, DFPAL_DIVISION_BY_ZERO, 0}, SQLRX_DFP_INVALID, false},
       {{kBoth, 0, 0, DFPAL_INEXACT, 0}, 0, true},
   };
-  const auto source = make<Width128>("1E+385");
+  const auto source = valueOf<Width128>("1E+385");
   for (const auto& [control, zrc, isStored] : cases) {
     ASSERT_EQ(dfpalSetControlFlags(&control), 0);
     DfpalDecimal64 target = kUntouched;
     EXPECT_EQ(sqlvdfp2dfpTmpl(&source, &target), zrc);
     EXPECT_EQ(target == kUntouched, !isStored);
   }
-  const auto infinity = make<Width64>("Infinity");
+  const auto infinity = valueOf<Width64>("Infinity");
   for (const std::uint32_t trapped : {DFPAL_CONDITIONS & ~DFPAL_INVALID, DFPAL_INVALID}) {
     const DfpalControlFlags control = {trapped, DFPAL_INVALID, 0, DFPAL_INVALID, 0};
     ASSERT_EQ(dfpalSetControlFlags(&control), 0);
@@ -113,8 +105,8 @@ TEST_F(DfpCodes, ShortIntegersRoundWhenTheSettingIsOn) {
       {"sNaN", DFPAL_ROUND_DOWN, kNone, kNone},
   };
   for (const auto& [text, mode, cut, rounded] : cases) {
-    const auto narrow = make<Width64>(text);
-    const auto wide = make<Width128>(text);
+    const auto narrow = valueOf<Width64>(text);
+    const auto wide = valueOf<Width128>(text);
     dfpalSetRoundingMode(mode);
     for (const bool isOn : {false, true}) {
       sqlvSetDecimalRounding(isOn ? 1 : 0);
@@ -129,7 +121,7 @@ TEST_F(DfpCodes, ShortIntegersRoundWhenTheSettingIsOn) {
 }
 
 TEST_F(DfpCodes, PackedTargetsKeepTheirBytesUnlessTheValueFits) {
-  const auto value = make<Width128>("-12.346");
+  const auto value = valueOf<Width128>("-12.346");
   std::uint8_t packed[4] = {0xEE, 0xEE, 0xEE, 0xEE};
   EXPECT_EQ(sqlvdfp2dec(&value, sizeof value, packed, {3, 2}), SQLRX_DEC_OVERFLOW);
   EXPECT_EQ(sqlvdfp2dec(&value, sizeof value, packed, {32, 0}), SQLRX_DEC_INVALID);
@@ -141,7 +133,7 @@ TEST_F(DfpCodes, PackedTargetsKeepTheirBytesUnlessTheValueFits) {
   dfpalSetRoundingMode(DFPAL_ROUND_HALF_UP);
   EXPECT_EQ(sqlvdfp2dec(&value, sizeof value, packed, {4, 2}), 0);
   EXPECT_EQ(std::memcmp(packed, "\x01\x23\x5D\xEE", 4), 0);
-  const auto small = make<Width64>("-0.004");
+  const auto small = valueOf<Width64>("-0.004");
   EXPECT_EQ(sqlvdfp2dec(&small, sizeof small, packed, {5, 2}), 0);
   EXPECT_EQ(std::memcmp(packed, "\x00\x00\x0C\xEE", 4), 0) << "a zero is positive";
 }
@@ -170,7 +162,7 @@ TEST_F(DfpCodes, TextGoesBothWays) {
 }
 
 TEST_F(DfpCodes, OtherSizesAreRefused) {
-  const DfpalDecimal128 value = make<Width128>("1");
+  const DfpalDecimal128 value = valueOf<Width128>("1");
   std::int16_t number = 7;
   std::uint8_t packed[2] = {0xEE, 0xEE};
   char text[64] = "untouched";
