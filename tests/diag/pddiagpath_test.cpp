@@ -68,8 +68,6 @@ mode_t modeOf(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777 : 0;
 }
 
-// ---- values -----------------------------------------------------------------------------------------------------
-
 TEST_APART(DiagPathValue, NamesTheDirectoryOfAMember) {
   const std::string below = instance.directory() + "/instance/diag/";
   const struct {
@@ -167,8 +165,6 @@ TEST_APART(DiagPathValue, HostileNamesAndLengthsStayInside) {
   EXPECT_EQ(one, '#');
 }
 
-// ---- directories ------------------------------------------------------------------------------------------------
-
 TEST_APART(DiagDirectory, IsMadeForItsOwnerAloneAndTrustedOnlyWhenNobodyElseCanWriteInIt) {
   configure("");
   const std::string directory = instance.directory() + "/one/two/three";
@@ -217,8 +213,6 @@ TEST_APART(DiagDirectory, WhatTheSystemRefusesIsTold) {
   isLinkAlone = false;
   EXPECT_EQ(pdDiagpathVerify(directory.c_str()), SQLT_DIAGPATH_NOT_TRUSTED);
 }
-
-// ---- the directories of a process -------------------------------------------------------------------------------
 
 TEST_APART(DiagPath, FollowsTheConfigurationAndMakesWhatIsMissing) {
   const std::string base = instance.directory() + "/logs";

@@ -19,8 +19,6 @@ SqlzZrc write(std::uint32_t facility, std::uint32_t level, const char* text) {
   return pdLogPrintf(static_cast<std::uint64_t>(facility) << PD_LOG_FACILITY_SHIFT, kFunction, 0, 1, level, "%s", text);
 }
 
-// ---- facilities -------------------------------------------------------------------------------------------------
-
 TEST_APART(FacilityLogs, EachHasItsFileAndItsLevel) {
   std::uint32_t audit = 0;
   std::uint32_t again = 0;
@@ -93,8 +91,6 @@ TEST_APART(FacilityLogs, ThreadsThatOpenAtOnceAgreeOnTheNumbers) {
   for (const auto& each : numbers) EXPECT_EQ(std::memcmp(each, numbers[0], sizeof each), 0);
 }
 
-// ---- the older interface ----------------------------------------------------------------------------------------
-
 TEST_APART(OlderInterface, EachCallWritesOneRecord) {
   const char bytes[] = "ABCD";
   const struct {
@@ -120,8 +116,6 @@ TEST_APART(OlderInterface, EachCallWritesOneRecord) {
     for (const std::string& part : cases[i].parts) EXPECT_TRUE(holds(records[i + 1], part)) << part << records[i + 1];
   }
 }
-
-// ---- messages of the OS-services layer --------------------------------------------------------------------------
 
 TEST(OSSeMessages, WhatNobodyIsToldOfBecomesARecord) {
   const Instance instance;
@@ -157,8 +151,6 @@ TEST(OSSeMessages, WhatNobodyIsToldOfBecomesARecord) {
     EXPECT_EQ(sqltSyncOSSeLogFacility(), SQLT_OSSE_LOG_FACILITY_FAILED) << "another hook is there";
   });
 }
-
-// ---- optional header fields -------------------------------------------------------------------------------------
 
 // What is known now, as one text.
 std::string fieldsNow() {

@@ -308,8 +308,6 @@ TEST_APART(PdLogSurvival, ARemovedDirectoryIsMadeAnewAndALinkIsRefused) {
   EXPECT_EQ(contentOf(elsewhere), "mine");
 }
 
-// ---- rotation ---------------------------------------------------------------------------------------------------
-
 TEST_APART(PdLogRotation, WithoutADirectoryForItTheLogStaysInOneFile) {
   const Log log{instance};
   installControl().DIAGSIZE = 1;

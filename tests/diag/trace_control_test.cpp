@@ -19,8 +19,6 @@ constexpr std::uint64_t kRingBytes = 0x100000;
 constexpr std::uint32_t kKept = 0x40000;
 constexpr std::uint32_t kAllOnes = 0xFD23FFFF;
 
-// ---- sizes ------------------------------------------------------------------------------------------------------
-
 TEST(TraceControl, SizesAreBoundedAndRoundedDown) {
   const struct {
     const char* defaultSize;
@@ -79,8 +77,6 @@ TEST(TraceControl, SizeTexts) {
     EXPECT_EQ(bytes, 12345U);
   }
 }
-
-// ---- masks ------------------------------------------------------------------------------------------------------
 
 SqltTraceSettings settingsFor(std::uint32_t options, std::initializer_list<std::uint32_t> components) {
   SqltTraceSettings settings = {};
@@ -315,8 +311,6 @@ TEST(TraceControl, CreatorsDeletersWritersAndReadersAtTheSameTime) {
     EXPECT_EQ(readInstance().size(), 1U);
   });
 }
-
-// ---- refused by the machine -------------------------------------------------------------------------------------
 
 // Runs the operation with the 1st, 2nd, ... call of any of the services failing, until there are no more calls, and has
 // each result checked.

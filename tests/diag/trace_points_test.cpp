@@ -156,8 +156,6 @@ TEST_APART(TracePoints, ItemsThatAreNullEmptyOrTooLargeShowAsSuch) {
   EXPECT_TRUE(records[4].items.at(0).isNull);
 }
 
-// ---- the scope --------------------------------------------------------------------------------------------------
-
 std::int32_t tracedFunction() {
   SqltTraceScope<kFunction> trace;
   trace.data(10, 1);

@@ -179,8 +179,6 @@ TEST_F(DfpCodes, OtherSizesAreRefused) {
   EXPECT_STREQ(text, "untouched");
 }
 
-// ---- the state of threads ---------------------------------------------------------------------------------------
-
 TEST(DfpThread, HasItsOwnModeAndFlagsAndForkKeepsThem) {
   EXPECT_EQ(dfpalSetRoundingMode(DFPAL_ROUND_MODES), SQLO_INV_PARM);
   EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_HALF_EVEN);
@@ -206,8 +204,6 @@ TEST(DfpThread, HasItsOwnModeAndFlagsAndForkKeepsThem) {
   EXPECT_EQ(dfpalGetRoundingMode(), DFPAL_ROUND_FLOOR);
   EXPECT_EQ(dfpalReadClearAllStatusFlag(), DFPAL_CONDITIONS) << "and nothing but conditions";
 }
-
-// ---- integers ---------------------------------------------------------------------------------------------------
 
 // Integers of any length give what their digits give, and come back when they have no more digits than the width.
 template <class Width>
@@ -240,8 +236,6 @@ TEST(DfpIntegers, BothWaysAndUnknownModes) {
     bothWays<Width128>(bits);
   }
 }
-
-// ---- the encoding -----------------------------------------------------------------------------------------------
 
 // The digits of a declet pqrstuvwxy, bit by bit, as the definition of the encoding tells them: by v, then by w and x,
 // then by s and t.

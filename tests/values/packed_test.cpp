@@ -9,8 +9,6 @@
 namespace vek::valuestest {
 namespace {
 
-// ---- validation -------------------------------------------------------------------------------------------------
-
 bool isWellFormed(const std::vector<std::uint8_t>& value, SqlvDescriptor descriptor) {
   const std::size_t signIndex = value.size() * 2 - 1;
   const auto nibble = [&](std::size_t i) { return i % 2 == 0 ? value[i / 2] >> 4U : value[i / 2] & 0xFU; };
@@ -93,8 +91,6 @@ TEST(PackedCheck, DescriptorsThatAreNone) {
   EXPECT_EQ(real, 5);
 }
 
-// ---- binary integers --------------------------------------------------------------------------------------------
-
 // Whether an integer is written; it must be when its digits fit, and be those.
 template <class Integer>
 bool writes(SqlzZrc (*write)(Integer, std::uint8_t*, SqlvDescriptor) noexcept, Integer value, SqlvDescriptor type,
@@ -141,8 +137,6 @@ TEST(PackedInteger, RoundsWhenToldTo) {
     EXPECT_EQ(read, setting == 1 ? -1 : 0);
   }
 }
-
-// ---- columns ----------------------------------------------------------------------------------------------------
 
 constexpr std::size_t kGap = 3;  // bytes between values, which nobody may write
 constexpr std::uint8_t kUntouched = 0xEE;

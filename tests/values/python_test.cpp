@@ -16,23 +16,20 @@ namespace {
 struct Vector {
   std::string width;
   std::string operation;
-  std::uint32_t mode = 0;
+  std::uint32_t mode;
   std::string left;
   std::string right;
   std::string result;
-  std::uint32_t conditions = 0;
+  std::uint32_t conditions;
 };
 
 Vector vectorOf(const std::string& line) {
   std::istringstream in(line);
-  std::string mode;
-  std::string conditions;
-  Vector v;
-  for (std::string* field : {&v.width, &v.operation, &mode, &v.left, &v.right, &v.result, &conditions})
-    EXPECT_TRUE(std::getline(in, *field, '\t')) << line;
-  v.mode = static_cast<std::uint32_t>(std::stoul(mode));
-  v.conditions = static_cast<std::uint32_t>(std::stoul(conditions, nullptr, 16));
-  return v;
+  std::array<std::string, 7> fields;
+  for (std::string& field : fields) EXPECT_TRUE(std::getline(in, field, '\t')) << line;
+  const auto& [width, operation, mode, left, right, result, conditions] = fields;
+  const auto number = [](const std::string& text) { return static_cast<std::uint32_t>(std::stoul(text, nullptr, 16)); };
+  return {width, operation, number(mode), left, right, result, number(conditions)};
 }
 
 // "p,s", or one of two of them.
@@ -45,8 +42,6 @@ SqlvDescriptor descriptor(const Vector& v, std::size_t index = 0) {
 }
 
 // ---- decimal floating point -------------------------------------------------------------------------------------
-
-std::string comparison(std::int32_t answer) { return answer == DFPAL_UNORDERED ? "NaN" : std::to_string(answer); }
 
 template <class Width>
 std::string toInteger(typename Width::Value value, const Vector& v) {
@@ -79,8 +74,10 @@ std::string answer(const Vector& v) {
   if (v.operation == "to_integral_value") return textOf(Width::integral(left, v.mode));
   if (v.operation == "to_integral_exact") return textOf(Width::integralExact(left));
   const auto right = valueOf<Width>(v.right);
-  if (v.operation == "compare") return comparison(Width::compare(left, right));
-  if (v.operation == "compare_signal") return comparison(Width::compareSignal(left, right));
+  if (v.operation.starts_with("compare")) {
+    const std::int32_t order = (v.operation == "compare" ? Width::compare : Width::compareSignal)(left, right);
+    return order == DFPAL_UNORDERED ? "NaN" : std::to_string(order);
+  }
   if (v.operation == "add") return textOf(Width::add(left, right));
   if (v.operation == "subtract") return textOf(Width::subtract(left, right));
   if (v.operation == "multiply") return textOf(Width::multiply(left, right));
