@@ -200,6 +200,7 @@ TEST_APART(MemSet, LosesNothingWhenTheSystemRefuses) {
       if (set != nullptr) {
         expectSound(instance, *set);
         EXPECT_FALSE(set->has(SQLO_SET_PENDING_REPORT));
+        EXPECT_EQ(statsOf(controller).currentSize, set->m_allocatedChunks << SQLO_CHUNK_SHIFT) << "call " << call;
         EXPECT_EQ(sqlofshr(set), 0);
       }
       EXPECT_EQ(statsOf(controller).currentSize, 0U) << "call " << call;
