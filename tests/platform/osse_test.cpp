@@ -113,14 +113,5 @@ TEST(OsFiles, NoDescriptorTakesThePlaceOfAStandardStream) {
   }
 }
 
-TEST_APART(OsIdentity, OfTheBoot) {
-  char field[40];
-  ossBootId(field, sizeof field);
-  EXPECT_EQ(::strlen(field), 36U);
-  makeFail<&OssCalls::open>(0, EMFILE);
-  ossBootId(field, sizeof field);
-  EXPECT_STREQ(field, "");
-}
-
 }  // namespace
 }  // namespace vek::platformtest

@@ -57,7 +57,7 @@ void attachExpecting(SqlzZrc shared) {
   expectSound();
 }
 
-// A process that is attached to the instance until it is dismissed.
+// A process that has attached, or done something else, and lives to the end of the scope or until it is killed.
 class Resident {
  public:
   explicit Resident(const std::function<void()>& attach = [] { attachExpecting(0); }) {
@@ -148,7 +148,7 @@ TEST(RegionAttach, RacingProcessesShareOneRegionWhateverWasLeft) {
   for (const LeftOver& leftOver : kLeftOvers) {
     SCOPED_TRACE(leftOver.what);
     const Instance instance;
-    { const Resident first; }
+    inProcess([] { attachExpecting(0); });
     const int old = ::open(instance.region().c_str(), O_RDONLY);
     leftOver.spoil(instance.region().c_str());
     raceToAttach(::strcmp(leftOver.what, "none") == 0 ? 40 : 8);
@@ -306,7 +306,7 @@ bool attachWithFailure(int call, int error) {
 bool failingRound(const LeftOver& leftOver, int call, int error) {
   SCOPED_TRACE(testing::Message() << leftOver.what << " call " << call << " error " << error);
   const Instance instance;
-  { const Resident first; }
+  inProcess([] { attachExpecting(0); });
   leftOver.spoil(instance.region().c_str());
   const Shared<bool> failed;
   const Resident first([&] { *failed = attachWithFailure(call, error); });
@@ -445,26 +445,19 @@ TEST(RegionFork, WhileOtherThreadsAttachAndEnd) {
 // ---- slots ------------------------------------------------------------------------------------------------------
 
 // Holds the bytes of all process slots that are still free.
-pid_t takeAllSlots(const Instance& instance, Baton& taken) {
-  const pid_t child = start([&] {
-    const int fd = ::open(instance.region().c_str(), O_RDWR);
-    for (std::uint32_t slot = 0; slot < REGION_PROCESS_SLOTS; ++slot) ossLockByte(fd, REGION_SLOT_LOCK_BASE + slot);
-    taken.give();
-    ::pause();
-  });
-  EXPECT_TRUE(taken.take());
-  return child;
+void takeAllSlots(const Instance& instance) {
+  const int fd = ::open(instance.region().c_str(), O_RDWR);
+  for (std::uint32_t slot = 0; slot < REGION_PROCESS_SLOTS; ++slot) ossLockByte(fd, REGION_SLOT_LOCK_BASE + slot);
 }
 
 TEST(RegionSlots, WhenAllAreTakenAProcessWorksPrivately) {
   const Instance instance;
-  Baton taken;
   inProcess([&] {
     attachExpecting(0);
     EXPECT_TRUE(g_ports.attachTrace());
     EXPECT_EQ(trcCreateShared(1 << 20, false), 0);
     wintStore(9, SQLT_TRACE_ENTRY);
-    const pid_t holder = takeAllSlots(instance, taken);
+    Resident holder([&] { takeAllSlots(instance); });
     inProcess([] {  // a forked child, with pointers into its parent's mapping
       EXPECT_EQ(wintTraceWord(9), SQLT_TRACE_ENTRY);
       sqltEntry(ecfFunctionId(9, 17));
@@ -476,12 +469,11 @@ TEST(RegionSlots, WhenAllAreTakenAProcessWorksPrivately) {
     });
     EXPECT_TRUE(trcIsOn());
     EXPECT_EQ(wintTraceWord(9), SQLT_TRACE_ENTRY);
-    finishKilled(holder);
+    holder.kill();
     inProcess([] { attachExpecting(0); });
   });
-  const pid_t holder = takeAllSlots(instance, taken);
+  const Resident holder([&] { takeAllSlots(instance); });
   inProcess([] { attachExpecting(SQLO_REGION_SLOTS); });
-  finishKilled(holder);
 }
 
 std::uint32_t takeAllThreadSlots() {
@@ -509,18 +501,14 @@ TEST_APART(RegionSlots, ThreadSlotsRunOutAndComeBack) {
 TEST(RegionSlots, ThreadsOfAKilledProcessAreReclaimedWhenNeeded) {
   const Instance instance;
   const Resident other;  // takes the first slot, so that nobody moves into that of the dead
-  inProcess([&] {
-    Baton full;
-    const pid_t dead = start([&] {
+  inProcess([] {
+    Resident user([] {
       EXPECT_EQ(regionAttach(), 0);
       EXPECT_EQ(takeAllThreadSlots(), REGION_THREAD_SLOTS);
-      full.give();
-      ::pause();
     });
     EXPECT_EQ(regionAttach(), 0);
-    EXPECT_TRUE(full.take());
     EXPECT_EQ(regionThreadEnter(1, "none"), REGION_NO_SLOT);
-    EXPECT_EQ(finishKilled(dead), -SIGKILL);
+    user.kill();
     EXPECT_LT(regionThreadEnter(1, "found"), REGION_THREAD_SLOTS);
   });
 }

@@ -314,13 +314,12 @@ struct LockLooks {
 };
 
 LockLooks* g_looks;
-decltype(vek::OssCalls::lockByte) g_lockByte;
+const auto g_lockByte = vek::ossCalls().lockByte;
 
 // Writes 200,000 records over many wraps and tells how often it looked at record locks meanwhile.
 int writeWithoutSystemCalls(LockLooks& looks) {
   g_looks = &looks;
-  g_lockByte = vek::ossCalls().lockByte;
-  return finish(start([] {
+  return runInProcess([] {
     writeStamped(1, 0);
     vek::ossCalls().lockByte = [](int fd, int command, short type, off_t offset, off_t bytes, int* conflict) {
       g_looks->count.fetch_add(1);
@@ -331,7 +330,7 @@ int writeWithoutSystemCalls(LockLooks& looks) {
     for (std::uint64_t number = 1; number < 200'000; ++number) writeStamped(1, number);
     g_looks->elapsedNs = vek::ossMonotonicNs() - start;
     ::_exit(0);
-  }));
+  });
 }
 
 // Alone a writer makes no system call at all. Beside another's segment it looks for dead owners, three calls (the lock,

@@ -134,13 +134,8 @@ TEST_F(Demo, LeavesATraceThatCanBeReadAfterwards) {
 
 TEST_F(Demo, LeavesTheSettingsOfOthersAlone) {
   inProcess([] {
-    SqltTraceSettings settings = {};
-    settings.options = SQLT_OPTION_COMPONENTS;
-    settings.selection = SQLT_SELECT_MASK_BYTES;
-    settings.components[1] = 0x80;  // component 0x0F
-    settings.mask[0] = 0x02;
     EXPECT_EQ(0, sqltTraceFacilityCreate(SQLT_TRACE_SIZE_DEFAULT));
-    EXPECT_EQ(0, sqltSetTraceFlags(&settings));
+    traceOnly({0x0F}, 0x02);
   });
   const Answer report = runDemo({fileOf(stanza("a"))});
   EXPECT_TRUE(holds(valueOf(report, "Trace"), "other components are being traced")) << report.out;

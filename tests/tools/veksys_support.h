@@ -172,18 +172,22 @@ inline SqlzZrc serve(int request) {
   return trace.exit(result == 0 ? 0 : SQLO_INV_PARM);
 }
 
+// Has entries, exits, errors and data of these components traced, or what else the first mask byte asks for.
+inline void traceOnly(const std::vector<std::uint32_t>& components, std::uint8_t mask = 0x1E) {
+  SqltTraceSettings settings = {};
+  settings.options = SQLT_OPTION_COMPONENTS;
+  settings.selection = SQLT_SELECT_MASK_BYTES;
+  for (const std::uint32_t each : components) settings.components[each / 8] |= static_cast<std::uint8_t>(1 << each % 8);
+  settings.mask[0] = mask;
+  EXPECT_EQ(sqltSetTraceFlags(&settings), 0);
+}
+
 // Serves requests 1 to `count` in a process of its own, with everything traced.
 inline void serveInProcess(int count, std::uint64_t ringBytes = SQLT_TRACE_SIZE_DEFAULT) {
   inProcess([&] {
     nameFunctions();
     sqltTraceFacilityCreate(ringBytes);
-    SqltTraceSettings settings = {};
-    settings.options = SQLT_OPTION_COMPONENTS;
-    settings.selection = SQLT_SELECT_MASK_BYTES;
-    for (const EcfFunctionId id : {kServe, kRead, kFind})
-      settings.components[ecfComponent(id) / 8] |= static_cast<std::uint8_t>(1U << (ecfComponent(id) % 8));
-    settings.mask[0] = 0x1E;
-    EXPECT_EQ(sqltSetTraceFlags(&settings), 0);
+    traceOnly({ecfComponent(kServe), ecfComponent(kRead), ecfComponent(kFind)});
     for (int request = 1; request <= count; ++request) serve(request);
   });
 }
