@@ -137,11 +137,7 @@ void placeOpenFile(const std::string& path) {
 }
 
 TEST(AppendFile, RefusesWhatOthersMayHavePlaced) {
-  const struct {
-    const char* what;
-    void (*place)(const Log& log);
-    int error;
-  } cases[] = {
+  const std::tuple<const char*, void (*)(const Log& log), int> cases[] = {
       {"a symbolic link", [](const Log& log) { (void)!::symlink("/dev/null", log.path().c_str()); }, ELOOP},
       {"a pipe", [](const Log& log) { ::mkfifo(log.path().c_str(), 0600); }, ENXIO},
       {"a directory", [](const Log& log) { ::mkdir(log.path().c_str(), 0700); }, EISDIR},
@@ -149,12 +145,12 @@ TEST(AppendFile, RefusesWhatOthersMayHavePlaced) {
       {"a link as lock file", [](const Log& log) { (void)!::symlink("/dev/null", log.lockPath().c_str()); }, ELOOP},
       {"a lock file open to others", [](const Log& log) { placeOpenFile(log.lockPath()); }, EPERM},
   };
-  for (const auto& each : cases) {
+  for (const auto& [what, place, error] : cases) {
     const Log log;
-    each.place(log);
+    place(log);
     Writer writer(log);
-    EXPECT_EQ(writer.write("a"), each.error) << each.what;
-    EXPECT_NE(writer.outcome.failed, nullptr) << each.what;
+    EXPECT_EQ(writer.write("a"), error) << what;
+    EXPECT_NE(writer.outcome.failed, nullptr) << what;
   }
 }
 

@@ -147,12 +147,10 @@ TEST(Ecf, NamesComponentsAndFunctions) {
   EXPECT_STREQ(ecfGetComponentName(0x0F), "Unknown");  // no function identifier
   EXPECT_STREQ(ecfGetFunctionName(vek::FID_pdZRCGetDescription), "pdZRCGetDescription");
   EXPECT_EQ(ecfGetFunctionName(ecfFunctionId(0x86, 99999)), nullptr);
-  const struct {
-    const char* name;
-    std::int32_t number;
-  } finds[] = {{"sqlo", 0x0F},  {"SQLZ", 0},     {"Utilities", 0x1A}, {"CF", 0xC0},
-               {"SQLPR", 0x10}, {"sqluc", 0xB0}, {"none", -1},        {"", -1}};
-  for (const auto& find : finds) EXPECT_EQ(ecfFindComponent(find.name), find.number) << find.name;
+  const std::pair<const char*, std::int32_t> finds[] = {{"sqlo", 0x0F}, {"SQLZ", 0},     {"Utilities", 0x1A},
+                                                        {"CF", 0xC0},   {"SQLPR", 0x10}, {"sqluc", 0xB0},
+                                                        {"none", -1},   {"", -1}};
+  for (const auto& [name, number] : finds) EXPECT_EQ(ecfFindComponent(name), number) << name;
   EXPECT_EQ(ecfFindComponent(nullptr), -1);
 }
 

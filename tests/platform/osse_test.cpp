@@ -86,6 +86,7 @@ TEST_APART(OsFiles, ShortAndInterruptedTransfers) {
   EXPECT_EQ(ossWriteAll(fd, "x", 1), ENOSPC);
   ossClose(fd);
   ossClose(-1);
+  EXPECT_TRUE(ossByteLockedElsewhere(fd, 7)) << "in doubt the owner lives";
 }
 
 // A program without standard streams: what it prints must not end up in the region or in the log.

@@ -83,22 +83,19 @@ TEST_F(Demo, FoldsTheFirstErrorOfARequest) {
   const std::string warning = stanza("b", "Maintainer: \x02\n");
   const std::string error = stanza("c", "Installed-Size: x y\n");
   const std::string laterError = stanza("d", "no colon\n");
-  const struct {
-    std::string file;
-    const char *sqlcode, *state, *tokens, *rc;
-  } cases[] = {
+  const std::tuple<std::string, std::string, const char*, const char*, const char*> cases[] = {
       {clean, "0", "00000", "", "0x00000000 0 0 0 0 0"},
       {clean + warning, "445", "01004", "b | line 10 | Maintainer: ?", "0x09380068"},
       {warning + clean + error + laterError, "-420", "22018", "c | line 16 | x y", "0x804806EC"},
       {laterError + error + warning, "-2048", "58004", "d | line 5 | no colon", "0x803405F7"},
   };
-  for (const auto& c : cases) {
-    const Answer report = runDemo({"--workers", "1", fileOf(c.file)});
+  for (const auto& [file, sqlcode, state, tokens, rc] : cases) {
+    const Answer report = runDemo({"--workers", "1", fileOf(file)});
     EXPECT_EQ(0, report.status);
-    EXPECT_TRUE((valueOf(report, "sqlcode") + " ").starts_with(c.sqlcode + std::string(" "))) << report.out;
-    EXPECT_EQ(c.state, valueOf(report, "sqlstate"));
-    EXPECT_EQ(c.tokens, valueOf(report, "sqlerrmc"));
-    EXPECT_TRUE(valueOf(report, "sqlerrd").starts_with(c.rc)) << report.out;
+    EXPECT_TRUE((valueOf(report, "sqlcode") + " ").starts_with(sqlcode + " ")) << report.out;
+    EXPECT_EQ(state, valueOf(report, "sqlstate"));
+    EXPECT_EQ(tokens, valueOf(report, "sqlerrmc"));
+    EXPECT_TRUE(valueOf(report, "sqlerrd").starts_with(rc)) << report.out;
   }
 }
 
@@ -150,11 +147,7 @@ TEST_F(Demo, GoesOnWithoutWorkersThatWereKilled) {
   const std::string fifo = instance_.path("pipe");
   std::string block;
   for (int i = 0; block.size() < 100'000; ++i) block += stanza("p" + std::to_string(i));
-  const struct {
-    std::size_t killed;
-    const char* code;
-  } cases[] = {{1, "SQLE_AGENT_PARTNER_PART_DOWN"}, {3, "SQLE_SUBAGENTS_EXHAUSTED"}};
-  for (const auto& c : cases) {
+  for (const auto& [killed, code] : {std::pair(1U, "SQLE_AGENT_PARTNER_PART_DOWN"), {3U, "SQLE_SUBAGENTS_EXHAUSTED"}}) {
     ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
     const pid_t process = startDemo({fifo});
     std::ofstream pipe(fifo);
@@ -162,14 +155,14 @@ TEST_F(Demo, GoesOnWithoutWorkersThatWereKilled) {
     pipe.flush();
     const std::vector<pid_t> workers = childrenOf(process);
     ASSERT_EQ(3U, workers.size());
-    for (std::size_t i = 0; i < c.killed; ++i) ::kill(workers[i], SIGKILL);
+    for (std::size_t i = 0; i < killed; ++i) ::kill(workers[i], SIGKILL);
     for (int i = 0; i < 40; ++i) pipe << block;
     pipe.close();
     const Answer report = answerOf(process);
     EXPECT_EQ(1, report.status) << report.err;
     EXPECT_TRUE(holds(report.out, "killed by signal 9 (SIGKILL)")) << report.out;
-    EXPECT_TRUE(holds(valueOf(report, "sqlerrd"), c.code)) << report.out;
-    EXPECT_TRUE(valueOf(report, "Dependencies").starts_with(c.killed == 1 ? "" : "not verified")) << report.out;
+    EXPECT_TRUE(holds(valueOf(report, "sqlerrd"), code)) << report.out;
+    EXPECT_TRUE(valueOf(report, "Dependencies").starts_with(killed == 1 ? "" : "not verified")) << report.out;
     ::unlink(fifo.c_str());
   }
 }

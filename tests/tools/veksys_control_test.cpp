@@ -79,11 +79,7 @@ TEST_F(Control, SizesAreTold) {
 
 TEST_F(Control, MaskIsSetAddedToAndRemovedFrom) {
   EXPECT_EQ(veksys({"trace", "on"}).status, 0);
-  struct Case {
-    Words options;
-    std::uint32_t index, services, pool;  // words of components 9, 15, 2
-  };
-  const Case cases[] = {
+  const std::tuple<Words, std::uint32_t, std::uint32_t, std::uint32_t> cases[] = {
       {{}, 0xF, 0xF, 0xF},
       {{"--component", "SQLI,SQLO"}, 0xF, 0xF, 0},
       {{"--component", "SQLI,SQLO", "--type", "entry"}, 1, 1, 0},
@@ -95,12 +91,12 @@ TEST_F(Control, MaskIsSetAddedToAndRemovedFrom) {
       {{"--component", "all", "--type", "all"}, 0x23FFFF, 0x23FFFF, 0x23FFFF},
       {{"--remove", "--component", "all"}, 0, 0, 0},
   };
-  for (const Case& each : cases) {
-    EXPECT_EQ(veksys(joined({"trace", "mask"}, each.options)).status, 0);
-    SCOPED_TRACE(::testing::PrintToString(each.options));
-    EXPECT_EQ(wordOf(9), each.index);
-    EXPECT_EQ(wordOf(15), each.services);
-    EXPECT_EQ(wordOf(2), each.pool);
+  for (const auto& [options, index, services, pool] : cases) {
+    SCOPED_TRACE(::testing::PrintToString(options));
+    EXPECT_EQ(veksys(joined({"trace", "mask"}, options)).status, 0);
+    EXPECT_EQ(wordOf(9), index);
+    EXPECT_EQ(wordOf(15), services);
+    EXPECT_EQ(wordOf(2), pool);
   }
   // A prefix stands for every component that has it, a second one for its component.
   EXPECT_EQ(veksys({"trace", "mask", "--component", "SQLZ,SQLUC"}).status, 0);
