@@ -204,8 +204,9 @@ void sqloi_retireSubgroup(MemPool& pool, SqloMemSubgroup* subgroup, PoolOperatio
 void sqloi_releaseCached(MemPool& base, std::uint32_t chunks, PoolOperation& operation) noexcept;
 bool sqloi_hasCachedRun(const MemPool& base, std::uint32_t chunks) noexcept;  // of at least so many
 
-// Makes a subgroup of chunks, one free block in it. Needs the latch. Chunks that come from the set have arrived with
-// it.
+// Makes a subgroup of chunks, one free block in it; adds it to the pool, and chunks that come from the set have
+// arrived. Needs the latch.
+SqloMemSubgroup* sqloi_makeSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexcept;
 void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexcept;
 
 // Counts a request that could not be met. Without the latch.
@@ -230,6 +231,12 @@ inline void sqloi_noteUsed(MemPool& pool, std::int64_t bytes, std::int32_t block
 bool sqloi_allowsGrowth(MemPool& base) noexcept;
 
 // ---- after a death, and for tests
+
+// Takes a base pool out of the list of its set; no matter when it is not there. Needs the set latch.
+void sqloi_unlinkPool(SMemSet& set, const MemPool& pool) noexcept;
+
+// Ends the way of the run that a new base pool stands in. Needs the set latch.
+void sqloi_poolArrived(SMemSet& set, MemPool& pool) noexcept;
 
 // Makes everything anew from the blocks. Needs the latch.
 void sqloi_repairPool(MemPool& base) noexcept;

@@ -92,6 +92,19 @@ bool takeOver(MemPool& base, SqloMemSubgroup* run) noexcept {
   return recountBlocks(*pool, run);
 }
 
+// The subgroup that a base pool stands in.
+SqloMemSubgroup* ownSubgroup(const MemPool& pool) noexcept {
+  const Block block = blockOf(&pool);
+  return subgroupOf(block, readHeader(block).chunk);
+}
+
+// What the pool has of its set and is not on its way yet begins its way back, as if its process had done that.
+void endPool(SMemSet& set, MemPool& pool) noexcept {
+  visitRuns(pool,
+            [&](SqloMemSubgroup* run) { (void)sqloi_setSendRunLatched(set, run, run->chunks, set.m_endingProcess); });
+  sqloi_unlinkPool(set, pool);
+}
+
 // ---- leaks -----------------------------------------------------------------------------------------------------
 
 struct Leak {
@@ -141,6 +154,28 @@ void sqloi_repairPool(MemPool& base) noexcept {
   base.m_maximumOwned = std::max(base.m_maximumOwned, base.m_currentOwned);
   if (!isWhole) base.m_eyeCatcher = 0;
   sqloi_tellPool(base);
+}
+
+void sqloi_unlinkPool(SMemSet& set, const MemPool& pool) noexcept {
+  for (MemPool** at = &set.m_pools; *at != nullptr; at = &(*at)->m_next) {
+    if (*at != &pool) continue;
+    *at = pool.m_next;
+    return;
+  }
+}
+
+void sqloi_poolArrived(SMemSet& set, MemPool& pool) noexcept {
+  SqloMemSubgroup* const subgroup = ownSubgroup(pool);
+  subgroup->previous = nullptr;  // told the process until here
+  sqloi_setRunArrivedLatched(set, subgroup);
+}
+
+// A pool that was leaving the list leaves with all it has; those that stand in it have arrived.
+void sqloi_repairPoolsOf(SMemSet& set) noexcept {
+  if (set.m_ending != nullptr) endPool(set, *set.m_ending);
+  set.m_ending = nullptr;
+  for (MemPool* pool = set.m_pools; pool != nullptr; pool = pool->m_next)
+    if (set.m_onTheWay.has(set.chunkAt(ownSubgroup(*pool)))) sqloi_poolArrived(set, *pool);
 }
 
 std::uint32_t sqloi_reportLeaks(MemPool& pool) noexcept {

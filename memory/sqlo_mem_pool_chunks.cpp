@@ -122,7 +122,7 @@ void sqloi_noteRefusal(MemPool& pool) noexcept {
   sqloi_tellPool(pool.base());
 }
 
-void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexcept {
+SqloMemSubgroup* sqloi_makeSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexcept {
   auto* subgroup = static_cast<SqloMemSubgroup*>(address);
   subgroup->chunks = chunks;
   subgroup->reference = CHUNK_REFERENCE_MARKER | shortOf(blockOf(address)) >> 12;
@@ -132,10 +132,15 @@ void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexc
   poison(block, strideOfAll(subgroup));
   subgroup->pool = &pool;
   subgroup->eyeCatcher = MEM_SUBGROUP_EYE_CATCHER;
+  return subgroup;
+}
+
+void sqloi_addSubgroup(MemPool& pool, void* address, std::uint32_t chunks) noexcept {
+  SqloMemSubgroup* const subgroup = sqloi_makeSubgroup(pool, address, chunks);
   sqloi_setRunArrived(*pool.m_set, subgroup);
   linkSubgroup(pool, subgroup);
   sqloi_add(pool.m_ownChunks, chunks);
-  sqloi_treeInsert(&pool.m_freeTree, block);
+  sqloi_treeInsert(&pool.m_freeTree, firstBlock(subgroup));
 }
 
 void sqloi_retireSubgroup(MemPool& pool, SqloMemSubgroup* subgroup, PoolOperation& operation) noexcept {

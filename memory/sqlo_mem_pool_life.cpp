@@ -2,6 +2,7 @@
 //
 // The control block of a base pool is the first block of its first subgroup, that of a sub-pool a block of its parent.
 #include <algorithm>
+#include <atomic>
 #include <new>
 
 #include "diag/base/traced.h"
@@ -61,20 +62,22 @@ void describe(MemPool& pool, const SqloMemPoolRequest& request, std::uint32_t li
 }
 
 // The first subgroup stands in the chunks before the pool does: the control block is cut from it, then the pool takes
-// the subgroup over.
+// the subgroup over. Its chunks are on their way until the pool stands in the list of its set.
 MemPool* build(void* chunks, std::uint32_t count, const SqloMemPoolRequest& request, std::uint32_t limit) noexcept {
   MemPool before = {};
   before.m_base = &before;
   before.m_set = request.set;
-  sqloi_addSubgroup(before, chunks, count);
+  SqloMemSubgroup* const subgroup = sqloi_makeSubgroup(before, chunks, count);
+  sqloi_treeInsert(&before.m_freeTree, firstBlock(subgroup));
   const Block block = sqloi_takeBlock(before, strideFor(sizeof(MemPool)));
   setPlace(block, kNowhere, 0);
   MemPool* const pool = placeControl(block);
   pool->m_freeTree = before.m_freeTree;
   pool->m_carve = before.m_carve;
-  pool->m_firstSubgroup = before.m_firstSubgroup;
-  pool->m_firstSubgroup->base = shortOf(block);
-  pool->m_firstSubgroup->pool = pool;
+  pool->m_firstSubgroup = subgroup;
+  subgroup->base = shortOf(block);
+  subgroup->pool = pool;
+  subgroup->next = nullptr;
   pool->m_ownChunks = count;
   pool->m_currentOwned = count;
   pool->m_maximumOwned = count;
@@ -82,20 +85,17 @@ MemPool* build(void* chunks, std::uint32_t count, const SqloMemPoolRequest& requ
   return pool;
 }
 
+// The order of the stores counts, here and in sendAll: the process may be killed at any of them.
+void keepOrder() noexcept { std::atomic_signal_fence(std::memory_order_seq_cst); }
+
 void enterInSet(SMemSet& set, MemPool& pool) noexcept {
   const SetOperation operation(set);
-  pool.m_next = set.m_pools;
   if (set.has(SQLO_SET_CRITICAL)) pool.m_options |= SQLO_POOL_CRITICAL;
+  pool.m_next = set.m_pools;
+  keepOrder();
   set.m_pools = &pool;
-}
-
-void leaveSet(SMemSet& set, const MemPool& pool) noexcept {
-  const SetOperation operation(set);
-  for (MemPool** at = &set.m_pools; *at != nullptr; at = &(*at)->m_next) {
-    if (*at != &pool) continue;
-    *at = pool.m_next;
-    return;
-  }
+  keepOrder();
+  sqloi_poolArrived(set, pool);
 }
 
 // Chunks that a set could give to a new pool.
@@ -119,8 +119,8 @@ SqlzZrc createPool(const SqloMemPoolRequest& request, SQLO_MEM_POOL** out) noexc
   if (initial > limit || sqloi_setGetChunks(*request.set, static_cast<std::uint32_t>(first), &chunks) != 0)
     return complainOfInitialSize(request);
   MemPool* const pool = build(chunks, static_cast<std::uint32_t>(first), request, limit);
-  sqloi_listPool(*pool);
   enterInSet(*request.set, *pool);
+  sqloi_listPool(*pool);
   if (pool->commitRawChunks(static_cast<std::uint32_t>(initial - first), nullptr) != 0) {
     SQLO_MEM_POOL* const failed = pool;
     (void)sqloMemFreePools(&failed, 1);
@@ -170,28 +170,40 @@ void freeSubsOf(MemPool& pool, PoolOperation& operation) noexcept {
   });
 }
 
-// All chunks go back, the one with the control block last.
+// All runs of a base pool begin their way back and the pool leaves the list of its set: when the process dies within,
+// the set does the rest. What the set logs must not be logged under the pool latch, so no failure is told here.
+ChunkRun* sendAll(SMemSet& set, MemPool& pool) noexcept {
+  set.captureLatch("sqlo_mem_pool_life", __LINE__);
+  set.m_endingProcess = regionProcessOwner();
+  keepOrder();
+  set.m_ending = &pool;
+  keepOrder();
+  pool.m_eyeCatcher = 0;
+  ChunkRun* runs = nullptr;
+  for (SqloMemSubgroup* at : {pool.m_cachedChunks, pool.m_firstSubgroup})
+    while (at != nullptr) {
+      SqloMemSubgroup* const next = at->next;
+      ChunkRun* const run = sqloi_setSendRunLatched(set, at, at->chunks, set.m_endingProcess);
+      run->next = runs;
+      runs = run;
+      at = next;
+    }
+  sqloi_unlinkPool(set, pool);
+  keepOrder();
+  set.m_ending = nullptr;
+  set.releaseLatch();
+  return runs;
+}
+
 void freeBase(MemPool& pool) noexcept {
   SMemSet& set = *pool.m_set;
   fastForgetKnowledge();
-  leaveSet(set, pool);
   sqloi_unlistPool(pool);
   ChunkRun* runs = nullptr;
-  const auto collect = [&](SqloMemSubgroup* first) {
-    while (first != nullptr) {
-      SqloMemSubgroup* const next = first->next;
-      ChunkRun* const run = sqloi_setSendRun(set, first, first->chunks);
-      run->next = runs;
-      runs = run;
-      first = next;
-    }
-  };
   {
     PoolOperation operation(pool);
     freeSubsOf(pool, operation);
-    pool.m_eyeCatcher = 0;
-    collect(pool.m_cachedChunks);
-    collect(pool.m_firstSubgroup);
+    runs = sendAll(set, pool);
   }
   pool.m_set = pointerAs<SMemSet>(std::uintptr_t{SQLO_INVALID_SET});
   while (runs != nullptr) {

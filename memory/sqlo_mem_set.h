@@ -7,7 +7,8 @@
 // of chunks that were about to be handed out or taken back.
 //
 // A run of a shared set that has been handed out and is not yet a pool's, or that a pool has sent off and is not yet
-// back, is marked, and its first words tell which process has it: when that dies on the way, the set takes it back.
+// back, is marked, and its first words tell which process has it: when that dies on the way, the set takes it back. A
+// new pool has arrived when it stands in the list of pools; `ending` tells of one that is leaving it with all it has.
 //
 // Invariants, whenever nobody holds the latch:
 //
@@ -110,6 +111,9 @@ class SMemSet {
   std::uint64_t addressOf(std::uint32_t chunk) const noexcept {
     return reinterpret_cast<std::uintptr_t>(this) + ((std::uint64_t{chunk} + 1) << SQLO_CHUNK_SHIFT);
   }
+  std::uint32_t chunkAt(const void* address) const noexcept {
+    return static_cast<std::uint32_t>((reinterpret_cast<std::uintptr_t>(address) - addressOf(0)) >> SQLO_CHUNK_SHIFT);
+  }
 
   // ---- groups: what is reserved. SQLO_NOTAVAIL: beyond the limit; SQLO_NOMEM: the system refuses.
   SqlzZrc allocateChunkGroup(std::uint32_t chunks) noexcept;
@@ -171,6 +175,8 @@ class SMemSet {
   std::uint32_t m_groupCount;
   vek::ChunkGroup m_groups[vek::MEM_SET_GROUPS];
   vek::MemPool* m_pools;
+  vek::MemPool* m_ending;         // a pool whose runs are being sent off at this moment
+  std::uint64_t m_endingProcess;  // life of the one that frees it
   vek::PendingFailure m_pending;
   std::uint32_t m_fastCount;
   bool m_fastEnabled;
@@ -250,11 +256,18 @@ int sqloi_setDescriptor(const SMemSet& set) noexcept;
 SqlzZrc sqloi_setGetChunks(SMemSet& set, std::uint32_t chunks, void** address) noexcept;
 SqlzZrc sqloi_setReturnChunks(SMemSet& set, void* address, std::uint32_t chunks) noexcept;
 
-// Ends the way of a run that the set gave: it is noted where it belongs, and its first words are free for use.
+// Ends the way of a run that the set gave: it is noted where it belongs, and its first words are free for use. The
+// second form needs the set latch.
 void sqloi_setRunArrived(SMemSet& set, const void* address) noexcept;
+void sqloi_setRunArrivedLatched(SMemSet& set, const void* address) noexcept;
 
-// Begins the way of a run back to the set; from here on nobody else may take it for one of his.
+// Begins the way of a run back to the set; from here on nobody else may take it for one of his. The second form needs
+// the set latch; `process` is the life of the one that has it.
 ChunkRun* sqloi_setSendRun(SMemSet& set, void* address, std::uint32_t chunks) noexcept;
+ChunkRun* sqloi_setSendRunLatched(SMemSet& set, void* address, std::uint32_t chunks, std::uint64_t process) noexcept;
+
+// Brings to an end what a process that died with the set latch had begun with the list of pools. Needs the latch.
+void sqloi_repairPoolsOf(SMemSet& set) noexcept;
 
 // Asks the controller for memory that the set is about to reserve, and tells what it gives back. Without the set latch.
 SqlzZrc sqloi_setRequestMemory(SMemSet& set, std::uint32_t chunks) noexcept;

@@ -165,9 +165,9 @@ vek::ChunkRun* runAt(const SMemSet& set, std::uint32_t chunk) noexcept {
 
 // Whose it is stands there before the mark, and it is a pool's until then: at any instant it belongs to somebody. A
 // private set is gone with its process, and needs no mark.
-vek::ChunkRun* sendOff(SMemSet& set, vek::ChunkRange range) noexcept {
+vek::ChunkRun* sendOff(SMemSet& set, vek::ChunkRange range, std::uint64_t process) noexcept {
   vek::ChunkRun* const run = runAt(set, range.first);
-  run->process = vek::regionProcessOwner();
+  run->process = process;
   run->chunks = range.count;
   if (!set.isPrivate()) set.m_onTheWay.add(range.first);
   run->eyeCatcher = 0;
@@ -176,7 +176,7 @@ vek::ChunkRun* sendOff(SMemSet& set, vek::ChunkRange range) noexcept {
 }
 
 void noteUsed(SMemSet& set, vek::ChunkRange range) noexcept {
-  (void)sendOff(set, range);
+  (void)sendOff(set, range, vek::regionProcessOwner());
   for (std::uint32_t chunk = range.first; chunk < range.first + range.count; ++chunk) set.m_used.add(chunk);
   noteStart(set, range.first);
   set.m_usedChunks += range.count;
@@ -298,10 +298,6 @@ std::uint32_t SMemSet::returnStrandedChunks() noexcept {
 namespace vek {
 namespace {
 
-std::uint32_t chunkAt(const SMemSet& set, const void* address) noexcept {
-  return static_cast<std::uint32_t>((reinterpret_cast<std::uintptr_t>(address) - set.addressOf(0)) >> SQLO_CHUNK_SHIFT);
-}
-
 // Reserves another group. The controller is asked first, without the latch. SQLO_NOTAVAIL: somebody else made it grow.
 SqlzZrc grow(SMemSet& set, std::uint32_t chunks) noexcept {
   const SqlzZrc granted = sqloi_setRequestMemory(set, chunks);
@@ -340,20 +336,28 @@ SqlzZrc sqloi_setGetChunks(SMemSet& set, std::uint32_t chunks, void** address) n
   }
 }
 
-// Under the set latch, and no failure of the system is logged here: the caller may hold a pool latch.
+// No failure of the system is logged under the latch here: the caller may hold a pool latch.
 void sqloi_setRunArrived(SMemSet& set, const void* address) noexcept {
   if (set.isPrivate()) return;
   set.captureLatch("sqlo_mem_set_chunks", __LINE__);
-  set.m_onTheWay.drop(chunkAt(set, address));
+  sqloi_setRunArrivedLatched(set, address);
   set.releaseLatch();
 }
 
+void sqloi_setRunArrivedLatched(SMemSet& set, const void* address) noexcept {
+  set.m_onTheWay.drop(set.chunkAt(address));
+}
+
 ChunkRun* sqloi_setSendRun(SMemSet& set, void* address, std::uint32_t chunks) noexcept {
-  if (set.isPrivate()) return sendOff(set, {chunkAt(set, address), chunks});
+  if (set.isPrivate()) return sqloi_setSendRunLatched(set, address, chunks, 0);
   set.captureLatch("sqlo_mem_set_chunks", __LINE__);
-  ChunkRun* const run = sendOff(set, {chunkAt(set, address), chunks});
+  ChunkRun* const run = sqloi_setSendRunLatched(set, address, chunks, regionProcessOwner());
   set.releaseLatch();
   return run;
+}
+
+ChunkRun* sqloi_setSendRunLatched(SMemSet& set, void* address, std::uint32_t chunks, std::uint64_t process) noexcept {
+  return sendOff(set, {set.chunkAt(address), chunks}, process);
 }
 
 SqlzZrc sqloi_setReturnChunks(SMemSet& set, void* address, std::uint32_t chunks) noexcept {

@@ -260,6 +260,7 @@ void SMemSet::repair() noexcept {
     m_onTheWay.drop(chunk);
   }
   m_moving = {};
+  vek::sqloi_repairPoolsOf(*this);
   m_allocatedChunks = 0;
   for (std::uint32_t i = 0; i < m_groupCount; ++i) {
     m_allocatedChunks += m_groups[i].chunks;

@@ -31,7 +31,7 @@
 
 namespace vek {
 
-inline constexpr std::uint32_t REGION_LAYOUT_VERSION = 6;
+inline constexpr std::uint32_t REGION_LAYOUT_VERSION = 7;
 inline constexpr std::uint32_t REGION_PROCESS_SLOTS = 1024;
 inline constexpr std::uint32_t REGION_THREAD_SLOTS = 8192;
 inline constexpr std::uint32_t REGION_NAME_SLOTS = 8192;

@@ -248,6 +248,7 @@ INSTANTIATE_TEST_SUITE_P(All, MemPoolKinds, ::testing::ValuesIn(kKinds),
 struct Meeting {
   MemPool* pool;
   MemPool* sub;
+  MemPool* other;  // of the same set
   void* blocks[4];
 };
 
@@ -263,6 +264,11 @@ void fillSub(Meeting& meeting) {
 }
 void fillBlocks(Meeting& meeting) {
   for (void*& block : meeting.blocks) block = allocate(meeting.pool, 3000);
+}
+MemPool* createOther(Meeting& meeting) { return createPool(poolRequest(meeting.pool->m_set, 20)); }
+void fillOther(Meeting& meeting) {
+  meeting.other = createOther(meeting);
+  for (int i = 0; i < 3; ++i) (void)allocate(meeting.other, 100'000);
 }
 void nothing(Meeting& /*meeting*/) {}
 
@@ -281,6 +287,8 @@ const Scenario kScenarios[] = {
      [](Meeting& m) {
        (void)release(m.blocks[1]), (void)release(m.blocks[2]), (void)sqloFlushMemory(m.pool, nullptr);
      }},
+    {"create pool", nothing, [](Meeting& m) { (void)createOther(m); }},
+    {"free pool", fillOther, [](Meeting& m) { (void)freePool(m.other); }},
 };
 
 constexpr unsigned kSamples = 15 / kSlower;
