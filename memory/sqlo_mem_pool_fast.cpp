@@ -360,11 +360,13 @@ SqlzZrc sqloEnableFastMemoryBlocks(SQLO_MEM_POOL* handle, bool on) noexcept {
 }
 
 SqlzZrc sqloUpdateMaxFastMemoryBlocks(SQLO_MEM_POOL* handle, std::uint32_t blocks) noexcept {
+  vek::VekTrace<vek::FID_sqloUpdateMaxFastMemoryBlocks> trace;
+  trace.data(10, static_cast<const void*>(handle), blocks);
   vek::MemPool* const pool = vek::sqloi_poolOf(handle);
-  if (pool == nullptr) return SQLO_INV_MEM;
-  if (blocks == 0 || blocks > vek::FAST_MOST_HIGHEST) return SQLO_INV_PARM;
+  if (pool == nullptr) return trace.exit(SQLO_INV_MEM);
+  if (blocks == 0 || blocks > vek::FAST_MOST_HIGHEST) return trace.exit(SQLO_INV_PARM);
   const vek::RegistryOperation registry;
-  if (!vek::isRegistered(pool)) return SQLO_NOTAVAIL;
+  if (!vek::isRegistered(pool)) return trace.exit(SQLO_NOTAVAIL);
   vek::setMost(*pool, blocks);
   vek::visitCaches(*pool, [&](vek::FastCache& cache) {
     vek::PoolOperation operation(*pool);
@@ -372,5 +374,5 @@ SqlzZrc sqloUpdateMaxFastMemoryBlocks(SQLO_MEM_POOL* handle, std::uint32_t block
     vek::setLimits(cache);
     return &cache;
   });
-  return 0;
+  return trace.exit(0);
 }

@@ -197,6 +197,7 @@ ChunkRun* sendAll(SMemSet& set, MemPool& pool) noexcept {
 
 void freeBase(MemPool& pool) noexcept {
   SMemSet& set = *pool.m_set;
+  (void)regionAttach();  // a forked child has a life from here on
   fastForgetKnowledge();
   sqloi_unlistPool(pool);
   ChunkRun* runs = nullptr;
