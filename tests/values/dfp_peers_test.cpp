@@ -1,5 +1,5 @@
-// Decimal floating point against an implementation with binary coefficients, Intel's library, which also turns them
-// into densely packed ones. What is compared is every bit of results, and conditions.
+// Decimal floating point against two implementations with binary coefficients: Intel's library, which also turns them
+// into densely packed ones, and the compiler's own types. What is compared is every bit of results, and conditions.
 #include "peer_intel_decimal.h"
 #include "values/support.h"
 
@@ -10,6 +10,9 @@ using peer::IntelDecimal;
 
 IntelDecimal asIntel(DfpalDecimal64 value) { return {value.word, 0}; }
 IntelDecimal asIntel(DfpalDecimal128 value) { return {value.low, value.high}; }
+bool areSame(const IntelDecimal& left, const IntelDecimal& right) {
+  return left.low == right.low && left.high == right.high;
+}
 
 // Which of its modes is which of ours; the two that it lacks are not in the table.
 constexpr std::uint32_t kModes[][2] = {{DFPAL_ROUND_HALF_EVEN, peer::kIntelNearest},
@@ -57,16 +60,17 @@ class Source {
 };
 
 // Whether an operation gives the same bits here and there, where they are turned into those of `width`, and raises the
-// same conditions.
+// same conditions. A peer that tells none sets the flags to kUntold.
+constexpr unsigned kUntold = ~0U;
+
 template <class Ours, class Theirs>
 void expectSame(const std::string& what, const peer::IntelWidth& width, Ours ours, Theirs theirs) {
   dfpalReadClearAllStatusFlag();
   const IntelDecimal result = asIntel(ours());
   const std::uint32_t conditions = dfpalReadClearAllStatusFlag();
   unsigned flags = 0;
-  const IntelDecimal wanted = width.toDensely(theirs(&flags));
-  EXPECT_TRUE(result.low == wanted.low && result.high == wanted.high) << what;
-  EXPECT_EQ(conditions, conditionsOf(flags)) << what;
+  EXPECT_TRUE(areSame(result, width.toDensely(theirs(&flags)))) << what;
+  EXPECT_EQ(conditions, flags == kUntold ? conditions : conditionsOf(flags)) << what;
 }
 
 template <class Width>
@@ -113,6 +117,65 @@ TEST(DfpIntel, AgreesBitByBitAndInConditions) {
     }
   }
 }
+
+// ---- the compiler's types ---------------------------------------------------------------------------------------
+
+#if defined(__GNUC__) && !defined(__clang__)
+using Gcc64 = float __attribute__((mode(DD)));
+using Gcc128 = float __attribute__((mode(TD)));
+
+// The compiler holds its numbers as Intel's library does.
+template <class Gcc>
+Gcc gccOf(IntelDecimal bits) {
+  Gcc value;
+  std::memcpy(&value, &bits, sizeof value);
+  return value;
+}
+
+template <class Gcc>
+IntelDecimal bitsOf(Gcc value) {
+  IntelDecimal bits = {};
+  std::memcpy(&bits, &value, sizeof value);
+  return bits;
+}
+
+template <class Width, class Gcc>
+void compareWithGcc(const peer::IntelWidth& width, Source& source) {
+  for (unsigned i = 0; i < 5000 && !::testing::Test::HasFailure(); ++i) {
+    const auto left = source.number<Width>();
+    const auto right = source.number<Width>();
+    const Gcc l = gccOf<Gcc>(width.fromDensely(asIntel(left)));
+    const Gcc r = gccOf<Gcc>(width.fromDensely(asIntel(right)));
+    const auto same = [&](const char* name, auto operation, Gcc theirs) {
+      expectSame(
+          textOf(left) + name + textOf(right), width, [&] { return operation(left, right); },
+          [&](unsigned* flags) { return *flags = kUntold, bitsOf(theirs); });
+    };
+    same(" + ", Width::add, l + r);
+    same(" - ", Width::subtract, l - r);
+    same(" * ", Width::multiply, l * r);
+    same(" / ", Width::divide, l / r);
+  }
+}
+
+TEST(DfpCompiler, AgreesInResults) {
+  const peer::IntelWidth* const narrow = peer::intelDecimal64();
+  const peer::IntelWidth* const wide = peer::intelDecimal128();
+  if (wide == nullptr) GTEST_SKIP() << "libintelrdfpmath-dev, which makes its numbers, is not installed";
+  if (!areSame(bitsOf(static_cast<Gcc128>(1)), wide->fromDensely(asIntel(dfpal_decimal128FromInt32(1)))))
+    GTEST_SKIP() << "the compiler holds decimals in another form here";
+  const RoundingMode mode(DFPAL_ROUND_HALF_EVEN);
+  Source source;
+  compareWithGcc<Width64, Gcc64>(*narrow, source);
+  compareWithGcc<Width128, Gcc128>(*wide, source);
+  for (unsigned i = 0; i < 10000 && !HasFailure(); ++i) {
+    const auto value = source.number<Width128>();
+    const auto theirs = static_cast<Gcc64>(gccOf<Gcc128>(wide->fromDensely(asIntel(value))));
+    EXPECT_TRUE(areSame(asIntel(dfpal_decimal128ToDecimal64(value)), narrow->toDensely(bitsOf(theirs))))
+        << textOf(value);
+  }
+}
+#endif
 
 }  // namespace
 }  // namespace vek::valuestest
