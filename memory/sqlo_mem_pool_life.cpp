@@ -2,7 +2,6 @@
 //
 // The control block of a base pool is the first block of its first subgroup, that of a sub-pool a block of its parent.
 #include <algorithm>
-#include <atomic>
 #include <new>
 
 #include "diag/base/traced.h"
@@ -84,9 +83,6 @@ MemPool* build(void* chunks, std::uint32_t count, const SqloMemPoolRequest& requ
   describe(*pool, request, limit);
   return pool;
 }
-
-// The order of the stores counts, here and in sendAll: the process may be killed at any of them.
-void keepOrder() noexcept { std::atomic_signal_fence(std::memory_order_seq_cst); }
 
 void enterInSet(SMemSet& set, MemPool& pool) noexcept {
   const SetOperation operation(set);

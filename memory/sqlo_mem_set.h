@@ -20,6 +20,7 @@
 //   6  where a mark stands a run on its way begins
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "platform/region.h"
@@ -70,6 +71,26 @@ struct ChunkGroup {
 struct ChunkRange {
   std::uint32_t first;
   std::uint32_t count;
+};
+
+// Stores before it and after it stay in their order, for whoever repairs what a killed process has left.
+inline void keepOrder() noexcept { std::atomic_signal_fence(std::memory_order_seq_cst); }
+
+// Chunks that an operation is about to change and has not changed yet as a whole.
+struct ChunkIntent {
+  std::uint32_t first;
+  std::uint32_t count;  // 0: none
+
+  void begin(ChunkRange range) noexcept {
+    first = range.first;
+    keepOrder();
+    count = range.count;
+    keepOrder();
+  }
+  void end() noexcept {
+    keepOrder();
+    count = 0;
+  }
 };
 
 // The first words of a run on its way.
@@ -185,8 +206,8 @@ class SMemSet {
   bool m_pinningLost;  // to be logged
   std::uint16_t m_fast[vek::MEM_SET_FAST_CHUNKS];
   std::uint32_t m_commitTarget;    // chunks that were to be committed at creation
-  vek::ChunkRange m_begun;         // being committed or decommitted at this moment
-  vek::ChunkRange m_moving;        // being handed out or taken back at this moment
+  vek::ChunkIntent m_begun;        // being committed or decommitted at this moment
+  vek::ChunkIntent m_moving;       // being handed out or taken back at this moment
   SqloMemoryConsumer* m_consumer;  // with the memory controller, and the process it belongs to
   std::uint64_t m_consumerOwner;
   std::uint32_t m_consumerNumber;

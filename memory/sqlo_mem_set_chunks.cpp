@@ -1,6 +1,5 @@
 // Memory sets: which chunks are handed out; groups of them.
 #include <algorithm>
-#include <atomic>
 #include <bit>
 #include <cstring>
 
@@ -145,20 +144,6 @@ void forgetStart(SMemSet& set, std::uint32_t chunk) noexcept {
   --groupOf(set, chunk).subgroups;
 }
 
-// While a move is noted, whoever repairs the set takes its chunks for free ones. The order of the stores counts: the
-// process may be killed at any of them.
-void beginMove(SMemSet& set, vek::ChunkRange range) noexcept {
-  set.m_moving.first = range.first;
-  std::atomic_signal_fence(std::memory_order_seq_cst);
-  set.m_moving.count = range.count;
-  std::atomic_signal_fence(std::memory_order_seq_cst);
-}
-
-void endMove(SMemSet& set) noexcept {
-  std::atomic_signal_fence(std::memory_order_seq_cst);
-  set.m_moving.count = 0;
-}
-
 vek::ChunkRun* runAt(const SMemSet& set, std::uint32_t chunk) noexcept {
   return std::bit_cast<vek::ChunkRun*>(set.addressOf(chunk));
 }
@@ -202,15 +187,15 @@ SqlzZrc SMemSet::getChunksForInternalUse(std::uint32_t chunks, std::uint32_t* fi
     });
   if (found == end) {
     // What is kept for fast reuse may lie in between.
-    if (m_fastCount == 0) return SQLO_NOTAVAIL;
+    if (m_fastCount == 0) return trace.exit(SQLO_NOTAVAIL);
     freeFastChunksUntilTargetReached(m_fastCount);
     return trace.exit(getChunksForInternalUse(chunks, first));
   }
   const SqlzZrc committed = commitMemory({found, chunks});
   if (committed != 0) return trace.exit(committed);
-  beginMove(*this, {found, chunks});
+  m_moving.begin({found, chunks});
   noteUsed(*this, {found, chunks});
-  endMove(*this);
+  m_moving.end();
   *first = found;
   return trace.exit(0);
 }
@@ -225,11 +210,11 @@ bool SMemSet::getFastChunk(std::uint32_t* first) noexcept {
   vek::VekTrace<vek::FID_SMemSet_getFastChunk> trace;
   if (m_fastCount == 0 || m_usedChunks >= usableChunks()) return trace.exit(false);
   *first = m_fast[m_fastCount - 1];
-  beginMove(*this, {*first, 1});
+  m_moving.begin({*first, 1});
   --m_fastCount;
   m_kept.drop(*first);
   noteUsed(*this, {*first, 1});
-  endMove(*this);
+  m_moving.end();
   return trace.exit(true);
 }
 
@@ -253,7 +238,7 @@ SqlzZrc SMemSet::returnContiguousChunks(vek::ChunkRange range) noexcept {
   const std::uint32_t end = range.first + range.count;
   for (std::uint32_t chunk = range.first; chunk < end; ++chunk)
     if (!m_used.has(chunk) || m_kept.has(chunk)) return trace.exit(SQLO_INV_MEM);
-  beginMove(*this, range);
+  m_moving.begin(range);
   if (m_fillsFreed)
     std::memset(std::bit_cast<void*>(addressOf(range.first)), vek::kFreedFill,
                 std::size_t{range.count} << SQLO_CHUNK_SHIFT);
@@ -265,11 +250,11 @@ SqlzZrc SMemSet::returnContiguousChunks(vek::ChunkRange range) noexcept {
   if (range.count == 1 && m_fastEnabled && !m_fastDraining && m_fastCount < vek::MEM_SET_FAST_CHUNKS) {
     m_kept.add(range.first);
     m_fast[m_fastCount++] = static_cast<std::uint16_t>(range.first);
-    endMove(*this);
+    m_moving.end();
     return trace.exit(0);
   }
   for (std::uint32_t chunk = range.first; chunk < end; ++chunk) m_used.drop(chunk);
-  endMove(*this);
+  m_moving.end();
   if (isDecommitDue()) decommitExcess();
   return trace.exit(0);
 }

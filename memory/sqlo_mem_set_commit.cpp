@@ -43,7 +43,7 @@ ChunkRange runFrom(std::uint32_t chunk, std::uint32_t end, IsOf isOf) noexcept {
 
 // Commits one run that is not committed, and notes it.
 int commitRun(SMemSet& set, ChunkRange run) noexcept {
-  set.m_begun = run;
+  set.m_begun.begin(run);
   const int error = commitPhysically(set, run);
   if (error == 0) {
     for (std::uint32_t chunk = run.first; chunk < run.first + run.count; ++chunk) {
@@ -55,7 +55,7 @@ int commitRun(SMemSet& set, ChunkRange run) noexcept {
     }
     set.m_committedChunks += run.count;
   }
-  set.m_begun = {};
+  set.m_begun.end();
   return error;
 }
 
@@ -90,7 +90,7 @@ SqlzZrc SMemSet::commitMemory(ChunkRange range) noexcept {
 
 int SMemSet::decommitMemory(ChunkRange range) noexcept {
   vek::VekTrace<vek::FID_SMemSet_decommitMemory> trace;
-  m_begun = range;
+  m_begun.begin(range);
   const int error = decommitPhysically(*this, range);
   if (error == 0) {
     for (std::uint32_t chunk = range.first; chunk < range.first + range.count; ++chunk) {
@@ -103,7 +103,7 @@ int SMemSet::decommitMemory(ChunkRange range) noexcept {
   } else {
     notePendingFailure(vek::SetFailure::kDecommit, error, SQLO_NOSEG, range);
   }
-  m_begun = {};
+  m_begun.end();
   return trace.exit(error);
 }
 
@@ -253,13 +253,13 @@ void SMemSet::repair() noexcept {
     else
       (void)decommitPhysically(*this, {chunk, 1});
   }
-  m_begun = {};
+  m_begun.end();
   for (std::uint32_t chunk = m_moving.first; chunk < m_moving.first + m_moving.count; ++chunk) {
     m_used.drop(chunk);
     m_kept.drop(chunk);
     m_onTheWay.drop(chunk);
   }
-  m_moving = {};
+  m_moving.end();
   vek::sqloi_repairPoolsOf(*this);
   m_allocatedChunks = 0;
   for (std::uint32_t i = 0; i < m_groupCount; ++i) {
