@@ -79,7 +79,8 @@ void SMemSet::releaseLatch() noexcept {
   m_latch.releaseLatch();
 }
 
-std::uint32_t SMemSet::getSetGrowthLimit() const noexcept {
+// Not inline, since the trace point would lie badly inside that of the caller.
+[[gnu::noinline]] std::uint32_t SMemSet::getSetGrowthLimit() const noexcept {
   vek::VekTrace<vek::FID_SMemSet_getSetGrowthLimit> trace;
   return trace.exit(m_maxChunksAllowed - m_allocatedChunks);
 }

@@ -66,8 +66,9 @@ SqlzZrc SMemSet::allocateChunkGroup(std::uint32_t chunks) noexcept {
   return trace.exit(0);
 }
 
-// Groups are neighbours: when there is no record left for another one, the last one becomes larger.
-void SMemSet::addChunkGroupToSet(std::uint32_t chunks) noexcept {
+// Groups are neighbours: when there is no record left for another one, the last one becomes larger. Not inline, since
+// the trace point would lie badly inside that of the caller.
+[[gnu::noinline]] void SMemSet::addChunkGroupToSet(std::uint32_t chunks) noexcept {
   const vek::VekTrace<vek::FID_SMemSet_addChunkGroupToSet> trace;
   if (m_groupCount < vek::MEM_SET_GROUPS)
     m_groups[m_groupCount++] = {m_allocatedChunks, chunks, 0};
