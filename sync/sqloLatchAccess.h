@@ -17,6 +17,10 @@ struct SqloSpinLatchAccess {
   }
   static std::uint8_t flags(const SqloSpinLatch& latch) noexcept { return latch.m_flags; }
   static void setFlags(SqloSpinLatch& latch, std::uint8_t flags) noexcept { latch.m_flags = flags; }
+  // Whether it lies in freed memory. Its byte is left out: a release that came too late has cleared it.
+  static bool isFreed(const SqloSpinLatch& latch) noexcept {
+    return latch.m_flags == (SQLO_SLATCH_FREED & 0xFF) && latch.m_typeId == (SQLO_SLATCH_FREED & 0xFFFF);
+  }
   // As SQLO_SLATCH_CAS32 has them.
   static std::uint32_t latchFlags(const SqloSpinLatch& latch) noexcept {
     return ((std::uint32_t{latch.m_flags} & kBetweenProcesses) << 8) | (latch.m_typeId & SQLO_LATCH_TYPE_MASK);

@@ -81,7 +81,9 @@ bool spin(const Request& request) noexcept {
   const std::uint32_t loops = request.isExclusive() ? tuning.xloop : tuning.sloop;
   const std::uint32_t waste = request.isExclusive() ? tuning.xwaste : tuning.swaste;
   for (std::uint32_t i = 0; i < loops; ++i) {
+    request.hold.spins();  // a thread that is killed meanwhile does not look like a holder
     sqloi_wasteTime(tuning, waste);
+    request.hold.tries();
     if (attempt(request) == Attempt::kGranted) return true;
   }
   return false;
@@ -89,16 +91,19 @@ bool spin(const Request& request) noexcept {
 
 // ---- waiting; the functions up to the next line run under cs ----------------------------------------------------
 
+// The latch's reference to its element; one between processes has an element for life.
+std::uint64_t& elementIn(SQLO_SLATCH_CAS32& latch) noexcept {
+  std::uint64_t& reference = Access::element(latch);
+  if (reference == 0 && Access::isBetweenProcesses(latch))
+    sqloPanic(SQLO_SLATCH_ERROR_SEMPOOL_POINTER_NULL, "A latch between processes has no semaphore element", &latch);
+  return reference;
+}
+
 // Attaches to the semaphore element, drawing one when the first waiter of a private latch comes. 0: none is left, the
 // thread rests instead.
 SemElementRef attach(const Request& request) noexcept {
-  std::uint64_t& reference = Access::element(request.latch);
-  if (reference == 0) {
-    if (Access::isBetweenProcesses(request.latch))
-      sqloPanic(SQLO_SLATCH_ERROR_SEMPOOL_POINTER_NULL, "A latch between processes has no semaphore element",
-                &request.latch);
-    reference = sqloi_drawLocalElement();
-  }
+  std::uint64_t& reference = elementIn(request.latch);
+  if (reference == 0) reference = sqloi_drawLocalElement();
   SemElement* element = sqloi_elementOf(reference);
   if (element == nullptr) return 0;
   ++element->attached;
@@ -293,7 +298,7 @@ Queue queueOf(SQLO_SLATCH_CAS32& latch) noexcept {
   Queue queue;
   queue.noStarvation = (latch.flags() & SQLO_LATCH_NO_X_STARVATION) != 0;
   queue.xIsOnItsWay = Access::postsPending(latch) != 0;
-  if (const SemElement* element = sqloi_elementOf(Access::element(latch)); element != nullptr) {
+  if (const SemElement* element = sqloi_elementOf(elementIn(latch)); element != nullptr) {
     queue.shared = element->waiters[0];
     queue.exclusive = element->waiters[1];
     queue.upgrading = element->waiters[2] != 0;
@@ -323,6 +328,8 @@ Handover afterRelease(SQLO_SLATCH_CAS32& latch, std::uint32_t after) noexcept {
   // behind it, until a release finds nobody there.
   if (holders == 1 && queue.upgrading) return {after, {0, 0, 1}};
   if (holders != 0) return {after};
+  // A waiter that found no element looks by itself; its bit must not outlive the conflict.
+  if (queue.shared == 0) after &= ~SQLO_SLATCH_WAITER_S;
   if (queue.exclusive == 0) after &= ~SQLO_SLATCH_WAITER_X;
   const bool exclusiveFirst = queue.noStarvation || queue.shared == 0;
   if ((after & SQLO_SLATCH_WAITER_X) != 0 && exclusiveFirst) return wakeExclusive(after, queue);
@@ -496,6 +503,11 @@ SqlzZrc upgrade(SQLO_SLATCH_CAS32& latch, bool conditional, const char* file, st
   return result;
 }
 
+bool isRequest(SqloLatchRequest request) noexcept {
+  const SqloLatchRequest wanted = request & ~SQLO_LATCH_CONDITIONAL;
+  return wanted == SQLO_LATCH_SHARED || wanted == SQLO_LATCH_EXCLUSIVE;
+}
+
 }  // namespace
 
 void sqloi_downgrade(SQLO_SLATCH_CAS32& latch) noexcept {
@@ -573,6 +585,7 @@ void SQLO_SLATCH_CAS32::release() noexcept {
 }
 
 SqlzZrc SQLO_SLATCH_CAS32::getConflict(SqloLatchRequest request) noexcept {
+  if (!vek::isRequest(request)) return SQLO_INV_PARM;
   const vek::LatchWay way =
       (request & SQLO_LATCH_CONDITIONAL) != 0 ? vek::LatchWay::kConditional : vek::LatchWay::kWaits;
   const vek::LatchHold hold(vek::Access::subject(*this, (request & SQLO_LATCH_EXCLUSIVE) != 0, way), nullptr, 0);
@@ -582,6 +595,7 @@ SqlzZrc SQLO_SLATCH_CAS32::getConflict(SqloLatchRequest request) noexcept {
 void SQLO_SLATCH_CAS32::releaseConflict() noexcept { vek::releaseLong(*this); }
 
 SqlzZrc SQLO_SLATCH_CAS32::convert(SqloLatchRequest request, const char* file, std::uint32_t line) noexcept {
+  if (!vek::isRequest(request)) return SQLO_INV_PARM;
   const bool toExclusive = (request & SQLO_LATCH_EXCLUSIVE) != 0;
   const bool isExclusive = vek::holdsExclusively(*this, toExclusive);
   if (toExclusive && !isExclusive) return vek::upgrade(*this, (request & SQLO_LATCH_CONDITIONAL) != 0, file, line);

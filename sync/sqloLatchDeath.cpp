@@ -1,5 +1,6 @@
 #include "sync/sqloLatchDeath.h"
 
+#include <algorithm>
 #include <array>
 
 #include "platform/osse.h"
@@ -56,13 +57,13 @@ bool concerns(const LatchSubject& subject, const LatchMarkSeen& mark) noexcept {
 
 void count(Census* census, const LatchMarkSeen& mark) noexcept {
   const bool exclusive = (mark.word & MARK_EXCLUSIVE) != 0;
-  const bool waits = (mark.word & MARK_STATE) == MARK_WAITING;
+  const std::uint64_t state = mark.word & MARK_STATE;
   if (mark.isGone()) {
-    ++(waits ? census->goneWaiters : census->gone);
-  } else if (waits) {
+    ++(state == MARK_ACTIVE ? census->gone : census->goneWaiters);
+  } else if (state == MARK_WAITING) {
     ++census->livingWaiters[exclusive ? 1 : 0];
     if (exclusive && census->holdingSlot == mark.slot) ++census->livingUpgraders;
-  } else {
+  } else if (state == MARK_ACTIVE) {
     census->holdingSlot = mark.slot;
     ++census->living;
   }
@@ -115,13 +116,13 @@ void clearMark(const LatchMarkSeen& mark) noexcept {
 
 constexpr std::uint32_t kAllMarks = ~0U;
 
-// Takes the marks of the dead away: all that say WAITING, since who is about to take a latch says ACTIVE first, and at
-// most `active` of those that say ACTIVE.
+// Takes the marks of the dead away: at most `active` of those that say ACTIVE, and all others, since who is about to
+// take a latch says ACTIVE first.
 void clearGone(const LatchSubject& subject, std::uint32_t active) noexcept {
   LivingProcesses processes;
   visitMarks(processes, [&](const LatchMarkSeen& mark) {
     if (!mark.isGone() || !concerns(subject, mark)) return;
-    const bool waits = (mark.word & MARK_STATE) == MARK_WAITING;
+    const bool waits = (mark.word & MARK_STATE) != MARK_ACTIVE;
     if (!waits && active == 0) return;
     clearMark(mark);
     active -= waits || active == kAllMarks ? 0U : 1U;
@@ -155,6 +156,7 @@ void restoreQueue(SQLO_SLATCH_CAS32& latch, const Census& census) noexcept {
     const std::uint32_t wake[WAITER_KINDS] = {census.livingWaiters[0], census.livingWaiters[1], upgrading};
     for (std::uint32_t kind = 0; kind < WAITER_KINDS; ++kind) {
       element->waiters[kind] = 0;
+      while (sqloi_waitElement(reference, static_cast<WaiterKind>(kind), 0)) continue;  // posts that a dead one left
       sqloi_postElement(reference, static_cast<WaiterKind>(kind), wake[kind]);
     }
     element->upgrading = upgrading;
@@ -185,7 +187,8 @@ Rescue judgeShared(SQLO_SLATCH_CAS32& latch, const LatchSubject& subject, LatchH
   const Census census = takeCensus(subject);
   const bool isLost = (word & SQLO_SLATCH_HELD_X) != 0 && census.living == 0 && census.gone != 0;
   const std::uint32_t sharers = word & SQLO_SLATCH_HOLDERS;
-  const std::uint32_t lost = census.gone != 0 && sharers > census.living ? sharers - census.living : 0;
+  // No more than they have marks for: a thread without a slot of the region holds private latches without being seen.
+  const std::uint32_t lost = sharers > census.living ? std::min(sharers - census.living, census.gone) : 0;
   // What a dead waiter may have left for others to meet: a reservation, and no living one comes for it.
   const bool isForNobody = census.livingWaiters[1] == 0 && (word & SQLO_SLATCH_RESERVED_X) != 0;
   if (!isLost && lost == 0 && census.goneWaiters == 0 && !isForNobody) {

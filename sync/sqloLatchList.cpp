@@ -17,7 +17,7 @@ void describe(const LatchMarkSeen& mark, SqloLatchEntry* out) noexcept {
   out->threadId = thread.threadId;
   ossCopyText(out->processName, sizeof out->processName, thread.processName);
   ossCopyText(out->threadName, sizeof out->threadName, thread.name);
-  out->state = (mark.word & MARK_STATE) == MARK_WAITING ? SQLO_LATCH_ENTRY_WAITING : SQLO_LATCH_ENTRY_HELD;
+  out->state = (mark.word & MARK_STATE) == MARK_ACTIVE ? SQLO_LATCH_ENTRY_HELD : SQLO_LATCH_ENTRY_WAITING;
   out->request = (mark.word & MARK_EXCLUSIVE) != 0 ? SQLO_LATCH_EXCLUSIVE : SQLO_LATCH_SHARED;
   out->typeId = markType(mark.word);
   out->line = markLine(mark.word);

@@ -28,7 +28,7 @@ namespace vek {
 
 // ---- a mark's word ----------------------------------------------------------------------------------------------
 //
-//   1..0    state: 0 free, 1 active, 2 waiting
+//   1..0    state: 0 free, 1 active, 2 waiting, 3 spinning: between two attempts
 //   2       exclusive
 //   3       `since` of the mark tells when
 //   15..4   sequence of the mark's captures, to tell one from the next
@@ -37,6 +37,7 @@ namespace vek {
 //   63..48  number of the file's name (regionTextOf)
 inline constexpr std::uint64_t MARK_ACTIVE = 1;
 inline constexpr std::uint64_t MARK_WAITING = 2;
+inline constexpr std::uint64_t MARK_SPINNING = 3;
 inline constexpr std::uint64_t MARK_STATE = 3;
 inline constexpr std::uint64_t MARK_EXCLUSIVE = 4;
 inline constexpr std::uint64_t MARK_TIMED = 8;
@@ -268,8 +269,9 @@ class LatchHold {
   // The capture is given up.
   void cancelled() const noexcept;
 
-  // The thread goes to sleep on the latch; it is about to try again.
+  // The thread goes to sleep on the latch; it lets some time pass without lining up; it is about to try again.
   void sleeps() const noexcept { setState(MARK_WAITING); }
+  void spins() const noexcept { setState(MARK_SPINNING); }
   void tries() const noexcept { setState(MARK_ACTIVE); }
 
   // From now on the mark tells since when.

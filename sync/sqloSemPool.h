@@ -9,8 +9,8 @@
 //                            named POSIX semaphores, opened by each process when it first needs them
 //
 // What processes that died leave behind: an element drawn in an earlier run of the instance is free, and its semaphores
-// are removed when it is drawn again. A semaphore's count may be too high after a waiter was killed: every waiter tests
-// the latch again, so that a wake-up too many does no harm.
+// are removed when it is drawn again. The post of a waiter that was killed before it took it is taken by whoever finds
+// it dead: it would wake a waiter that the bookkeeping still counts as asleep.
 #pragma once
 
 #include <atomic>

@@ -19,24 +19,32 @@ bool take(SqloSpinLatch& latch) noexcept { return Access::held(latch).exchange(1
 
 bool takeIfFree(SqloSpinLatch& latch) noexcept { return isFree(latch) && take(latch); }
 
-bool spin(SqloSpinLatch& latch, const LatchTuning& tuning) noexcept {
-  for (std::uint32_t round = 0; round < tuning.outer; ++round) {
-    for (std::uint32_t look = 0; look < tuning.inner; ++look) {
-      if (takeIfFree(latch)) return true;
-      sqloi_wasteTime(tuning, tuning.waste);
-    }
-    ossYield();
-  }
-  return takeIfFree(latch);
+// In freed memory the byte would look taken for ever.
+void checkNotFreed(const SqloSpinLatch& latch) noexcept {
+  if (Access::isFreed(latch)) [[unlikely]]
+    sqloPanic(SQLO_LATCH_ERROR_USED_WHILE_FREED, "A spin latch lies in freed memory", &latch);
 }
 
 // The mark says ACTIVE whenever the thread could get the latch.
-bool tryResting(SqloSpinLatch& latch, LatchHold& hold) noexcept {
+bool tryWaiting(SqloSpinLatch& latch, LatchHold& hold) noexcept {
   if (!isFree(latch)) return false;
   hold.tries();
   if (take(latch)) return true;
   hold.sleeps();
   return false;
+}
+
+// A thread that is killed here does not look like a holder.
+bool spin(SqloSpinLatch& latch, const LatchTuning& tuning, LatchHold& hold) noexcept {
+  hold.sleeps();
+  for (std::uint32_t round = 0; round < tuning.outer; ++round) {
+    for (std::uint32_t look = 0; look < tuning.inner; ++look) {
+      if (tryWaiting(latch, hold)) return true;
+      sqloi_wasteTime(tuning, tuning.waste);
+    }
+    ossYield();
+  }
+  return tryWaiting(latch, hold);
 }
 
 constexpr std::int64_t kFirstLookNs = 10'000'000;  // a holder that lives has long given back by then
@@ -45,11 +53,11 @@ constexpr std::int64_t kLongestBetweenLooksNs = 1'000'000'000;
 SqlzZrc restUntilFree(SqloSpinLatch& latch, const LatchTuning& tuning, LatchHold& hold) noexcept {
   const std::int64_t since = ossMonotonicNs();
   std::int64_t wait = kFirstLookNs;
-  hold.sleeps();
   hold.setSince(since);
   for (LatchRest rests(tuning);;) {
-    if (tryResting(latch, hold)) return 0;
+    if (tryWaiting(latch, hold)) return 0;
     rests.rest();
+    checkNotFreed(latch);
     if (ossMonotonicNs() - since < wait) continue;
     wait += wait < kLongestBetweenLooksNs ? wait : kLongestBetweenLooksNs;
     const Rescue rescue = sqloi_rescueSpin(latch, hold);
@@ -70,13 +78,14 @@ SqlzZrc rest(SqloSpinLatch& latch, const LatchTuning& tuning, LatchHold& hold) n
 SqlzZrc wait(SqloSpinLatch& latch, LatchHold& hold, const char* file, std::uint32_t line) noexcept {
   const LatchTuning& tuning = sqloi_tuning(latch.typeId());
   hold.beginWaiting(file, line);
-  const SqlzZrc result = spin(latch, tuning) ? 0 : rest(latch, tuning, hold);
+  const SqlzZrc result = spin(latch, tuning, hold) ? 0 : rest(latch, tuning, hold);
   hold.endWaiting();
   return result;
 }
 
 [[gnu::noinline, gnu::cold]] SqlzZrc conflict(SqloSpinLatch& latch, LatchHold hold, const char* file,
                                               std::uint32_t line) noexcept {
+  checkNotFreed(latch);
   const SqlzZrc result = wait(latch, hold, file, line);
   if (result == 0)
     hold.granted(file, line);
@@ -106,6 +115,7 @@ SqlzZrc wait(SqloSpinLatch& latch, LatchHold& hold, const char* file, std::uint3
 
 // A latch that was not the last one captured, that the thread has no mark of, or with debug checks on.
 [[gnu::noinline, gnu::cold]] void releaseLong(SqloSpinLatch& latch) noexcept {
+  checkNotFreed(latch);
   const std::uint32_t flags = Access::latchFlags(latch);  // once the byte is 0 the memory may be somebody else's
   if (isFree(latch)) sqloPanic(SQLO_LATCH_NOT_HELD, "A spin latch that nobody holds is released", &latch);
   Access::held(latch).store(0, std::memory_order_release);
@@ -134,7 +144,10 @@ SqlzZrc SqloSpinLatch::captureLatch(const char* file, std::uint32_t line) noexce
 }
 
 SqlzZrc SqloSpinLatch::tryCaptureLatch(const char* file, std::uint32_t line) noexcept {
-  if (isHeld()) return SQLO_NOTAVAIL;  // without a mark: a thread that tries for ever would look like a holder
+  if (isHeld()) {  // without a mark: a thread that tries for ever would look like a holder
+    vek::checkNotFreed(*this);
+    return SQLO_NOTAVAIL;
+  }
   SqloLatchTable* table = vek::t_latchTable;
   const std::uint32_t flags = vek::Access::latchFlags(*this);
   vek::LatchMark* mark = vek::latchPublishShortly(table, this, flags, vek::MARK_EXCLUSIVE, file, line);

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "sync/latch_support.h"
+#include "sync/sqloLatchAccess.h"
 #include "sync/sqloLatchWord.h"
 
 namespace vek::synctest {
@@ -17,7 +18,7 @@ void setState(SQLO_SLATCH_CAS32& latch, std::uint32_t state) { std::memcpy(stati
 constexpr std::uint16_t kFair = SQLO_LATCH_NO_X_STARVATION;
 
 TEST(LatchWord, EveryBrokenInvariantStopsTheProcessWithItsCode) {
-  enum Operation { kGetShared, kRelease, kConvert, kReleaseSpin };
+  enum Operation { kGetShared, kRelease, kConvert, kConvertHeld, kReleaseSpin };
   const struct {
     std::uint32_t state;
     std::uint16_t flags;
@@ -29,6 +30,7 @@ TEST(LatchWord, EveryBrokenInvariantStopsTheProcessWithItsCode) {
       {0x80000001, 0, kRelease, SQLO_LATCH_ERROR_UNUSED_BITS_ARE_SET},
       {0x00010003, 0, kGetShared, SQLO_SLATCH_ERROR_HELDX_WITH_SHARED_HOLDERS},
       {0x00010003, 0, kRelease, SQLO_SLATCH_ERROR_HELDX_WITH_SHARED_HOLDERS},
+      {0x00010003, 0, kConvertHeld, SQLO_SLATCH_ERROR_HELDS_WITH_X_HOLDER},
       {0x10000002, 0, kConvert, 0},
       {0x01000002, 0, kGetShared, SQLO_SLATCH_ERROR_HELDS_WITH_SHARED_WAITER},
       {0x01000002, kFair, kGetShared, SQLO_SLATCH_ERROR_HELDS_WITH_SHARED_WAITER_NO_XWAITER},
@@ -45,15 +47,67 @@ TEST(LatchWord, EveryBrokenInvariantStopsTheProcessWithItsCode) {
       reportPanics(&*code);
       SQLO_SLATCH_CAS32 latch;
       EXPECT_EQ(latch.init(kType, row.flags), 0);
+      if (row.operation == kConvertHeld) (void)latch.getShared(__FILE__, __LINE__);
       setState(latch, row.state);
       if (row.operation == kGetShared) (void)latch.getShared(__FILE__, __LINE__);
       if (row.operation == kRelease) latch.release();
       if (row.operation == kReleaseSpin) SqloSpinLatch().releaseLatch();
-      if (row.operation == kConvert) (void)latch.convert(SQLO_LATCH_EXCLUSIVE | SQLO_LATCH_CONDITIONAL, __FILE__, 1);
+      if (row.operation == kConvert || row.operation == kConvertHeld)
+        (void)latch.convert(SQLO_LATCH_EXCLUSIVE | SQLO_LATCH_CONDITIONAL, __FILE__, 1);
     });
     EXPECT_EQ(*code, row.code) << std::hex << row.state << " flags " << row.flags << " operation " << row.operation;
   }
-  EXPECT_EQ(latchWordFault(0x00010003, 0, LatchUse::kExpectsShared), SQLO_SLATCH_ERROR_HELDS_WITH_X_HOLDER);
+}
+
+template <class Latch>
+void fillAsFreed(Latch& latch) {
+  std::memset(static_cast<void*>(&latch), 0xDD, sizeof latch);
+}
+
+void loseElement(SQLO_SLATCH_CAS32& latch) { std::memset(reinterpret_cast<char*>(&latch) + 16, 0, 8); }
+
+// A latch that is held and waited for, and what is done to it: nobody goes on with it, and nobody waits for ever.
+TEST(LatchWord, WhatIsFreedOrLostUnderWaitersStopsTheProcess) {
+  const struct {
+    std::uint16_t flags;
+    void (*ruin)(SQLO_SLATCH_CAS32& latch);
+    SqlzZrc code;
+  } rows[] = {
+      {0, [](auto& latch) { fillAsFreed(latch), latch.release(); }, SQLO_LATCH_ERROR_USED_WHILE_FREED},
+      {0, fillAsFreed<SQLO_SLATCH_CAS32>, SQLO_LATCH_ERROR_USED_WHILE_FREED},
+      {0, [](auto& latch) { loseElement(latch), latch.release(); }, SQLO_SLATCH_ERROR_SEMPOOL_POINTER_CHANGED},
+      {SQLO_LATCH_BETWEEN_PROCESSES, [](auto& latch) { loseElement(latch), latch.release(); },
+       SQLO_SLATCH_ERROR_SEMPOOL_POINTER_NULL},
+      {0,
+       [](auto&) {
+         SqloSpinLatch spin;
+         fillAsFreed(spin), (void)spin.captureLatch("s", 1);
+       },
+       SQLO_LATCH_ERROR_USED_WHILE_FREED},
+      {0,
+       [](auto&) {
+         SqloSpinLatch spin;
+         fillAsFreed(spin), (void)spin.tryCaptureLatch("s", 1);
+       },
+       SQLO_LATCH_ERROR_USED_WHILE_FREED},
+  };
+  const Instance instance;
+  for (const auto& row : rows) {
+    const Shared<SqlzZrc> code;
+    inProcess([&] {
+      reportPanics(&*code);
+      ::alarm(20);
+      SQLO_SLATCH_CAS32 latch;
+      EXPECT_EQ(latch.init(kType, row.flags), 0);
+      EXPECT_EQ(latch.getExclusive("h", 1), 0);
+      std::thread waiter([&] { (void)latch.getExclusive("w", 2); });
+      while ((latch.state() & SQLO_SLATCH_WAITER_X) == 0) std::this_thread::yield();
+      { const CsGuard untilItIsInLine(latch); }
+      row.ruin(latch);
+      waiter.join();
+    });
+    EXPECT_EQ(*code, row.code) << "row " << &row - rows;
+  }
 }
 
 TEST_APART(LatchText, IsTheDocumentedOne) {

@@ -163,6 +163,29 @@ TEST_P(LatchDeath, JustWoken) {
   });
 }
 
+// The post that such a waiter never took wakes nobody else later on, and leaves nothing reserved behind.
+TEST_P(LatchDeath, WhatAWokenOneLeavesIsForgotten) {
+  withLatches(GetParam(), [](Latches& latches) {
+    hold(latches);
+    {
+      Victim victim(captureOnce, [&] { (void)latches.word.getExclusive(kVictim, 1); });
+      if (!victim.canRun()) ::exit(kSkip);
+      victim.runUntilAsleep();
+      latches.word.release();
+    }
+    expectUsable(latches, "woken and killed");
+    for (int i = 0; i < 5; ++i) {
+      hold(latches);
+      std::thread waiter([&] { hold(latches), latches.word.release(); });
+      while ((latches.word.state() & SQLO_SLATCH_WAITER_X) == 0) ::usleep(100);
+      ::usleep(2000);
+      latches.word.release();
+      waiter.join();
+      EXPECT_EQ(latches.word.state(), 0U) << "turn " << i;
+    }
+  });
+}
+
 INSTANTIATE_TEST_SUITE_P(Policies, LatchDeath, ::testing::Values(SQLO_LATCH_X_STARVATION, kFair),
                          [](const auto& policy) { return policy.param == kFair ? "NoXStarvation" : "XStarvation"; });
 
@@ -281,12 +304,26 @@ TEST(LatchDeathPolicy, TheLivingHideNobody) {
   }
 }
 
-// Several processes of several threads, killed at random: an exclusive holder is always alone, and work goes on.
+// False: another sharer was quicker.
+bool getByUpgrade(SQLO_SLATCH_CAS32& latch) {
+  if (latch.tryGetShared(__FILE__, __LINE__) != 0) return false;
+  const SqlzZrc result = latch.convert(SQLO_LATCH_EXCLUSIVE, __FILE__, __LINE__);
+  if (result != 0 && result != SQLO_LATCH_UPGRADE_CONFLICT) ::_exit(3);
+  if (result != 0) latch.release();
+  return result == 0;
+}
+
+// Several processes of several threads, stopped for a while and killed at random: an exclusive holder is always alone,
+// and work goes on.
 void workUntilKilled(Latches& latches, std::uint32_t seed) {
   inThreads(2, [&](unsigned number) {
     for (Dice dice(seed * 2 + number);;) {
-      if (dice(3) == 0) {
-        if (latches.word.getExclusive(__FILE__, __LINE__) != 0) ::_exit(3);
+      const std::uint32_t way = dice(6);
+      if (way < 2) {
+        if (latches.spin.captureLatch(__FILE__, __LINE__) != 0) ::_exit(3);
+        latches.spin.releaseLatch();
+        if (way == 1 && !getByUpgrade(latches.word)) continue;
+        if (way == 0 && latches.word.getExclusive(__FILE__, __LINE__) != 0) ::_exit(3);
         if (latches.owners.exchange(1) != 0) ::_exit(4);
         if (dice(16) == 0) ::usleep(dice(300));
         latches.owners.store(0);
@@ -301,15 +338,19 @@ void workUntilKilled(Latches& latches, std::uint32_t seed) {
   });
 }
 
-TEST(LatchStress, ProcessesAreKilledAtRandom) {
+TEST_P(LatchDeath, ProcessesAreStoppedAndKilledAtRandom) {
   const std::uint32_t seed = std::random_device{}();
   SCOPED_TRACE("seed " + std::to_string(seed));
-  withLatches(kFair, [&](Latches& latches) {
+  withLatches(GetParam(), [&](Latches& latches) {
     Dice dice(seed);
     pid_t workers[4] = {};
     for (unsigned i = 0; i < 4; ++i) workers[i] = start([&] { workUntilKilled(latches, seed + i); });
     for (unsigned round = 0; round < 60; ++round) {
       ::usleep(5000 + dice(20'000));
+      const pid_t sleeper = workers[dice(4)];  // at whatever step its threads are
+      ::kill(sleeper, SIGSTOP);
+      ::usleep(dice(20'000));
+      ::kill(sleeper, SIGCONT);
       pid_t& worker = workers[dice(4)];
       EXPECT_EQ(finishKilled(worker), -SIGKILL);
       worker = start([&] { workUntilKilled(latches, seed + 100 + round); });

@@ -5,6 +5,7 @@
 #include "diag/pdlog_support.h"
 #include "platform/ports.h"
 #include "sync/latch_support.h"
+#include "sync/sqloLatchTuning.h"
 #include "veksys/latch_types.h"
 
 namespace vek::synctest {
@@ -185,6 +186,21 @@ TEST(LatchTuning, SaysWhatItDoesNotUnderstand) {
   for (const char* word : {"\"OUTER=x\"", "\"NONSENSE=1\"", "\"SLEEP_MIN\"", "VEKSPINLATCHES: \"sometimes\""})
     EXPECT_EQ(countOf(written, word), 1U) << word;
   EXPECT_EQ(countOf(written, "is not understood"), 4U);
+}
+
+TEST(LatchTuning, ReachesTheSlotsItNames) {
+  const Instance instance;
+  inProcess([] {
+    ::setenv("VEK_LATCH_TUNE", "XLOOP=80,12.SLOOP=7,900.WASTE=3", 1);
+    ::setenv("VEKSPINLATCHES", "no", 1);
+    EXPECT_EQ(sqloInitializeLatchTuningInfo(), 0);
+    EXPECT_EQ(sqloi_tuning(0).xloop, 80U);
+    EXPECT_EQ(sqloi_tuning(11).sloop, 0U);
+    EXPECT_EQ(sqloi_tuning(12).sloop, 7U);
+    EXPECT_NE(sqloi_tuning(126).waste, 3U);
+    for (const std::uint32_t shared : {127U, 128U, 900U, SQLO_LATCH_TYPE_COUNT - 1})
+      EXPECT_EQ(sqloi_tuning(shared).waste, 3U) << shared;
+  });
 }
 
 }  // namespace

@@ -45,7 +45,8 @@ class VEK_EXPORT sqloSXULatch {
   // U to S are immediate. S cannot be raised: SQLO_INV_PARM, as for modes that do not exist.
   //
   //   Result   0; SQLO_INV_PARM; SQLO_LATCH_NOT_HELD: `from` is U and the latch is not held in U, logged as "Current
-  //            mode is not U !"; SQLO_LATCH_UPGRADE_CONFLICT: from U to U, logged as "Attempt to convert from U to U !"
+  //            mode is not U !"; SQLO_LATCH_UPGRADE_CONFLICT: from U to U, logged as "Attempt to convert from U to U
+  //            !", or from U to X when all semaphore elements of the process are in use; the hold is still U
   SqlzZrc convert(Mode from, Mode to, const char* file, std::uint32_t line) noexcept;
 
   // Both inner latches as text, headed "   SXLatch :" and "   ULatch :".

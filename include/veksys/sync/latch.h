@@ -152,13 +152,15 @@ class VEK_EXPORT SQLO_SLATCH_CAS32 {
   // Turns the caller's hold into one of the other mode. To exclusive: waits until the caller is the only holder left,
   // with SQLO_LATCH_CONDITIONAL not at all. To shared: at once. On a code other than 0 the hold is what it was.
   //
-  //   Result   0; SQLO_NOTAVAIL; SQLO_LATCH_UPGRADE_CONFLICT: another shared holder waits to become the exclusive one,
-  //            each would wait for the other for ever; or none could be told of the other, since all 1,024 semaphore
-  //            elements of the process are in use
+  //   Result   0; SQLO_NOTAVAIL
+  //            SQLO_INV_PARM: no such request
+  //            SQLO_LATCH_UPGRADE_CONFLICT: another shared holder waits to become the exclusive one, each would wait
+  //            for the other for ever; or none could be told of the other, since all 1,024 semaphore elements of the
+  //            process are in use
   SqlzZrc convert(SqloLatchRequest request, const char* file, std::uint32_t line) noexcept;
 
   // The slow ways behind them, whole: each tracks what it does, without a file. A hold that getConflict obtained is
-  // given back by releaseConflict or release.
+  // given back by releaseConflict or release. SQLO_INV_PARM: no such request.
   SqlzZrc getConflict(SqloLatchRequest request) noexcept;
   void releaseConflict() noexcept;
   SqlzZrc convertConflict(SqloLatchRequest request) noexcept;

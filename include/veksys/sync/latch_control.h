@@ -40,6 +40,7 @@ VEK_EXPORT void sqlolatchingterm() noexcept;
 // 0..1000000, are reported and leave the default as it is.
 //
 //   Result   0; SQLO_INV_PARM: something was reported
+//   Threads  one, while no other thread captures latches
 VEK_EXPORT SqlzZrc sqloInitializeLatchTuningInfo() noexcept;
 
 // The name of a latch type, "SQLO_LT_<class>__<member>__latch"; "SQLO_LT_UNKNOWN" from SQLO_LATCH_TYPE_COUNT on. Lives
@@ -50,7 +51,7 @@ VEK_EXPORT const char* sqloLatchTypeName(std::uint32_t typeId) noexcept;
 // SQLO_LATCH_DEATH_REPAIR and ignored otherwise.
 //
 //   Result   0; SQLO_INV_PARM: no such type or policy, or no `repair`
-//   Threads  any
+//   Threads  any; one of them for a type, before its latches are waited for
 VEK_EXPORT SqlzZrc sqloSetLatchDeathPolicy(std::uint32_t typeId, SqloLatchDeathPolicy policy, SqloLatchRepair repair,
                                            void* context) noexcept;
 
