@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "diag/base/traced.h"
 #include "platform/osse.h"
 #include "sync/sqloLatchAccess.h"
 #include "sync/sqloLatchDebug.h"
@@ -276,11 +277,13 @@ Rescue sqloi_rescueShared(SQLO_SLATCH_CAS32& latch, LatchHold& hold) noexcept {
 
 SqlzZrc sqloSetLatchDeathPolicy(std::uint32_t typeId, SqloLatchDeathPolicy policy, SqloLatchRepair repair,
                                 void* context) noexcept {
-  if (typeId >= SQLO_LATCH_TYPE_COUNT || policy > SQLO_LATCH_DEATH_REPAIR) return SQLO_INV_PARM;
-  if (policy == SQLO_LATCH_DEATH_REPAIR && repair == nullptr) return SQLO_INV_PARM;
+  vek::VekTrace<vek::FID_sqloSetLatchDeathPolicy> trace;
+  trace.data(10, typeId, static_cast<std::uint32_t>(policy));
+  if (typeId >= SQLO_LATCH_TYPE_COUNT || policy > SQLO_LATCH_DEATH_REPAIR) return trace.exit(SQLO_INV_PARM);
+  if (policy == SQLO_LATCH_DEATH_REPAIR && repair == nullptr) return trace.exit(SQLO_INV_PARM);
   vek::DeathPolicy& entry = vek::policyOf(typeId);
   entry.repair.store(repair, std::memory_order_relaxed);
   entry.context.store(context, std::memory_order_relaxed);
   entry.policy.store(policy, std::memory_order_release);
-  return 0;
+  return trace.exit(0);
 }

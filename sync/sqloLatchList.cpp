@@ -1,6 +1,8 @@
 // The list of holds and waits of an instance.
+#include "diag/base/traced.h"
 #include "platform/osse.h"
 #include "sync/sqloLatchMarks.h"
+#include "veksys/codes.h"
 #include "veksys/sync/latch_list.h"
 
 namespace vek {
@@ -35,14 +37,16 @@ void describe(const LatchMarkSeen& mark, SqloLatchEntry* out) noexcept {
 }  // namespace vek
 
 SqlzZrc sqloListLatches(SqloLatchEntry* entries, std::size_t room, std::size_t* count) noexcept {
+  vek::VekTrace<vek::FID_sqloListLatches> trace;
+  if (count == nullptr) return trace.exit(SQLO_INV_PARM);
   *count = 0;
   const SqlzZrc attached = vek::regionAttach();
-  if (attached != 0) return attached;
+  if (attached != 0) return trace.exit(attached);
   vek::LivingProcesses processes;
   vek::visitMarks(processes, [&](const vek::LatchMarkSeen& mark) {
     if (mark.processIsDead && (mark.word & vek::MARK_SHARED_MEMORY) == 0) return;  // gone with its memory
     if (*count < room) vek::describe(mark, &entries[*count]);
     ++*count;
   });
-  return vek::regionSharedStatus();
+  return trace.exit(vek::regionSharedStatus());
 }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "diag/base/traced.h"
 #include "platform/osse.h"
 #include "platform/ports.h"
 #include "platform/thread.h"
@@ -222,4 +223,7 @@ void LatchRest::rest() noexcept {
 
 }  // namespace vek
 
-SqlzZrc sqloInitializeLatchTuningInfo() noexcept { return vek::readTuning(); }
+SqlzZrc sqloInitializeLatchTuningInfo() noexcept {
+  vek::VekTrace<vek::FID_sqloInitializeLatchTuningInfo> trace;
+  return trace.exit(vek::readTuning());
+}

@@ -183,9 +183,8 @@ TEST_APART(TraceFlags, ClearingKeepsWorkloadDisplayOfTheEventWordAlone) {
 
 // ---- life cycle -------------------------------------------------------------------------------------------------
 
-TEST_APART(TraceControl, CreatingAndDeletingByEitherInterface) {
+TEST_APART(TraceControl, IsCreatedOnceAndGivesItsMemoryBack) {
   EXPECT_EQ(sqltTraceFacilityDelete(), SQLT_TRACE_NOT_CREATED);
-  EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
   EXPECT_EQ(sqlt_dump_trace(instance.path("dump").c_str()), SQLT_TRACE_NOT_CREATED);
   for (const char* none : {"", static_cast<const char*>(nullptr)}) EXPECT_EQ(sqlt_dump_trace(none), SQLO_INV_PARM);
   EXPECT_EQ(sqltInquireTraceBufferSize(), 0U);
@@ -193,9 +192,6 @@ TEST_APART(TraceControl, CreatingAndDeletingByEitherInterface) {
 
   ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
   EXPECT_EQ(sqltTraceFacilityCreate(kRingBytes * 2), SQLT_TRACE_ALREADY_CREATED);
-  EXPECT_EQ(sqltTraceFacilityCLICreate(kRingBytes * 2), 0);
-  EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
-  EXPECT_EQ(sqltInquireTraceBufferSize(), kRingBytes) << "not the client interface's to delete";
   pdtEvent(kFunction, 1, 1);
   const void* const record = pdGetGTRecPtr();
   EXPECT_NE(record, nullptr);
@@ -214,6 +210,16 @@ TEST_APART(TraceControl, CreatingAndDeletingByEitherInterface) {
   EXPECT_EQ(pdGetGTRecPtr(), nullptr);
   EXPECT_FALSE(std::filesystem::exists(info.path));
   EXPECT_EQ(sqltTraceFacilityDelete(), SQLT_TRACE_NOT_CREATED);
+}
+
+TEST_APART(TraceControl, ClientInterfaceDeletesWhatItCreated) {
+  EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
+  ASSERT_EQ(sqltTraceFacilityCreate(kRingBytes), 0);
+  EXPECT_EQ(sqltTraceFacilityCLICreate(kRingBytes * 2), 0);
+  EXPECT_EQ(sqltTraceFacilityCLIDelete(), 0);
+  EXPECT_EQ(sqltInquireTraceBufferSize(), kRingBytes) << "not the client interface's to delete";
+  pdtEvent(kFunction, 1, 1);
+  EXPECT_EQ(sqltTraceFacilityDelete(), 0);
 
   EXPECT_EQ(sqltTraceFacilityCLICreate(kRingBytes * 2), 0);
   EXPECT_EQ(sqltInquireTraceBufferSize(), kRingBytes * 2);

@@ -87,7 +87,7 @@ struct Consumer {
     return released;
   }
 
-  SqlzZrc request(std::uint32_t bytes, bool reclaims = false, bool force = false, bool persist = false) {
+  SqlzZrc request(std::uint32_t bytes, bool reclaims = false, bool force = false, bool persist = false) const {
     return controller->requestMemory(record, bytes, reclaims, force, persist);
   }
 };

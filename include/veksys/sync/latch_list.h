@@ -44,7 +44,8 @@ extern "C" {
 //
 //   entries, room   receives up to `room` entries; null with 0 to count
 //   count           how many there are, also those without room
-//   Result          0; SQLO_REGION_... when the process shares no region: the list is that of this process then
+//   Result          0; SQLO_INV_PARM: no `count`
+//                   SQLO_REGION_... when the process shares no region: the list is that of this process then
 //   Threads         any
 VEK_EXPORT SqlzZrc sqloListLatches(SqloLatchEntry* entries, std::size_t room, std::size_t* count) noexcept;
 
