@@ -6,6 +6,7 @@
 #include "platform/victim.h"
 #include "sync/latch_support.h"
 #include "sync/sqloLatchTable.h"
+#include "veksys/sync/latch_list.h"
 
 namespace vek::synctest {
 namespace {
@@ -302,6 +303,32 @@ TEST(LatchDeathPolicy, TheLivingHideNobody) {
       expectUsable(latches, "beside threads that try");
     });
   }
+}
+
+bool isListedAsWaiting(pid_t process) {
+  SqloLatchEntry entries[16];
+  std::size_t count = 0;
+  EXPECT_EQ(sqloListLatches(entries, std::size(entries), &count), 0);
+  return std::any_of(entries, entries + std::min(count, std::size(entries)), [&](const SqloLatchEntry& entry) {
+    return entry.processId == static_cast<std::uint64_t>(process) && entry.state == SQLO_LATCH_ENTRY_WAITING;
+  });
+}
+
+// Killed between two attempts, it would be shown as a dead holder as long as nobody waits.
+TEST(LatchDeathPolicy, WhoSpinsIsNoHolder) {
+  withLatches(kFair, [](Latches& latches) {
+    ::setenv("VEK_LATCH_TUNE", "OUTER=1000000,XLOOP=1000000,XWASTE=10000", 1);
+    ASSERT_EQ(sqloInitializeLatchTuningInfo(), 0);
+    for (const bool spin : {false, true}) {
+      (spin ? holdSpin : hold)(latches);
+      const pid_t spinner = start([&] { (spin ? holdSpin : hold)(latches); });
+      bool waits = false;
+      for (int look = 0; look < 5000 && !waits; ++look, ::usleep(1000)) waits = isListedAsWaiting(spinner);
+      EXPECT_TRUE(waits) << (spin ? "spin latch" : "shared latch");
+      EXPECT_EQ(finishKilled(spinner), -SIGKILL);
+      (spin ? releaseSpin : release)(latches);
+    }
+  });
 }
 
 // False: another sharer was quicker.
